@@ -1,0 +1,124 @@
+#ifndef BOARDKIT_IPNET_H
+#define BOARDKIT_IPNET_H
+
+#include <initializer_list>
+#include <map>
+#include <sstream>
+#include <string>
+
+class OpSystem;
+
+#pragma GCC visibility push(default)
+
+/// The addresses of network interfaces and the default gateways, read and changed through the `ip` tool.
+///
+/// Queries run one command and pick words out of its output; changes query first, do nothing if the state already is
+/// as asked, and otherwise run one shell text of up to two commands. There is no rollback: if the second command fails,
+/// the first has taken effect. Names and addresses go into the commands as they are given, without quoting or checks.
+///
+/// One object is used by one thread at a time, and callers that change the same interface or route serialise their
+/// calls. Every query and change throws what OpSystem::ExecCmd() throws: `std::logic_error` with the tool's own words
+/// if `ip` fails, `std::system_error` if it cannot be run.
+class IpNet {
+ public:
+  /// What `ip` printed, by key. Values are kept as printed, the prefix length too is text.
+  using Record = std::map<std::string, std::string>;
+
+  /// The position that means "not found": all 32 bits set.
+  ///
+  /// Compare positions with this constant. `std::string::npos` is wider on 64-bit hosts, so a position never equals it
+  /// there.
+  static const unsigned int npos = 0xFFFFFFFFU;
+
+  /// Runs all commands through @p opSystem, which must outlive this object. OpSystem's own ExecCmd() is called, also
+  /// where a derived class overrides it.
+  explicit IpNet(OpSystem& opSystem);
+  virtual ~IpNet();
+
+  IpNet(const IpNet&) = delete;
+  IpNet& operator=(const IpNet&) = delete;
+
+  /// The hardware address ("link") and the first IPv4 ("ipv4", "ipv4pflen") and IPv6 ("ipv6", "ipv6pflen") address and
+  /// prefix length that `ip addr show dev` lists for @p iface. What is not listed has no key.
+  ///
+  /// Only the first occurrence of "inet" and of "inet6" counts: on an interface whose name contains "inet", or that has
+  /// IPv6 addresses alone, there are no IPv4 keys. A point-to-point address, printed without a prefix length, has none.
+  Record GetIfaceInfo(std::string iface);
+
+  /// The words after "default", "via" and "dev" in the routes that `ip route show` lists, of IPv6 or of IPv4.
+  ///
+  /// For a default route through a gateway these are "via", the gateway and the interface; of several such routes, the
+  /// first one's. Without a default route the key "default" is missing, and the other two tell of some other route.
+  Record GetGwInfo(bool ipv6);
+
+  /// Gives @p iface the address @p addr with @p prefixLength, in the family that @p ipv6 selects.
+  ///
+  /// Removed before are all addresses of the family if @p flush is set, else the first one listed, if any. Special
+  /// values of @p addr: "" (and "0.0.0.0" for IPv4) only removes; "::" for IPv6 sets the link-local address that
+  /// belongs to the hardware address, always with prefix length 64, and always anew.
+  /// @returns false, having changed nothing, if the first listed address and prefix length are already the asked ones.
+  bool SetAddr(std::string iface, std::string addr, int prefixLength, bool ipv6, bool flush);
+
+  /// Makes @p gw, reached through @p iface, the default gateway of the family that @p ipv6 selects.
+  ///
+  /// Removed before are all routes of the family's main table if @p flush is set, else the first default route listed,
+  /// if any. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
+  /// @returns false, having changed nothing, if the first default route already is the asked one.
+  bool SetGw(std::string iface, std::string gw, bool ipv6, bool flush);
+
+  /// Switches the debug trace on or off: while it is on, every command text is appended to it, each followed by a
+  /// newline, before the command runs. The text collected so far stays.
+  void SetDebugState(bool active);
+  bool IsDebugActive() const;
+
+  /// Empties the debug trace; it stays on or off.
+  void ClearDebug();
+
+  /// The debug trace, or nothing while it is off.
+  std::string GetDebugOutput() const;
+
+  /// The network address of the dotted-quad @p address: its first @p prefixLength bits, the others 0. Lengths below 0
+  /// count as 0; for lengths from 32 on, @p address is returned unchecked.
+  /// @throws std::invalid_argument if @p address is malformed; its message is the text of the current `errno`, which
+  /// need not have to do with it.
+  /// @throws std::logic_error "GetIpV4NetAddr: inet_ntop returns null" if the result cannot be formatted.
+  static std::string GetIpV4NetAddr(std::string address, int prefixLength);
+
+  /// The IPv6 link-local address of a hardware address (modified EUI-64), in 25 characters with all leading zeros:
+  /// "00:11:22:33:44:55" gives "fe80::0211:22ff:fe33:4455". Any separator will do. From the first byte that is no
+  /// hexadecimal number on, all bytes count as 0; nothing is thrown.
+  static std::string GetLinkLocalAddr(std::string mac);
+
+  // Parsing. A text may have several lines, but only the space character separates words: a word that ends a line runs
+  // on through the newline. Positions are byte offsets; texts are shorter than 4 GiB.
+
+  /// The position of the word after the first occurrence of @p key in @p text at or after @p start, or npos.
+  ///
+  /// A key that is the beginning of a longer word stands for that word, unless @p wholeWord is set: then the occurrence
+  /// must have a space behind it, and one before it unless it begins the text. Later occurrences are not looked at.
+  static unsigned int GetPosOfValue(std::string text, std::string key, unsigned int start, bool wholeWord);
+
+  /// Puts the word that GetPosOfValue() finds into @p value and returns its position; at npos, @p value is unchanged.
+  static unsigned int GetValue(std::string text, std::string key, unsigned int start, std::string& value,
+                               bool wholeWord);
+
+  /// The words after @p keys, by key, each searched from the previous key's value on (or, if that was not found, from
+  /// the start of @p text). Keys that are not found are missing from the result; of a repeated key the first value
+  /// counts. Missing @p wholeWords count as false.
+  static Record GetValues(std::string text, std::initializer_list<std::string> keys,
+                          std::initializer_list<bool> wholeWords);
+
+  /// True if @p map has every key of @p entries and, unless @p keysOnly is set, the same values. Changes neither.
+  static bool FoundInMap(Record& map, Record& entries, bool keysOnly);
+
+ private:
+  std::string Run(const std::string& command);
+
+  OpSystem& m_opSystem;
+  bool m_debugActive = false;
+  std::stringstream m_debugOutput;
+};
+
+#pragma GCC visibility pop
+
+#endif

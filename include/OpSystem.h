@@ -1,0 +1,35 @@
+#ifndef BOARDKIT_OPSYSTEM_H
+#define BOARDKIT_OPSYSTEM_H
+
+#include <string>
+
+#pragma GCC visibility push(default)
+
+/// Runs shell commands and returns what they print.
+///
+/// Stateless: one object may serve any number of users and threads, and may be copied freely.
+///
+/// @warning The command goes to the system shell as it stands. Quote what comes from outside.
+class OpSystem {
+ public:
+  virtual ~OpSystem();
+
+  OpSystem() = default;
+  OpSystem(const OpSystem&) = default;
+  OpSystem& operator=(const OpSystem&) = default;
+
+  /// Runs @p command in the system shell, waits for its end and returns its standard output and standard error.
+  ///
+  /// " 2>&1" is appended to the text: of several commands in it, only the last one's standard error is collected, the
+  /// others write to the caller's own. The output is returned byte for byte, the last newline included, but a NUL byte
+  /// cuts off the rest of its line (or of its 511-byte piece of a longer line). The second argument has no effect.
+  /// @throws std::logic_error with the whole output as its message, and nothing else, if the command ends with a
+  /// non-zero status: any exit code, 127 for a command that the shell cannot find, or death by a signal.
+  /// @throws std::system_error "popen failed" if the command cannot be started.
+  /// @throws std::system_error "pclose failed" if its status cannot be collected; ECHILD where SIGCHLD is ignored.
+  virtual std::string ExecCmd(std::string command, bool);
+};
+
+#pragma GCC visibility pop
+
+#endif

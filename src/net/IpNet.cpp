@@ -1,0 +1,260 @@
+#include "IpNet.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <locale>
+#include <stdexcept>
+#include <string_view>
+
+#include "OpSystem.h"
+
+namespace {
+
+constexpr char kBlank = ' ';
+constexpr int kIpV4Bits = 32;
+constexpr int kLinkLocalPrefixLength = 64;
+
+const char* FamilyOption(bool ipv6) {
+  return ipv6 ? "-6" : "-4";
+}
+
+/// Where the word after the first @p key at or after @p start begins; std::string_view::npos if there is none.
+std::size_t FindValue(std::string_view text, std::string_view key, std::size_t start, bool wholeWord) {
+  const std::size_t found = text.find(key, start);
+  if (found == std::string_view::npos) {
+    return found;
+  }
+
+  if (wholeWord) {
+    // Kept: a first occurrence that fails here is final, a later one that would pass is not looked for.
+    const std::size_t end = found + key.size();
+    if (end >= text.size() || (found > 0 && text[found - 1] != kBlank) || text[end] != kBlank) {
+      return std::string_view::npos;
+    }
+  }
+
+  // Kept: the word's end is searched from the key's first character, so a key with a blank in it ends there.
+  const std::size_t blank = text.find(kBlank, found);
+  return blank == std::string_view::npos ? blank : text.find_first_not_of(kBlank, blank);
+}
+
+/// The word that begins at @p position, a final newline included if it ends the text.
+std::string_view WordAt(std::string_view text, std::size_t position) {
+  return text.substr(position, text.find(kBlank, position) - position);
+}
+
+/// Adds the address and the prefix length that stand after @p key, if both do.
+void InsertAddress(IpNet::Record& info, std::string_view text, const char* key, const char* addressKey,
+                   const char* prefixKey) {
+  const std::size_t position = FindValue(text, key, 0, true);
+  if (position == std::string_view::npos) {
+    return;
+  }
+
+  const std::string_view word = WordAt(text, position);
+  const std::size_t slash = word.find('/');
+  if (slash != std::string_view::npos) {
+    info.emplace(addressKey, word.substr(0, slash));
+    info.emplace(prefixKey, word.substr(slash + 1));
+  }
+}
+
+}  // namespace
+
+const unsigned int IpNet::npos;
+
+IpNet::IpNet(OpSystem& opSystem) : m_opSystem(opSystem) {}
+
+IpNet::~IpNet() = default;
+
+IpNet::Record IpNet::GetIfaceInfo(std::string iface) {
+  const std::string output = Run("ip addr show dev " + iface);
+
+  Record info;
+  const std::size_t link = FindValue(output, "link/", 0, false);
+  if (link != std::string_view::npos) {
+    info.emplace("link", WordAt(output, link));
+  }
+  InsertAddress(info, output, "inet", "ipv4", "ipv4pflen");
+  InsertAddress(info, output, "inet6", "ipv6", "ipv6pflen");
+  return info;
+}
+
+IpNet::Record IpNet::GetGwInfo(bool ipv6) {
+  return GetValues(Run(std::string("ip ") + FamilyOption(ipv6) + " route show"), {"default", "via", "dev"}, {});
+}
+
+bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool ipv6, bool flush) {
+  const char* const addressKey = ipv6 ? "ipv6" : "ipv4";
+  const char* const prefixKey = ipv6 ? "ipv6pflen" : "ipv4pflen";
+  Record current = GetIfaceInfo(iface);
+  Record wanted = {{addressKey, addr}, {prefixKey, std::to_string(prefixLength)}};
+  if (FoundInMap(current, wanted, false)) {
+    return false;
+  }
+
+  const std::string ip = std::string("ip ") + FamilyOption(ipv6) + " addr ";
+  const std::string dev = " dev " + iface;
+  std::string command;
+  if (flush) {
+    command = ip + "flush" + dev;
+  } else if (FoundInMap(current, wanted, true)) {
+    command = ip + "del " + current[addressKey] + "/" + current[prefixKey] + dev;
+  }
+
+  if (ipv6 && addr == "::") {
+    addr = GetLinkLocalAddr(current["link"]);
+    prefixLength = kLinkLocalPrefixLength;
+  }
+  if (!addr.empty() && (ipv6 || addr != "0.0.0.0")) {
+    // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
+    command += "\n" + ip + "add " + addr + "/" + std::to_string(prefixLength) + (ipv6 ? "" : " brd +") + dev;
+  }
+
+  Run(command);
+  return true;
+}
+
+bool IpNet::SetGw(std::string iface, std::string gw, bool ipv6, bool flush) {
+  Record current = GetGwInfo(ipv6);
+  Record wanted = {{"default", "via"}, {"via", gw}, {"dev", iface}};
+  if (FoundInMap(current, wanted, false)) {
+    return false;
+  }
+
+  const std::string ip = std::string("ip ") + FamilyOption(ipv6) + " route ";
+  std::string command;
+  if (flush) {
+    command = ip + "flush all";
+  } else if (FoundInMap(current, wanted, true)) {
+    command = ip + "del default via " + current["via"] + " dev " + current["dev"];
+  }
+
+  if (!gw.empty() && gw != (ipv6 ? "::" : "0.0.0.0")) {
+    // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
+    command += "\n" + ip + "add default via " + gw + " dev " + iface;
+  }
+
+  Run(command);
+  return true;
+}
+
+void IpNet::SetDebugState(bool active) {
+  m_debugActive = active;
+}
+
+bool IpNet::IsDebugActive() const {
+  return m_debugActive;
+}
+
+void IpNet::ClearDebug() {
+  m_debugOutput.str("");
+  m_debugOutput.clear();
+}
+
+std::string IpNet::GetDebugOutput() const {
+  return m_debugActive ? m_debugOutput.str() : std::string();
+}
+
+std::string IpNet::GetIpV4NetAddr(std::string address, int prefixLength) {
+  if (prefixLength >= kIpV4Bits) {
+    return address;
+  }
+
+  in_addr net{};
+  if (::inet_pton(AF_INET, address.c_str(), &net) != 1) {
+    // Kept: a malformed address leaves errno alone, so the message tells of whatever failed before.
+    throw std::invalid_argument(std::strerror(errno));
+  }
+
+  const std::uint32_t mask = prefixLength <= 0 ? 0 : ~std::uint32_t{0} << (kIpV4Bits - prefixLength);
+  net.s_addr &= htonl(mask);
+  char text[INET_ADDRSTRLEN];
+  if (::inet_ntop(AF_INET, &net, text, sizeof text) == nullptr) {
+    throw std::logic_error("GetIpV4NetAddr: inet_ntop returns null");
+  }
+  return text;
+}
+
+std::string IpNet::GetLinkLocalAddr(std::string mac) {
+  constexpr std::size_t kMacBytes = 6;
+  std::istringstream input(mac);
+  input.imbue(std::locale::classic());
+  input >> std::hex;
+  unsigned int bytes[kMacBytes] = {};
+  for (std::size_t i = 0; i < kMacBytes; ++i) {
+    if (i > 0) {
+      char separator = '\0';
+      input >> separator;
+    }
+    input >> bytes[i];
+  }
+
+  constexpr unsigned int kUniversalLocalBit = 0x02;
+  const unsigned int identifier[] = {
+      bytes[0] ^ kUniversalLocalBit, bytes[1], bytes[2], 0xFF, 0xFE, bytes[3], bytes[4], bytes[5]};
+  std::string address = "fe80::";
+  for (std::size_t i = 0; i < std::size(identifier); ++i) {
+    if (i > 0 && i % 2 == 0) {
+      address += ':';
+    }
+    constexpr char kDigits[] = "0123456789abcdef";
+    address += kDigits[identifier[i] >> 4 & 0xFU];
+    address += kDigits[identifier[i] & 0xFU];
+  }
+  return address;
+}
+
+unsigned int IpNet::GetPosOfValue(std::string text, std::string key, unsigned int start, bool wholeWord) {
+  return static_cast<unsigned int>(FindValue(text, key, start, wholeWord));
+}
+
+unsigned int IpNet::GetValue(std::string text, std::string key, unsigned int start, std::string& value,
+                             bool wholeWord) {
+  const std::size_t position = FindValue(text, key, start, wholeWord);
+  if (position != std::string_view::npos) {
+    value = WordAt(text, position);
+  }
+  return static_cast<unsigned int>(position);
+}
+
+IpNet::Record IpNet::GetValues(std::string text, std::initializer_list<std::string> keys,
+                               std::initializer_list<bool> wholeWords) {
+  Record values;
+  std::size_t position = 0;
+  std::size_t index = 0;
+  for (const std::string& key : keys) {
+    const bool wholeWord = index < wholeWords.size() && wholeWords.begin()[index];
+    const std::size_t found = FindValue(text, key, position, wholeWord);
+    if (found == std::string_view::npos) {
+      position = 0;
+    } else {
+      values.try_emplace(key, WordAt(text, found));
+      position = found;
+    }
+    ++index;
+  }
+  return values;
+}
+
+bool IpNet::FoundInMap(Record& map, Record& entries, bool keysOnly) {
+  return std::all_of(entries.begin(), entries.end(), [&](const Record::value_type& entry) {
+    const auto found = map.find(entry.first);
+    return found != map.end() && (keysOnly || found->second == entry.second);
+  });
+}
+
+std::string IpNet::Run(const std::string& command) {
+  if (m_debugActive) {
+    m_debugOutput << command << '\n';
+  }
+  // Kept: bound to OpSystem's own command runner, whatever a derived class makes of it.
+  return m_opSystem.OpSystem::ExecCmd(command, false);
+}

@@ -1,0 +1,40 @@
+#include "OpSystem.h"
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "../sys/SystemError.h"
+
+namespace {
+
+constexpr int kPieceSize = 512;  // bytes, the terminating NUL included
+
+}  // namespace
+
+OpSystem::~OpSystem() = default;
+
+std::string OpSystem::ExecCmd(std::string command, bool /*unused*/) {
+  // Kept: only the last command of the text is redirected, as the suffix is appended textually.
+  command += " 2>&1";
+  std::FILE* const pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) {
+    ThrowSystemError("popen failed");
+  }
+
+  // Kept: a NUL byte cuts the piece in which it stands. No guard closes the pipe: should memory run out here, it stays
+  // open, for closing it would wait for a command whose output nobody reads.
+  std::string output;
+  char piece[kPieceSize];
+  while (std::fgets(piece, kPieceSize, pipe) != nullptr) {
+    output += piece;
+  }
+
+  const int status = ::pclose(pipe);
+  if (status < 0) {
+    ThrowSystemError("pclose failed");
+  }
+  if (status > 0) {
+    throw std::logic_error(output);
+  }
+  return output;
+}
