@@ -1,0 +1,24 @@
+// Gives a network interface an IPv4 address: set-address eth0 192.0.2.10 24
+#include <IpNet.h>
+#include <OpSystem.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+int main(int argc, char* argv[]) {
+  if (argc != 4) {
+    std::cerr << "Usage: set-address IFACE ADDRESS PREFIXLENGTH\n";
+    return 2;
+  }
+  try {
+    OpSystem system;
+    IpNet net(system);
+    const bool changed = net.SetAddr(argv[1], argv[2], std::atoi(argv[3]), false, false);
+    std::cout << (changed ? "Changed.\n" : "Nothing to do: the address was set already.\n");
+    return 0;
+  } catch (const std::exception& e) {
+    std::cerr << "set-address: " << e.what() << '\n';
+    return 1;
+  }
+}
