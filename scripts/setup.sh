@@ -1,0 +1,115 @@
+# shellcheck shell=bash
+# What the scripts share: finding the tree, installing what is missing, building quietly. Sourced, never run; the
+# sourcing script has `set -euo pipefail`.
+
+# The scripts may be called from anywhere, also through a symlink; they work in the tree's top folder.
+cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.." || exit
+
+# Where ordinary users do not look, but some systems keep `ip`.
+export PATH="$PATH:/usr/sbin:/sbin"
+
+# What every build needs, for install_missing. A compiler of the user's own choice replaces ours.
+build_needs=(cmake=cmake ninja-build=ninja)
+if [[ -z ${CXX:-} ]]; then
+  build_needs+=("g++=g++")
+fi
+
+# die SENTENCE...: gives up.
+die() {
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+# die_of_usage SENTENCE...: gives up on a wrong call.
+die_of_usage() {
+  printf '%s: %s Try --help.\n' "${0##*/}" "$*" >&2
+  exit 2
+}
+
+# quietly LOG TITLE COMMAND...: runs COMMAND with one line of output, or all of it if it fails.
+quietly() {
+  local log=$1 title=$2
+  shift 2
+  printf '%s\n' "$title"
+  "$@" </dev/null >"$log" 2>&1 && return
+  cat -- "$log" >&2
+  die "$title failed; the output above is kept in $log."
+}
+
+# is_there PROBE: whether the command, or a file that the absolute path or glob names, exists.
+is_there() {
+  if [[ $1 == /* ]]; then
+    compgen -G "$1" >/dev/null
+  else
+    type -P -- "$1" >/dev/null
+  fi
+}
+
+# install_missing PACKAGE=PROBE...: installs the packages whose probe is not there, and says nothing if there are none.
+install_missing() {
+  local need missing=() as_root=()
+  for need in "$@"; do
+    is_there "${need#*=}" || missing+=("${need%%=*}")
+  done
+  ((${#missing[@]})) || return 0
+
+  is_there apt-get || die "There is no apt-get here; please install these packages by other means: ${missing[*]}."
+  if ((EUID != 0)); then
+    # Without a terminal nobody could answer a question for the password.
+    if ! is_there sudo || ! { [[ -t 0 ]] || sudo -n true 2>/dev/null; }; then
+      die "Missing, and only root can install them (apt-get install ${missing[*]})."
+    fi
+    as_root=(sudo)
+  fi
+
+  local log apt
+  log=$(mktemp)
+  apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -y -o DPkg::Lock::Timeout=120)
+  printf 'Installing with apt-get: %s\n' "${missing[*]}"
+  # A source that can't be reached need not be one of those that matter: the installation itself tells.
+  "${apt[@]}" update </dev/null >"$log" 2>&1 || true
+  if ! "${apt[@]}" install --no-install-recommends "${missing[@]}" </dev/null >>"$log" 2>&1; then
+    cat -- "$log" >&2
+    rm -- "$log"
+    die "apt-get could not install: ${missing[*]}."
+  fi
+  rm -- "$log"
+
+  hash -r
+  for need in "$@"; do
+    is_there "${need#*=}" || die "The package ${need%%=*} is installed, but there is no ${need#*=}."
+  done
+}
+
+# check_build FOLDER: gives up, before anything is changed, where a build in FOLDER could not even begin.
+check_build() {
+  local existing=$1
+  while [[ ! -e $existing ]]; do
+    existing=$(dirname -- "$existing")
+  done
+  [[ -d $existing && -w $existing ]] || die "Can't build in $PWD/$1: $existing is no folder that you may write to."
+
+  if [[ -n ${CXX:-} ]]; then
+    # CMake too takes the first word for the compiler and the others for its options.
+    is_there "${CXX%% *}" || die "The environment variable CXX names a compiler that is not there: ${CXX%% *}."
+  fi
+}
+
+# build PRESET FOLDER [CMAKE_OPTION]...: configures PRESET in FOLDER and builds all of it.
+#
+# Warnings are errors where CI=true is set, and nowhere else: a newer compiler must not keep users from building.
+build() {
+  local preset=$1 folder=$2
+  shift 2
+  if [[ ${CI:-} == true ]]; then
+    set -- -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "$@"
+  fi
+  mkdir -p -- "$folder"
+  quietly "$folder/configure.log" "Configuring $folder" cmake --preset "$preset" -B "$folder" "$@"
+  quietly "$folder/build.log" "Building $folder" cmake --build "$folder" --parallel "$(nproc)"
+}
+
+# can_make_namespaces: whether this user may have a network of his own, as the tests on real interfaces need it.
+can_make_namespaces() {
+  unshare --user --map-root-user --net true 2>/dev/null
+}
