@@ -1,0 +1,49 @@
+#!/bin/sh
+# Installs the library, moves the installed tree, and builds and runs three kinds of consumer projects on it.
+# Usage: consumers.sh SOURCE_DIR BUILD_DIR CXX SHARED    (SHARED is ON or OFF, as in BUILD_SHARED_LIBS)
+set -eu
+source=$1 build=$2 cxx=$3 shared=$4
+here=$source/tests/package
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+say() { printf '== %s\n' "$*"; }
+configure() { cmake -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER="$cxx" "$@" >/dev/null; }
+
+if [ "$shared" = OFF ]; then
+  say "build of a static library"
+  configure -S "$source" -B "$work/static" -DBUILD_SHARED_LIBS=OFF -DBOARDKIT_TESTS=OFF -DBOARDKIT_EXAMPLES=OFF
+  cmake --build "$work/static"
+  build=$work/static
+fi
+
+say "install, then move the tree"
+cmake --install "$build" --prefix "$work/first" >/dev/null
+mkdir "$work/with blank"
+prefix="$work/with blank/moved"
+mv "$work/first" "$prefix"
+library=$(find "$prefix" -name 'libboardkit.*' | head -n 1)
+libdir=$(dirname "$library")
+ls "$prefix/include/boardkit" "$libdir"
+
+say "find_package"
+configure -S "$here/find-package" -B "$work/find" -DCMAKE_PREFIX_PATH="$prefix"
+cmake --build "$work/find"
+"$work/find/app"
+
+say "add_subdirectory"
+configure -S "$here/add-subdirectory" -B "$work/sub" -DBOARDKIT_SOURCE_DIR="$source" -DBUILD_SHARED_LIBS="$shared"
+cmake --build "$work/sub"
+"$work/sub/app"
+
+say "pkg-config and one compiler call"
+# A compiler line in the shell's plain words can't have blanks in its paths.
+mv "$prefix" "$work/moved"
+prefix=$work/moved
+libdir=$prefix/${libdir#*/moved/}
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+# shellcheck disable=SC2046
+"$cxx" -std=c++11 "$here/main.cpp" $(pkg-config --cflags --libs boardkit) -Wl,-rpath,"$libdir" -o "$work/app"
+"$work/app"
+[ "$(readlink -f "$(pkg-config --variable=prefix boardkit)")" = "$(readlink -f "$prefix")" ]
+say "all three ran"

@@ -1,0 +1,31 @@
+#!/bin/sh
+# Looks at the built shared object from outside: its soname, what it exports and what it needs.
+# Usage: shared-object.sh LIBRARY EXPECTED_SYMBOLS_FILE MAJOR_VERSION
+set -eu
+library=$1 expected=$2 major=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+export LC_ALL=C
+failed=0
+
+readelf --dynamic --wide "$library" > "$work/dynamic"
+soname=$(sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p' "$work/dynamic")
+if [ "$soname" != "libboardkit.so.$major" ]; then
+  printf 'The soname is %s, not libboardkit.so.%s.\n' "$soname" "$major"
+  failed=1
+fi
+
+grep -v '^#' "$expected" > "$work/expected"
+nm --dynamic --defined-only "$library" | awk '{ print $3 }' | sort > "$work/exported"
+if ! diff "$work/expected" "$work/exported" > "$work/diff"; then
+  printf 'The exported symbols differ from %s (< listed, > exported):\n' "$expected"
+  c++filt < "$work/diff"
+  failed=1
+fi
+
+# The standard library and the C library, nothing else.
+if sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' "$work/dynamic" | grep -vE '^(libstdc\+\+|libgcc_s|libm|libc)\.so'; then
+  printf 'The libraries above are needed, but should not be.\n'
+  failed=1
+fi
+exit $failed
