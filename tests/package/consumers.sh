@@ -2,7 +2,7 @@
 # Installs the library, moves the installed tree, and builds and runs three kinds of consumer projects on it.
 # Usage: consumers.sh SOURCE_DIR BUILD_DIR CXX SHARED    (SHARED is ON or OFF, as in BUILD_SHARED_LIBS)
 set -eu
-source=$1 build=$2 cxx=$3 shared=$4
+source=$(readlink -f "$1") build=$2 cxx=$3 shared=$4
 here=$source/tests/package
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
