@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <iterator>
 #include <locale>
 #include <stdexcept>
@@ -19,7 +20,7 @@ namespace {
 
 constexpr char kBlank = ' ';
 constexpr int kIpV4Bits = 32;
-constexpr int kLinkLocalPrefixLength = 64;
+constexpr const char* kLinkLocalPrefixLength = "64";
 
 const char* FamilyOption(bool ipv6) {
   return ipv6 ? "-6" : "-4";
@@ -50,6 +51,15 @@ std::string_view WordAt(std::string_view text, std::size_t position) {
   return text.substr(position, text.find(kBlank, position) - position);
 }
 
+/// One text out of its pieces. (A chain of + would be a chain of temporaries, each with its code.)
+std::string Join(std::initializer_list<std::string_view> pieces) {
+  std::string text;
+  for (const std::string_view piece : pieces) {
+    text += piece;
+  }
+  return text;
+}
+
 /// Adds the address and the prefix length that stand after @p key, if both do.
 void InsertAddress(IpNet::Record& info, std::string_view text, const char* key, const char* addressKey,
                    const char* prefixKey) {
@@ -61,8 +71,8 @@ void InsertAddress(IpNet::Record& info, std::string_view text, const char* key, 
   const std::string_view word = WordAt(text, position);
   const std::size_t slash = word.find('/');
   if (slash != std::string_view::npos) {
-    info.emplace(addressKey, word.substr(0, slash));
-    info.emplace(prefixKey, word.substr(slash + 1));
+    info[addressKey] = word.substr(0, slash);
+    info[prefixKey] = word.substr(slash + 1);
   }
 }
 
@@ -80,7 +90,7 @@ IpNet::Record IpNet::GetIfaceInfo(std::string iface) {
   Record info;
   const std::size_t link = FindValue(output, "link/", 0, false);
   if (link != std::string_view::npos) {
-    info.emplace("link", WordAt(output, link));
+    info["link"] = WordAt(output, link);
   }
   InsertAddress(info, output, "inet", "ipv4", "ipv4pflen");
   InsertAddress(info, output, "inet6", "ipv6", "ipv6pflen");
@@ -88,34 +98,38 @@ IpNet::Record IpNet::GetIfaceInfo(std::string iface) {
 }
 
 IpNet::Record IpNet::GetGwInfo(bool ipv6) {
-  return GetValues(Run(std::string("ip ") + FamilyOption(ipv6) + " route show"), {"default", "via", "dev"}, {});
+  return GetValues(Run(Join({"ip ", FamilyOption(ipv6), " route show"})), {"default", "via", "dev"}, {});
 }
 
 bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool ipv6, bool flush) {
+  const char* const family = FamilyOption(ipv6);
   const char* const addressKey = ipv6 ? "ipv6" : "ipv4";
   const char* const prefixKey = ipv6 ? "ipv6pflen" : "ipv4pflen";
+  std::string prefix = std::to_string(prefixLength);
+
   Record current = GetIfaceInfo(iface);
-  Record wanted = {{addressKey, addr}, {prefixKey, std::to_string(prefixLength)}};
+  Record wanted;
+  wanted[addressKey] = addr;
+  wanted[prefixKey] = prefix;
   if (FoundInMap(current, wanted, false)) {
     return false;
   }
 
-  const std::string ip = std::string("ip ") + FamilyOption(ipv6) + " addr ";
-  const std::string dev = " dev " + iface;
   std::string command;
   if (flush) {
-    command = ip + "flush" + dev;
+    command = Join({"ip ", family, " addr flush dev ", iface});
   } else if (FoundInMap(current, wanted, true)) {
-    command = ip + "del " + current[addressKey] + "/" + current[prefixKey] + dev;
+    command = Join({"ip ", family, " addr del ", current[addressKey], "/", current[prefixKey], " dev ", iface});
   }
 
   if (ipv6 && addr == "::") {
     addr = GetLinkLocalAddr(current["link"]);
-    prefixLength = kLinkLocalPrefixLength;
+    prefix = kLinkLocalPrefixLength;
   }
   if (!addr.empty() && (ipv6 || addr != "0.0.0.0")) {
     // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
-    command += "\n" + ip + "add " + addr + "/" + std::to_string(prefixLength) + (ipv6 ? "" : " brd +") + dev;
+    const char* const broadcast = ipv6 ? "" : " brd +";
+    command += Join({"\nip ", family, " addr add ", addr, "/", prefix, broadcast, " dev ", iface});
   }
 
   Run(command);
@@ -123,23 +137,27 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
 }
 
 bool IpNet::SetGw(std::string iface, std::string gw, bool ipv6, bool flush) {
+  const char* const family = FamilyOption(ipv6);
+
   Record current = GetGwInfo(ipv6);
-  Record wanted = {{"default", "via"}, {"via", gw}, {"dev", iface}};
+  Record wanted;
+  wanted["default"] = "via";
+  wanted["via"] = gw;
+  wanted["dev"] = iface;
   if (FoundInMap(current, wanted, false)) {
     return false;
   }
 
-  const std::string ip = std::string("ip ") + FamilyOption(ipv6) + " route ";
   std::string command;
   if (flush) {
-    command = ip + "flush all";
+    command = Join({"ip ", family, " route flush all"});
   } else if (FoundInMap(current, wanted, true)) {
-    command = ip + "del default via " + current["via"] + " dev " + current["dev"];
+    command = Join({"ip ", family, " route del default via ", current["via"], " dev ", current["dev"]});
   }
 
   if (!gw.empty() && gw != (ipv6 ? "::" : "0.0.0.0")) {
     // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
-    command += "\n" + ip + "add default via " + gw + " dev " + iface;
+    command += Join({"\nip ", family, " route add default via ", gw, " dev ", iface});
   }
 
   Run(command);

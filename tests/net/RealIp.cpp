@@ -42,31 +42,11 @@ std::string PathOf(const std::string& program) {
 
 }  // namespace
 
-const Family kFamily4 = {kIpV4,
-                         "-4",
-                         "192.0.2.10",
-                         "192.0.2.20",
-                         "198.51.100.30",
-                         24,
-                         "192.0.2.1",
-                         "192.0.2.2",
-                         "198.51.100.1",
-                         "203.0.113.0/24",
-                         "203.0.113.1",
-                         " brd 192.0.2.255",
-                         ""};
-const Family kFamily6 = {kIpV6,
-                         "-6",
-                         "2001:db8::10",
-                         "2001:db8::20",
-                         "2001:db8:1::30",
-                         64,
-                         "2001:db8::1",
-                         "2001:db8::2",
-                         "2001:db8:1::1",
-                         "2001:db8:2::/64",
-                         "2001:db8:3::1",
-                         "",
+const Family kFamily4 = {
+    kIpV4,       "-4",           "192.0.2.10",     "192.0.2.20",  "198.51.100.30",    24, "192.0.2.1",
+    "192.0.2.2", "198.51.100.1", "203.0.113.0/24", "203.0.113.1", " brd 192.0.2.255", ""};
+const Family kFamily6 = {kIpV6,         "-6",          "2001:db8::10",  "2001:db8::20",    "2001:db8:1::30", 64,
+                         "2001:db8::1", "2001:db8::2", "2001:db8:1::1", "2001:db8:2::/64", "2001:db8:3::1",  "",
                          " metric 1024"};
 
 std::ostream& operator<<(std::ostream& out, Tool tool) {
@@ -103,15 +83,17 @@ void RealIpTest::SetUp() {
   SetKernelVariable("ipv6/conf/default/addr_gen_mode", "1");  // none
   SetKernelVariable("ipv4/conf/all/promote_secondaries", "0");
   SetKernelVariable("ipv4/conf/default/promote_secondaries", "0");
-  Ip("-batch - <<end\n"
-     "link set lo up\n"
-     "link add eth0 address 02:00:00:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02\n"
-     "link add eth1 address 02:00:00:00:00:03 type veth peer name peer1 address 02:00:00:00:00:04\n"
-     "link set eth0 up\n"
-     "link set peer0 up\n"
-     "link set eth1 up\n"
-     "link set peer1 up\n"
-     "end\n:");
+  system.ExecCmd("{ " + PathOf("ip") + R"( -batch - <<end
+link set lo up
+link add eth0 address 02:00:00:00:00:01 type veth peer name peer0 address 02:00:00:00:00:02
+link add eth1 address 02:00:00:00:00:03 type veth peer name peer1 address 02:00:00:00:00:04
+link set eth0 up
+link set peer0 up
+link set eth1 up
+link set peer1 up
+end
+})",
+                 false);
   if (m_tool == Tool::BusyBox) {
     UseBusyBox();
   }
