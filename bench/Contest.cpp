@@ -1,0 +1,110 @@
+#include "Contest.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <exception>
+#include <iostream>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr long kSmokeTurns = 2;
+constexpr int kMostRounds = 8;  // of Contest::turns each
+
+double Median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+/// Whether the median of all the turns that could be taken lies on a known side of @p limit, with 95 % confidence.
+///
+/// Of n values, the number below the true median has the standard deviation sqrt(n) / 2; two of them to both sides of
+/// the middle rank enclose it. Nothing is assumed about how the noise is distributed.
+bool IsDecided(std::vector<double> ratios, double limit) {
+  std::sort(ratios.begin(), ratios.end());
+  const std::size_t middle = ratios.size() / 2;
+  const auto margin = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(ratios.size()))));
+  if (margin > middle || middle + margin >= ratios.size()) {
+    return false;
+  }
+
+  const double lowest = ratios[middle - margin];
+  const double highest = ratios[middle + margin];
+  return highest <= limit || lowest > limit;
+}
+
+void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
+  // Not counted: first calls resolve symbols, fill caches and let the allocator learn the sizes.
+  contest.bare();
+  contest.boardkit();
+
+  std::vector<double> bareSeconds;
+  std::vector<double> boardkitSeconds;
+  std::vector<double> ratios;
+  const auto takeTurn = [&](bool bareFirst) {
+    Seconds bare{};
+    Seconds boardkit{};
+    for (const bool bareNext : {bareFirst, !bareFirst, !bareFirst, bareFirst}) {
+      (bareNext ? bare : boardkit) += bareNext ? contest.bare() : contest.boardkit();
+    }
+    const double calls = 2.0 * static_cast<double>(contest.calls);
+    bareSeconds.push_back(bare.count() / calls);
+    boardkitSeconds.push_back(boardkit.count() / calls);
+    ratios.push_back(boardkit / bare);
+  };
+
+  const bool isSmoke = effort == Effort::Smoke;
+  const long turns = isSmoke ? kSmokeTurns : contest.turns;
+  const int rounds = isSmoke ? 1 : kMostRounds;
+  for (int round = 0; round < rounds && !(round > 0 && IsDecided(ratios, contest.limit)); ++round) {
+    for (long turn = 0; turn < turns; ++turn) {
+      takeTurn(turn % 2 == 0);
+    }
+  }
+
+  state.SetIterationTime(Median(boardkitSeconds));
+  state.counters["bare_seconds"] = Median(bareSeconds);
+  state.counters["boardkit_seconds"] = Median(boardkitSeconds);
+  state.counters["ratio"] = Median(ratios);
+  state.counters["limit"] = contest.limit;
+  state.counters["turns"] = static_cast<double>(ratios.size());
+}
+
+/// Registers @p body to be run once: it repeats what it measures itself.
+void Register(const std::string& name, std::function<void(benchmark::State&)> body) {
+  const auto guarded = [name, body = std::move(body)](benchmark::State& state) {
+    try {
+      for ([[maybe_unused]] auto once : state) {
+        body(state);
+      }
+    } catch (const std::exception& error) {
+      std::cerr << name << ": " << error.what() << '\n';
+      state.SkipWithError(error.what());
+    }
+  };
+  benchmark::RegisterBenchmark(name.c_str(), guarded)->Iterations(1)->UseManualTime();
+}
+
+}  // namespace
+
+void RegisterContest(const std::string& name, Effort effort, std::function<Contest()> makeContest) {
+  Register(name, [effort, makeContest = std::move(makeContest)](benchmark::State& state) {
+    Hold(state, makeContest(), effort);
+  });
+}
+
+void RegisterSizes(const std::string& name, std::function<Sizes()> measure) {
+  Register(name, [measure = std::move(measure)](benchmark::State& state) {
+    const Sizes sizes = measure();
+    state.SetIterationTime(0);
+    state.counters["bare_bytes"] = sizes.bareBytes;
+    state.counters["boardkit_bytes"] = sizes.boardkitBytes;
+    state.counters["ratio"] = sizes.boardkitBytes / sizes.bareBytes;
+    state.counters["limit"] = sizes.limit;
+  });
+}

@@ -1,0 +1,93 @@
+#include "TableReporter.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <ostream>
+#include <string>
+
+namespace {
+
+struct Unit {
+  double size;
+  const char* name;
+};
+
+// Largest first.
+constexpr Unit kTimes[] = {{1, "s"}, {1e-3, "ms"}, {1e-6, "us"}, {1e-9, "ns"}};
+constexpr Unit kSizes[] = {{1024.0 * 1024.0, "MiB"}, {1024, "KiB"}, {1, "B"}};
+
+/// @p value in the largest unit that leaves a digit before the point.
+template <std::size_t count>
+std::string Format(double value, const Unit (&units)[count]) {
+  std::size_t i = 0;
+  while (i + 1 < count && value < units[i].size) {
+    ++i;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f %s", value / units[i].size, units[i].name);
+  return text;
+}
+
+std::string FormatRatio(double ratio) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3f", ratio);
+  return text;
+}
+
+std::string FormatRow(const std::string& name, const std::string& bare, const std::string& boardkit,
+                      const std::string& ratio, const std::string& limit, const std::string& verdict) {
+  char text[160];
+  std::snprintf(text, sizeof text, "%-24s | %10s | %10s | %6s | %6s | %s\n", name.c_str(), bare.c_str(),
+                boardkit.c_str(), ratio.c_str(), limit.c_str(), verdict.c_str());
+  return text;
+}
+
+}  // namespace
+
+TableReporter::TableReporter(bool judge) : m_judge(judge) {}
+
+bool TableReporter::ReportContext(const Context& /*context*/) {
+  GetOutputStream() << FormatRow("case", "bare", "boardkit", "ratio", "limit", "verdict")
+                    << "-------------------------|------------|------------|--------|--------|---------\n"
+                    << std::flush;
+  return true;
+}
+
+void TableReporter::ReportRuns(const std::vector<Run>& runs) {
+  for (const Run& run : runs) {
+    if (run.run_type != Run::RT_Aggregate) {
+      PrintRow(run);
+    }
+  }
+}
+
+bool TableReporter::IsLimitExceeded() const {
+  return m_limitExceeded;
+}
+
+bool TableReporter::HasFailed() const {
+  return m_failed;
+}
+
+void TableReporter::PrintRow(const Run& run) {
+  const std::string& name = run.run_name.function_name;
+  const auto number = [&run](const char* counter) { return run.counters.at(counter).value; };
+
+  // A case that failed left no numbers.
+  if (run.counters.count("ratio") == 0) {
+    m_failed = true;
+    GetOutputStream() << FormatRow(name, "", "", "", "", "FAILED") << std::flush;
+    return;
+  }
+
+  const bool exceeded = m_judge && number("ratio") > number("limit");
+  m_limitExceeded = m_limitExceeded || exceeded;
+  const char* const verdict = !m_judge ? "-" : exceeded ? "EXCEEDED" : "ok";
+  const bool isTime = run.counters.count("bare_seconds") != 0;
+  const std::string bare = isTime ? Format(number("bare_seconds"), kTimes) : Format(number("bare_bytes"), kSizes);
+  const std::string boardkit =
+      isTime ? Format(number("boardkit_seconds"), kTimes) : Format(number("boardkit_bytes"), kSizes);
+  GetOutputStream() << FormatRow(name, bare, boardkit, FormatRatio(number("ratio")), FormatRatio(number("limit")),
+                                 verdict)
+                    << std::flush;
+}

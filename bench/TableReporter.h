@@ -1,0 +1,28 @@
+#ifndef BOARDKIT_BENCH_TABLEREPORTER_H
+#define BOARDKIT_BENCH_TABLEREPORTER_H
+
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+/// Prints one line a case, as soon as the case is finished, and remembers what the verdicts add up to.
+class TableReporter : public benchmark::BenchmarkReporter {
+ public:
+  /// Without @p judge there are numbers but no verdicts, and no limit is ever exceeded.
+  explicit TableReporter(bool judge);
+
+  bool ReportContext(const Context& context) override;
+  void ReportRuns(const std::vector<Run>& runs) override;
+
+  bool IsLimitExceeded() const;
+  bool HasFailed() const;
+
+ private:
+  void PrintRow(const Run& run);
+
+  bool m_judge;
+  bool m_limitExceeded = false;
+  bool m_failed = false;
+};
+
+#endif
