@@ -109,7 +109,11 @@ build() {
   quietly "$folder/build.log" "Building $folder" cmake --build "$folder" --parallel "$(nproc)"
 }
 
-# can_make_namespaces: whether this user may have a network of his own, as the tests on real interfaces need it.
-can_make_namespaces() {
-  unshare --user --map-root-user --net true 2>/dev/null
+# find_own_network: sets own_network to the options with which unshare gives this user a network of his own, or fails.
+find_own_network() {
+  own_network=(--user --map-root-user --net)
+  unshare "${own_network[@]}" true 2>/dev/null && return
+  # Where user namespaces are forbidden, root's rights may do.
+  own_network=(--net)
+  unshare "${own_network[@]}" true 2>/dev/null
 }
