@@ -8,8 +8,9 @@
 /// message, so that `what()` is the message, ": " and the error's text. Messages that end in a colon therefore show
 /// two of them.
 ///
-/// The functions keep no state and may be called from any thread. They survive signals whose handlers were installed
-/// without `SA_RESTART`.
+/// The functions keep no state and may be called from any thread.
+
+struct sysinfo;
 
 #pragma GCC visibility push(default)
 
@@ -34,6 +35,42 @@ void ReadLoop(int fd, void* buffer, unsigned int length);
 /// Suspends the calling thread for @p milliseconds; signals do not shorten the sleep.
 /// @throws std::system_error "Error sleeping: " if `nanosleep` refuses: EINVAL for a negative time.
 void DebugSleep(int milliseconds);
+
+// The suffix _e marks wrappers that throw on an error, _a those that hand on the call's result.
+
+/// The 32-bit word at the physical byte address @p address, read through /dev/mem in one access.
+///
+/// The address is not checked for alignment. Every call opens and maps the device afresh: meant for registers now and
+/// then, not for fast paths.
+/// @throws std::system_error "ReadFromMemory Open /dev/mem failed" (EACCES, EPERM: not privileged) or "Error from mmap"
+/// (EPERM: the kernel guards this range). Where nothing answers at the address, the access itself ends the process with
+/// SIGBUS.
+unsigned int ReadFromPhysicalMemoryAddress(unsigned int address);
+
+/// Stores @p value as a 32-bit word at the physical byte address @p address, through /dev/mem in one access.
+/// @throws what ReadFromPhysicalMemoryAddress() throws, with the same texts.
+void WriteToPhysicalMemoryAddress(unsigned int address, unsigned int value);
+
+/// Fills @p info with the system's load and memory.
+/// @throws std::system_error "Cannot retrieve sysinfo".
+void sysinfo_e(struct sysinfo* info);
+
+/// Maps @p length bytes as `mmap` does and returns the mapping, which munmap_a() releases.
+///
+/// @p offset is taken as a bit pattern: where `long` has 32 bits, offsets from 2 GiB on are negative numbers.
+/// @throws std::system_error "Error from mmap".
+void* mmap_e(void* address, unsigned int length, int protection, int flags, int fd, long offset);
+
+/// Unmaps as `munmap` does and returns its result: 0, or -1 with `errno`. Never throws.
+int munmap_a(void* address, unsigned int length);
+
+/// The address of @p symbol in the loaded object @p handle (of `dlopen`).
+/// @throws std::invalid_argument "dlsym_e: handle" or "dlsym_e: symbol" for null pointers; the first also for
+/// `RTLD_DEFAULT`, which is one.
+/// @throws std::logic_error "Error looking up symbol "<symbol>": " and the loader's text.
+/// @throws std::system_error "Cannot find symbol "<symbol>"." if the symbol is there and its value is null; its error
+/// number means nothing.
+void* dlsym_e(void* handle, const char* symbol);
 
 #pragma GCC visibility pop
 

@@ -4,8 +4,12 @@
 #include <system_error>
 
 void ThrowSystemError(const char* message) {
-  // Saved first: building the exception allocates, which may change errno.
+  // Saved first: building the text allocates, which may change errno.
   const int error = errno;
 
+  ThrowSystemError(error, message);
+}
+
+void ThrowSystemError(int error, const std::string& message) {
   throw std::system_error(error, std::system_category(), message);
 }

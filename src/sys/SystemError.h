@@ -1,8 +1,13 @@
 #ifndef BOARDKIT_SYS_SYSTEMERROR_H
 #define BOARDKIT_SYS_SYSTEMERROR_H
 
+#include <string>
+
 /// Throws std::system_error with the current errno and @p message: the one way in which a failed system call is
 /// reported.
 [[noreturn]] void ThrowSystemError(const char* message);
+
+/// The same with an errno that was saved before: by a caller that has to tidy up, or to compose its message, first.
+[[noreturn]] void ThrowSystemError(int error, const std::string& message);
 
 #endif

@@ -1,0 +1,241 @@
+#ifndef BOARDKIT_SERIALPORT_H
+#define BOARDKIT_SERIALPORT_H
+
+#include <termios.h>
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#pragma GCC visibility push(default)
+
+/// A serial port over a tty device: raw, blocking, and put back as it was found when it is closed.
+///
+/// Open from construction on; Close() and Open() may follow each other. Opening saves the device's terminal attributes,
+/// closing restores them, and the line settings last applied are remembered for ToString(), which reopens the port.
+///
+/// For a device without terminal attributes the constructor's second argument is false: then none are read or written,
+/// setters only remember, and getters see zeros. Such a device must all the same accept a flush of its input, and the
+/// modem-control requests for closing: a regular file cannot be opened this way.
+///
+/// Every failure is a `std::system_error` with the current `errno`; only arguments outside their enum are
+/// `std::invalid_argument`. Operations that need an open port throw "Serial port not open." on a closed one, unless
+/// they say otherwise. One object is used by one thread at a time.
+///
+/// @warning Opening is neither exclusive (another process may open the device too) nor close-on-exec (children inherit
+/// the descriptor).
+/// @warning A device that knows no modem lines (an ordinary pseudo-terminal) can be opened but not closed: Close()
+/// throws, and the destructor, which closes an open port, then ends the process.
+class SerialPort {
+ public:
+  /// Line speeds; the values are the kernel's speed codes.
+  enum BaudRate : int {
+    BAUD_0 = 0,
+    BAUD_50 = 1,
+    BAUD_75 = 2,
+    BAUD_110 = 3,
+    BAUD_134 = 4,
+    BAUD_150 = 5,
+    BAUD_200 = 6,
+    BAUD_300 = 7,
+    BAUD_600 = 8,
+    BAUD_1200 = 9,
+    BAUD_1800 = 10,
+    BAUD_2400 = 11,
+    BAUD_4800 = 12,
+    BAUD_9600 = 13,
+    BAUD_19200 = 14,
+    BAUD_38400 = 15,
+    BAUD_57600 = 4097,
+    BAUD_115200 = 4098,
+    BAUD_230400 = 4099,
+    BAUD_460800 = 4100,
+    BAUD_500000 = 4101,
+    BAUD_576000 = 4102,
+    BAUD_921600 = 4103,
+    BAUD_1000000 = 4104,
+    BAUD_1152000 = 4105,
+    BAUD_1500000 = 4106,
+    BAUD_2000000 = 4107,
+    BAUD_2500000 = 4108,
+    BAUD_3000000 = 4109
+  };
+
+  /// Data bits; the values are the kernel's size bits.
+  enum CharacterSize : int { CHAR_SIZE_5 = 0, CHAR_SIZE_6 = 16, CHAR_SIZE_7 = 32, CHAR_SIZE_8 = 48 };
+
+  enum Parity : int { PARITY_EVEN = 0, PARITY_ODD = 1, PARITY_NONE = 2 };
+
+  enum StopBits : int { STOP_BITS_1 = 0, STOP_BITS_2 = 1 };
+
+  enum FlowControl : int { FLOW_CONTROL_HARDWARE = 0, FLOW_CONTROL_SOFTWARE = 1, FLOW_CONTROL_NONE = 2 };
+
+  /// Opens @p device as OpenSerialPortDevice() does; if that fails, nothing stays open.
+  SerialPort(const std::string& device, bool termiosSupported);
+
+  /// Closes an open port. A failure of Close() ends the process: it means that the line was left in a wrong state.
+  ~SerialPort();
+
+  SerialPort(const SerialPort&) = delete;
+  SerialPort& operator=(const SerialPort&) = delete;
+
+  // --- Life
+
+  /// Opens the device in raw mode, its speed not yet set, saves its attributes, and discards what it holds.
+  /// @throws std::system_error "Serial port already open.", "Open Serial Port '<device>' failed?", "Save the current
+  /// settings for serial port failed?", "Write new settings failed?" or "Flush of the input buffer failed?", with the
+  /// port closed; what FlushInputAndOutput() and ReadAllAvailableData() throw, with the port left open.
+  void OpenSerialPortDevice();
+
+  /// Opens the device and applies the five settings in this order, and a custom speed in the place of @p baudRate.
+  ///
+  /// Setting the flow control makes the line raw once more, so after this call the device runs with 8 data bits and
+  /// without parity, whatever was asked for: call SetCharSize() and SetParity() afterwards.
+  /// @throws what OpenSerialPortDevice() and the setters throw; a setter's failure leaves the port open with the
+  /// settings applied so far.
+  void Open(BaudRate baudRate, CharacterSize charSize, Parity parity, StopBits stopBits, FlowControl flowControl);
+
+  bool IsOpen() const;
+
+  /// Switches the loopback off, restores the saved attributes and closes. The receive buffer stays.
+  /// @throws what SetLoopback() throws, and std::system_error "SerialPort::Close(): Setting the attributes of the
+  /// serial port '<device>' failed?"; the port then stays open. A failing `close` is ignored.
+  void Close();
+
+  // --- Line settings: setters change the device first and remember the value after success, getters ask the device
+
+  /// Sets both directions to @p baudRate. Does nothing at all while a custom speed is set.
+  /// @throws std::system_error "Unsupported baud rate.", and what SetPortSettings() throws.
+  void SetBaudRate(BaudRate baudRate);
+  /// The input speed. Of a closed port: throws "Get the current port settings failed?".
+  BaudRate GetBaudRate() const;
+
+  /// Sets both directions to any speed in bits per second and keeps it over Close() and Open(); 0 forgets it and
+  /// applies the last SetBaudRate() again. On a device without terminal attributes it is only remembered. The driver
+  /// may round.
+  /// @throws std::system_error "Unsupported baud rate." if the driver refuses; what is remembered does not change.
+  void SetCustomBaudRate(std::uint32_t bitsPerSecond);
+  /// The remembered custom speed in bits per second; 0 means none.
+  std::uint32_t GetCustomBaudRate() const;
+
+  /// @p charSize is not checked: any value is ORed into the control flags.
+  void SetCharSize(CharacterSize charSize);
+  CharacterSize GetCharSize() const;
+
+  /// @throws std::invalid_argument "Invalid parity setting."
+  void SetParity(Parity parity);
+  Parity GetParity() const;
+
+  /// @throws std::invalid_argument "Invalid number of stop bits."
+  void SetNumOfStopBits(StopBits stopBits);
+  StopBits GetNumOfStopBits() const;
+
+  /// Makes the line raw (8 data bits, no parity) and sets its flow control.
+  /// @throws std::invalid_argument "Invalid flow control."
+  void SetFlowControl(FlowControl flowControl);
+  /// Hardware or none: software flow control is never reported.
+  FlowControl GetFlowControl() const;
+
+  /// Connects the transmitter to the receiver inside the UART.
+  /// @throws std::system_error " SetLoopback TIOCMGET failed!" or " SetLoopback TIOCMSET failed!".
+  void SetLoopback(bool on);
+
+  /// Raises or drops the RTS line. A closed port fails in the system call.
+  /// @throws std::system_error "TIOCMGET failed?" or "TIOCMSET failed?".
+  void ReadyForReceive(bool ready);
+
+  /// The code of a speed in bits per second, for the standard speeds from 9600 on; BAUD_0 for all others.
+  static BaudRate ConversionToBaudrateEnum(int bitsPerSecond);
+  /// The bits per second of a speed code; 0 for unknown ones. BAUD_2500000 gives 1500000 and BAUD_3000000 2000000.
+  static unsigned int BaudRateToPrintableNumber(unsigned int code);
+
+  /// Reads the device's attributes; leaves @p settings alone where they are not supported. Does not check for open.
+  /// @throws std::system_error "Get the current port settings failed?".
+  void GetTheCurrentPortSettings(termios& settings) const;
+  /// Writes the device's attributes at once; does nothing where they are not supported. Does not check for open.
+  /// @throws std::system_error "SerialPort::SetPortSettings(): Setting the attributes of the serial port '<device>'
+  /// failed?", followed directly by @p context.
+  void SetPortSettings(const termios& settings, const std::string& context);
+
+  // --- Data, straight to and from the device
+
+  /// Writes all @p count bytes; repeats at once what is interrupted or refused for now, and may block without limit.
+  /// @throws std::system_error "Error writing to file descriptor: " or "Error writing to file descriptor. writtenCount
+  /// <= 0."; bytes written before stay written.
+  void Write(const void* data, unsigned int count);
+  void Write(const std::string& text);
+
+  /// Reads exactly @p count bytes into @p buffer, which is written to in spite of its type, and may block without
+  /// limit. Does not check for open.
+  /// @throws std::system_error "Error reading from file descriptor: ", or "SerialPort ReadCount 0" at the end of file,
+  /// as after a hang-up; bytes read before stay in @p buffer.
+  void Read(const void* buffer, unsigned int count);
+  /// Reads one byte and may block without limit; throws as Read() does.
+  unsigned char ReadOneByte();
+
+  /// Waits up to @p timeoutMs milliseconds (negative: without limit) until there is something to read.
+  /// @returns false at the time-out, and on a closed port.
+  /// @throws std::system_error "SerialPort::IsDataReceived: poll() failed!", with EINTR too.
+  bool IsDataReceived(int timeoutMs) const;
+
+  // --- Data through the receive buffer
+
+  /// Moves the bytes that the driver holds now into the receive buffer. Does not check for open.
+  /// @throws std::system_error "SerialPort::ReadAllAvailableData: FIONREAD failed!"; a failing read just ends it.
+  void ReadAllAvailableData();
+  /// True if the receive buffer holds something; the device is not asked.
+  bool IsDataAvailable() const;
+  /// Moves @p count bytes, or all if @p count is 0, from the receive buffer into @p out, whose content is replaced.
+  /// @throws std::out_of_range if fewer than @p count bytes are buffered; they stay, and @p out is empty.
+  void Read(std::vector<unsigned char>& out, unsigned int count);
+
+  // --- What the driver holds; none of these checks for open
+
+  /// The number of bytes that the driver has received.
+  /// @throws std::system_error "SerialPort::ReadAllAvailableData: FIONREAD failed!" (the text is shared).
+  int AvailableBytesToRead() const;
+  /// Discards what the driver has received.
+  /// @throws std::system_error "SerialPort::FlushInput: tcflush() failed!".
+  void FlushInput() const;
+  /// Discards what the driver has not sent yet.
+  /// @throws std::system_error "SerialPort::FlushOutput: tcflush() failed!".
+  void FlushOutput() const;
+  /// Discards both, and once more what was received meanwhile.
+  /// @throws std::system_error "SerialPort::FlushInputAndOutput: tcflush() failed!".
+  void FlushInputAndOutput() const;
+
+  // --- Diagnosis
+
+  /// A report in lines: the device, its speeds, flow control and driver information, and the registers of the board's
+  /// UART, read from physical memory whichever device this is. Numbers after the flags are hexadecimal.
+  ///
+  /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with
+  /// the remembered settings: the receive buffer is lost. Of a closed port there is one line, "not opened yet!".
+  /// @throws std::system_error " TIOCGSERIAL failed!", what the physical memory functions throw, and what Close() and
+  /// Open() throw. A failure between the registers leaves the divisor-latch access bit set.
+  std::string ToString();
+
+ private:
+  void RequireOpen() const;
+  void ApplyBaudRate(BaudRate baudRate);
+  void ApplyCustomBaudRate(std::uint32_t bitsPerSecond);
+  static void ReadExactly(int fd, void* buffer, unsigned int count);
+
+  bool m_isOpen = false;
+  std::string m_device;
+  int m_fd = -1;
+  termios m_savedSettings{};
+  std::deque<std::uint8_t> m_rxBuffer;
+  std::uint32_t m_customBaudRate = 0;
+  BaudRate m_baudRate = BAUD_9600;
+  CharacterSize m_charSize = CHAR_SIZE_8;
+  Parity m_parity = PARITY_NONE;
+  StopBits m_stopBits = STOP_BITS_1;
+  FlowControl m_flowControl = FLOW_CONTROL_NONE;
+  bool m_termiosSupported;
+};
+
+#pragma GCC visibility pop
+
+#endif

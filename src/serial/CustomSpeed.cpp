@@ -1,0 +1,19 @@
+// A source of its own: the kernel's header defines a termios too, and clashes with the C library's.
+#include "CustomSpeed.h"
+
+#include <asm/termbits.h>
+#include <sys/ioctl.h>
+
+int SetCustomSpeed(int fd, std::uint32_t bitsPerSecond) {
+  termios2 settings{};
+  if (::ioctl(fd, TCGETS2, &settings) == -1) {
+    return -1;
+  }
+
+  // An input code of 0 would mean "as the output"; both are told, for drivers that look at one only.
+  settings.c_cflag &= ~static_cast<tcflag_t>(CBAUD | CBAUD << IBSHIFT);
+  settings.c_cflag |= BOTHER | BOTHER << IBSHIFT;
+  settings.c_ispeed = bitsPerSecond;
+  settings.c_ospeed = bitsPerSecond;
+  return ::ioctl(fd, TCSETS2, &settings);
+}

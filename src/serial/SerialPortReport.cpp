@@ -1,0 +1,96 @@
+#include <linux/serial.h>
+#include <sys/ioctl.h>
+
+#include <cstdint>
+#include <ios>
+#include <iterator>
+#include <sstream>
+
+#include "../sys/SystemError.h"
+#include "SerialPort.h"
+#include "SpeedCodes.h"
+#include "SystemCalls.h"
+
+// Another board's values may be given at build time; see the options BOARDKIT_UART_*.
+#ifndef BOARDKIT_UART_PHYS_BASE
+#define BOARDKIT_UART_PHYS_BASE 0x80011000
+#endif
+#ifndef BOARDKIT_UART_CLOCK_HZ
+#define BOARDKIT_UART_CLOCK_HZ 62500000
+#endif
+
+namespace {
+
+// A 16550-compatible register block, one register every 4 bytes. With the divisor-latch access bit set in the line
+// control register, the first two are the divisor latch.
+constexpr unsigned int kDivisorLatchLow = BOARDKIT_UART_PHYS_BASE;
+constexpr unsigned int kDivisorLatchHigh = kDivisorLatchLow + 0x4;
+constexpr unsigned int kLineControl = kDivisorLatchLow + 0xC;
+constexpr unsigned int kDivisorLatchAccess = 0x80;
+
+constexpr double kClock = BOARDKIT_UART_CLOCK_HZ;  // Hz
+constexpr double kClocksPerBit = 16.0;
+
+const char* FlowControlName(SerialPort::FlowControl flowControl) {
+  static constexpr const char* kNames[] = {"Hardware", "Software", "None"};
+  const auto index = static_cast<unsigned int>(flowControl);
+  return index < std::size(kNames) ? kNames[index] : "Invalid";
+}
+
+unsigned int PrintableSpeed(speed_t speed) {
+  return SerialPort::BaudRateToPrintableNumber(static_cast<unsigned int>(speedcodes::ToCode(speed)));
+}
+
+}  // namespace
+
+std::string SerialPort::ToString() {
+  std::string report = "Device:    " + m_device + "\n";
+  if (!m_isOpen) {
+    return report + "not opened yet!\n";
+  }
+
+  termios settings{};
+  GetTheCurrentPortSettings(settings);
+  std::ostringstream speeds;
+  if (m_customBaudRate != 0) {
+    speeds << "Custom Output Baudrate: " << m_customBaudRate << '\n';
+    speeds << "Custom  Baudrate:       " << m_customBaudRate << '\n';
+  } else {
+    speeds << "Output Baudrate: " << PrintableSpeed(::cfgetospeed(&settings)) << '\n';
+    speeds << "Input  Baudrate: " << PrintableSpeed(::cfgetispeed(&settings)) << '\n';
+  }
+  report += speeds.str();
+
+  std::ostringstream details;
+  details << "Flowcontrol: " << FlowControlName(GetFlowControl()) << '\n';
+  serial_struct info{};
+  if (::ioctl(m_fd, TIOCGSERIAL, &info) == -1) {
+    ThrowSystemError(" TIOCGSERIAL failed!");
+  }
+
+  details << "Baud Base:     " << info.baud_base << '\n';
+  details << "FIFO Size:     " << info.xmit_fifo_size << '\n';
+  // Kept: the stream stays hexadecimal from here on, for the interrupt, the divisor and the registers too.
+  details << "Flags:       0x" << std::hex << info.flags << '\n';
+  details << "IRQ:           " << info.irq << '\n';
+  details << "Divisor:       " << info.custom_divisor << '\n';
+  if (!m_termiosSupported) {
+    details << "Terminal Attributes are NOT supported!\n";
+  }
+
+  const unsigned int lineControl = ReadFromPhysicalMemoryAddress(kLineControl);
+  details << "Line Register: 0x" << lineControl << '\n';
+  WriteToPhysicalMemoryAddress(kLineControl, lineControl | kDivisorLatchAccess);
+  const std::uint64_t low = ReadFromPhysicalMemoryAddress(kDivisorLatchLow);
+  const std::uint64_t high = ReadFromPhysicalMemoryAddress(kDivisorLatchHigh);
+  // Kept: the two are put together as words, not as the bytes that they are.
+  const std::uint64_t latch = high << 32U | low;
+  details << "Divisor Latch: " << latch << '\n';
+  details << "Real baud rate: " << kClock / (static_cast<double>(latch) * kClocksPerBit) << '\n';
+  report += details.str();
+
+  // Kept: opening has the driver program the line again; the access bit is cleared in no other way.
+  Close();
+  Open(m_baudRate, m_charSize, m_parity, m_stopBits, m_flowControl);
+  return report;
+}
