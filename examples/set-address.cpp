@@ -2,9 +2,9 @@
 #include <IpNet.h>
 #include <OpSystem.h>
 
-#include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <string>
 
 int main(int argc, char* argv[]) {
   if (argc != 4) {
@@ -14,7 +14,7 @@ int main(int argc, char* argv[]) {
   try {
     OpSystem system;
     IpNet net(system);
-    const bool changed = net.SetAddr(argv[1], argv[2], std::atoi(argv[3]), false, false);
+    const bool changed = net.SetAddr(argv[1], argv[2], std::stoi(argv[3]), false, false);
     std::cout << (changed ? "Changed.\n" : "Nothing to do: the address was set already.\n");
     return 0;
   } catch (const std::exception& e) {

@@ -168,7 +168,7 @@ Lines RealIpTest::GatewayRoutes(bool ipv6) {
 }
 
 Lines RealIpTest::Commands() {
-  const Lines commands = SplitLines(net.GetDebugOutput());
+  Lines commands = SplitLines(net.GetDebugOutput());
   net.ClearDebug();
   return commands;
 }
