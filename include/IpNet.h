@@ -42,7 +42,8 @@ class IpNet {
   /// prefix length that `ip addr show dev` lists for @p iface. What is not listed has no key.
   ///
   /// Only the first occurrence of "inet" and of "inet6" counts: on an interface whose name contains "inet", or that has
-  /// IPv6 addresses alone, there are no IPv4 keys. A point-to-point address, printed without a prefix length, has none.
+  /// IPv6 addresses alone, there are no IPv4 keys. An address with a peer is printed without a prefix length, and then
+  /// has no keys either.
   Record GetIfaceInfo(std::string iface);
 
   /// The words after "default", "via" and "dev" in the routes that `ip route show` lists, of IPv6 or of IPv4.
@@ -61,8 +62,8 @@ class IpNet {
 
   /// Makes @p gw, reached through @p iface, the default gateway of the family that @p ipv6 selects.
   ///
-  /// Removed before are all routes of the family's main table if @p flush is set, else the first default route listed,
-  /// if any. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
+  /// Removed before is what `ip route flush all` removes (all default routes of the family) if @p flush is set, else the
+  /// first default route listed, if any. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
   /// @returns false, having changed nothing, if the first default route already is the asked one.
   bool SetGw(std::string iface, std::string gw, bool ipv6, bool flush);
 

@@ -1,6 +1,8 @@
 #ifndef BOARDKIT_SYSTEMCALLS_H
 #define BOARDKIT_SYSTEMCALLS_H
 
+#include <signal.h>
+
 /// @file
 /// System calls as free functions that do the whole job or throw.
 ///
@@ -8,7 +10,7 @@
 /// message, so that `what()` is the message, ": " and the error's text. Messages that end in a colon therefore show
 /// two of them.
 ///
-/// The functions keep no state and may be called from any thread.
+/// But for DeactivateSignalP(), the functions keep no state and may be called from any thread.
 
 struct sysinfo;
 
@@ -35,6 +37,27 @@ void ReadLoop(int fd, void* buffer, unsigned int length);
 /// Suspends the calling thread for @p milliseconds; signals do not shorten the sleep.
 /// @throws std::system_error "Error sleeping: " if `nanosleep` refuses: EINVAL for a negative time.
 void DebugSleep(int milliseconds);
+
+/// Calls @p handler whenever @p signal arrives, with the signal's information; interrupted system calls are restarted.
+/// @throws std::runtime_error "Error setting signal mask."
+/// @throws std::system_error "Error setting signal handler: " (EINVAL: no such signal, or one that cannot be caught),
+/// or "Error setting signal interrupt: ", with the handler installed.
+void InstallSignalHandler(int signal, void (*handler)(int, siginfo_t*, void*));
+
+/// Blocks @p signal in the calling thread until the application unblocks it; no other signal is affected.
+///
+/// Works on one signal set of the whole process: callers serialise their calls, best at the start before there are
+/// threads, which then inherit the blocking.
+/// @throws std::runtime_error "Error setting deactivation signal mask." or "Error adding to terminate signal mask." (no
+/// such signal).
+/// @throws std::system_error with an empty message if the signal cannot be blocked.
+void DeactivateSignalP(int signal);
+
+/// The name of a scheduling policy: "other", "fifo", "rrobin" or "batch", and "<ukwn>" for all others.
+const char* GetProcSchedPolicyName(int policy);
+
+/// The calling thread's id in the kernel.
+int LinuxGetThreadId();
 
 // The suffix _e marks wrappers that throw on an error, _a those that hand on the call's result.
 

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <stdexcept>
 
 #include "../sys/SystemError.h"
@@ -82,9 +83,12 @@ void SerialPort::Read(std::vector<unsigned char>& out, unsigned int count) {
                             std::to_string(m_rxBuffer.size()) + " buffered.");
   }
 
-  const auto end = count == 0 ? m_rxBuffer.end() : m_rxBuffer.begin() + static_cast<std::ptrdiff_t>(count);
-  out.assign(m_rxBuffer.begin(), end);
-  m_rxBuffer.erase(m_rxBuffer.begin(), end);
+  std::size_t remaining = count == 0 ? m_rxBuffer.size() : count;
+  out.reserve(remaining);
+  for (; remaining != 0; --remaining) {
+    out.push_back(m_rxBuffer.front());
+    m_rxBuffer.pop_front();
+  }
 }
 
 void SerialPort::ReadExactly(int fd, void* buffer, unsigned int count) {

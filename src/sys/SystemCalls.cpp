@@ -2,7 +2,9 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
@@ -10,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 
@@ -21,6 +24,12 @@ namespace {
 bool IsTemporary(int error) {
   return error == EINTR || error == EAGAIN;
 }
+
+// The working set of DeactivateSignalP, filled anew at every call.
+sigset_t deactivatedSignals;
+
+static_assert(SCHED_OTHER == 0 && SCHED_FIFO == 1 && SCHED_RR == 2 && SCHED_BATCH == 3, "indices of the names");
+constexpr const char* kPolicyNames[] = {"other", "fifo", "rrobin", "batch"};
 
 /// One word of physical memory, mapped while the object lives.
 class PhysicalWord {
@@ -123,6 +132,50 @@ void DebugSleep(int milliseconds) {
     }
     request = remaining;
   }
+}
+
+void InstallSignalHandler(int signal, void (*handler)(int, siginfo_t*, void*)) {
+  struct sigaction action {};
+  action.sa_sigaction = handler;
+  action.sa_flags = SA_SIGINFO | SA_RESTART;
+  if (::sigemptyset(&action.sa_mask) != 0) {
+    throw std::runtime_error("Error setting signal mask.");
+  }
+
+  if (::sigaction(signal, &action, nullptr) != 0) {
+    ThrowSystemError("Error setting signal handler: ");
+  }
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // SA_RESTART says the same; users watch this call
+  if (::siginterrupt(signal, 0) != 0) {
+    ThrowSystemError("Error setting signal interrupt: ");
+  }
+#pragma GCC diagnostic pop
+}
+
+void DeactivateSignalP(int signal) {
+  if (::sigemptyset(&deactivatedSignals) != 0) {
+    throw std::runtime_error("Error setting deactivation signal mask.");
+  }
+
+  if (::sigaddset(&deactivatedSignals, signal) != 0) {
+    throw std::runtime_error("Error adding to terminate signal mask.");
+  }
+
+  if (::sigprocmask(SIG_BLOCK, &deactivatedSignals, nullptr) != 0) {
+    // Kept: this failure has no message of its own.
+    ThrowSystemError("");
+  }
+}
+
+const char* GetProcSchedPolicyName(int policy) {
+  const auto index = static_cast<unsigned int>(policy);
+  return index < std::size(kPolicyNames) ? kPolicyNames[index] : "<ukwn>";
+}
+
+int LinuxGetThreadId() {
+  return static_cast<int>(::syscall(SYS_gettid));
 }
 
 // An address that is no multiple of 4 is accessed as it is asked for; the hardware answers, not the sanitizer.

@@ -1,0 +1,108 @@
+#ifndef BOARDKIT_FILE_H
+#define BOARDKIT_FILE_H
+
+#include <cstdio>
+#include <string>
+
+#pragma GCC visibility push(default)
+
+/// An open file: a descriptor, a stream on the same file, and the file's name, which every failure tells.
+///
+/// Made from a path (which it opens) or from a descriptor or a stream (which it adopts, learning the name from the
+/// kernel), and complete from then on; what it holds is closed with it. Bytes go through the descriptor; the stream is
+/// there for those who want to read with it, and knows nothing of what went through the descriptor.
+///
+/// Every failure is a `std::system_error`. The members are const, but move the file's offset: callers that share an
+/// object between threads serialise their calls.
+///
+/// @warning The destructor closes the stream and then the descriptor, whose number the stream has just closed: in a
+/// program with several threads, that number may belong to somebody else by then.
+class File {
+ public:
+  /// Opens @p path with the flags of `open` and, where it creates the file, the permission bits @p mode.
+  /// @throws std::system_error "Open for '<path>' failed.".
+  File(const std::string& path, int flags, unsigned int mode);
+
+  /// Adopts @p stream and its descriptor, and takes the name of `/proc/self/fd`. A null stream counts as File(-1). If
+  /// that fails, the stream is closed.
+  /// @throws what ReadLink() throws.
+  explicit File(std::FILE* stream);
+
+  /// Adopts @p fd and takes the name of `/proc/self/fd`. If that fails, the descriptor is closed.
+  /// @throws std::system_error "Open for '' failed." for -1, and what ReadLink() throws.
+  explicit File(int fd);
+
+  /// Closes the stream, if any, and then the descriptor. Never throws.
+  ~File();
+
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  /// Completes the object: called by every constructor, without effect later on.
+  void Init();
+
+  /// True if @p path can be opened for reading. A file that may not be read does not exist here.
+  static bool Exists(const std::string& path);
+
+  /// The stream, which the object keeps; null if the descriptor cannot be read from.
+  std::FILE* GetFileHandle() const;
+
+  /// True if a read through the stream has met the end. Reads through the descriptor never set this.
+  bool EndOfFile() const;
+
+  /// Writes all @p length bytes.
+  /// @throws std::system_error with the message of WriteLoop(), directly followed by "WriteBytes to '<name>' failed.".
+  void WriteBytes(const unsigned char* data, unsigned int length) const;
+  /// Writes the bytes of @p text, with nothing added.
+  void PutString(const std::string& text) const;
+
+  /// Reads exactly @p length bytes.
+  /// @throws std::system_error "End of file reached for '<name>'." (its error number means nothing) if EndOfFile(),
+  /// else with the message of ReadLoop(), directly followed by "ReadBytes from '<name>' failed.".
+  void ReadBytes(unsigned char* buffer, unsigned int length) const;
+
+  /// The target of the symbolic link @p path, at most 1024 bytes of it.
+  /// @throws std::system_error "ReadLink failed for '<path>' failed.".
+  static std::string ReadLink(const std::string& path);
+
+  /// Moves the descriptor's offset as `lseek` does and returns it. The stream does not know.
+  /// @throws std::system_error "Seeking failed for '<name>' failed.".
+  long Seek(long offset, int whence) const;
+
+  /// Controls the device with @p request and returns the result of `ioctl`.
+  ///
+  /// The third argument that `ioctl` gets is the list of the variable arguments itself, not the first of them: of use
+  /// only for requests without an argument.
+  /// @throws std::system_error "IO Control failed for '<name>' failed.".
+  int Ioctl(int request, ...) const;
+
+ private:
+  /// Owns a value, unless it is the one that means none, until it is replaced or destroyed.
+  template <typename T>
+  class Handle {
+   public:
+    Handle(T value, T none, int (*release)(T));
+    ~Handle();
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    void Replace(T value);
+    T Get() const {
+      return m_value;
+    }
+
+   private:
+    T m_value;
+    T m_none;
+    int (*m_release)(T);
+  };
+
+  Handle<int> m_fd;
+  int m_flags;
+  unsigned int m_mode;
+  Handle<std::FILE*> m_stream;
+  std::string m_name;
+};
+
+#pragma GCC visibility pop
+
+#endif

@@ -1,0 +1,64 @@
+#ifndef BOARDKIT_WATCHDOG_H
+#define BOARDKIT_WATCHDOG_H
+
+#include <string>
+
+#pragma GCC visibility push(default)
+
+/// A hardware watchdog, driven through the kernel's watchdog device.
+///
+/// Inactive until Activate() has opened the device and set the timeout; from then on the board resets unless Feed() is
+/// called in time. Deactivate(), and the destructor, write the magic close character first, so that a driver that
+/// honours it stops the timer. One object is used by one thread at a time.
+///
+/// @warning If Activate() fails after opening (an interval that the driver refuses), the device stays open and may
+/// already be counting.
+/// @warning Activate() on an active object opens the device a second time and loses the first descriptor.
+class WatchDog {
+ public:
+  /// Keeps both for Activate(): the timeout in seconds and the path of the device. Nothing is checked or opened.
+  WatchDog(int interval, std::string device);
+
+  /// Deactivates. A failure ends the process: a watchdog that could not be stopped is not passed over in silence.
+  ~WatchDog();
+
+  WatchDog(const WatchDog&) = delete;
+  WatchDog& operator=(const WatchDog&) = delete;
+
+  /// Opens the device, which starts the timer, and sets the interval.
+  /// @throws std::system_error " Could not open watchdog device!" (EBUSY: somebody else has it), with the object
+  /// inactive as before; what SetInterval() throws, with the device left open and the object inactive.
+  void Activate();
+
+  /// Restarts the timer.
+  /// @throws std::logic_error "Watchdog not activated".
+  /// @throws std::system_error " Could not close watchdog device!" if the driver refuses.
+  void Feed();
+
+  /// Asks the driver for a timeout of @p seconds.
+  ///
+  /// The value is remembered before the driver is asked and kept if the driver refuses. The driver may round it:
+  /// GetInterval() tells what it really uses.
+  /// @throws std::logic_error "Watchdog interval must be greater than 0 seconds" (nothing changes) or "Could not set
+  /// watchdog interval", which an inactive object gets too.
+  void SetInterval(int seconds);
+
+  /// The timeout in seconds that the driver uses.
+  /// @throws std::logic_error "Could not retrieve watchdog interval", which an inactive object gets too.
+  int GetInterval() const;
+
+  /// Stops the timer and closes the device; does nothing on an inactive object.
+  /// @throws std::system_error " Could write watchdog device!", with the device open, or " Could not close watchdog
+  /// device!"; the object stays active.
+  void Deactivate();
+
+ private:
+  int m_interval;
+  std::string m_device;
+  int m_fd = -1;
+  bool m_active = false;
+};
+
+#pragma GCC visibility pop
+
+#endif

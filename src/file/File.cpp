@@ -1,0 +1,159 @@
+#include "File.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <exception>
+#include <fstream>
+
+#include "../sys/SystemError.h"
+#include "SystemCalls.h"
+
+namespace {
+
+constexpr int kNoDescriptor = -1;
+constexpr std::size_t kLinkSize = 1024;  // bytes of a link's target that are read
+constexpr std::size_t kProcNameSize = 100;
+
+}  // namespace
+
+template <typename T>
+File::Handle<T>::Handle(T value, T none, int (*release)(T)) : m_value(value), m_none(none), m_release(release) {}
+
+template <typename T>
+File::Handle<T>::~Handle() {
+  Replace(m_none);
+}
+
+template <typename T>
+void File::Handle<T>::Replace(T value) {
+  if (value != m_value && m_value != m_none) {
+    m_release(m_value);
+  }
+  m_value = value;
+}
+
+File::File(const std::string& path, int flags, unsigned int mode)
+    : m_fd(kNoDescriptor, kNoDescriptor, ::close),
+      m_flags(flags),
+      m_mode(mode),
+      m_stream(nullptr, nullptr, std::fclose),
+      m_name(path) {
+  Init();
+}
+
+File::File(std::FILE* stream)
+    : m_fd(stream == nullptr ? kNoDescriptor : ::fileno(stream), kNoDescriptor, ::close),
+      m_flags(0),
+      m_mode(0),
+      m_stream(stream, nullptr, std::fclose) {
+  Init();
+}
+
+File::File(int fd) : m_fd(fd, kNoDescriptor, ::close), m_flags(0), m_mode(0), m_stream(nullptr, nullptr, std::fclose) {
+  Init();
+}
+
+// Kept: the members go in this order: the name, the stream with fclose, and then the descriptor with close, although
+// fclose has closed it already.
+File::~File() = default;
+
+void File::Init() {
+  if (m_fd.Get() == kNoDescriptor) {
+    m_fd.Replace(::open(m_name.c_str(), m_flags, m_mode));
+    if (m_fd.Get() == kNoDescriptor) {
+      const int error = errno;
+      ThrowSystemError(error, "Open for '" + m_name + "' failed.");
+    }
+  }
+
+  if (m_name.empty()) {
+    char link[kProcNameSize] = {};
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", m_fd.Get());
+    m_name = ReadLink(link);
+  }
+
+  if (m_stream.Get() == nullptr) {
+    // Kept: for reading, whatever the descriptor was opened for; where that is refused, there is no stream.
+    m_stream.Replace(::fdopen(m_fd.Get(), "rb"));
+  }
+}
+
+bool File::Exists(const std::string& path) {
+  return !path.empty() && std::ifstream(path).is_open();
+}
+
+std::FILE* File::GetFileHandle() const {
+  return m_stream.Get();
+}
+
+bool File::EndOfFile() const {
+  return m_stream.Get() != nullptr && std::feof(m_stream.Get()) != 0;
+}
+
+void File::WriteBytes(const unsigned char* data, unsigned int length) const {
+  try {
+    WriteLoop(m_fd.Get(), data, length);
+  } catch (const std::exception& e) {
+    const int error = errno;
+    // Kept: the two texts stand together without a separator, here and in ReadBytes.
+    ThrowSystemError(error, std::string(e.what()) + "WriteBytes to '" + m_name + "' failed.");
+  }
+}
+
+void File::PutString(const std::string& text) const {
+  WriteBytes(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
+}
+
+void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
+  // Kept: the stream's indicator is looked at, while the bytes come through the descriptor.
+  if (EndOfFile()) {
+    const int error = errno;
+    ThrowSystemError(error, "End of file reached for '" + m_name + "'.");
+  }
+
+  try {
+    ReadLoop(m_fd.Get(), buffer, length);
+  } catch (const std::exception& e) {
+    const int error = errno;
+    ThrowSystemError(error, std::string(e.what()) + "ReadBytes from '" + m_name + "' failed.");
+  }
+}
+
+std::string File::ReadLink(const std::string& path) {
+  char target[kLinkSize] = {};
+  if (::readlink(path.c_str(), target, sizeof target) == -1) {
+    const int error = errno;
+    // Kept: the word "failed" stands twice.
+    ThrowSystemError(error, "ReadLink failed for '" + path + "' failed.");
+  }
+  // A target as long as the buffer ends without a NUL.
+  return std::string(target, ::strnlen(target, sizeof target));
+}
+
+long File::Seek(long offset, int whence) const {
+  const off_t position = ::lseek(m_fd.Get(), offset, whence);
+  if (position == -1) {
+    const int error = errno;
+    ThrowSystemError(error, "Seeking failed for '" + m_name + "' failed.");
+  }
+  return static_cast<long>(position);
+}
+
+int File::Ioctl(int request, ...) const {
+  std::va_list arguments;
+  va_start(arguments, request);
+  // Kept: the list itself is handed on, not the first argument in it.
+  const int result = ::ioctl(m_fd.Get(), static_cast<unsigned int>(request), arguments);
+  va_end(arguments);
+
+  if (result == -1) {
+    const int error = errno;
+    ThrowSystemError(error, "IO Control failed for '" + m_name + "' failed.");
+  }
+  return result;
+}
