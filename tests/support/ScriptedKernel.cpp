@@ -2,14 +2,27 @@
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/sysinfo.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <sstream>
+#include <type_traits>
+#include <utility>
 
 #include <gtest/gtest.h>
+
+#include "SerialExtended.h"
 
 namespace {
 
@@ -23,6 +36,33 @@ Function* RealFunction(const char* name) {
 
 std::string Quoted(const std::string& text) {
   return '"' + text + '"';
+}
+
+std::string Hexadecimal(unsigned long long number) {
+  std::ostringstream text;
+  text << "0x" << std::hex << number;
+  return text.str();
+}
+
+/// The name of @p number in @p names, or the number.
+template <typename Names>
+std::string NameOf(unsigned long number, const Names& names) {
+  for (const auto& [value, name] : names) {
+    if (static_cast<unsigned long>(value) == number) {
+      return name;
+    }
+  }
+  return Hexadecimal(number);
+}
+
+/// Hands a scripted answer on: its bytes go to @p out, if there is one.
+template <typename Result>
+Result Give(const Answer& answer, void* out = nullptr) {
+  if (out != nullptr) {
+    std::memcpy(out, answer.bytes.data(), answer.bytes.size());
+  }
+  errno = answer.error;
+  return static_cast<Result>(answer.result);
 }
 
 }  // namespace
@@ -66,11 +106,22 @@ ScriptedKernel& ScriptedKernel::Watch(const std::string& function) {
   return *this;
 }
 
+ScriptedKernel& ScriptedKernel::Simulate(const std::string& function, const Simulation& simulation) {
+  m_simulations[function] = simulation;
+  return Watch(function);
+}
+
 const ScriptedKernel::Calls& ScriptedKernel::Seen() const {
   return m_seen;
 }
 
-Answer ScriptedKernel::Next(const std::string& function, const std::string& arguments) {
+ScriptedKernel::Calls ScriptedKernel::SeenNow() {
+  Calls calls(m_seen.begin() + static_cast<std::ptrdiff_t>(m_seenBefore), m_seen.end());
+  m_seenBefore = m_seen.size();
+  return calls;
+}
+
+Answer ScriptedKernel::Next(const std::string& function, const std::string& arguments, const Question& question) {
   // The tests' own bookkeeping below must not reach the script.
   ScriptedKernel* const kernel = activeKernel;
   if (kernel == nullptr) {
@@ -79,17 +130,21 @@ Answer ScriptedKernel::Next(const std::string& function, const std::string& argu
   activeKernel = nullptr;
   Answer answer = Real();
   const auto script = kernel->m_scripts.find(function);
-  if (script != kernel->m_scripts.end() || kernel->m_watched.count(function) != 0) {
+  const auto simulation = kernel->m_simulations.find(function);
+  const bool isScripted = script != kernel->m_scripts.end();
+  const bool isSimulated = simulation != kernel->m_simulations.end();
+  if (isScripted || kernel->m_watched.count(function) != 0) {
     kernel->m_seen.push_back(function + '(' + arguments + ')');
   }
-  if (script != kernel->m_scripts.end()) {
-    if (script->second.empty()) {
-      ADD_FAILURE() << "one call too many: " << kernel->m_seen.back();
-      answer = Fails(EIO);
-    } else {
-      answer = script->second.front();
-      script->second.pop();
-    }
+  if (isScripted && !script->second.empty()) {
+    answer = script->second.front();
+    script->second.pop();
+  } else if (isScripted && !isSimulated) {
+    ADD_FAILURE() << "one call too many: " << kernel->m_seen.back();
+    answer = Fails(EIO);
+  }
+  if (answer.real && isSimulated) {
+    answer = simulation->second(question);
   }
   activeKernel = kernel;
   return answer;
@@ -108,7 +163,7 @@ ssize_t write(int fd, const void* data, size_t count) {
     return real(fd, data, count);
   }
   const std::string bytes(static_cast<const char*>(data), count);
-  const Answer answer = ScriptedKernel::Next("write", std::to_string(fd) + ", " + Quoted(bytes));
+  const Answer answer = ScriptedKernel::Next("write", std::to_string(fd) + ", " + Quoted(bytes), {fd, bytes});
   if (answer.real) {
     return real(fd, data, count);
   }
@@ -121,13 +176,8 @@ ssize_t read(int fd, void* buffer, size_t count) {
   if (activeKernel == nullptr) {
     return real(fd, buffer, count);
   }
-  const Answer answer = ScriptedKernel::Next("read", std::to_string(fd) + ", " + std::to_string(count));
-  if (answer.real) {
-    return real(fd, buffer, count);
-  }
-  std::memcpy(buffer, answer.bytes.data(), answer.bytes.size());
-  errno = answer.error;
-  return answer.result;
+  const Answer answer = ScriptedKernel::Next("read", std::to_string(fd) + ", " + std::to_string(count), {fd, {}});
+  return answer.real ? real(fd, buffer, count) : Give<ssize_t>(answer, buffer);
 }
 
 int nanosleep(const timespec* request, timespec* remaining) {
@@ -179,6 +229,276 @@ const char* inet_ntop(int family, const void* address, char* text, socklen_t siz
   }
   errno = answer.error;
   return nullptr;
+}
+
+}  // extern "C"
+
+// --- Those of descriptors, terminals and mappings
+// ---------------------------------------------------------------------
+//
+// One function of the C library may have several names: that of 64-bit offsets or times, that of a checked build. They
+// are given as such below, for a header may have renamed or defined the function itself.
+
+namespace {
+
+using OpenFunction = int(const char*, int, ...);
+using FcntlFunction = int(int, int, ...);
+using IoctlFunction = int(int, unsigned long, ...);
+template <typename Offset>
+using MmapFunction = void*(void*, std::size_t, int, int, int, Offset);
+
+struct IoctlRequest {
+  unsigned long number;
+  const char* name;
+  std::size_t in;  // bytes that it hands over
+};
+
+constexpr IoctlRequest kIoctlRequests[] = {
+    {FIONREAD, "FIONREAD", 0},
+    {TIOCMGET, "TIOCMGET", 0},
+    {TIOCMSET, "TIOCMSET", sizeof(int)},
+    {TIOCGSERIAL, "TIOCGSERIAL", 0},
+    {ExtendedAttributes::kGet, "TCGETS2", 0},
+    {ExtendedAttributes::kSet, "TCSETS2", sizeof(ExtendedAttributes)},
+};
+
+int OpenAs(OpenFunction* real, const char* path, int flags, mode_t mode) {
+  if (activeKernel == nullptr) {
+    return real(path, flags, mode);
+  }
+  const auto given = static_cast<unsigned int>(flags);
+  const Answer answer = ScriptedKernel::Next("open", Quoted(path) + ", " + Hexadecimal(given), {-1, path});
+  return answer.real ? real(path, flags, mode) : Give<int>(answer);
+}
+
+int FcntlAs(FcntlFunction* real, int fd, int command, void* argument) {
+  if (activeKernel == nullptr) {
+    return real(fd, command, argument);
+  }
+  static constexpr std::pair<int, const char*> kCommands[] = {
+      {F_GETFD, "F_GETFD"}, {F_SETFD, "F_SETFD"}, {F_GETFL, "F_GETFL"}, {F_SETFL, "F_SETFL"}};
+  const Answer answer =
+      ScriptedKernel::Next("fcntl",
+                           std::to_string(fd) + ", " + NameOf(static_cast<unsigned long>(command), kCommands) + ", " +
+                               std::to_string(reinterpret_cast<std::intptr_t>(argument)),
+                           {fd, {}});
+  return answer.real ? real(fd, command, argument) : Give<int>(answer);
+}
+
+int IoctlAs(IoctlFunction* real, int fd, unsigned long request, void* argument) {
+  if (activeKernel == nullptr) {
+    return real(fd, request, argument);
+  }
+  IoctlRequest known{request, nullptr, 0};
+  for (const IoctlRequest& candidate : kIoctlRequests) {
+    if (candidate.number == request) {
+      known = candidate;
+    }
+  }
+  if (known.name == nullptr) {
+    const Answer answer = ScriptedKernel::Next("ioctl", std::to_string(fd) + ", " + Hexadecimal(request), {fd, {}});
+    return answer.real ? real(fd, request, argument) : Give<int>(answer);
+  }
+  const std::string in(static_cast<const char*>(argument), known.in);
+  std::string arguments = std::to_string(fd);
+  if (in.size() == sizeof(int)) {
+    unsigned int number = 0;
+    std::memcpy(&number, in.data(), sizeof(number));
+    arguments += ", " + Hexadecimal(number);
+  }
+  const Answer answer = ScriptedKernel::Next(known.name, arguments, {fd, in});
+  return answer.real ? real(fd, request, argument) : Give<int>(answer, argument);
+}
+
+/// @p Offset is the off_t of the spelling.
+template <typename Offset>
+void* MmapAs(MmapFunction<Offset>* real, void* address, std::size_t length, int protection, int flags, int fd,
+             Offset offset) {
+  if (activeKernel == nullptr) {
+    return real(address, length, protection, flags, fd, offset);
+  }
+  const bool readsAndWrites = protection == (PROT_READ | PROT_WRITE);
+  const Answer answer = ScriptedKernel::Next(
+      "mmap",
+      (address == nullptr ? "anywhere, " : "at an address, ") + Hexadecimal(length) + ", " +
+          (readsAndWrites ? "PROT_READ | PROT_WRITE" : std::to_string(protection)) + ", " +
+          (flags == MAP_SHARED ? "MAP_SHARED" : std::to_string(flags)) + ", " + std::to_string(fd) + ", " +
+          Hexadecimal(static_cast<std::make_unsigned_t<Offset>>(offset)),
+      {fd, {}});
+  return answer.real ? real(address, length, protection, flags, fd, offset)
+                     : reinterpret_cast<void*>(Give<std::intptr_t>(answer));
+}
+
+int PollAs(pollfd* descriptors, nfds_t count, int timeoutMs) {
+  static auto* const real = RealFunction<int(pollfd*, nfds_t, int)>("poll");
+  if (activeKernel == nullptr) {
+    return real(descriptors, count, timeoutMs);
+  }
+  std::string arguments;
+  for (nfds_t i = 0; i < count; ++i) {
+    const auto events = static_cast<unsigned long>(descriptors[i].events);
+    static constexpr std::pair<int, const char*> kEvents[] = {{POLLIN, "POLLIN"}};
+    arguments += std::to_string(descriptors[i].fd) + ", " + NameOf(events, kEvents) + ", ";
+  }
+  const Answer answer = ScriptedKernel::Next("poll", arguments + std::to_string(timeoutMs), {descriptors[0].fd, {}});
+  return answer.real ? real(descriptors, count, timeoutMs) : Give<int>(answer);
+}
+
+/// A mode is given only with flags that make a file.
+mode_t ModeOf(int flags, va_list arguments) {
+  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(arguments, mode_t) : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// NOLINTBEGIN(cert-dcl50-cpp): variadic is what the C library's functions are
+#define BOARDKIT_DEFINE_OPEN(function, spelling)                    \
+  int function(const char* path, int flags, ...) asm(spelling);     \
+  int function(const char* path, int flags, ...) {                  \
+    static auto* const real = RealFunction<OpenFunction>(spelling); \
+    va_list arguments;                                              \
+    va_start(arguments, flags);                                     \
+    const mode_t mode = ModeOf(flags, arguments);                   \
+    va_end(arguments);                                              \
+    return OpenAs(real, path, flags, mode);                         \
+  }
+#define BOARDKIT_DEFINE_FCNTL(function, spelling)                    \
+  int function(int fd, int command, ...) asm(spelling);              \
+  int function(int fd, int command, ...) {                           \
+    static auto* const real = RealFunction<FcntlFunction>(spelling); \
+    va_list arguments;                                               \
+    va_start(arguments, command);                                    \
+    void* const argument = va_arg(arguments, void*);                 \
+    va_end(arguments);                                               \
+    return FcntlAs(real, fd, command, argument);                     \
+  }
+#define BOARDKIT_DEFINE_IOCTL(function, spelling)                    \
+  int function(int fd, unsigned long request, ...) asm(spelling);    \
+  int function(int fd, unsigned long request, ...) {                 \
+    static auto* const real = RealFunction<IoctlFunction>(spelling); \
+    va_list arguments;                                               \
+    va_start(arguments, request);                                    \
+    void* const argument = va_arg(arguments, void*);                 \
+    va_end(arguments);                                               \
+    return IoctlAs(real, fd, request, argument);                     \
+  }
+BOARDKIT_DEFINE_OPEN(ScriptedOpen, "open")
+BOARDKIT_DEFINE_OPEN(ScriptedOpen64, "open64")
+BOARDKIT_DEFINE_FCNTL(ScriptedFcntl, "fcntl")
+BOARDKIT_DEFINE_FCNTL(ScriptedFcntl64, "fcntl64")
+BOARDKIT_DEFINE_IOCTL(ScriptedIoctl, "ioctl")
+#if __SIZEOF_LONG__ == 4 && defined(__GLIBC__)
+BOARDKIT_DEFINE_FCNTL(ScriptedFcntlTime64, "__fcntl_time64")
+BOARDKIT_DEFINE_IOCTL(ScriptedIoctlTime64, "__ioctl_time64")
+#endif
+// NOLINTEND(cert-dcl50-cpp)
+
+int ScriptedOpen2(const char* path, int flags) asm("__open_2");
+int ScriptedOpen2(const char* path, int flags) {
+  static auto* const real = RealFunction<OpenFunction>("open");
+  return OpenAs(real, path, flags, 0);
+}
+
+int ScriptedOpen642(const char* path, int flags) asm("__open64_2");
+int ScriptedOpen642(const char* path, int flags) {
+  static auto* const real = RealFunction<OpenFunction>("open64");
+  return OpenAs(real, path, flags, 0);
+}
+
+ssize_t ScriptedReadChk(int fd, void* buffer, size_t count, size_t room) asm("__read_chk");
+ssize_t ScriptedReadChk(int fd, void* buffer, size_t count, size_t room) {
+  if (count > room) {
+    ADD_FAILURE() << "a read of " << count << " bytes into " << room;
+    return -1;
+  }
+  return ::read(fd, buffer, count);
+}
+
+int ScriptedPoll(pollfd* descriptors, nfds_t count, int timeoutMs) asm("poll");
+int ScriptedPoll(pollfd* descriptors, nfds_t count, int timeoutMs) {
+  return PollAs(descriptors, count, timeoutMs);
+}
+
+int ScriptedPollChk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t room) asm("__poll_chk");
+int ScriptedPollChk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t /*room*/) {
+  return PollAs(descriptors, count, timeoutMs);
+}
+
+void* ScriptedMmap(void* address, size_t length, int protection, int flags, int fd, long offset) asm("mmap");
+void* ScriptedMmap(void* address, size_t length, int protection, int flags, int fd, long offset) {
+  static auto* const real = RealFunction<MmapFunction<long>>("mmap");
+  return MmapAs(real, address, length, protection, flags, fd, offset);
+}
+
+void* ScriptedMmap64(void* address, size_t length, int protection, int flags, int fd,
+                     std::int64_t offset) asm("mmap64");
+void* ScriptedMmap64(void* address, size_t length, int protection, int flags, int fd, std::int64_t offset) {
+  static auto* const real = RealFunction<MmapFunction<std::int64_t>>("mmap64");
+  return MmapAs(real, address, length, protection, flags, fd, offset);
+}
+
+int munmap(void* address, size_t length) noexcept {
+  static auto* const real = RealFunction<int(void*, size_t)>("munmap");
+  const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("munmap", Hexadecimal(length));
+  return answer.real ? real(address, length) : Give<int>(answer);
+}
+
+int close(int fd) {
+  static auto* const real = RealFunction<int(int)>("close");
+  const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("close", std::to_string(fd), {fd, {}});
+  return answer.real ? real(fd) : Give<int>(answer);
+}
+
+int tcgetattr(int fd, termios* attributes) noexcept {
+  static auto* const real = RealFunction<int(int, termios*)>("tcgetattr");
+  const Answer answer =
+      activeKernel == nullptr ? Real() : ScriptedKernel::Next("tcgetattr", std::to_string(fd), {fd, {}});
+  return answer.real ? real(fd, attributes) : Give<int>(answer, attributes);
+}
+
+int tcsetattr(int fd, int when, const termios* attributes) noexcept {
+  static auto* const real = RealFunction<int(int, int, const termios*)>("tcsetattr");
+  if (activeKernel == nullptr) {
+    return real(fd, when, attributes);
+  }
+  static constexpr std::pair<int, const char*> kTimes[] = {
+      {TCSANOW, "TCSANOW"}, {TCSADRAIN, "TCSADRAIN"}, {TCSAFLUSH, "TCSAFLUSH"}};
+  const Answer answer =
+      ScriptedKernel::Next("tcsetattr", std::to_string(fd) + ", " + NameOf(static_cast<unsigned long>(when), kTimes),
+                           {fd, BytesOf(*attributes)});
+  return answer.real ? real(fd, when, attributes) : Give<int>(answer);
+}
+
+int tcflush(int fd, int queue) noexcept {
+  static auto* const real = RealFunction<int(int, int)>("tcflush");
+  if (activeKernel == nullptr) {
+    return real(fd, queue);
+  }
+  static constexpr std::pair<int, const char*> kQueues[] = {
+      {TCIFLUSH, "TCIFLUSH"}, {TCOFLUSH, "TCOFLUSH"}, {TCIOFLUSH, "TCIOFLUSH"}};
+  const std::string name = NameOf(static_cast<unsigned long>(queue), kQueues);
+  const Answer answer = ScriptedKernel::Next("tcflush", std::to_string(fd) + ", " + name, {fd, name});
+  return answer.real ? real(fd, queue) : Give<int>(answer);
+}
+
+int cfsetispeed(termios* attributes, speed_t speed) noexcept {
+  static auto* const real = RealFunction<int(termios*, speed_t)>("cfsetispeed");
+  const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("cfsetispeed", std::to_string(speed));
+  return answer.real ? real(attributes, speed) : Give<int>(answer);
+}
+
+int cfsetospeed(termios* attributes, speed_t speed) noexcept {
+  static auto* const real = RealFunction<int(termios*, speed_t)>("cfsetospeed");
+  const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("cfsetospeed", std::to_string(speed));
+  return answer.real ? real(attributes, speed) : Give<int>(answer);
+}
+
+int sysinfo(struct sysinfo* info) noexcept {
+  static auto* const real = RealFunction<int(struct sysinfo*)>("sysinfo");
+  const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("sysinfo", "");
+  return answer.real ? real(info) : Give<int>(answer, info);
 }
 
 }  // extern "C"
