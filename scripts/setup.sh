@@ -57,7 +57,7 @@ install_missing() {
   if ((EUID != 0)); then
     # Without a terminal nobody could answer a question for the password.
     if ! is_there sudo || ! { [[ -t 0 ]] || sudo -n true 2>/dev/null; }; then
-      die "Missing, and only root can install them (apt-get install ${missing[*]})."
+      die "These packages are missing, and installing them takes root or sudo: ${missing[*]}."
     fi
     as_root=(sudo)
   fi
@@ -87,7 +87,7 @@ check_build() {
   while [[ ! -e $existing ]]; do
     existing=$(dirname -- "$existing")
   done
-  [[ -d $existing && -w $existing ]] || die "Can't build in $PWD/$1: $existing is no folder that you may write to."
+  [[ -d $existing && -w $existing ]] || die "The build folder $PWD/$1 can't be written."
 
   if [[ -n ${CXX:-} ]]; then
     # CMake too takes the first word for the compiler and the others for its options.
@@ -99,13 +99,14 @@ check_build() {
 #
 # Warnings are errors where CI=true is set, and nowhere else: a newer compiler must not keep users from building.
 build() {
-  local preset=$1 folder=$2
+  local preset=$1 folder=$2 strict=OFF
   shift 2
   if [[ ${CI:-} == true ]]; then
-    set -- -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "$@"
+    strict=ON
   fi
   mkdir -p -- "$folder"
-  quietly "$folder/configure.log" "Configuring $folder" cmake --preset "$preset" -B "$folder" "$@"
+  quietly "$folder/configure.log" "Configuring $folder" \
+    cmake --preset "$preset" -B "$folder" -DCMAKE_COMPILE_WARNING_AS_ERROR=$strict "$@"
   quietly "$folder/build.log" "Building $folder" cmake --build "$folder" --parallel "$(nproc)"
 }
 
