@@ -33,7 +33,7 @@ quietly() {
   printf '%s\n' "$title"
   "$@" </dev/null >"$log" 2>&1 && return
   cat -- "$log" >&2
-  die "$title failed; the output above is kept in $log."
+  die "$title failed; the output above is kept in $PWD/$log."
 }
 
 # is_there PROBE: whether the command, or a file that the absolute path or glob names, exists.
