@@ -43,7 +43,7 @@ prefix=$work/moved
 libdir=$prefix/${libdir#*/moved/}
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
-"$cxx" -std=c++11 "$here/main.cpp" $(pkg-config --cflags --libs boardkit) -Wl,-rpath,"$libdir" -o "$work/app"
+"$cxx" -std=c++11 "$here/main.cpp" "$here/surface.cpp" $(pkg-config --cflags --libs boardkit) -Wl,-rpath,"$libdir" -o "$work/app"
 "$work/app"
 [ "$(readlink -f "$(pkg-config --variable=prefix boardkit)")" = "$(readlink -f "$prefix")" ]
 say "all three ran"

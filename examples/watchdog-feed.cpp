@@ -1,0 +1,46 @@
+// Arms a watchdog, feeds it once a second, and disarms it at SIGTERM or SIGINT: watchdog-feed /dev/watchdog 30
+//
+// Killed in another way, it leaves the watchdog armed, and the board resets: that is what a watchdog is for.
+#include <SystemCalls.h>
+#include <WatchDog.h>
+
+#include <signal.h>
+
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+namespace {
+
+volatile sig_atomic_t stopRequested = 0;
+
+void RequestStop(int, siginfo_t*, void*) {
+  stopRequested = 1;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  if (argc != 3) {
+    std::cerr << "Usage: watchdog-feed DEVICE TIMEOUT_IN_SECONDS\n";
+    return 2;
+  }
+  try {
+    InstallSignalHandler(SIGTERM, RequestStop);
+    InstallSignalHandler(SIGINT, RequestStop);
+
+    WatchDog dog(std::atoi(argv[2]), argv[1]);
+    dog.Activate();
+    std::cout << "armed: " << dog.GetInterval() << " seconds" << std::endl;
+    while (stopRequested == 0) {
+      dog.Feed();
+      DebugSleep(1000);
+    }
+    dog.Deactivate();
+    std::cout << "disarmed" << std::endl;
+    return 0;
+  } catch (const std::exception& e) {
+    std::cerr << "watchdog-feed:" << e.what() << '\n';
+    return 1;
+  }
+}
