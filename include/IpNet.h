@@ -62,14 +62,15 @@ class IpNet {
 
   /// Makes @p gw, reached through @p iface, the default gateway of the family that @p ipv6 selects.
   ///
-  /// Removed before is what `ip route flush all` removes (all default routes of the family) if @p flush is set, else the
-  /// first default route listed, if any. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
+  /// Removed before is what `ip route flush all` removes (all default routes of the family) if @p flush is set, else
+  /// the first default route listed, if any. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
   /// @returns false, having changed nothing, if the first default route already is the asked one.
   bool SetGw(std::string iface, std::string gw, bool ipv6, bool flush);
 
   /// Switches the debug trace on or off: while it is on, every command text is appended to it, each followed by a
   /// newline, before the command runs. The text collected so far stays.
   void SetDebugState(bool active);
+  /// Whether the debug trace is on; it is off at first.
   bool IsDebugActive() const;
 
   /// Empties the debug trace; it stays on or off.

@@ -15,7 +15,9 @@ class OpSystem {
   virtual ~OpSystem();
 
   OpSystem() = default;
+  /// There is nothing to copy: any two objects are alike.
   OpSystem(const OpSystem&) = default;
+  /// There is nothing to copy: any two objects are alike.
   OpSystem& operator=(const OpSystem&) = default;
 
   /// Runs @p command in the system shell, waits for its end and returns its standard output and standard error.

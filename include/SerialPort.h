@@ -65,10 +65,13 @@ class SerialPort {
   /// Data bits; the values are the kernel's size bits.
   enum CharacterSize : int { CHAR_SIZE_5 = 0, CHAR_SIZE_6 = 16, CHAR_SIZE_7 = 32, CHAR_SIZE_8 = 48 };
 
+  /// Which parity bit is sent and checked.
   enum Parity : int { PARITY_EVEN = 0, PARITY_ODD = 1, PARITY_NONE = 2 };
 
+  /// How many stop bits end a character.
   enum StopBits : int { STOP_BITS_1 = 0, STOP_BITS_2 = 1 };
 
+  /// Who may stop the sender: the RTS and CTS lines, the XON and XOFF characters, or nobody.
   enum FlowControl : int { FLOW_CONTROL_HARDWARE = 0, FLOW_CONTROL_SOFTWARE = 1, FLOW_CONTROL_NONE = 2 };
 
   /// Opens @p device as OpenSerialPortDevice() does; if that fails, nothing stays open.
@@ -96,6 +99,7 @@ class SerialPort {
   /// settings applied so far.
   void Open(BaudRate baudRate, CharacterSize charSize, Parity parity, StopBits stopBits, FlowControl flowControl);
 
+  /// True from a successful opening to a successful Close().
   bool IsOpen() const;
 
   /// Switches the loopback off, restores the saved attributes and closes. The receive buffer stays.
@@ -119,20 +123,25 @@ class SerialPort {
   /// The remembered custom speed in bits per second; 0 means none.
   std::uint32_t GetCustomBaudRate() const;
 
-  /// @p charSize is not checked: any value is ORed into the control flags.
+  /// Sets the number of data bits. @p charSize is not checked: any value is ORed into the control flags.
   void SetCharSize(CharacterSize charSize);
+  /// The device's data bits; CHAR_SIZE_5 where attributes are not supported.
   CharacterSize GetCharSize() const;
 
-  /// @throws std::invalid_argument "Invalid parity setting."
+  /// Sets the parity bit and the check of it; no parity ignores faulty characters.
+  /// @throws std::invalid_argument "Invalid parity setting." outside the enum; nothing changes.
   void SetParity(Parity parity);
+  /// The device's parity.
   Parity GetParity() const;
 
-  /// @throws std::invalid_argument "Invalid number of stop bits."
+  /// Sets the number of stop bits.
+  /// @throws std::invalid_argument "Invalid number of stop bits." outside the enum; nothing changes.
   void SetNumOfStopBits(StopBits stopBits);
+  /// The device's stop bits.
   StopBits GetNumOfStopBits() const;
 
   /// Makes the line raw (8 data bits, no parity) and sets its flow control.
-  /// @throws std::invalid_argument "Invalid flow control."
+  /// @throws std::invalid_argument "Invalid flow control." outside the enum; nothing changes.
   void SetFlowControl(FlowControl flowControl);
   /// Hardware or none: software flow control is never reported.
   FlowControl GetFlowControl() const;
@@ -164,6 +173,7 @@ class SerialPort {
   /// @throws std::system_error "Error writing to file descriptor: " or "Error writing to file descriptor. writtenCount
   /// <= 0."; bytes written before stay written.
   void Write(const void* data, unsigned int count);
+  /// Writes the bytes of @p text, as above.
   void Write(const std::string& text);
 
   /// Reads exactly @p count bytes into @p buffer, which is written to in spite of its type, and may block without

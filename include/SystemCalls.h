@@ -90,8 +90,8 @@ int munmap_a(void* address, unsigned int length);
 /// The address of @p symbol in the loaded object @p handle (of `dlopen`).
 /// @throws std::invalid_argument "dlsym_e: handle" or "dlsym_e: symbol" for null pointers; the first also for
 /// `RTLD_DEFAULT`, which is one.
-/// @throws std::logic_error "Error looking up symbol "<symbol>": " and the loader's text.
-/// @throws std::system_error "Cannot find symbol "<symbol>"." if the symbol is there and its value is null; its error
+/// @throws std::logic_error "Error looking up symbol "...": ", with the symbol, and the loader's text.
+/// @throws std::system_error "Cannot find symbol "..."." if the symbol is there and its value is null; its error
 /// number means nothing.
 void* dlsym_e(void* handle, const char* symbol);
 
