@@ -176,7 +176,8 @@ ssize_t read(int fd, void* buffer, size_t count) {
   if (activeKernel == nullptr) {
     return real(fd, buffer, count);
   }
-  const Answer answer = ScriptedKernel::Next("read", std::to_string(fd) + ", " + std::to_string(count), {fd, {}});
+  const Answer answer =
+      ScriptedKernel::Next("read", std::to_string(fd) + ", " + std::to_string(count), {fd, {}, count});
   return answer.real ? real(fd, buffer, count) : Give<ssize_t>(answer, buffer);
 }
 

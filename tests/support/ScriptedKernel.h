@@ -19,7 +19,8 @@ struct Answer {
 /// What a call tells the kernel.
 struct Question {
   int fd = -1;
-  std::string bytes;  ///< a path, data to write, or what the structure holds that is handed over
+  std::string bytes;      ///< a path, data to write, or what the structure holds that is handed over
+  std::size_t count = 0;  ///< how many bytes it asks for
 };
 
 using Simulation = std::function<Answer(const Question&)>;

@@ -1,0 +1,58 @@
+#ifndef BOARDKIT_TESTS_SERIALPORTFIXTURE_H
+#define BOARDKIT_TESTS_SERIALPORTFIXTURE_H
+
+#include <cerrno>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "ExpectThrow.h"
+#include "SerialPort.h"
+#include "SerialTty.h"
+
+using Calls = ScriptedKernel::Calls;
+
+inline const char* const kNotOpen = "Serial port not open.";
+inline const char* const kGetFailed = "Get the current port settings failed?";
+inline const char* const kSetFailed =
+    "SerialPort::SetPortSettings(): Setting the attributes of the serial port '/dev/ttyS1' failed?";
+inline const char* const kFionreadFailed = "SerialPort::ReadAllAvailableData: FIONREAD failed!";
+
+inline const Calls kOpening = {"open(\"/dev/ttyS1\", 0x102)", "fcntl(70, F_SETFL, 0)", "tcgetattr(70)",
+                               "tcsetattr(70, TCSAFLUSH)",    "tcflush(70, TCIFLUSH)", "tcflush(70, TCIOFLUSH)",
+                               "tcflush(70, TCIFLUSH)",       "FIONREAD(70)"};
+inline const Calls kOpeningWithoutAttributes = {"open(\"/dev/ttyS1\", 0x102)", "fcntl(70, F_SETFL, 0)",
+                                                "tcflush(70, TCIFLUSH)",       "tcflush(70, TCIOFLUSH)",
+                                                "tcflush(70, TCIFLUSH)",       "FIONREAD(70)"};
+inline const Calls kClosing = {"TIOCMGET(70)", "TIOCMSET(70, 0x0)", "tcsetattr(70, TCSANOW)", "close(70)"};
+inline const Calls kClosingWithoutAttributes = {"TIOCMGET(70)", "TIOCMSET(70, 0x0)", "close(70)"};
+
+/// The first @p count of @p calls.
+inline Calls First(std::size_t count, const Calls& calls) {
+  return {calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(count)};
+}
+
+inline Calls operator+(Calls calls, const Calls& more) {
+  calls.insert(calls.end(), more.begin(), more.end());
+  return calls;
+}
+
+/// Every test here also checks that the device is not left open.
+class SerialTtyTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    EXPECT_EQ(m_tty.Opened(), m_tty.Closed());
+  }
+
+  SerialTty m_tty;
+};
+
+/// Expects that @p statement changes nothing and fails for want of an open port, with the errno that happens to be
+/// there.
+#define EXPECT_NOT_OPEN(statement)                                  \
+  do {                                                              \
+    errno = EXDEV;                                                  \
+    EXPECT_SYSTEM_ERROR(statement, EXDEV, "Serial port not open."); \
+  } while (false)
+
+#endif

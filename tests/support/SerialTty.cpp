@@ -1,0 +1,140 @@
+#include "SerialTty.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include "SerialExtended.h"
+
+namespace {
+
+template <typename Value>
+Value FromBytes(const std::string& bytes) {
+  Value value{};
+  EXPECT_EQ(bytes.size(), sizeof(value));
+  std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof(value)));
+  return value;
+}
+
+}  // namespace
+
+SerialTty::SerialTty() {
+  kernel.Simulate("open", [this](const Question& question) {
+    if (question.bytes == kDevice) {
+      ++m_opened;
+      return Returns(kFd);
+    }
+    return question.bytes == "/dev/mem" && memory != -1 ? Returns(::dup2(memory, kMemoryFd)) : Real();
+  });
+  Simulate("close", [this](const Question&) {
+    ++m_closed;
+    return Returns(0);
+  });
+  Simulate("fcntl", [](const Question&) { return Returns(0); });
+  Simulate("tcgetattr", [this](const Question&) { return Fills(attributes); });
+  Simulate("tcsetattr", [this](const Question& question) {
+    attributes = FromBytes<termios>(question.bytes);
+    written.push_back(attributes);
+    return Returns(0);
+  });
+  Simulate("tcflush", [this](const Question& question) {
+    if (question.bytes != "TCOFLUSH") {
+      received.clear();
+    }
+    return Returns(0);
+  });
+  Simulate("FIONREAD", [this](const Question&) { return Fills(static_cast<int>(received.size())); });
+  Simulate("read", [this](const Question& question) {
+    const std::string bytes = received.substr(0, question.count);
+    received.erase(0, bytes.size());
+    return Gives(bytes);
+  });
+  Simulate("write", [this](const Question& question) {
+    sent += question.bytes;
+    return Returns(static_cast<long>(question.bytes.size()));
+  });
+  Simulate("poll", [this](const Question&) { return Returns(received.empty() ? 0 : 1); });
+  Simulate("TIOCMGET", [this](const Question&) { return Fills(modemBits); });
+  Simulate("TIOCMSET", [this](const Question& question) {
+    modemBits = FromBytes<int>(question.bytes);
+    return Returns(0);
+  });
+  Simulate("TIOCGSERIAL", [this](const Question&) { return Fills(info); });
+  Simulate("TCGETS2", [this](const Question&) {
+    ExtendedAttributes extended{};
+    extended.inputFlags = attributes.c_iflag;
+    extended.outputFlags = attributes.c_oflag;
+    extended.controlFlags = attributes.c_cflag;
+    extended.localFlags = attributes.c_lflag;
+    extended.inputSpeed = inputSpeed;
+    extended.outputSpeed = outputSpeed;
+    return Fills(extended);
+  });
+  Simulate("TCSETS2", [this](const Question& question) {
+    const auto extended = FromBytes<ExtendedAttributes>(question.bytes);
+    attributes.c_iflag = extended.inputFlags;
+    attributes.c_oflag = extended.outputFlags;
+    attributes.c_cflag = extended.controlFlags;
+    attributes.c_lflag = extended.localFlags;
+    inputSpeed = extended.inputSpeed;
+    outputSpeed = extended.outputSpeed;
+    return Returns(0);
+  });
+  // Only noted: what computes without the kernel, and requests that nobody expects.
+  for (const char* function : {"cfsetispeed", "cfsetospeed", "ioctl", "mmap", "munmap", "nanosleep"}) {
+    kernel.Simulate(function, [](const Question&) { return Real(); });
+  }
+}
+
+bool SerialTty::IsOpen() const {
+  return m_opened > m_closed;
+}
+
+int SerialTty::Opened() const {
+  return m_opened;
+}
+
+int SerialTty::Closed() const {
+  return m_closed;
+}
+
+void SerialTty::ForgetOpen() {
+  m_closed = m_opened;
+}
+
+void SerialTty::Simulate(const std::string& function, const Simulation& simulation) {
+  kernel.Simulate(function, [this, simulation](const Question& question) {
+    return question.fd == kFd && IsOpen() ? simulation(question) : Real();
+  });
+}
+
+SerialRegisters::SerialRegisters(SerialTty& tty) {
+  constexpr std::int64_t kPage = 4096;
+  constexpr std::int64_t kSize = (std::int64_t{1} << 32U) + 2 * kPage;
+  std::string path = std::filesystem::temp_directory_path() / "registers-XXXXXX";
+  m_file = ::mkstemp64(path.data());
+  EXPECT_NE(m_file, -1) << path;
+  EXPECT_EQ(::unlink(path.c_str()), 0);
+  EXPECT_EQ(::ftruncate64(m_file, kSize), 0);
+  tty.memory = m_file;
+}
+
+SerialRegisters::~SerialRegisters() {
+  ::close(m_file);
+}
+
+std::uint32_t SerialRegisters::Get(std::uint32_t address) const {
+  std::uint32_t value = 0;
+  EXPECT_EQ(::pread64(m_file, &value, sizeof(value), address), static_cast<ssize_t>(sizeof(value)));
+  return value;
+}
+
+void SerialRegisters::Set(std::uint32_t address, std::uint32_t value) const {
+  EXPECT_EQ(::pwrite64(m_file, &value, sizeof(value), address), static_cast<ssize_t>(sizeof(value)));
+}

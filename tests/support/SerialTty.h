@@ -1,0 +1,72 @@
+#ifndef BOARDKIT_TESTS_SERIALTTY_H
+#define BOARDKIT_TESTS_SERIALTTY_H
+
+#include <linux/serial.h>
+#include <termios.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ScriptedKernel.h"
+
+/// A tty that exists only in this process: every call on its descriptor is noted, and answered from the members.
+///
+/// A script of the kernel goes first, so that `tty.kernel.Script("tcflush", {Real(), Fails(EIO)})` lets the second
+/// flush fail. Where the device is open, everything else works.
+class SerialTty {
+ public:
+  static constexpr const char* kDevice = "/dev/ttyS1";
+  static constexpr int kFd = 70;  // no descriptor of the kernel's: all calls on it are answered here
+  static constexpr int kMemoryFd = 71;
+
+  SerialTty();
+  SerialTty(const SerialTty&) = delete;
+  SerialTty& operator=(const SerialTty&) = delete;
+
+  bool IsOpen() const;
+  /// How often it was opened so far, and how often closed.
+  int Opened() const;
+  int Closed() const;
+  /// Closes it for a test that answered the close itself.
+  void ForgetOpen();
+
+  ScriptedKernel kernel;
+  termios attributes{};
+  std::vector<termios> written;  ///< all attributes that were set, in order
+  unsigned int inputSpeed = 0;   ///< bit/s, with the extended attributes
+  unsigned int outputSpeed = 0;
+  int modemBits = 0;
+  serial_struct info{};
+  std::string received;  ///< what waits to be read
+  std::string sent;
+  int memory = -1;  ///< the file that stands for /dev/mem, which is opened on kMemoryFd then
+
+ private:
+  /// Simulates @p function for this device; on other descriptors it is the C library's.
+  void Simulate(const std::string& function, const Simulation& simulation);
+
+  int m_opened = 0;
+  int m_closed = 0;
+};
+
+/// The physical memory around the registers of the board's UART: a sparse file in the place of /dev/mem.
+class SerialRegisters {
+ public:
+  static constexpr std::uint32_t kLatchLow = 0x80011000;
+  static constexpr std::uint32_t kLatchHigh = 0x80011004;
+  static constexpr std::uint32_t kLineControl = 0x8001100C;
+
+  explicit SerialRegisters(SerialTty& tty);
+  ~SerialRegisters();
+  SerialRegisters(const SerialRegisters&) = delete;
+  SerialRegisters& operator=(const SerialRegisters&) = delete;
+
+  std::uint32_t Get(std::uint32_t address) const;
+  void Set(std::uint32_t address, std::uint32_t value) const;
+
+ private:
+  int m_file;
+};
+
+#endif
