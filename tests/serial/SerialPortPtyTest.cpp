@@ -1,0 +1,408 @@
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "PtyLine.h"
+#include "SerialExtended.h"
+#include "SerialPort.h"
+#include "SerialPortFixture.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+constexpr std::size_t kMebibyte = std::size_t{1} << 20U;
+
+termios AttributesOf(int fd) {
+  termios attributes{};
+  EXPECT_EQ(::tcgetattr(fd, &attributes), 0);
+  return attributes;
+}
+
+void ExpectSame(const termios& one, const termios& other) {
+  EXPECT_EQ(one.c_iflag, other.c_iflag);
+  EXPECT_EQ(one.c_oflag, other.c_oflag);
+  EXPECT_EQ(one.c_cflag, other.c_cflag);
+  EXPECT_EQ(one.c_lflag, other.c_lflag);
+  EXPECT_EQ(one.c_line, other.c_line);
+  EXPECT_EQ(std::memcmp(one.c_cc, other.c_cc, sizeof(one.c_cc)), 0);
+  EXPECT_EQ(::cfgetispeed(&one), ::cfgetispeed(&other));
+  EXPECT_EQ(::cfgetospeed(&one), ::cfgetospeed(&other));
+}
+
+/// Every byte value, in an order that shows what is lost or doubled.
+std::string Pattern(std::size_t length) {
+  std::string text(length, '\0');
+  for (std::size_t i = 0; i < length; ++i) {
+    text[i] = static_cast<char>(i * 31 + i / 251);
+  }
+  return text;
+}
+
+/// On a real line; only the modem bits, which such a line does not have, are stood in for.
+class PtyPort : public testing::Test {
+ protected:
+  PtyLine m_line;
+  PtyModem m_modem;
+};
+
+TEST_F(PtyPort, TheAttributesAreAfterClosingWhatTheyWereBeforeOpening) {
+  termios found = AttributesOf(m_line.NearEnd());
+  found.c_iflag |= IXOFF | INLCR;
+  found.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  found.c_cc[VMIN] = 7;
+  ::cfsetispeed(&found, B1200);
+  ::cfsetospeed(&found, B1200);
+  ASSERT_EQ(::tcsetattr(m_line.NearEnd(), TCSANOW, &found), 0);
+  found = AttributesOf(m_line.NearEnd());
+
+  SerialPort port(m_line.Device(), true);
+  port.SetBaudRate(SerialPort::BAUD_115200);
+  port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
+  port.SetFlowControl(SerialPort::FLOW_CONTROL_SOFTWARE);
+  port.Close();
+  ExpectSame(AttributesOf(m_line.NearEnd()), found);
+
+  port.Open(SerialPort::BAUD_57600, SerialPort::CHAR_SIZE_8, SerialPort::PARITY_NONE, SerialPort::STOP_BITS_2,
+            SerialPort::FLOW_CONTROL_HARDWARE);
+  port.Close();
+  ExpectSame(AttributesOf(m_line.NearEnd()), found);
+}
+
+TEST_F(PtyPort, OpeningMakesTheLineRawWithEightBits) {
+  const SerialPort port(m_line.Device(), true);
+
+  const termios raw = AttributesOf(m_line.NearEnd());
+  EXPECT_EQ(raw.c_iflag, 0U);
+  EXPECT_EQ(raw.c_oflag, 0U);
+  EXPECT_EQ(raw.c_lflag, 0U);
+  EXPECT_EQ(raw.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS), static_cast<tcflag_t>(CS8));
+  EXPECT_EQ(raw.c_cflag & (CLOCAL | CREAD), static_cast<tcflag_t>(CLOCAL | CREAD));
+  EXPECT_EQ(raw.c_cc[VMIN], 1);
+  EXPECT_EQ(raw.c_cc[VTIME], 0);
+}
+
+// Eight bits without parity are all that a pseudo-terminal takes; some C libraries look whether it did.
+TEST_F(PtyPort, OpenAppliesItsSettings) {
+  SerialPort port(m_line.Device(), true);
+  port.Close();
+
+  port.Open(SerialPort::BAUD_115200, SerialPort::CHAR_SIZE_8, SerialPort::PARITY_NONE, SerialPort::STOP_BITS_2,
+            SerialPort::FLOW_CONTROL_HARDWARE);
+
+  const termios set = AttributesOf(m_line.NearEnd());
+  EXPECT_EQ(set.c_cflag & (CSIZE | PARENB | CSTOPB | CRTSCTS), static_cast<tcflag_t>(CS8 | CSTOPB | CRTSCTS));
+  EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_115200);
+  EXPECT_EQ(port.GetCharSize(), SerialPort::CHAR_SIZE_8);
+  EXPECT_EQ(port.GetParity(), SerialPort::PARITY_NONE);
+  EXPECT_EQ(port.GetNumOfStopBits(), SerialPort::STOP_BITS_2);
+  EXPECT_EQ(port.GetFlowControl(), SerialPort::FLOW_CONTROL_HARDWARE);
+}
+
+TEST_F(PtyPort, WithoutAttributesTheLineStaysAsItIs) {
+  const termios found = AttributesOf(m_line.NearEnd());
+
+  SerialPort port(m_line.Device(), false);
+  port.SetBaudRate(SerialPort::BAUD_115200);
+  port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
+  ExpectSame(AttributesOf(m_line.NearEnd()), found);
+  port.Close();
+  ExpectSame(AttributesOf(m_line.NearEnd()), found);
+}
+
+TEST_F(PtyPort, TheDescriptorBlocksAndIsInheritedByChildren) {
+  // The port gets the lowest one that is free.
+  const int fd = ::open("/dev/null", O_RDONLY);
+  ::close(fd);
+  const SerialPort port(m_line.Device(), true);
+
+  EXPECT_EQ(::isatty(fd), 1);
+  EXPECT_EQ(::fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK | O_APPEND), O_RDWR);
+  EXPECT_EQ(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(PtyPort, TwoPortsMayBeOpenOnOneDevice) {
+  const SerialPort one(m_line.Device(), true);
+  const SerialPort other(m_line.Device(), true);
+
+  EXPECT_TRUE(one.IsOpen());
+  EXPECT_TRUE(other.IsOpen());
+}
+
+TEST_F(PtyPort, BytesThatWaitAtOpeningAreDiscarded) {
+  m_line.SendAndWait("old bytes\n");
+
+  SerialPort port(m_line.Device(), true);
+
+  EXPECT_EQ(port.AvailableBytesToRead(), 0);
+  EXPECT_FALSE(port.IsDataAvailable());
+  m_line.Send("new");
+  std::string buffer(3, '.');
+  port.Read(buffer.data(), 3);
+  EXPECT_EQ(buffer, "new");
+}
+
+TEST_F(PtyPort, EveryByteValueArrivesInBothDirections) {
+  SerialPort port(m_line.Device(), true);
+  std::string all(256, '\0');
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    all[i] = static_cast<char>(i);
+  }
+
+  port.Write(all);
+  EXPECT_EQ(m_line.Receive(256), all);
+
+  m_line.Send(all);
+  std::string buffer(256, '\0');
+  port.Read(buffer.data(), 256);
+  EXPECT_EQ(buffer, all);
+}
+
+TEST_F(PtyPort, AMebibyteIsWrittenByteForByte) {
+  SerialPort port(m_line.Device(), true);
+  const std::string data = Pattern(kMebibyte);
+  std::string arrived;
+  std::thread farEnd([&] { arrived = m_line.Receive(kMebibyte); });
+
+  port.Write(data.data(), kMebibyte);
+
+  farEnd.join();
+  EXPECT_TRUE(arrived == data);
+}
+
+TEST_F(PtyPort, AMebibyteIsReadByteForByte) {
+  SerialPort port(m_line.Device(), true);
+  const std::string data = Pattern(kMebibyte);
+  std::string buffer(kMebibyte, '\0');
+  std::thread farEnd([&] { m_line.Send(data); });
+
+  port.Read(buffer.data(), kMebibyte);
+
+  farEnd.join();
+  EXPECT_TRUE(buffer == data);
+}
+
+TEST_F(PtyPort, BytesAreCountedTakenIntoTheBufferAndHandedOutInParts) {
+  SerialPort port(m_line.Device(), true);
+  m_line.SendAndWait("abcde");
+  EXPECT_EQ(port.AvailableBytesToRead(), 5);
+  EXPECT_FALSE(port.IsDataAvailable());
+
+  port.ReadAllAvailableData();
+  EXPECT_EQ(port.AvailableBytesToRead(), 0);
+  EXPECT_TRUE(port.IsDataAvailable());
+  m_line.SendAndWait("fg");
+
+  Bytes out;
+  port.Read(out, 2);
+  EXPECT_EQ(out, (Bytes{'a', 'b'}));
+  EXPECT_EXACT_THROW(port.Read(out, 4), std::out_of_range, "SerialPort::Read: 4 bytes asked for, 3 buffered.");
+  EXPECT_TRUE(out.empty());
+  port.ReadAllAvailableData();
+  port.Read(out, 0);
+  EXPECT_EQ(out, (Bytes{'c', 'd', 'e', 'f', 'g'}));
+}
+
+TEST_F(PtyPort, ReadingAllThatIsThereDoesNotBlockIfThereIsNothing) {
+  SerialPort port(m_line.Device(), true);
+
+  port.ReadAllAvailableData();
+
+  EXPECT_FALSE(port.IsDataAvailable());
+}
+
+TEST_F(PtyPort, FlushingTheInputDiscardsWhatWaits) {
+  SerialPort port(m_line.Device(), true);
+  m_line.SendAndWait("abc");
+  port.FlushOutput();
+  EXPECT_EQ(port.AvailableBytesToRead(), 3);
+  port.FlushInput();
+  EXPECT_EQ(port.AvailableBytesToRead(), 0);
+
+  m_line.SendAndWait("abc");
+  port.FlushInputAndOutput();
+  EXPECT_EQ(port.AvailableBytesToRead(), 0);
+}
+
+TEST_F(PtyPort, WaitingEndsAtTheTimeOutOrWithAByte) {
+  SerialPort port(m_line.Device(), true);
+  EXPECT_FALSE(port.IsDataReceived(0));
+  EXPECT_FALSE(port.IsDataReceived(20));
+
+  m_line.Send("a");
+  EXPECT_TRUE(port.IsDataReceived(-1));
+  EXPECT_TRUE(port.IsDataReceived(0));
+  EXPECT_EQ(port.ReadOneByte(), 'a');
+  EXPECT_FALSE(port.IsDataReceived(0));
+}
+
+TEST_F(PtyPort, WaitingWithoutLimitSeesAByteThatComesLater) {
+  SerialPort port(m_line.Device(), true);
+  std::thread farEnd([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    m_line.Send("b");
+  });
+
+  EXPECT_TRUE(port.IsDataReceived(-1));
+
+  farEnd.join();
+  EXPECT_EQ(port.ReadOneByte(), 'b');
+}
+
+TEST_F(PtyPort, AHangUpIsSomethingToReadAndReadingItIsTheEndOfFile) {
+  SerialPort port(m_line.Device(), true);
+  m_line.HangUp();
+
+  EXPECT_TRUE(port.IsDataReceived(-1));
+  errno = EXDEV;
+  EXPECT_SYSTEM_ERROR(port.ReadOneByte(), EXDEV, "SerialPort ReadCount 0");
+  EXPECT_SYSTEM_ERROR(port.Write("x"), EIO, "Error writing to file descriptor: ");
+  EXPECT_SYSTEM_ERROR(port.AvailableBytesToRead(), EIO, kFionreadFailed);
+
+  // A line that is gone takes no attributes, so closing needs help, too.
+  EXPECT_SYSTEM_ERROR(
+      port.Close(), EIO,
+      "SerialPort::Close(): Setting the attributes of the serial port '" + m_line.Device() + "' failed?");
+  EXPECT_TRUE(port.IsOpen());
+  m_modem.kernel.Script("tcsetattr", {Returns(0)});
+  port.Close();
+  EXPECT_FALSE(port.IsOpen());
+}
+
+TEST_F(PtyPort, AHangUpBeforeAllIsReadKeepsWhatCameBefore) {
+  SerialPort port(m_line.Device(), false);
+  termios raw = AttributesOf(m_line.NearEnd());
+  ::cfmakeraw(&raw);
+  ASSERT_EQ(::tcsetattr(m_line.NearEnd(), TCSANOW, &raw), 0);
+  std::string buffer = ".....";
+  std::thread farEnd([&] {
+    m_line.Send("abc");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    m_line.HangUp();
+  });
+
+  EXPECT_THROW(port.Read(buffer.data(), 5), std::system_error);
+
+  farEnd.join();
+  EXPECT_EQ(buffer, "abc..");
+}
+
+TEST_F(PtyPort, ACustomSpeedIsReallySetAndLastsOverClosingAndOpening) {
+  SerialPort port(m_line.Device(), true);
+  const auto expectSpeed = [&](unsigned int speed) {
+    const ExtendedAttributes extended = GetExtendedAttributes(m_line.NearEnd());
+    EXPECT_EQ(extended.inputSpeed, speed);
+    EXPECT_EQ(extended.outputSpeed, speed);
+  };
+
+  port.SetCustomBaudRate(250000);
+  expectSpeed(250000);
+  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).controlFlags & ExtendedAttributes::kSpeedMask,
+            ExtendedAttributes::kOtherSpeed);
+
+  // The setters go through the ordinary attributes, which have no place for it.
+  port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
+  port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
+  port.SetBaudRate(SerialPort::BAUD_9600);
+  expectSpeed(250000);
+
+  port.Close();
+  expectSpeed(38400);  // as a pseudo-terminal is found
+  port.Open(SerialPort::BAUD_9600, SerialPort::CHAR_SIZE_8, SerialPort::PARITY_NONE, SerialPort::STOP_BITS_1,
+            SerialPort::FLOW_CONTROL_NONE);
+  expectSpeed(250000);
+
+  port.SetCustomBaudRate(31250);
+  expectSpeed(31250);
+  port.SetCustomBaudRate(0);
+  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).outputSpeed, 9600U);
+  EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_9600);
+}
+
+TEST_F(PtyPort, ACustomSpeedOutlastsTheReport) {
+  SerialTty tty;
+  const SerialRegisters registers(tty);
+  tty.kernel.Simulate("TIOCGSERIAL", [](const Question&) { return Fills(serial_struct{}); });
+  tty.kernel.Simulate("TIOCMGET", [](const Question&) { return Returns(0); });
+  tty.kernel.Simulate("TIOCMSET", [](const Question&) { return Returns(0); });
+  SerialPort port(m_line.Device(), true);
+  port.SetCustomBaudRate(250000);
+
+  const std::string report = port.ToString();
+
+  EXPECT_NE(report.find("\nCustom Output Baudrate: 250000\nCustom  Baudrate:       250000\n"), std::string::npos);
+  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).outputSpeed, 250000U);
+  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).inputSpeed, 250000U);
+}
+
+TEST_F(PtyPort, EveryStandardSpeedIsTheOneThatTheKernelCallsSo) {
+  SerialPort port(m_line.Device(), true);
+  for (const int speed : {9600, 19200, 38400, 57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000,
+                          1500000, 2000000, 2500000, 3000000}) {
+    const SerialPort::BaudRate code = SerialPort::ConversionToBaudrateEnum(speed);
+
+    port.SetBaudRate(code);
+
+    EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).outputSpeed, static_cast<unsigned int>(speed));
+    EXPECT_EQ(port.GetBaudRate(), code);
+  }
+}
+
+TEST_F(PtyPort, WithoutTheStandInsItCannotBeClosed) {
+  m_modem.kernel.Script("TIOCMGET", {Fails(ENOTTY)});
+  SerialPort port(m_line.Device(), true);
+
+  EXPECT_SYSTEM_ERROR(port.Close(), ENOTTY, " SetLoopback TIOCMGET failed!");
+
+  EXPECT_TRUE(port.IsOpen());
+}
+
+// --- What is no line -------------------------------------------------------------------------------------------------
+
+int CountDescriptors() {
+  int count = 0;
+  for (int fd = 0; fd < 256; ++fd) {
+    count += ::fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+  }
+  return count;
+}
+
+TEST(NoLine, APathThatDoesNotExistThrowsEnoent) {
+  for (const bool termiosSupported : {false, true}) {
+    EXPECT_SYSTEM_ERROR(SerialPort("/nonexistent/ttyS1", termiosSupported), ENOENT,
+                        "Open Serial Port '/nonexistent/ttyS1' failed?");
+    EXPECT_SYSTEM_ERROR(SerialPort("", termiosSupported), ENOENT, "Open Serial Port '' failed?");
+  }
+}
+
+TEST(NoLine, ARegularFileIsRejectedAndClosedWithAttributesOrWithout) {
+  std::string path = std::filesystem::temp_directory_path() / "no-line-XXXXXX";
+  ::close(::mkstemp(path.data()));
+  const int descriptors = CountDescriptors();
+
+  EXPECT_SYSTEM_ERROR(SerialPort(path, true), ENOTTY, "Save the current settings for serial port failed?");
+  EXPECT_SYSTEM_ERROR(SerialPort(path, false), ENOTTY, "Flush of the input buffer failed?");
+
+  EXPECT_EQ(CountDescriptors(), descriptors);
+  std::filesystem::remove(path);
+}
+
+TEST(NoLine, ADirectoryCannotBeOpened) {
+  EXPECT_SYSTEM_ERROR(SerialPort("/tmp", true), EISDIR, "Open Serial Port '/tmp' failed?");
+}
+
+}  // namespace
