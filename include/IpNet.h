@@ -14,7 +14,8 @@ class OpSystem;
 ///
 /// Queries run one command and pick words out of its output; changes query first, do nothing if the state already is
 /// as asked, and otherwise run one shell text of up to two commands. There is no rollback: if the second command fails,
-/// the first has taken effect. Names and addresses go into the commands as they are given, without quoting or checks.
+/// the first may have taken effect; if the first fails and the second does not, only standard error tells. Names and
+/// addresses go into the commands as they are given, without quoting or checks.
 ///
 /// One object is used by one thread at a time, and callers that change the same interface or route serialise their
 /// calls. Every query and change throws what OpSystem::ExecCmd() throws: `std::logic_error` with the tool's own words
@@ -42,8 +43,8 @@ class IpNet {
   /// prefix length that `ip addr show dev` lists for @p iface. What is not listed has no key.
   ///
   /// Only the first occurrence of "inet" and of "inet6" counts: on an interface whose name contains "inet", or that has
-  /// IPv6 addresses alone, there are no IPv4 keys. An address with a peer is printed without a prefix length, and then
-  /// has no keys either.
+  /// IPv6 addresses alone, there are no IPv4 keys. An address with a peer has no keys
+  /// either where `ip` prints it without a prefix length.
   Record GetIfaceInfo(std::string iface);
 
   /// The words after "default", "via" and "dev" in the routes that `ip route show` lists, of IPv6 or of IPv4.
@@ -54,17 +55,20 @@ class IpNet {
 
   /// Gives @p iface the address @p addr with @p prefixLength, in the family that @p ipv6 selects.
   ///
-  /// Removed before are all addresses of the family if @p flush is set, else the first one listed, if any. Special
-  /// values of @p addr: "" (and "0.0.0.0" for IPv4) only removes; "::" for IPv6 sets the link-local address that
-  /// belongs to the hardware address, always with prefix length 64, and always anew.
-  /// @returns false, having changed nothing, if the first listed address and prefix length are already the asked ones.
+  /// Removed before are all addresses of the family if @p flush is set, else the one that GetIfaceInfo() reports.
+  /// Special values of @p addr: "" (and "0.0.0.0" for IPv4) only removes; "::" for IPv6 sets the link-local address
+  /// that belongs to the hardware address, always with prefix length 64, and always anew.
+  /// @returns false, having changed nothing, if GetIfaceInfo() reports the asked address and prefix length already;
+  /// else true, also where there was nothing to remove.
   bool SetAddr(std::string iface, std::string addr, int prefixLength, bool ipv6, bool flush);
 
   /// Makes @p gw, reached through @p iface, the default gateway of the family that @p ipv6 selects.
   ///
   /// Removed before is what `ip route flush all` removes (all default routes of the family) if @p flush is set, else
-  /// the first default route listed, if any. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
-  /// @returns false, having changed nothing, if the first default route already is the asked one.
+  /// the route that GetGwInfo() reports if it has all three keys: without a default route through a gateway that is
+  /// nothing, or a wrong one. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
+  /// @returns false, having changed nothing, if the first default route already is the asked one; else true, also where
+  /// there was nothing to remove.
   bool SetGw(std::string iface, std::string gw, bool ipv6, bool flush);
 
   /// Switches the debug trace on or off: while it is on, every command text is appended to it, each followed by a
@@ -87,8 +91,9 @@ class IpNet {
   static std::string GetIpV4NetAddr(std::string address, int prefixLength);
 
   /// The IPv6 link-local address of a hardware address (modified EUI-64), in 25 characters with all leading zeros:
-  /// "00:11:22:33:44:55" gives "fe80::0211:22ff:fe33:4455". Any separator will do. From the first byte that is no
-  /// hexadecimal number on, all bytes count as 0; nothing is thrown.
+  /// "00:11:22:33:44:55" gives "fe80::0211:22ff:fe33:4455". Any one character that is neither white space nor a
+  /// hexadecimal digit separates, and of longer numbers the low byte counts. From the first byte that is no hexadecimal
+  /// number on, all bytes count as 0 (one of more than 32 bits as ff); nothing is thrown.
   static std::string GetLinkLocalAddr(std::string mac);
 
   // Parsing. A text may have several lines, but only the space character separates words: a word that ends a line runs
@@ -96,8 +101,9 @@ class IpNet {
 
   /// The position of the word after the first occurrence of @p key in @p text at or after @p start, or npos.
   ///
-  /// A key that is the beginning of a longer word stands for that word, unless @p wholeWord is set: then the occurrence
-  /// must have a space behind it, and one before it unless it begins the text. Later occurrences are not looked at.
+  /// A key inside a longer word stands for the rest of that word, unless @p wholeWord is set: then the occurrence must
+  /// have a space behind it, and one before it unless it begins the text. Later occurrences are not looked at. A key
+  /// with a space in it ends at that space, and an empty one occurs at @p start.
   static unsigned int GetPosOfValue(std::string text, std::string key, unsigned int start, bool wholeWord);
 
   /// Puts the word that GetPosOfValue() finds into @p value and returns its position; at npos, @p value is unchanged.

@@ -23,8 +23,12 @@ class OpSystem {
   /// Runs @p command in the system shell, waits for its end and returns its standard output and standard error.
   ///
   /// " 2>&1" is appended to the text: of several commands in it, only the last one's standard error is collected, the
-  /// others write to the caller's own. The output is returned byte for byte, the last newline included, but a NUL byte
-  /// cuts off the rest of its line (or of its 511-byte piece of a longer line). The second argument has no effect.
+  /// others write to the caller's own. So the text must not end in a newline (the suffix would be a command of its own,
+  /// and its status the one that counts), in a comment or in "&". The second argument has no effect.
+  ///
+  /// The output is returned byte for byte, the last newline included, with two exceptions: a NUL byte cuts off the rest
+  /// of its line (or of its 511-byte piece of a longer line), and a signal whose handler was installed without
+  /// `SA_RESTART` ends the reading early, which is not told from the end of the output.
   /// @throws std::logic_error with the whole output as its message, and nothing else, if the command ends with a
   /// non-zero status: any exit code, 127 for a command that the shell cannot find, or death by a signal.
   /// @throws std::system_error "popen failed" if the command cannot be started.

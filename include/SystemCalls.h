@@ -6,9 +6,9 @@
 /// @file
 /// System calls as free functions that do the whole job or throw.
 ///
-/// A failed system call becomes a `std::system_error` with the call's `errno`, `std::system_category()` and a fixed
-/// message, so that `what()` is the message, ": " and the error's text. Messages that end in a colon therefore show
-/// two of them.
+/// Unless its comment says otherwise, a failed system call becomes a `std::system_error` with the call's `errno`,
+/// `std::system_category()` and a fixed message, so that `what()` is the message, ": " and the error's text. Messages
+/// that end in a colon therefore show two of them.
 ///
 /// But for DeactivateSignalP(), the functions keep no state and may be called from any thread.
 
@@ -21,7 +21,8 @@ struct sysinfo;
 /// Short writes are continued, and interrupted (EINTR) or refused (EAGAIN) ones repeated at once: on a non-blocking
 /// descriptor the call spins until the descriptor accepts the data. A length of 0 does not touch the descriptor.
 /// @throws std::system_error "Error writing to file descriptor:" if `write` fails otherwise.
-/// @throws std::logic_error "Error writing to file descriptor. No bytes written:" if `write` makes no progress.
+/// @throws std::logic_error "Error writing to file descriptor. No bytes written:" if `write` makes no progress: 0, or a
+/// negative result other than -1.
 /// Bytes written before a failure stay written; how many is not told.
 void WriteLoop(int fd, const void* data, unsigned int length);
 

@@ -20,7 +20,7 @@ namespace {
 
 constexpr char kBlank = ' ';
 constexpr int kIpV4Bits = 32;
-constexpr const char* kLinkLocalPrefixLength = "64";
+constexpr const char* kLinkLocalPrefix = "64";  // as it goes into the command
 
 const char* FamilyOption(bool ipv6) {
   return ipv6 ? "-6" : "-4";
@@ -124,7 +124,7 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
 
   if (ipv6 && addr == "::") {
     addr = GetLinkLocalAddr(current["link"]);
-    prefix = kLinkLocalPrefixLength;
+    prefix = kLinkLocalPrefix;
   }
   if (!addr.empty() && (ipv6 || addr != "0.0.0.0")) {
     // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
@@ -156,7 +156,7 @@ bool IpNet::SetGw(std::string iface, std::string gw, bool ipv6, bool flush) {
   }
 
   if (!gw.empty() && gw != (ipv6 ? "::" : "0.0.0.0")) {
-    // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
+    // Kept: with the newline in any case, as in SetAddr.
     command += Join({"\nip ", family, " route add default via ", gw, " dev ", iface});
   }
 

@@ -21,10 +21,10 @@ std::string OpSystem::ExecCmd(std::string command, bool /*unused*/) {
     ThrowSystemError("popen failed");
   }
 
-  // Kept: a NUL byte cuts the piece in which it stands. No guard closes the pipe: should memory run out here, it stays
-  // open, for closing it would wait for a command whose output nobody reads.
+  // Kept: no guard closes the pipe. Should memory run out here it stays open; closing it would wait for the command.
   std::string output;
   char piece[kPieceSize];
+  // Kept: a NUL byte cuts the piece in which it stands, and an error ends the reading like the end of the output.
   while (std::fgets(piece, kPieceSize, pipe) != nullptr) {
     output += piece;
   }

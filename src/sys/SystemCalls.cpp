@@ -20,7 +20,7 @@
 
 namespace {
 
-// Both loops wait in the call itself, or spin on a non-blocking descriptor: they return only with the job done.
+// Errors after which both loops repeat the call at once, as often as it takes.
 bool IsTemporary(int error) {
   return error == EINTR || error == EAGAIN;
 }
@@ -88,6 +88,7 @@ void WriteLoop(int fd, const void* data, unsigned int length) {
       }
       ThrowSystemError("Error writing to file descriptor:");
     }
+    // Kept: every negative result but -1 counts as no progress here.
     if (written <= 0) {
       throw std::logic_error("Error writing to file descriptor. No bytes written:");
     }
@@ -109,7 +110,7 @@ void ReadLoop(int fd, void* buffer, unsigned int length) {
       }
       ThrowSystemError("Error reading from file descriptor:");
     }
-    // Kept: only the end of the file counts as no progress here, while WriteLoop takes every other negative result so.
+    // Kept: only the end of the file counts as no progress here; a negative result but -1 steps back.
     if (got == 0) {
       throw std::logic_error("Error reading from file descriptor. No bytes read:");
     }

@@ -7,7 +7,8 @@
 /// reported.
 [[noreturn]] void ThrowSystemError(const char* message);
 
-/// The same with an errno that was saved before: by a caller that has to tidy up, or to compose its message, first.
+/// The same with an errno that was saved before, by a caller that has to tidy up or to compose its message first.
+/// (Taking a composed message alone would read errno too late: composing may change it.)
 [[noreturn]] void ThrowSystemError(int error, const std::string& message);
 
 #endif
