@@ -7,6 +7,10 @@
 /// The cases, by the header that they measure.
 
 void RegisterSystemCallsBench(Effort effort);
+void RegisterFileBench(Effort effort);
+void RegisterWatchDogBench(Effort effort);
+void RegisterSerialPortBench(Effort effort);
+void RegisterLinuxutilsBench(Effort effort);
 void RegisterOpSystemBench(Effort effort);
 void RegisterIpNetBench(Effort effort);
 

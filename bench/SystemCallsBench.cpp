@@ -14,6 +14,8 @@
 #include "Bare.h"
 #include "Benches.h"
 #include "Contest.h"
+#include "Descriptor.h"
+#include "Devices.h"
 
 namespace {
 
@@ -28,29 +30,6 @@ struct Length {
 };
 
 constexpr Length kLengths[] = {{"1", 1, 200}, {"512", 512, 150}, {"64KiB", 64 * 1024, 8}};
-
-/// A descriptor that is closed at the end.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : m_fd(fd) {
-    if (m_fd == -1) {
-      throw std::system_error(errno, std::system_category(), "no descriptor to measure with");
-    }
-  }
-  ~Descriptor() {
-    ::close(m_fd);
-  }
-
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int Get() const {
-    return m_fd;
-  }
-
- private:
-  int m_fd;
-};
 
 /// What one contest works on; both contenders use the same memory and the same descriptors.
 struct Stage {
@@ -136,6 +115,28 @@ Contest MakeContest(const std::shared_ptr<Stage>& stage) {
           MakeBatch<before, boardkit, after>(stage)};
 }
 
+// A register among others, so that an offset within the page is left to be added.
+constexpr unsigned int kRegister = 0x11000C;
+constexpr unsigned int kRegisterValue = 0x5A17;
+
+template <unsigned int (*read)(unsigned int address)>
+Batch MakePhysicalMemoryBatch(long calls, const std::shared_ptr<PhysicalMemory>& memory) {
+  return [calls, memory] {
+    return TimeCalls(calls, [] {
+      if (read(kRegister) != kRegisterValue) {
+        throw std::runtime_error("a register did not have the value that was written");
+      }
+    });
+  };
+}
+
+Contest MakePhysicalMemoryContest() {
+  constexpr long kCalls = 5;
+  const auto memory = std::make_shared<PhysicalMemory>(kRegister, kRegisterValue);
+  return {kCalls, kTurns, kLimit, MakePhysicalMemoryBatch<BareReadPhysicalMemory>(kCalls, memory),
+          MakePhysicalMemoryBatch<ReadFromPhysicalMemoryAddress>(kCalls, memory)};
+}
+
 }  // namespace
 
 void RegisterSystemCallsBench(Effort effort) {
@@ -159,4 +160,5 @@ void RegisterSystemCallsBench(Effort effort) {
       return MakeContest<CallBareWrite, CallBareRead, CallReadLoop, CallNothing>(MakePipeStage(length));
     });
   }
+  RegisterContest("ReadFromPhysicalMemoryAddress", effort, MakePhysicalMemoryContest);
 }

@@ -37,7 +37,7 @@ std::string FormatRatio(double ratio) {
 std::string FormatRow(const std::string& name, const std::string& bare, const std::string& boardkit,
                       const std::string& ratio, const std::string& limit, const std::string& verdict) {
   char text[160];
-  std::snprintf(text, sizeof text, "%-24s | %10s | %10s | %6s | %6s | %s\n", name.c_str(), bare.c_str(),
+  std::snprintf(text, sizeof text, "%-29s | %10s | %10s | %6s | %6s | %s\n", name.c_str(), bare.c_str(),
                 boardkit.c_str(), ratio.c_str(), limit.c_str(), verdict.c_str());
   return text;
 }
@@ -48,7 +48,7 @@ TableReporter::TableReporter(bool judge) : m_judge(judge) {}
 
 bool TableReporter::ReportContext(const Context& /*context*/) {
   GetOutputStream() << FormatRow("case", "bare", "boardkit", "ratio", "limit", "verdict")
-                    << "-------------------------|------------|------------|--------|--------|---------\n"
+                    << "------------------------------|------------|------------|--------|--------|---------\n"
                     << std::flush;
   return true;
 }

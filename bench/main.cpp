@@ -32,6 +32,10 @@ int Run(int argc, char** argv) {
   }
 
   RegisterSystemCallsBench(effort);
+  RegisterFileBench(effort);
+  RegisterWatchDogBench(effort);
+  RegisterSerialPortBench(effort);
+  RegisterLinuxutilsBench(effort);
   RegisterOpSystemBench(effort);
   RegisterIpNetBench(effort);
 
