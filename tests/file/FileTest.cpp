@@ -50,7 +50,7 @@ std::set<int> OpenDescriptors() {
   constexpr int kEnough = 256;
   std::set<int> descriptors;
   for (int fd = 0; fd < kEnough; ++fd) {
-    if (::fcntl(fd, F_GETFD) != -1) {
+    if (::fcntl(fd, F_GETFD, 0) != -1) {
       descriptors.insert(fd);
     }
   }
@@ -58,7 +58,7 @@ std::set<int> OpenDescriptors() {
 }
 
 bool IsOpen(int fd) {
-  return ::fcntl(fd, F_GETFD) != -1;
+  return ::fcntl(fd, F_GETFD, 0) != -1;
 }
 
 std::string Contents(const std::string& path) {

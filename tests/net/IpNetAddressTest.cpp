@@ -50,6 +50,12 @@ TEST(GetIpV4NetAddr, LengthsFrom32OnReturnTheirFirstArgumentUnchecked) {
   }
 }
 
+TEST(GetIpV4NetAddr, ANulByteEndsTheAddressThatIsParsed) {
+  const std::string address("192.168.1.77\0x", 14);
+  EXPECT_EQ(IpNet::GetIpV4NetAddr(address, 24), "192.168.1.0");
+  EXPECT_EQ(IpNet::GetIpV4NetAddr(address, 32), address);
+}
+
 TEST(GetIpV4NetAddr, AMalformedAddressThrowsTheTextOfWhateverErrnoHolds) {
   for (const char* const address : {"", "192.168.1", "192.168.1.256", "192.168.1.77/24", " 192.168.1.77", "fe80::1"}) {
     for (const int error : {0, ENOENT, EINVAL}) {
@@ -92,6 +98,7 @@ const std::vector<LinkLocalCase> kLinkLocalCases = {
     {"BlanksAndNewlinesAreSkipped", "  00 :\n11 : 22:33:44: 55", "fe80::0211:22ff:fe33:4455"},
     {"AnySeparatorWillDo", "00.11_22;33=44+55", "fe80::0211:22ff:fe33:4455"},
     {"LongNumbersAreCutToTheirLowByte", "100:211:322:433:544:655", "fe80::0211:22ff:fe33:4455"},
+    {"BlanksDoNotSeparate", "00 11 22 33 44 55", "fe80::0201:02ff:fe03:0405"},
     {"WhatFollowsTheSixthByteIsIgnored", "00:11:22:33:44:55:66 brd", "fe80::0211:22ff:fe33:4455"},
     {"FromTheFirstBadByteOnAllAreZero", "00:11:xx:33:44:55", "fe80::0211:00ff:fe00:0000"},
     {"MissingBytesAreZero", "00:11:22", "fe80::0211:22ff:fe00:0000"},

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "ExpectThrow.h"
 #include "IpNet.h"
 #include "OpSystem.h"
@@ -194,6 +195,18 @@ TEST_F(IpNetCommands, ClearingTheTraceWhileItIsOffLeavesItOffAndEmpty) {
   EXPECT_EQ(m_net.GetDebugOutput(), "");
 }
 
+TEST_F(IpNetCommands, ClearingTheTraceRevivesATraceThatMemoryRanOutFor) {
+  const std::string longName(100000, 'x');
+  m_net.SetDebugState(true);
+  {
+    const LimitedAllocations limited(110000);  // enough for the command, not for the trace that grows by doubling
+    EXPECT_THROW(m_net.GetIfaceInfo(longName), std::bad_alloc);
+  }
+  m_net.ClearDebug();
+  m_net.GetGwInfo(false);
+  EXPECT_EQ(m_net.GetDebugOutput(), "ip -4 route show\n");
+}
+
 // --- GetIfaceInfo ----------------------------------------------------------------------------------------------------
 
 TEST_F(IpNetCommands, TheInterfaceQueryIsOneCommandWithoutFamily) {
@@ -242,6 +255,18 @@ TEST_F(IpNetCommands, InetInsideALongerWordHidesTheIPv4Keys) {
   m_ip.Answer("addr show dev inet0",
               "2: inet0: <UP> mtu 1500\n    link/ether " + std::string(kMac) + " brd x\n" + kIpV4);
   EXPECT_EQ(m_net.GetIfaceInfo("inet0"), (Record{{"link", kMac}}));
+}
+
+TEST_F(IpNetCommands, Inet6InsideALongerWordHidesTheIPv6Keys) {
+  m_ip.Answer("addr show dev my-inet6", "2: my-inet6: <UP> mtu 1500\n" + kIpV6);
+  EXPECT_EQ(m_net.GetIfaceInfo("my-inet6"), Record{});
+}
+
+TEST_F(IpNetCommands, TheLinkMayBeOfAnyType) {
+  m_ip.Answer("addr show dev lo", "1: lo: <UP> mtu 65536\n    link/loopback 00:00:00:00:00:00 brd 00:00:00:00:00:00\n");
+  m_ip.Answer("addr show dev tun0", "2: tun0: <UP> mtu 1500\n    link/none \n" + kIpV4);
+  EXPECT_EQ(m_net.GetIfaceInfo("lo"), (Record{{"link", "00:00:00:00:00:00"}}));
+  EXPECT_EQ(m_net.GetIfaceInfo("tun0"), (Record{{"link", "\n"}, {"ipv4", "192.0.2.10"}, {"ipv4pflen", "24"}}));
 }
 
 TEST_F(IpNetCommands, AnAddressWithoutASlashGivesNoKeys) {
@@ -461,6 +486,32 @@ TEST_F(IpNetCommands, WithoutALinkTheLinkLocalAddressIsThatOfAnEmptyHardwareAddr
             (Calls{kQuery, "ip -6 addr flush dev eth0\nip -6 addr add fe80::0200:00ff:fe00:0000/64 dev eth0"}));
 }
 
+TEST_F(IpNetCommands, ALinkThatIsNoHardwareAddressCountsAsZeros) {
+  m_ip.Answer("addr show dev tun0", "2: tun0: <UP> mtu 1500\n    link/none \n" + kIpV4);
+  EXPECT_TRUE(m_net.SetAddr("tun0", "::", 64, true, false));
+  EXPECT_EQ(Texts().back(), "\nip -6 addr add fe80::0200:00ff:fe00:0000/64 dev tun0");
+}
+
+TEST_F(IpNetCommands, SpecialAddressesAreComparedLikeAnyOther) {
+  m_ip.Answer("addr show dev empty", "    inet /24 inet6 ::/10 x\n");
+  m_ip.Answer("addr show dev zero", "    inet 0.0.0.0/0 x\n");
+  for (const bool flush : {false, true}) {
+    EXPECT_FALSE(m_net.SetAddr("empty", "", 24, false, flush));
+    EXPECT_FALSE(m_net.SetAddr("empty", "::", 10, true, flush));
+    EXPECT_FALSE(m_net.SetAddr("zero", "0.0.0.0", 0, false, flush));
+  }
+  EXPECT_TRUE(m_net.SetAddr("empty", "::", 64, true, false));
+}
+
+TEST_F(IpNetCommands, ANewlineInTheRecordGoesIntoTheRemoval) {
+  m_ip.Answer("addr show dev eth0", "    inet 192.0.2.10/24\n");
+  m_ip.Answer("-4 route show", "default via 192.0.2.1 dev eth1\n");
+  EXPECT_THROW(m_net.SetAddr("eth0", "", 0, false, false), std::logic_error);  // the shell knows no "dev"
+  EXPECT_EQ(Texts().back(), "ip -4 addr del 192.0.2.10/24\n dev eth0");
+  EXPECT_TRUE(m_net.SetGw("eth0", "", false, false));
+  EXPECT_EQ(Texts().back(), "ip -4 route del default via 192.0.2.1 dev eth1\n");
+}
+
 TEST_F(IpNetCommands, ArgumentsGoIntoTheChangeAsTheyStand) {
   EXPECT_TRUE(m_net.SetAddr("a b", "c  d", 24, false, true));
   EXPECT_EQ(Texts(), (Calls{"ip addr show dev a b", "ip -4 addr flush dev a b\nip -4 addr add c  d/24 brd + dev a b"}));
@@ -591,6 +642,19 @@ TEST_F(IpNetCommands, TheSameGatewayThroughTheSameInterfaceChangesNothing) {
     EXPECT_FALSE(m_net.SetGw("eth1", "fe80::1", true, flush));
   }
   EXPECT_EQ(Texts(), (Calls{"ip -4 route show", "ip -6 route show", "ip -4 route show", "ip -6 route show"}));
+}
+
+TEST_F(IpNetCommands, TheGatewayOfAnotherRouteIsNoDefaultGateway) {
+  m_ip.Answer("-4 route show", kOtherRoute);
+  EXPECT_TRUE(m_net.SetGw("eth7", "192.0.2.9", false, false));
+  EXPECT_EQ(Texts().back(), "\nip -4 route add default via 192.0.2.9 dev eth7");
+}
+
+TEST_F(IpNetCommands, TheGatewayOfARouteBehindADefaultRouteWithoutOneIsNoDefaultGateway) {
+  m_ip.Answer("-4 route show", kDefaultWithoutGatewayAndOther);
+  EXPECT_TRUE(m_net.SetGw("eth7", "192.0.2.9", false, false));
+  EXPECT_EQ(Texts().back(),
+            "ip -4 route del default via 192.0.2.9 dev eth7\nip -4 route add default via 192.0.2.9 dev eth7");
 }
 
 TEST_F(IpNetCommands, WhenTheGatewayQueryFailsNothingIsChanged) {

@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <cstdlib>
+#include <cstring>
 #include <new>
 #include <set>
 #include <string>
@@ -18,31 +18,9 @@
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "ExpectThrow.h"
 #include "ScriptedKernel.h"
-
-namespace {
-
-std::atomic<std::size_t> largestAllocation{SIZE_MAX};  // bytes; larger ones fail
-
-}  // namespace
-
-// Not inlined: the compiler would see malloc() behind a new, free() behind a delete, and warn of the mixture.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* const memory = size > largestAllocation ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -170,6 +148,34 @@ TEST_F(ExecCmd, EveryByteButNulArrivesUnchanged) {
   EXPECT_EQ(m_os.ExecCmd(command + "'", false), expected);
 }
 
+TEST_F(ExecCmd, ATextThatEndsInANewlineHasItsSuffixRunAsACommandOfItsOwn) {
+  EXPECT_EQ(m_os.ExecCmd("echo abc; false\n", false), "abc\n");
+}
+
+TEST_F(ExecCmd, ANulByteInTheTextCutsOffTheRestAndTheSuffix) {
+  testing::internal::CaptureStderr();
+
+  EXPECT_EQ(m_os.ExecCmd(std::string("sh -c 'echo err >&2'\0 nonsense", 30), false), "");
+
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "err\n");
+}
+
+TEST_F(ExecCmd, AnErrorWhileReadingEndsTheOutputLikeItsEnd) {
+  // A handler without SA_RESTART, as often as it takes: the reading fails with EINTR.
+  struct sigaction action {};
+  struct sigaction old {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(::sigaction(SIGALRM, &action, &old), 0);
+  constexpr itimerval kEvery10Ms = {{0, 10000}, {0, 10000}};
+  ASSERT_EQ(::setitimer(ITIMER_REAL, &kEvery10Ms, nullptr), 0);
+
+  EXPECT_EQ(m_os.ExecCmd("printf lost; sleep 0.3; true", false), "");
+
+  constexpr itimerval kNever = {{0, 0}, {0, 0}};
+  ASSERT_EQ(::setitimer(ITIMER_REAL, &kNever, nullptr), 0);
+  ASSERT_EQ(::sigaction(SIGALRM, &old, nullptr), 0);
+}
+
 TEST_F(ExecCmd, ACommandThatClosesItsOutputIsWaitedFor) {
   EXPECT_EXACT_THROW(m_os.ExecCmd("exec >&- 2>&-; sleep 0.1; exit 4; true", false), std::logic_error, "");
 }
@@ -265,9 +271,10 @@ TEST_F(ExecCmd, WhereChildrenAreNotWaitedForPcloseReallyFails) {
 TEST_F(ExecCmd, MemoryExhaustedWhileCollectingLeavesThePipeOpen) {
   const std::set<int> before = OpenDescriptors();
 
-  largestAllocation = 1 << 20;
-  EXPECT_THROW(m_os.ExecCmd("seq 1 1000000", false), std::bad_alloc);
-  largestAllocation = SIZE_MAX;
+  {
+    const LimitedAllocations limited(1 << 20);
+    EXPECT_THROW(m_os.ExecCmd("seq 1 1000000", false), std::bad_alloc);
+  }
 
   std::vector<int> left;
   for (const int fd : OpenDescriptors()) {
@@ -312,6 +319,15 @@ TEST(OpSystem, HoldsNoStateAndIsFreelyCopyable) {
   OpSystem other(one);
   one = other;
   EXPECT_EQ(one.ExecCmd("echo abc", false), "abc\n");
+}
+
+TEST(OpSystem, ItsCommandRunnerIsTheVirtualFunctionBehindTheDestructor) {
+  // A pointer to a virtual member holds its offset in the table, where a destructor takes two slots. (ARM marks virtual
+  // members elsewhere, others with the lowest bit.)
+  std::string (OpSystem::*const member)(std::string, bool) = &OpSystem::ExecCmd;
+  std::size_t offset = 0;
+  std::memcpy(&offset, &member, sizeof offset);
+  EXPECT_EQ(offset & ~std::size_t{1}, 2 * sizeof(void*));
 }
 
 TEST(OpSystem, ADerivedClassMayOverrideTheRunnerAndIsDestroyedThroughItsBase) {

@@ -23,6 +23,18 @@ if ! diff "$work/expected" "$work/exported" > "$work/diff"; then
   failed=1
 fi
 
+# What is virtual belongs to the interface: the destructor (two entries) and ExecCmd of OpSystem, the destructor of IpNet,
+# each behind the two words that every table begins with.
+word=8
+case $(readelf --file-header "$library") in *ELF32*) word=4 ;; esac
+for table in _ZTV8OpSystem:5 _ZTV5IpNet:4; do
+  size=$(nm --dynamic --print-size "$library" | awk -v name="${table%:*}" '$4 == name { print $2 }')
+  if [ $((0x$size)) -ne $((word * ${table#*:})) ]; then
+    printf 'The table of virtual functions %s is %s bytes long.\n' "${table%:*}" "$((0x$size))"
+    failed=1
+  fi
+done
+
 # The standard library and the C library, nothing else.
 if sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' "$work/dynamic" | grep -vE '^(libstdc\+\+|libgcc_s|libm|libc)\.so'; then
   printf 'The libraries above are needed, but should not be.\n'

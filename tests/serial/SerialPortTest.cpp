@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -378,7 +377,7 @@ TEST_F(Closing, TheLoopbackIsSwitchedOffTheAttributesArePutBackAndTheDescriptorI
   EXPECT_EQ(m_tty.kernel.SeenNow(), kClosing);
   EXPECT_FALSE(port.IsOpen());
   EXPECT_FALSE(m_tty.IsOpen());
-  EXPECT_EQ(std::memcmp(&m_tty.attributes, &found, sizeof(found)), 0);
+  EXPECT_EQ(BytesOf(m_tty.attributes), BytesOf(found));
 }
 
 TEST_F(Closing, WithoutAttributesNoneAreWritten) {
@@ -408,7 +407,7 @@ TEST_F(Closing, EveryOpeningSavesTheAttributesAnew) {
   port.OpenSerialPortDevice();
   port.Close();
 
-  EXPECT_EQ(std::memcmp(&m_tty.attributes, &found, sizeof(found)), 0);
+  EXPECT_EQ(BytesOf(m_tty.attributes), BytesOf(found));
 }
 
 TEST_F(Closing, AClosedPortThrowsAndMakesNoCall) {
@@ -550,7 +549,7 @@ TEST_F(Attributes, AreReadFromTheDevice) {
 
   port.GetTheCurrentPortSettings(settings);
 
-  EXPECT_EQ(std::memcmp(&settings, &set, sizeof(set)), 0);
+  EXPECT_EQ(BytesOf(settings), BytesOf(set));
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
 }
 
@@ -561,7 +560,7 @@ TEST_F(Attributes, AreWrittenAtOnce) {
 
   port.SetPortSettings(settings, "not needed");
 
-  EXPECT_EQ(std::memcmp(&m_tty.attributes, &settings, sizeof(settings)), 0);
+  EXPECT_EQ(BytesOf(m_tty.attributes), BytesOf(settings));
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcsetattr(70, TCSANOW)"});
 }
 
@@ -578,7 +577,7 @@ TEST_F(Attributes, WhereThereAreNoneNothingIsReadOrWritten) {
   port.GetTheCurrentPortSettings(settings);
   port.SetPortSettings(settings, "not needed");
 
-  EXPECT_EQ(std::memcmp(&settings, &before, sizeof(before)), 0);
+  EXPECT_EQ(BytesOf(settings), BytesOf(before));
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{});
 }
 

@@ -150,8 +150,7 @@ Answer ScriptedKernel::Next(const std::string& function, const std::string& argu
   return answer;
 }
 
-// --- The functions themselves
-// -------------------------------------------------------------------------------------------
+// --- The functions themselves ----------------------------------------------------------------------------------------
 //
 // Arguments are written down only while a kernel is active: without one, a call costs one thread-local read more.
 
@@ -162,8 +161,12 @@ ssize_t write(int fd, const void* data, size_t count) {
   if (activeKernel == nullptr) {
     return real(fd, data, count);
   }
-  const std::string bytes(static_cast<const char*>(data), count);
-  const Answer answer = ScriptedKernel::Next("write", std::to_string(fd) + ", " + Quoted(bytes), {fd, bytes});
+  // Enormous counts are about the count alone: there is no such buffer.
+  constexpr size_t kMostShown = 1U << 24U;
+  const bool isShown = count <= kMostShown;
+  const std::string bytes(static_cast<const char*>(data), isShown ? count : 0);
+  const Answer answer = ScriptedKernel::Next(
+      "write", std::to_string(fd) + ", " + (isShown ? Quoted(bytes) : std::to_string(count) + " bytes"), {fd, bytes});
   if (answer.real) {
     return real(fd, data, count);
   }
@@ -327,6 +330,7 @@ void* MmapAs(MmapFunction<Offset>* real, void* address, std::size_t length, int 
           Hexadecimal(static_cast<std::make_unsigned_t<Offset>>(offset)),
       {fd, {}});
   return answer.real ? real(address, length, protection, flags, fd, offset)
+                     // NOLINTNEXTLINE(performance-no-int-to-ptr): only MAP_FAILED is scripted, which is a number
                      : reinterpret_cast<void*>(Give<std::intptr_t>(answer));
 }
 

@@ -53,7 +53,7 @@ Answer Fills(const Value& value) {
 ///     ScriptedKernel kernel;
 ///     kernel.Script("write", {Returns(3), Fails(EINTR), Returns(7)});
 ///     WriteLoop(5, "0123456789", 10);
-///     EXPECT_EQ(kernel.Calls(), (Calls{"write(5, \"0123456789\")", ...
+///     EXPECT_EQ(kernel.Seen(), (Calls{"write(5, \"0123456789\")", ...
 class ScriptedKernel {
  public:
   using Calls = std::vector<std::string>;

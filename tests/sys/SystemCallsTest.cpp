@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "ExpectThrow.h"
 #include "ScriptedKernel.h"
 
@@ -27,6 +28,7 @@ using Calls = ScriptedKernel::Calls;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kFd = 7;  // never touched: every call on it is scripted
+constexpr int kMostAtOnce = 0x7FFFF000;  // bytes: the kernel never transfers more in one call
 constexpr const char* kWriteError = "Error writing to file descriptor:";
 constexpr const char* kWriteStuck = "Error writing to file descriptor. No bytes written:";
 constexpr const char* kReadError = "Error reading from file descriptor:";
@@ -71,6 +73,17 @@ std::string Pattern(std::size_t length) {
     text[i] = static_cast<char>(i * 31 + i / 251);
   }
   return text;
+}
+
+/// All error numbers but the two that the loops repeat the call for.
+std::vector<int> OtherErrors() {
+  std::vector<int> errors;
+  for (int error = 1; error <= EHWPOISON; ++error) {
+    if (error != EINTR && error != EAGAIN) {
+      errors.push_back(error);
+    }
+  }
+  return errors;
 }
 
 /// Interrupts the constructing thread every millisecond, by a handler that lets system calls fail with EINTR.
@@ -156,7 +169,7 @@ TEST(WriteLoop, EintrAndEagainAtEveryPositionRepeatTheSameCall) {
 }
 
 TEST(WriteLoop, AnyOtherErrorThrowsWithItsNumberAtOnce) {
-  for (const int error : {EIO, EPIPE, ENOSPC, EBADF, EFAULT, EINVAL}) {
+  for (const int error : OtherErrors()) {
     ScriptedKernel kernel;
     kernel.Script("write", {Returns(2), Fails(error)});
 
@@ -178,6 +191,29 @@ TEST(WriteLoop, ANegativeResultOtherThanMinusOneThrowsALogicError) {
   kernel.Script("write", {Returns(-2)});
 
   EXPECT_EXACT_THROW(WriteLoop(kFd, "abcd", 4), std::logic_error, kWriteStuck);
+}
+
+TEST(WriteLoop, CountsAreUnsigned32BitNumbersAndGoToTheCallAsTheyAre) {
+  ScriptedKernel kernel;
+  kernel.Script("write", {Returns(kMostAtOnce), Returns(kMostAtOnce)});
+
+  WriteLoop(kFd, "", 2U * kMostAtOnce);
+
+  EXPECT_EQ(kernel.Seen(), (Calls{"write(7, 4294959104 bytes)", "write(7, 2147479552 bytes)"}));
+}
+
+TEST(WriteLoop, SuccessAllocatesNothing) {
+  Pipe pipe;
+  const CountedAllocations allocations;
+  WriteLoop(pipe.Writer(), "abcd", 4);
+  EXPECT_EQ(allocations.Count(), 0U);
+}
+
+TEST(WriteLoop, TheErrorNumberIsTheFailedCallsEvenIfAllocatingTheMessageChangesErrno) {
+  ScriptedKernel kernel;
+  kernel.Script("write", {Fails(EIO)});
+  const ErrnoChangingAllocations changing;
+  EXPECT_SYSTEM_ERROR(WriteLoop(kFd, "abcd", 4), EIO, kWriteError);
 }
 
 TEST(WriteLoop, AClosedDescriptorThrowsEbadfWithTwoColons) {
@@ -271,7 +307,7 @@ TEST(ReadLoop, EintrAndEagainAtEveryPositionRepeatTheSameCall) {
 }
 
 TEST(ReadLoop, AnyOtherErrorThrowsWithItsNumberAndKeepsWhatWasRead) {
-  for (const int error : {EIO, EBADF, EFAULT, EINVAL, EISDIR}) {
+  for (const int error : OtherErrors()) {
     ScriptedKernel kernel;
     kernel.Script("read", {Gives("ab"), Fails(error)});
     std::string buffer = "....";
@@ -313,6 +349,25 @@ TEST(ReadLoop, EndOfFileAtOnceThrowsALogicError) {
   EXPECT_EXACT_THROW(ReadLoop(pipe.Reader(), &byte, 1), std::logic_error, kReadStuck);
 
   EXPECT_EQ(byte, '.');
+}
+
+TEST(ReadLoop, CountsAreUnsigned32BitNumbersAndGoToTheCallAsTheyAre) {
+  ScriptedKernel kernel;
+  kernel.Script("read", {Returns(kMostAtOnce), Returns(kMostAtOnce)});
+  char untouched = '.';
+
+  ReadLoop(kFd, &untouched, 2U * kMostAtOnce);
+
+  EXPECT_EQ(kernel.Seen(), (Calls{"read(7, 4294959104)", "read(7, 2147479552)"}));
+}
+
+TEST(ReadLoop, SuccessAllocatesNothing) {
+  Pipe pipe;
+  ASSERT_EQ(::write(pipe.Writer(), "abcd", 4), 4);
+  std::array<char, 4> buffer{};
+  const CountedAllocations allocations;
+  ReadLoop(pipe.Reader(), buffer.data(), 4);
+  EXPECT_EQ(allocations.Count(), 0U);
 }
 
 TEST(ReadLoop, AClosedDescriptorThrowsEbadfWithTwoColons) {
@@ -412,6 +467,12 @@ TEST(DebugSleep, NegativeTimesThrowEinvalFromTheRealKernel) {
     EXPECT_SYSTEM_ERROR(DebugSleep(milliseconds), EINVAL, kSleepError);
   }
   EXPECT_EXACT_THROW(DebugSleep(-1), std::system_error, "Error sleeping: : Invalid argument");
+}
+
+TEST(DebugSleep, SuccessAllocatesNothing) {
+  const CountedAllocations allocations;
+  DebugSleep(1);
+  EXPECT_EQ(allocations.Count(), 0U);
 }
 
 TEST(DebugSleep, ZeroReturnsAtOnce) {

@@ -1,0 +1,37 @@
+#ifndef BOARDKIT_TESTS_ALLOCATIONS_H
+#define BOARDKIT_TESTS_ALLOCATIONS_H
+
+#include <cstddef>
+
+/// Guards that look at, or meddle with, what operator new does in the whole process while they live. A test executable
+/// that uses them is built with Allocations.cpp, which replaces it.
+
+/// Counts the allocations.
+class CountedAllocations {
+ public:
+  CountedAllocations();
+  std::size_t Count() const;
+
+ private:
+  std::size_t m_before;
+};
+
+/// Lets allocations of more than @p largest bytes fail.
+class LimitedAllocations {
+ public:
+  explicit LimitedAllocations(std::size_t largest);
+  ~LimitedAllocations();
+  LimitedAllocations(const LimitedAllocations&) = delete;
+  LimitedAllocations& operator=(const LimitedAllocations&) = delete;
+};
+
+/// Lets every allocation change errno, as it may.
+class ErrnoChangingAllocations {
+ public:
+  ErrnoChangingAllocations();
+  ~ErrnoChangingAllocations();
+  ErrnoChangingAllocations(const ErrnoChangingAllocations&) = delete;
+  ErrnoChangingAllocations& operator=(const ErrnoChangingAllocations&) = delete;
+};
+
+#endif

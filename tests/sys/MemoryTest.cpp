@@ -1,0 +1,463 @@
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/sysinfo.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ExpectThrow.h"
+#include "ScriptedKernel.h"
+#include "SystemCalls.h"
+
+namespace {
+
+using Calls = ScriptedKernel::Calls;
+
+constexpr const char* kOpenError = "ReadFromMemory Open /dev/mem failed";
+constexpr const char* kMapError = "Error from mmap";
+
+const auto pageSize = static_cast<unsigned int>(::getpagesize());
+
+std::string Hexadecimal(unsigned long long number) {
+  std::ostringstream text;
+  text << "0x" << std::hex << number;
+  return text.str();
+}
+
+std::set<int> OpenDescriptors() {
+  constexpr int kEnough = 256;
+  std::set<int> descriptors;
+  for (int fd = 0; fd < kEnough; ++fd) {
+    if (::fcntl(fd, F_GETFD, 0) != -1) {
+      descriptors.insert(fd);
+    }
+  }
+  return descriptors;
+}
+
+/// All physical memory that 32 bits reach, and some pages behind it: a sparse file that is opened in the place of
+/// /dev/mem. Nothing else is opened meanwhile, and no descriptor may be left.
+class PhysicalMemory : public testing::Test {
+ protected:
+  static constexpr int kFd = 71;  // what /dev/mem is opened on
+
+  PhysicalMemory() {
+    std::string path = std::filesystem::temp_directory_path() / "physical-memory-XXXXXX";
+    const int fd = ::mkstemp(path.data());
+    // Far from the numbers that others get, so that it is not taken for a descriptor that was left behind.
+    m_file = ::fcntl(fd, F_DUPFD, kFd + 1);
+    ::close(fd);
+    ::unlink(path.c_str());
+    EXPECT_EQ(::ftruncate64(m_file, (1LL << 32U) + 2LL * pageSize), 0);
+    m_descriptors = OpenDescriptors();
+
+    m_kernel.Simulate("open", [this](const Question& question) {
+      return question.bytes == "/dev/mem" ? Returns(::dup3(m_file, kFd, 0)) : Fails(ENOENT);
+    });
+    // Behind the answers of a script, the C library's.
+    for (const char* function : {"mmap", "munmap", "close"}) {
+      m_kernel.Simulate(function, [](const Question&) { return Real(); });
+    }
+    m_kernel.Watch("read").Watch("write").Watch("lseek");
+  }
+  ~PhysicalMemory() override {
+    EXPECT_EQ(OpenDescriptors(), m_descriptors);
+    ::close(m_file);
+  }
+
+  std::uint32_t Get(std::uint32_t address) const {
+    std::uint32_t value = 0;
+    EXPECT_EQ(::pread64(m_file, &value, sizeof(value), static_cast<std::int64_t>(address)), sizeof(value));
+    return value;
+  }
+  void Set(std::uint32_t address, std::uint32_t value) const {
+    EXPECT_EQ(::pwrite64(m_file, &value, sizeof(value), static_cast<std::int64_t>(address)), sizeof(value));
+  }
+
+  /// The calls for one access: those of a mapping of @p length bytes from @p start on.
+  static Calls CallsFor(unsigned long long start, unsigned int length) {
+    return {"open(\"/dev/mem\", 0x2)",
+            "mmap(anywhere, " + Hexadecimal(length) + ", PROT_READ | PROT_WRITE, MAP_SHARED, 71, " +
+                Hexadecimal(start) + ")",
+            "munmap(" + Hexadecimal(length) + ")", "close(71)"};
+  }
+
+  static Calls Twice(Calls calls) {
+    const Calls again = calls;
+    calls.insert(calls.end(), again.begin(), again.end());
+    return calls;
+  }
+
+  ScriptedKernel m_kernel;
+  int m_file = -1;
+
+ private:
+  std::set<int> m_descriptors;
+};
+
+std::vector<unsigned int> Places() {
+  const unsigned int lastPage = UINT_MAX / pageSize;
+  std::vector<unsigned int> addresses;
+  for (const unsigned int page : {0U, 1U, 0x80011000U / pageSize, lastPage}) {
+    for (const unsigned int offset : {0U, 4U, 0x10U, pageSize - 36, pageSize - 32, pageSize - 31, pageSize - 4}) {
+      addresses.push_back(page * pageSize + offset);
+    }
+    if (page != lastPage) {
+      addresses.push_back(page * pageSize + pageSize - 1);
+    }
+  }
+  return addresses;
+}
+
+// --- One word of physical memory -------------------------------------------------------------------------------------
+
+TEST_F(PhysicalMemory, AReadOpensMapsUnmapsAndCloses) {
+  for (const unsigned int address : Places()) {
+    SCOPED_TRACE(Hexadecimal(address));
+    Set(address, 0x12345678U ^ address);
+
+    EXPECT_EQ(ReadFromPhysicalMemoryAddress(address), 0x12345678U ^ address);
+
+    const unsigned int offset = address % pageSize;
+    EXPECT_EQ(m_kernel.SeenNow(), CallsFor(address - offset, offset + 32));
+    Set(address, 0);
+  }
+}
+
+TEST_F(PhysicalMemory, AWriteTakesTheSameCalls) {
+  for (const unsigned int address : Places()) {
+    SCOPED_TRACE(Hexadecimal(address));
+
+    WriteToPhysicalMemoryAddress(address, 0x87654321U ^ address);
+
+    const unsigned int offset = address % pageSize;
+    EXPECT_EQ(m_kernel.SeenNow(), CallsFor(address - offset, offset + 32));
+    EXPECT_EQ(Get(address), 0x87654321U ^ address);
+    Set(address, 0);
+  }
+}
+
+TEST_F(PhysicalMemory, AWordCloseToTheEndOfAPageMapsTwo) {
+  if (pageSize != 4096) {
+    GTEST_SKIP() << "the numbers are those of pages of 4096 bytes";
+  }
+  ReadFromPhysicalMemoryAddress(0x1FFC);
+  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0x1000, 0x101C));
+  ReadFromPhysicalMemoryAddress(0x1FFF);
+  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0x1000, 0x101F));
+  ReadFromPhysicalMemoryAddress(0x80011000);
+  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0x80011000, 0x20));
+  ReadFromPhysicalMemoryAddress(0xFFFFFFFC);
+  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0xFFFFF000, 0x101C));
+}
+
+TEST_F(PhysicalMemory, AWriteLeavesTheNeighboursAlone) {
+  for (const unsigned int address : {0x2000U, 0x2004U, 0x80011000U, 2 * pageSize - 4}) {
+    SCOPED_TRACE(Hexadecimal(address));
+    Set(address - 4, 0x11111111);
+    Set(address, 0x22222222);
+    Set(address + 4, 0x33333333);
+
+    WriteToPhysicalMemoryAddress(address, 0xFFFFFFFF);
+
+    EXPECT_EQ(Get(address - 4), 0x11111111U);
+    EXPECT_EQ(Get(address), 0xFFFFFFFFU);
+    EXPECT_EQ(Get(address + 4), 0x33333333U);
+    EXPECT_EQ(ReadFromPhysicalMemoryAddress(address), 0xFFFFFFFFU);
+  }
+}
+
+TEST_F(PhysicalMemory, NothingIsKeptBetweenTheCalls) {
+  Set(0x1000, 1);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(0x1000), 1U);
+  Set(0x1000, 2);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(0x1000), 2U);
+
+  EXPECT_EQ(m_kernel.Seen(), Twice(CallsFor(0x1000 - 0x1000 % pageSize, 0x1000 % pageSize + 32)));
+}
+
+TEST_F(PhysicalMemory, ADeviceThatCannotBeOpenedThrowsTheSameTextForReadingAndWriting) {
+  for (const int error : {EACCES, EPERM, ENOENT, EMFILE}) {
+    m_kernel.Script("open", {Fails(error), Fails(error)});
+
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, kOpenError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 1), error, kOpenError);
+
+    EXPECT_EQ(m_kernel.SeenNow(), (Calls{"open(\"/dev/mem\", 0x2)", "open(\"/dev/mem\", 0x2)"}));
+  }
+}
+
+TEST_F(PhysicalMemory, AMappingThatIsRefusedThrowsAndClosesTheDevice) {
+  for (const int error : {EPERM, EINVAL, ENOMEM}) {
+    m_kernel.Script("mmap", {Fails(error), Fails(error)});
+
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), error, kMapError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(pageSize, 1), error, kMapError);
+
+    const Calls all = CallsFor(pageSize, 32);
+    EXPECT_EQ(m_kernel.SeenNow(), (Calls{all[0], all[1], all[3], all[0], all[1], all[3]}));
+  }
+}
+
+TEST_F(PhysicalMemory, AFailedCloseBehindARefusedMappingDoesNotHideIt) {
+  m_kernel.Script("mmap", {Fails(EPERM)}).Script("close", {Fails(EIO)});
+
+  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), EPERM, kMapError);
+
+  ::close(kFd);
+}
+
+TEST_F(PhysicalMemory, FailuresToUnmapAndToCloseAreIgnored) {
+  Set(0x1004, 0xCAFE);
+  // A mapping that the test can remove, since the tested code is told that it could not.
+  void* const words = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(words, MAP_FAILED);
+  const Answer mapped = Returns(static_cast<long>(reinterpret_cast<std::intptr_t>(words)));
+  m_kernel.SeenNow();
+  m_kernel.Script("mmap", {mapped, mapped});
+  m_kernel.Script("munmap", {Fails(EINVAL), Fails(EINVAL)});
+  m_kernel.Script("close", {Fails(EIO), Fails(EIO)});
+
+  EXPECT_NO_THROW(WriteToPhysicalMemoryAddress(pageSize + 4, 0xCAFE));
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(pageSize + 4), 0xCAFEU);
+
+  EXPECT_EQ(m_kernel.SeenNow(), Twice(CallsFor(pageSize, 36)));
+  ::close(kFd);
+  EXPECT_EQ(::munmap(words, pageSize), 0);
+}
+
+TEST_F(PhysicalMemory, ThreadsDoNotDisturbEachOther) {
+  // Each has a kernel, and so a descriptor number, of its own.
+  const auto work = [this](unsigned int address, int fd) {
+    ScriptedKernel kernel;
+    kernel.Simulate("open", [this, fd](const Question&) { return Returns(::dup3(m_file, fd, 0)); });
+    for (unsigned int i = 0; i < 500; ++i) {
+      WriteToPhysicalMemoryAddress(address, i);
+      ASSERT_EQ(ReadFromPhysicalMemoryAddress(address), i);
+    }
+  };
+  ASSERT_EQ(Get(0x3000), 0U);
+
+  std::thread other(work, 0x3004, kFd + 10);
+  work(0x3000, kFd + 11);
+  other.join();
+
+  EXPECT_EQ(Get(0x3000), 499U);
+  EXPECT_EQ(Get(0x3004), 499U);
+}
+
+TEST(RealPhysicalMemory, IsOutOfReachWithoutPrivilege) {
+  // In a process of its own, which gives its privileges up.
+  const pid_t child = ::fork();
+  if (child == 0) {
+    constexpr uid_t kNobody = 65534;
+    const bool dropped = ::geteuid() != 0 || ::setuid(kNobody) == 0;
+    const int fd = ::open("/dev/mem", O_RDWR);
+    const int error = errno;
+    if (!dropped || fd != -1) {
+      ::_exit(2);
+    }
+    const auto read = ThrowsSystemError([] { ReadFromPhysicalMemoryAddress(0x1000); }, error, kOpenError);
+    const auto write = ThrowsSystemError([] { WriteToPhysicalMemoryAddress(0x1000, 0); }, error, kOpenError);
+    const bool expected = error == EACCES || error == EPERM || error == ENOENT;
+    ::_exit(read && write && expected ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 2) {
+    GTEST_SKIP() << "everybody may open /dev/mem here";
+  }
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// --- sysinfo ---------------------------------------------------------------------------------------------------------
+
+TEST(SysinfoE, FillsTheStructure) {
+  struct sysinfo info {};
+  struct sysinfo expected {};
+  ASSERT_EQ(::sysinfo(&expected), 0);
+
+  sysinfo_e(&info);
+
+  EXPECT_EQ(info.totalram, expected.totalram);
+  EXPECT_EQ(info.mem_unit, expected.mem_unit);
+  EXPECT_GE(info.uptime, expected.uptime);
+  EXPECT_GT(info.procs, 0U);
+}
+
+TEST(SysinfoE, AFailureThrowsWithItsNumber) {
+  struct sysinfo info {};
+  ScriptedKernel kernel;
+  kernel.Script("sysinfo", {Fails(EFAULT), {1, EPERM, {}, false}});
+
+  EXPECT_SYSTEM_ERROR(sysinfo_e(&info), EFAULT, "Cannot retrieve sysinfo");
+  EXPECT_SYSTEM_ERROR(sysinfo_e(&info), EPERM, "Cannot retrieve sysinfo");  // not 0, and not -1
+}
+
+// --- mmap and munmap -------------------------------------------------------------------------------------------------
+
+TEST(MmapE, HandsItsArgumentsOn) {
+  ScriptedKernel kernel;
+  kernel.Script("mmap", {Returns(0x7000), Returns(0x7000), Returns(0)});
+  int anchor = 0;
+
+  EXPECT_EQ(mmap_e(nullptr, 12345, PROT_READ | PROT_WRITE, MAP_SHARED, 9, 0x3000), reinterpret_cast<void*>(0x7000));
+  EXPECT_EQ(mmap_e(&anchor, UINT_MAX, PROT_EXEC, MAP_PRIVATE | MAP_FIXED, -1, 1), reinterpret_cast<void*>(0x7000));
+  EXPECT_EQ(mmap_e(nullptr, 0, PROT_NONE, 0, 0, 0), nullptr);  // MAP_FAILED alone is a failure
+
+  EXPECT_EQ(kernel.Seen(),
+            (Calls{"mmap(anywhere, 0x3039, PROT_READ | PROT_WRITE, MAP_SHARED, 9, 0x3000)",
+                   "mmap(at an address, 0xffffffff, 4, 18, -1, 0x1)", "mmap(anywhere, 0x0, 0, 0, 0, 0x0)"}));
+}
+
+TEST(MmapE, ANegativeOffsetKeepsItsBits) {
+  ScriptedKernel kernel;
+  kernel.Script("mmap", {Returns(0x7000), Returns(0x7000)});
+
+  mmap_e(nullptr, 1, PROT_READ, MAP_SHARED, 9, -4096);
+  mmap_e(nullptr, 1, PROT_READ, MAP_SHARED, 9, LONG_MIN);
+
+  // Widened as unsigned where a file's offset has more bits than a long.
+  const Calls expected = {
+      "mmap(anywhere, 0x1, 1, MAP_SHARED, 9, " + Hexadecimal(static_cast<unsigned long>(-4096L)) + ")",
+      "mmap(anywhere, 0x1, 1, MAP_SHARED, 9, " + Hexadecimal(static_cast<unsigned long>(LONG_MIN)) + ")"};
+  EXPECT_EQ(kernel.Seen(), expected);
+}
+
+TEST(MmapE, MapsAFile) {
+  std::FILE* const file = std::tmpfile();
+  ASSERT_NE(file, nullptr);
+  ASSERT_EQ(::ftruncate(::fileno(file), 2L * pageSize), 0);
+  ASSERT_EQ(::pwrite(::fileno(file), "second", 6, pageSize), 6);
+
+  void* const mapping = mmap_e(nullptr, 6, PROT_READ, MAP_PRIVATE, ::fileno(file), static_cast<long>(pageSize));
+
+  EXPECT_EQ(std::memcmp(mapping, "second", 6), 0);
+  EXPECT_EQ(munmap_a(mapping, 6), 0);
+  std::fclose(file);
+}
+
+TEST(MmapE, FailuresThrowWithTheirNumbers) {
+  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 0, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), EINVAL, kMapError);
+  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 1, PROT_READ, MAP_PRIVATE, -1, 0), EBADF, kMapError);
+  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 1, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 1), EINVAL, kMapError);
+}
+
+TEST(MunmapA, UnmapsAndReturnsTheResult) {
+  ScriptedKernel kernel;
+  void* const mapping = mmap_e(nullptr, 3 * pageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  kernel.Watch("munmap");
+
+  EXPECT_EQ(munmap_a(mapping, 3 * pageSize), 0);
+
+  EXPECT_EQ(kernel.Seen(), (Calls{"munmap(" + Hexadecimal(3ULL * pageSize) + ")"}));
+  // What is free can be had again.
+  EXPECT_EQ(::mmap(mapping, 3 * pageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0),
+            mapping);
+  EXPECT_EQ(::munmap(mapping, 3 * pageSize), 0);
+}
+
+TEST(MunmapA, AFailureIsTheResult) {
+  ScriptedKernel kernel;
+  kernel.Script("munmap", {Fails(ENOMEM), Returns(5)});
+
+  EXPECT_EQ(munmap_a(nullptr, 1), -1);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_EQ(munmap_a(nullptr, 1), 5);
+}
+
+TEST(MunmapA, AnAddressInTheMiddleOfAPageIsRefused) {
+  char* const mapping = static_cast<char*>(mmap_e(nullptr, pageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+
+  errno = 0;
+  EXPECT_NO_THROW(EXPECT_EQ(munmap_a(mapping + 1, pageSize), -1));
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(munmap_a(mapping, 0), -1);
+
+  EXPECT_EQ(munmap_a(mapping, pageSize), 0);
+}
+
+// --- dlsym -----------------------------------------------------------------------------------------------------------
+
+class DlsymE : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(m_handle, nullptr) << ::dlerror();
+  }
+  ~DlsymE() override {
+    ::dlclose(m_handle);
+  }
+
+  void* const m_handle = ::dlopen(BOARDKIT_TEST_SYMBOLS, RTLD_NOW | RTLD_LOCAL);
+};
+
+TEST_F(DlsymE, ASymbolHasItsAddress) {
+  auto* const function = reinterpret_cast<int (*)()>(dlsym_e(m_handle, "boardkit_test_function"));
+  EXPECT_EQ(function(), 42);
+  EXPECT_EQ(*static_cast<int*>(dlsym_e(m_handle, "boardkit_test_variable")), 7);
+}
+
+TEST_F(DlsymE, NullArgumentsAreRefusedTheHandleFirst) {
+  EXPECT_EXACT_THROW(dlsym_e(nullptr, "x"), std::invalid_argument, "dlsym_e: handle");
+  EXPECT_EXACT_THROW(dlsym_e(nullptr, nullptr), std::invalid_argument, "dlsym_e: handle");
+  EXPECT_EXACT_THROW(dlsym_e(RTLD_DEFAULT, "malloc"), std::invalid_argument, "dlsym_e: handle");
+  EXPECT_EXACT_THROW(dlsym_e(m_handle, nullptr), std::invalid_argument, "dlsym_e: symbol");
+}
+
+TEST_F(DlsymE, AMissingSymbolThrowsWithTheLoadersText) {
+  ASSERT_EQ(::dlsym(m_handle, "no_such_symbol"), nullptr);
+  const std::string loader = ::dlerror();
+  ASSERT_NE(loader.find("undefined symbol: no_such_symbol"), std::string::npos) << loader;
+
+  EXPECT_EXACT_THROW(dlsym_e(m_handle, "no_such_symbol"), std::logic_error,
+                     "Error looking up symbol \"no_such_symbol\": " + loader);
+  EXPECT_EQ(::dlerror(), nullptr);  // its text was taken
+}
+
+TEST_F(DlsymE, TheEmptyNameIsMissingLikeAnyOther) {
+  ::dlsym(m_handle, "");
+  const std::string loader = ::dlerror();
+
+  EXPECT_EXACT_THROW(dlsym_e(m_handle, ""), std::logic_error, "Error looking up symbol \"\": " + loader);
+}
+
+TEST_F(DlsymE, ASymbolWhoseValueIsNullThrowsASystemErrorThatMeansNothing) {
+  for (const int error : {0, ENOTTY}) {
+    errno = error;
+    EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), error, "Cannot find symbol \"boardkit_test_null\".");
+  }
+}
+
+TEST_F(DlsymE, AnOlderErrorIsForgotten) {
+  ASSERT_EQ(::dlsym(m_handle, "no_such_symbol"), nullptr);  // and its error waits
+  EXPECT_NE(dlsym_e(m_handle, "boardkit_test_function"), nullptr);
+
+  ASSERT_EQ(::dlsym(m_handle, "no_such_symbol"), nullptr);
+  errno = 0;
+  EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), 0, "Cannot find symbol \"boardkit_test_null\".");
+  EXPECT_EQ(::dlerror(), nullptr);
+}
+
+TEST_F(DlsymE, ThePseudoHandleOfTheNextObjectIsNotRefused) {
+  EXPECT_NE(dlsym_e(RTLD_NEXT, "malloc"), nullptr);
+}
+
+}  // namespace
