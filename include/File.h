@@ -82,7 +82,9 @@ class File {
   class Handle {
    public:
     Handle(T value, T none, int (*release)(T));
-    ~Handle();
+    ~Handle() {
+      Replace(m_none);
+    }
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     void Replace(T value);

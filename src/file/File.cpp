@@ -19,15 +19,30 @@ constexpr int kNoDescriptor = -1;
 constexpr std::size_t kLinkSize = 1024;  // bytes of a link's target that are read
 constexpr std::size_t kProcNameSize = 100;
 
+bool HasMetEnd(std::FILE* stream) {
+  return stream != nullptr && std::feof(stream) != 0;
+}
+
+/// Throws what a failed loop has thrown once more, as a system error with the current errno and the file's name.
+///
+/// Kept: the texts stand together without a separator, and a failure without an errno of its own gets whatever is
+/// there.
+[[noreturn, gnu::noinline]] void ThrowTransferError(const std::exception& failure, const char* attempt,
+                                                    const std::string& name) {
+  const int error = errno;
+  ThrowSystemError(error, failure.what() + (attempt + name) + "' failed.");
+}
+
+/// Apart from ReadBytes(), which is the faster for having no text to compose.
+[[noreturn, gnu::noinline]] void ThrowEndOfFile(const std::string& name) {
+  const int error = errno;
+  ThrowSystemError(error, "End of file reached for '" + name + "'.");
+}
+
 }  // namespace
 
 template <typename T>
 File::Handle<T>::Handle(T value, T none, int (*release)(T)) : m_value(value), m_none(none), m_release(release) {}
-
-template <typename T>
-File::Handle<T>::~Handle() {
-  Replace(m_none);
-}
 
 template <typename T>
 void File::Handle<T>::Replace(T value) {
@@ -92,16 +107,14 @@ std::FILE* File::GetFileHandle() const {
 }
 
 bool File::EndOfFile() const {
-  return m_stream.Get() != nullptr && std::feof(m_stream.Get()) != 0;
+  return HasMetEnd(m_stream.Get());
 }
 
 void File::WriteBytes(const unsigned char* data, unsigned int length) const {
   try {
     WriteLoop(m_fd.Get(), data, length);
   } catch (const std::exception& e) {
-    const int error = errno;
-    // Kept: the two texts stand together without a separator, here and in ReadBytes.
-    ThrowSystemError(error, std::string(e.what()) + "WriteBytes to '" + m_name + "' failed.");
+    ThrowTransferError(e, "WriteBytes to '", m_name);
   }
 }
 
@@ -111,16 +124,14 @@ void File::PutString(const std::string& text) const {
 
 void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
   // Kept: the stream's indicator is looked at, while the bytes come through the descriptor.
-  if (EndOfFile()) {
-    const int error = errno;
-    ThrowSystemError(error, "End of file reached for '" + m_name + "'.");
+  if (HasMetEnd(m_stream.Get())) {
+    ThrowEndOfFile(m_name);
   }
 
   try {
     ReadLoop(m_fd.Get(), buffer, length);
   } catch (const std::exception& e) {
-    const int error = errno;
-    ThrowSystemError(error, std::string(e.what()) + "ReadBytes from '" + m_name + "' failed.");
+    ThrowTransferError(e, "ReadBytes from '", m_name);
   }
 }
 

@@ -180,12 +180,12 @@ int LinuxGetThreadId() {
 }
 
 // An address that is no multiple of 4 is accessed as it is asked for; the hardware answers, not the sanitizer.
-[[gnu::no_sanitize("alignment")]] unsigned int ReadFromPhysicalMemoryAddress(unsigned int address) {
+__attribute__((no_sanitize("alignment"))) unsigned int ReadFromPhysicalMemoryAddress(unsigned int address) {
   const PhysicalWord word(address);
   return *word.Get();
 }
 
-[[gnu::no_sanitize("alignment")]] void WriteToPhysicalMemoryAddress(unsigned int address, unsigned int value) {
+__attribute__((no_sanitize("alignment"))) void WriteToPhysicalMemoryAddress(unsigned int address, unsigned int value) {
   const PhysicalWord word(address);
   *word.Get() = value;
 }
