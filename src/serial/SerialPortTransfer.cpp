@@ -8,15 +8,6 @@
 #include "../sys/SystemError.h"
 #include "SerialPort.h"
 
-namespace {
-
-// Both loops repeat what is interrupted or refused for now at once, as often as it takes.
-bool IsTemporary(int error) {
-  return error == EINTR || error == EAGAIN;
-}
-
-}  // namespace
-
 void SerialPort::Write(const void* data, unsigned int count) {
   RequireOpen();
 

@@ -20,11 +20,6 @@
 
 namespace {
 
-// Errors after which both loops repeat the call at once, as often as it takes.
-bool IsTemporary(int error) {
-  return error == EINTR || error == EAGAIN;
-}
-
 // The working set of DeactivateSignalP, filled anew at every call.
 sigset_t deactivatedSignals;
 
