@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -29,10 +30,29 @@ namespace {
 // One a thread: the tests' other threads keep the real functions.
 thread_local ScriptedKernel* activeKernel = nullptr;
 
+/// A function of the C library itself, looked up when it is first needed.
+///
+/// Made at compile time: the thread sanitizer's runtime maps memory by a function below before it can bear with the
+/// guard of a variable that is made at the first call. For the same reason this source is compiled without that
+/// sanitizer.
 template <typename Function>
-Function* RealFunction(const char* name) {
-  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
-}
+class RealFunction {
+ public:
+  explicit constexpr RealFunction(const char* name) : m_name(name) {}
+
+  Function* Get() {
+    Function* function = m_function.load(std::memory_order_acquire);
+    if (function == nullptr) {
+      function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, m_name));
+      m_function.store(function, std::memory_order_release);
+    }
+    return function;
+  }
+
+ private:
+  const char* m_name;
+  std::atomic<Function*> m_function{nullptr};
+};
 
 std::string Quoted(const std::string& text) {
   return '"' + text + '"';
@@ -157,7 +177,8 @@ Answer ScriptedKernel::Next(const std::string& function, const std::string& argu
 extern "C" {
 
 ssize_t write(int fd, const void* data, size_t count) {
-  static auto* const real = RealFunction<ssize_t(int, const void*, size_t)>("write");
+  static RealFunction<ssize_t(int, const void*, size_t)> library("write");
+  auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(fd, data, count);
   }
@@ -175,7 +196,8 @@ ssize_t write(int fd, const void* data, size_t count) {
 }
 
 ssize_t read(int fd, void* buffer, size_t count) {
-  static auto* const real = RealFunction<ssize_t(int, void*, size_t)>("read");
+  static RealFunction<ssize_t(int, void*, size_t)> library("read");
+  auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(fd, buffer, count);
   }
@@ -185,7 +207,8 @@ ssize_t read(int fd, void* buffer, size_t count) {
 }
 
 int nanosleep(const timespec* request, timespec* remaining) {
-  static auto* const real = RealFunction<int(const timespec*, timespec*)>("nanosleep");
+  static RealFunction<int(const timespec*, timespec*)> library("nanosleep");
+  auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(request, remaining);
   }
@@ -203,7 +226,8 @@ int nanosleep(const timespec* request, timespec* remaining) {
 }
 
 FILE* popen(const char* command, const char* mode) {
-  static auto* const real = RealFunction<FILE*(const char*, const char*)>("popen");
+  static RealFunction<FILE*(const char*, const char*)> library("popen");
+  auto* const real = library.Get();
   const Answer answer =
       activeKernel == nullptr ? Real() : ScriptedKernel::Next("popen", Quoted(command) + ", " + Quoted(mode));
   if (answer.real) {
@@ -214,7 +238,8 @@ FILE* popen(const char* command, const char* mode) {
 }
 
 int pclose(FILE* pipe) {
-  static auto* const real = RealFunction<int(FILE*)>("pclose");
+  static RealFunction<int(FILE*)> library("pclose");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("pclose", "");
   // The pipe is closed in any case: only the status is scripted.
   const int status = real(pipe);
@@ -226,7 +251,8 @@ int pclose(FILE* pipe) {
 }
 
 const char* inet_ntop(int family, const void* address, char* text, socklen_t size) {
-  static auto* const real = RealFunction<const char*(int, const void*, char*, socklen_t)>("inet_ntop");
+  static RealFunction<const char*(int, const void*, char*, socklen_t)> library("inet_ntop");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("inet_ntop", std::to_string(size));
   if (answer.real) {
     return real(family, address, text, size);
@@ -335,7 +361,8 @@ void* MmapAs(MmapFunction<Offset>* real, void* address, std::size_t length, int 
 }
 
 int PollAs(pollfd* descriptors, nfds_t count, int timeoutMs) {
-  static auto* const real = RealFunction<int(pollfd*, nfds_t, int)>("poll");
+  static RealFunction<int(pollfd*, nfds_t, int)> library("poll");
+  auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(descriptors, count, timeoutMs);
   }
@@ -359,35 +386,38 @@ mode_t ModeOf(int flags, va_list arguments) {
 extern "C" {
 
 // NOLINTBEGIN(cert-dcl50-cpp): variadic is what the C library's functions are
-#define BOARDKIT_DEFINE_OPEN(function, spelling)                    \
-  int function(const char* path, int flags, ...) asm(spelling);     \
-  int function(const char* path, int flags, ...) {                  \
-    static auto* const real = RealFunction<OpenFunction>(spelling); \
-    va_list arguments;                                              \
-    va_start(arguments, flags);                                     \
-    const mode_t mode = ModeOf(flags, arguments);                   \
-    va_end(arguments);                                              \
-    return OpenAs(real, path, flags, mode);                         \
+#define BOARDKIT_DEFINE_OPEN(function, spelling)                \
+  int function(const char* path, int flags, ...) asm(spelling); \
+  int function(const char* path, int flags, ...) {              \
+    static RealFunction<OpenFunction> library(spelling);        \
+    auto* const real = library.Get();                           \
+    va_list arguments;                                          \
+    va_start(arguments, flags);                                 \
+    const mode_t mode = ModeOf(flags, arguments);               \
+    va_end(arguments);                                          \
+    return OpenAs(real, path, flags, mode);                     \
   }
-#define BOARDKIT_DEFINE_FCNTL(function, spelling)                    \
-  int function(int fd, int command, ...) asm(spelling);              \
-  int function(int fd, int command, ...) {                           \
-    static auto* const real = RealFunction<FcntlFunction>(spelling); \
-    va_list arguments;                                               \
-    va_start(arguments, command);                                    \
-    void* const argument = va_arg(arguments, void*);                 \
-    va_end(arguments);                                               \
-    return FcntlAs(real, fd, command, argument);                     \
+#define BOARDKIT_DEFINE_FCNTL(function, spelling)         \
+  int function(int fd, int command, ...) asm(spelling);   \
+  int function(int fd, int command, ...) {                \
+    static RealFunction<FcntlFunction> library(spelling); \
+    auto* const real = library.Get();                     \
+    va_list arguments;                                    \
+    va_start(arguments, command);                         \
+    void* const argument = va_arg(arguments, void*);      \
+    va_end(arguments);                                    \
+    return FcntlAs(real, fd, command, argument);          \
   }
-#define BOARDKIT_DEFINE_IOCTL(function, spelling)                    \
-  int function(int fd, unsigned long request, ...) asm(spelling);    \
-  int function(int fd, unsigned long request, ...) {                 \
-    static auto* const real = RealFunction<IoctlFunction>(spelling); \
-    va_list arguments;                                               \
-    va_start(arguments, request);                                    \
-    void* const argument = va_arg(arguments, void*);                 \
-    va_end(arguments);                                               \
-    return IoctlAs(real, fd, request, argument);                     \
+#define BOARDKIT_DEFINE_IOCTL(function, spelling)                 \
+  int function(int fd, unsigned long request, ...) asm(spelling); \
+  int function(int fd, unsigned long request, ...) {              \
+    static RealFunction<IoctlFunction> library(spelling);         \
+    auto* const real = library.Get();                             \
+    va_list arguments;                                            \
+    va_start(arguments, request);                                 \
+    void* const argument = va_arg(arguments, void*);              \
+    va_end(arguments);                                            \
+    return IoctlAs(real, fd, request, argument);                  \
   }
 BOARDKIT_DEFINE_OPEN(ScriptedOpen, "open")
 BOARDKIT_DEFINE_OPEN(ScriptedOpen64, "open64")
@@ -402,13 +432,15 @@ BOARDKIT_DEFINE_IOCTL(ScriptedIoctlTime64, "__ioctl_time64")
 
 int ScriptedOpen2(const char* path, int flags) asm("__open_2");
 int ScriptedOpen2(const char* path, int flags) {
-  static auto* const real = RealFunction<OpenFunction>("open");
+  static RealFunction<OpenFunction> library("open");
+  auto* const real = library.Get();
   return OpenAs(real, path, flags, 0);
 }
 
 int ScriptedOpen642(const char* path, int flags) asm("__open64_2");
 int ScriptedOpen642(const char* path, int flags) {
-  static auto* const real = RealFunction<OpenFunction>("open64");
+  static RealFunction<OpenFunction> library("open64");
+  auto* const real = library.Get();
   return OpenAs(real, path, flags, 0);
 }
 
@@ -433,38 +465,44 @@ int ScriptedPollChk(pollfd* descriptors, nfds_t count, int timeoutMs, size_t /*r
 
 void* ScriptedMmap(void* address, size_t length, int protection, int flags, int fd, long offset) asm("mmap");
 void* ScriptedMmap(void* address, size_t length, int protection, int flags, int fd, long offset) {
-  static auto* const real = RealFunction<MmapFunction<long>>("mmap");
+  static RealFunction<MmapFunction<long>> library("mmap");
+  auto* const real = library.Get();
   return MmapAs(real, address, length, protection, flags, fd, offset);
 }
 
 void* ScriptedMmap64(void* address, size_t length, int protection, int flags, int fd,
                      std::int64_t offset) asm("mmap64");
 void* ScriptedMmap64(void* address, size_t length, int protection, int flags, int fd, std::int64_t offset) {
-  static auto* const real = RealFunction<MmapFunction<std::int64_t>>("mmap64");
+  static RealFunction<MmapFunction<std::int64_t>> library("mmap64");
+  auto* const real = library.Get();
   return MmapAs(real, address, length, protection, flags, fd, offset);
 }
 
 int munmap(void* address, size_t length) noexcept {
-  static auto* const real = RealFunction<int(void*, size_t)>("munmap");
+  static RealFunction<int(void*, size_t)> library("munmap");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("munmap", Hexadecimal(length));
   return answer.real ? real(address, length) : Give<int>(answer);
 }
 
 int close(int fd) {
-  static auto* const real = RealFunction<int(int)>("close");
+  static RealFunction<int(int)> library("close");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("close", std::to_string(fd), {fd, {}});
   return answer.real ? real(fd) : Give<int>(answer);
 }
 
 int tcgetattr(int fd, termios* attributes) noexcept {
-  static auto* const real = RealFunction<int(int, termios*)>("tcgetattr");
+  static RealFunction<int(int, termios*)> library("tcgetattr");
+  auto* const real = library.Get();
   const Answer answer =
       activeKernel == nullptr ? Real() : ScriptedKernel::Next("tcgetattr", std::to_string(fd), {fd, {}});
   return answer.real ? real(fd, attributes) : Give<int>(answer, attributes);
 }
 
 int tcsetattr(int fd, int when, const termios* attributes) noexcept {
-  static auto* const real = RealFunction<int(int, int, const termios*)>("tcsetattr");
+  static RealFunction<int(int, int, const termios*)> library("tcsetattr");
+  auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(fd, when, attributes);
   }
@@ -477,7 +515,8 @@ int tcsetattr(int fd, int when, const termios* attributes) noexcept {
 }
 
 int tcflush(int fd, int queue) noexcept {
-  static auto* const real = RealFunction<int(int, int)>("tcflush");
+  static RealFunction<int(int, int)> library("tcflush");
+  auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(fd, queue);
   }
@@ -489,19 +528,22 @@ int tcflush(int fd, int queue) noexcept {
 }
 
 int cfsetispeed(termios* attributes, speed_t speed) noexcept {
-  static auto* const real = RealFunction<int(termios*, speed_t)>("cfsetispeed");
+  static RealFunction<int(termios*, speed_t)> library("cfsetispeed");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("cfsetispeed", std::to_string(speed));
   return answer.real ? real(attributes, speed) : Give<int>(answer);
 }
 
 int cfsetospeed(termios* attributes, speed_t speed) noexcept {
-  static auto* const real = RealFunction<int(termios*, speed_t)>("cfsetospeed");
+  static RealFunction<int(termios*, speed_t)> library("cfsetospeed");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("cfsetospeed", std::to_string(speed));
   return answer.real ? real(attributes, speed) : Give<int>(answer);
 }
 
 int sysinfo(struct sysinfo* info) noexcept {
-  static auto* const real = RealFunction<int(struct sysinfo*)>("sysinfo");
+  static RealFunction<int(struct sysinfo*)> library("sysinfo");
+  auto* const real = library.Get();
   const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("sysinfo", "");
   return answer.real ? real(info) : Give<int>(answer, info);
 }
