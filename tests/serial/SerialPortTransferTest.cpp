@@ -1,40 +1,15 @@
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "PtyLine.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
-
-namespace {
-
-std::size_t allocations = 0;  // counted in the tests' own thread; others are not running when it is looked at
-
-}  // namespace
-
-// Not inlined: the compiler would see malloc() behind a new, free() behind a delete, and warn of the mixture.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  ++allocations;
-  void* const memory = std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
 
 namespace {
 
@@ -491,13 +466,13 @@ TEST(TransferCost, WritingAndReadingFromTheDeviceAllocateNothing) {
   std::string buffer(1000, '\0');
   line.Send(text + "y");
 
-  const std::size_t before = allocations;
+  const CountedAllocations allocations;
   port.Write(text);
   port.Write(text.data(), 1000);
   const bool received = port.IsDataReceived(-1);
   port.Read(buffer.data(), 1000);
   const unsigned char last = port.ReadOneByte();
-  const std::size_t counted = allocations - before;
+  const std::size_t counted = allocations.Count();
 
   EXPECT_EQ(counted, 0U);
   EXPECT_TRUE(received);
