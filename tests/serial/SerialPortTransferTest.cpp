@@ -439,6 +439,18 @@ TEST_F(Buffered, MoreThanIsThereThrowsAndTheBufferStaysAndTheVectorIsEmpty) {
   EXPECT_EQ(out, (Bytes{'a', 'b', 'c'}));
 }
 
+TEST_F(Buffered, TheVectorIsAllocatedOnce) {
+  SerialPort port(SerialTty::kDevice, true);
+  m_tty.received = std::string(200, 'x');
+  port.ReadAllAvailableData();
+  for (const unsigned int count : {150U, 0U}) {
+    Bytes out;
+    const CountedAllocations allocations;
+    port.Read(out, count);
+    EXPECT_EQ(allocations.Count(), 1U) << count;
+  }
+}
+
 TEST_F(Buffered, TheDeviceIsNotAsked) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.received = "abc";
