@@ -1,0 +1,80 @@
+#!/bin/sh
+# Builds the traceback in many ways, and looks whether it begins with the function that asks: Traceback() and
+# Traceback(int) must stay two calls, whatever the optimiser and the linker do.
+# Usage: two-frames.sh SOURCE_DIR CXX
+set -eu
+source=$1/src/diag/linuxutils.cpp include=$1/include cxx=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+cat > program.cpp <<'END'
+#include <cstdio>
+
+#include "linuxutils.h"
+
+namespace caller {
+
+__attribute__((noinline)) void Show();
+__attribute__((noinline)) void Outer();
+
+void Show() {
+  // Two lines each: an empty one and the header, and then the first frame.
+  std::fputs(linuxutils::Traceback().c_str(), stdout);
+  std::fputs(linuxutils::Traceback(0).c_str(), stdout);
+  std::fputs(linuxutils::Traceback(1).c_str(), stdout);
+}
+
+void Outer() {
+  Show();
+  std::puts("end");
+}
+
+}  // namespace caller
+
+int main() {
+  caller::Outer();
+  std::puts("end");
+}
+END
+printf '%s\n' caller::Show caller::Show caller::Outer > expected
+failed=0
+
+# check WAY: runs the program by a path without digits, which would count.
+check() {
+  ./program > output
+  sed -n '/^Traceback:$/ { n; p; }' output > first
+  if cmp -s expected first; then
+    printf '%s: two frames\n' "$1"
+  else
+    printf '%s: the frames shown first are not these:\n' "$1"
+    diff expected first || failed=1
+  fi
+}
+
+for level in -O0 -O1 -O2 -O3 -Os; do
+  flags="-std=c++17 -I$include -fPIC -fasynchronous-unwind-tables $level"
+  # shellcheck disable=SC2086  # flags are words
+  {
+    "$cxx" $flags -c program.cpp
+    "$cxx" $flags -c "$source" -o library.o
+    "$cxx" -rdynamic program.o library.o -o program
+    check "$level, static"
+    "$cxx" -shared library.o -o libframes.so
+    "$cxx" -rdynamic program.o ./libframes.so -o program
+    check "$level, shared"
+  }
+done
+
+# With everything in one piece, the linker could merge the two.
+for level in -O2 -O3 -Os; do
+  flags="-std=c++17 -I$include -fPIC -fasynchronous-unwind-tables -flto $level"
+  # shellcheck disable=SC2086
+  if "$cxx" $flags -rdynamic program.cpp "$source" -o program 2> messages; then
+    check "$level, at link time"
+  else
+    printf '%s, at link time: this compiler and linker cannot.\n' "$level"
+    cat messages
+  fi
+done
+exit $failed
