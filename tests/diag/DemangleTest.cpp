@@ -205,7 +205,7 @@ TEST(DemangleProperty, AgreesWithTheNaiveRulesOnGeneratedLines) {
       line += engine() % 20 == 0 ? symbols[engine() % symbols.size()] : pieces[engine() % pieces.size()];
     }
     std::string expected;
-    if (naive::LengthPrefixed(line, expected)) {
+    if (naive::NestedName(line, expected)) {
       ++read;
     } else if (naive::Signature(line, expected)) {
       ++demangled;

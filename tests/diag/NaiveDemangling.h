@@ -22,7 +22,7 @@ inline bool IsBlank(char c) {
 }
 
 /// The first way: lengths and names, up to an 'E' or the end.
-inline bool LengthPrefixed(const std::string& symbol, std::string& result) {
+inline bool NestedName(const std::string& symbol, std::string& result) {
   result = "";
   std::size_t i = 0;
   while (true) {
@@ -99,7 +99,7 @@ inline std::string FirstWord(const std::string& symbol) {
 
 inline std::string Demangle(const std::string& symbol) {
   std::string result;
-  if (LengthPrefixed(symbol, result) || Signature(symbol, result)) {
+  if (NestedName(symbol, result) || Signature(symbol, result)) {
     return result;
   }
   return FirstWord(symbol);
