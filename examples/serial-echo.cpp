@@ -14,9 +14,6 @@ void Echo(SerialPort& port) {
   std::string line;
   while (port.IsDataReceived(kIdleMs)) {
     port.ReadAllAvailableData();
-    if (!port.IsDataAvailable()) {
-      break;  // ready, but nothing there: the other end has hung up
-    }
     std::vector<unsigned char> bytes;
     port.Read(bytes, 0);
     for (const unsigned char byte : bytes) {
@@ -44,11 +41,17 @@ int main(int argc, char* argv[]) {
   }
   try {
     SerialPort port(argv[1], true);
-    port.SetBaudRate(speed);
-    port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);
-    Echo(port);
-    port.Close();
-    return 0;
+    try {
+      port.SetBaudRate(speed);
+      port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);
+      Echo(port);
+      port.Close();
+      return 0;
+    } catch (const std::exception& e) {
+      // Told before the port goes: a line that was hung up can't be closed, and ends the program there.
+      std::cerr << "serial-echo: " << e.what() << '\n';
+      return 1;
+    }
   } catch (const std::exception& e) {
     std::cerr << "serial-echo: " << e.what() << '\n';
     return 1;

@@ -13,11 +13,17 @@ int main(int argc, char* argv[]) {
   }
   try {
     SerialPort port(argv[1], true);
-    port.SetBaudRate(SerialPort::BAUD_115200);
-    std::cout << port.ToString();
-    port.Close();
-    std::cout << port.ToString();
-    return 0;
+    try {
+      port.SetBaudRate(SerialPort::BAUD_115200);
+      std::cout << port.ToString();
+      port.Close();
+      std::cout << port.ToString();
+      return 0;
+    } catch (const std::exception& e) {
+      // Told before the port goes: a line that can't be closed ends the program there.
+      std::cerr << "serial-report: " << e.what() << '\n';
+      return 1;
+    }
   } catch (const std::exception& e) {
     std::cerr << "serial-report: " << e.what() << '\n';
     return 1;

@@ -19,14 +19,14 @@
 /// setters only remember, and getters see zeros. Such a device must all the same accept a flush of its input, and the
 /// modem-control requests for closing: a regular file cannot be opened this way.
 ///
-/// Every failure is a `std::system_error` with the current `errno`; only arguments outside their enum are
-/// `std::invalid_argument`. Operations that need an open port throw "Serial port not open." on a closed one, unless
-/// they say otherwise. One object is used by one thread at a time.
+/// Every failure is a `std::system_error` with the current `errno`, unless an operation says otherwise. Operations that
+/// need an open port throw "Serial port not open." on a closed one, unless they say otherwise. One object is used by
+/// one thread at a time.
 ///
 /// @warning Opening is neither exclusive (another process may open the device too) nor close-on-exec (children inherit
 /// the descriptor).
-/// @warning A device that knows no modem lines (an ordinary pseudo-terminal) can be opened but not closed: Close()
-/// throws, and the destructor, which closes an open port, then ends the process.
+/// @warning A device that knows no modem lines (an ordinary pseudo-terminal), and a line that was hung up (an unplugged
+/// adapter), cannot be closed: Close() throws, and the destructor, which closes an open port, then ends the process.
 class SerialPort {
  public:
   /// Line speeds; the values are the kernel's speed codes.
@@ -74,7 +74,7 @@ class SerialPort {
   /// Who may stop the sender: the RTS and CTS lines, the XON and XOFF characters, or nobody.
   enum FlowControl : int { FLOW_CONTROL_HARDWARE = 0, FLOW_CONTROL_SOFTWARE = 1, FLOW_CONTROL_NONE = 2 };
 
-  /// Opens @p device as OpenSerialPortDevice() does; if that fails, nothing stays open.
+  /// Opens @p device as OpenSerialPortDevice() does; if that fails, nothing stays open, but the line may stay raw.
   SerialPort(const std::string& device, bool termiosSupported);
 
   /// Closes an open port. A failure of Close() ends the process: it means that the line was left in a wrong state.
@@ -85,8 +85,10 @@ class SerialPort {
 
   // --- Life
 
-  /// Opens the device in raw mode, its speed not yet set, saves its attributes, and discards what it holds.
-  /// @throws std::system_error "Serial port already open.", "Open Serial Port '<device>' failed?", "Save the current
+  /// Opens the device in raw mode, saves its attributes, and discards what it holds.
+  ///
+  /// The speed is 0 until it is set, which drops DTR and RTS on a real line. Waits until pending output is sent.
+  /// @throws std::system_error "Serial port already open."; "Open Serial Port '<device>' failed?", "Save the current
   /// settings for serial port failed?", "Write new settings failed?" or "Flush of the input buffer failed?", with the
   /// port closed; what FlushInputAndOutput() and ReadAllAvailableData() throw, with the port left open.
   void OpenSerialPortDevice();
@@ -99,7 +101,7 @@ class SerialPort {
   /// settings applied so far.
   void Open(BaudRate baudRate, CharacterSize charSize, Parity parity, StopBits stopBits, FlowControl flowControl);
 
-  /// True from a successful opening to a successful Close().
+  /// True from the opening, also if its last steps failed, to a successful Close().
   bool IsOpen() const;
 
   /// Switches the loopback off, restores the saved attributes and closes. The receive buffer stays.
@@ -107,18 +109,20 @@ class SerialPort {
   /// serial port '<device>' failed?"; the port then stays open. A failing `close` is ignored.
   void Close();
 
-  // --- Line settings: setters change the device first and remember the value after success, getters ask the device
+  // --- Line settings: setters change the device first and remember the value after success, getters ask the device.
+  // All of them throw what GetTheCurrentPortSettings() throws, the setters also what SetPortSettings() throws.
 
   /// Sets both directions to @p baudRate. Does nothing at all while a custom speed is set.
   /// @throws std::system_error "Unsupported baud rate.", and what SetPortSettings() throws.
   void SetBaudRate(BaudRate baudRate);
-  /// The input speed. Of a closed port: throws "Get the current port settings failed?".
+  /// The input speed; 4096, which is none of the enum, while a custom speed is set. Does not check for open.
   BaudRate GetBaudRate() const;
 
   /// Sets both directions to any speed in bits per second and keeps it over Close() and Open(); 0 forgets it and
-  /// applies the last SetBaudRate() again. On a device without terminal attributes it is only remembered. The driver
+  /// applies the remembered BaudRate again, as SetBaudRate() does. On a device without terminal attributes it is only remembered. The driver
   /// may round.
-  /// @throws std::system_error "Unsupported baud rate." if the driver refuses; what is remembered does not change.
+  /// @throws std::system_error "Unsupported baud rate." if the driver refuses, and for 0 what SetBaudRate() throws;
+  /// what is remembered does not change.
   void SetCustomBaudRate(std::uint32_t bitsPerSecond);
   /// The remembered custom speed in bits per second; 0 means none.
   std::uint32_t GetCustomBaudRate() const;
@@ -173,7 +177,7 @@ class SerialPort {
   /// @throws std::system_error "Error writing to file descriptor: " or "Error writing to file descriptor. writtenCount
   /// <= 0."; bytes written before stay written.
   void Write(const void* data, unsigned int count);
-  /// Writes the bytes of @p text, as above.
+  /// Writes the bytes of @p text, as above; of texts of 4 GiB and more only the size modulo 4 GiB.
   void Write(const std::string& text);
 
   /// Reads exactly @p count bytes into @p buffer, which is written to in spite of its type, and may block without
@@ -184,7 +188,8 @@ class SerialPort {
   /// Reads one byte and may block without limit; throws as Read() does.
   unsigned char ReadOneByte();
 
-  /// Waits up to @p timeoutMs milliseconds (negative: without limit) until there is something to read.
+  /// Waits up to @p timeoutMs milliseconds (negative: without limit) until there is something to read, or the line is
+  /// hung up.
   /// @returns false at the time-out, and on a closed port.
   /// @throws std::system_error "SerialPort::IsDataReceived: poll() failed!", with EINTR too.
   bool IsDataReceived(int timeoutMs) const;
@@ -218,12 +223,15 @@ class SerialPort {
   // --- Diagnosis
 
   /// A report in lines: the device, its speeds, flow control and driver information, and the registers of the board's
-  /// UART, read from physical memory whichever device this is. Numbers after the flags are hexadecimal.
+  /// UART, read from physical memory whichever device this is. The flags and what follows, but for the last line, are
+  /// hexadecimal.
   ///
   /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with
-  /// the remembered settings: the receive buffer is lost. Of a closed port there is one line, "not opened yet!".
-  /// @throws std::system_error " TIOCGSERIAL failed!", what the physical memory functions throw, and what Close() and
-  /// Open() throw. A failure between the registers leaves the divisor-latch access bit set.
+  /// the remembered settings: the receive buffer is lost. Of a closed port the report is the device and "not opened
+  /// yet!".
+  /// @throws what GetTheCurrentPortSettings() throws and std::system_error " TIOCGSERIAL failed!", with nothing
+  /// changed; what the physical memory functions throw, with the port open and perhaps the divisor-latch access bit
+  /// left set; what Close() and Open() throw, with the port as these leave it.
   std::string ToString();
 
  private:

@@ -10,9 +10,9 @@ int SetCustomSpeed(int fd, std::uint32_t bitsPerSecond) {
     return -1;
   }
 
-  // An input code of 0 would mean "as the output"; both are told, for drivers that look at one only.
+  // No input code of its own: then the output's holds for both, and none is left behind for the codes that follow.
   settings.c_cflag &= ~static_cast<tcflag_t>(CBAUD | CBAUD << IBSHIFT);
-  settings.c_cflag |= BOTHER | BOTHER << IBSHIFT;
+  settings.c_cflag |= BOTHER;
   settings.c_ispeed = bitsPerSecond;
   settings.c_ospeed = bitsPerSecond;
   return ::ioctl(fd, TCSETS2, &settings);

@@ -20,6 +20,12 @@ constexpr const char* kSharedFionreadMessage = "SerialPort::ReadAllAvailableData
   ThrowSystemError(error, message);
 }
 
+/// Reports a failed call with the device's name in the text; errno is read before that is composed.
+[[noreturn]] void ThrowNaming(const std::string& device, const char* before, const std::string& behind) {
+  const int error = errno;
+  ThrowSystemError(error, before + device + behind);
+}
+
 termios RawAttributes() {
   // The speeds stay 0 until SetBaudRate().
   termios settings{};
@@ -59,8 +65,7 @@ void SerialPort::OpenSerialPortDevice() {
 
   const int fd = ::open(m_device.c_str(), O_RDWR | O_NOCTTY);
   if (fd == -1) {
-    const int error = errno;
-    ThrowSystemError(error, "Open Serial Port '" + m_device + "' failed?");
+    ThrowNaming(m_device, "Open Serial Port '", "' failed?");
   }
 
   ::fcntl(fd, F_SETFL, 0);
@@ -113,12 +118,10 @@ void SerialPort::Close() {
   SetLoopback(false);
 
   if (m_termiosSupported && ::tcsetattr(m_fd, TCSANOW, &m_savedSettings) < 0) {
-    const int error = errno;
-    ThrowSystemError(error,
-                     "SerialPort::Close(): Setting the attributes of the serial port '" + m_device + "' failed?");
+    ThrowNaming(m_device, "SerialPort::Close(): Setting the attributes of the serial port '", "' failed?");
   }
 
-  // Retried on EINTR alone; other failures are of no consequence to anybody.
+  // Retried on EINTR alone; other failures are ignored.
   while (::close(m_fd) == -1 && errno == EINTR) {
   }
 

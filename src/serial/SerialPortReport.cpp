@@ -23,12 +23,12 @@ namespace {
 
 // A 16550-compatible register block, one register every 4 bytes. With the divisor-latch access bit set in the line
 // control register, the first two are the divisor latch.
-constexpr unsigned int kDivisorLatchLow = BOARDKIT_UART_PHYS_BASE;
+constexpr unsigned int kDivisorLatchLow = (BOARDKIT_UART_PHYS_BASE);
 constexpr unsigned int kDivisorLatchHigh = kDivisorLatchLow + 0x4;
 constexpr unsigned int kLineControl = kDivisorLatchLow + 0xC;
 constexpr unsigned int kDivisorLatchAccess = 0x80;
 
-constexpr double kClock = BOARDKIT_UART_CLOCK_HZ;  // Hz
+constexpr double kClock = (BOARDKIT_UART_CLOCK_HZ);  // Hz
 constexpr double kClocksPerBit = 16.0;
 
 const char* FlowControlName(SerialPort::FlowControl flowControl) {

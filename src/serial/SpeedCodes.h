@@ -29,8 +29,8 @@ constexpr int kOtherSpeed = 4096;
 
 constexpr bool kSpeedsAreRates = B9600 != 13;
 
-/// Sets both speeds as cfsetispeed() and cfsetospeed() do, and fails as they do: with EINVAL for what is no code.
-/// (Those that take rates refuse none, so what is no code does not get to them.)
+/// Sets both speeds with cfsetispeed() and cfsetospeed(). Those that take codes refuse what is none; those that take
+/// rates refuse nothing, so what is no code does not get to them, but fails with EINVAL here.
 template <bool speedsAreRates = kSpeedsAreRates>
 int SetSpeeds(termios& settings, int code) {
   auto given = static_cast<speed_t>(code);

@@ -1,6 +1,7 @@
 #include <linux/serial.h>
 #include <termios.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <string>
@@ -115,6 +116,29 @@ TEST_F(Report, TheOutputSpeedComesFirst) {
   // To some C libraries this means no input speed, to others that of the output.
   const std::string input = ::cfgetispeed(&settings) == B0 ? "0" : "115200";
   EXPECT_NE(port.ToString().find("\nOutput Baudrate: 115200\nInput  Baudrate: " + input + "\n"), std::string::npos);
+}
+
+TEST_F(Report, ReadsTheAttributesFirstAlsoWhereACustomSpeedIsShown) {
+  SerialPort port(SerialTty::kDevice, true);
+  port.SetCustomBaudRate(250000);
+  m_tty.kernel.SeenNow();
+  m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
+
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, kGetFailed);
+
+  EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
+}
+
+TEST_F(Report, RemembersTheSpeedAlsoWithoutAttributes) {
+  SerialPort port(SerialTty::kDevice, false);
+  port.SetBaudRate(SerialPort::BAUD_115200);
+  m_tty.kernel.SeenNow();
+
+  port.ToString();
+
+  const Calls calls = m_tty.kernel.SeenNow();
+  const std::string speed = std::to_string(B115200);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "cfsetispeed(" + speed + ")"), 1) << testing::PrintToString(calls);
 }
 
 TEST_F(Report, ShowsACustomSpeedInThePlaceOfTheDevices) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -194,6 +195,23 @@ TEST_F(Settings, WithoutAttributesSettersSucceedWithoutTheDeviceAndGettersSeeZer
     EXPECT_EQ(call.substr(0, 5), "cfset") << call;
   }
   EXPECT_EQ(m_tty.written.size(), 0U);
+}
+
+TEST_F(Settings, InvalidArgumentsAreFoundAfterTheAttributesAreRead) {
+  SerialPort port(SerialTty::kDevice, true);
+  const std::vector<std::pair<const char*, std::function<void()>>> setters = {
+      {kInvalidParity, [&] { port.SetParity(static_cast<SerialPort::Parity>(3)); }},
+      {kInvalidStopBits, [&] { port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(2)); }},
+      {kInvalidFlowControl, [&] { port.SetFlowControl(static_cast<SerialPort::FlowControl>(3)); }},
+  };
+  for (const auto& [text, set] : setters) {
+    m_tty.kernel.SeenNow();
+    EXPECT_EXACT_THROW(set(), std::invalid_argument, text);
+    EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
+
+    m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
+    EXPECT_SYSTEM_ERROR(set(), EIO, kGetFailed);
+  }
 }
 
 TEST_F(Settings, WithoutAttributesInvalidArgumentsThrowAllTheSame) {

@@ -141,6 +141,15 @@ TEST_F(CustomBaudRate, IsZeroAtFirst) {
   EXPECT_EQ(port.GetCustomBaudRate(), 0U);
 }
 
+TEST_F(BaudRate, OfThePortIsItsInputSpeed) {
+  SerialPort port(SerialTty::kDevice, true);
+  ::cfsetospeed(&m_tty.attributes, B115200);
+  ::cfsetispeed(&m_tty.attributes, B0);
+
+  // To some C libraries this means no input speed, to others that of the output.
+  EXPECT_EQ(port.GetBaudRate(), ::cfgetispeed(&m_tty.attributes) == B0 ? SerialPort::BAUD_0 : SerialPort::BAUD_115200);
+}
+
 TEST_F(CustomBaudRate, IsSetInBothDirectionsThroughTheExtendedAttributes) {
   SerialPort port(SerialTty::kDevice, true);
   SetFlags(IXON, CS7 | PARENB | CRTSCTS | B9600);
@@ -151,13 +160,22 @@ TEST_F(CustomBaudRate, IsSetInBothDirectionsThroughTheExtendedAttributes) {
   EXPECT_EQ(m_tty.kernel.SeenNow(), kSettingCustom);
   EXPECT_EQ(m_tty.inputSpeed, kCustom);
   EXPECT_EQ(m_tty.outputSpeed, kCustom);
-  constexpr tcflag_t kBothOther =
-      ExtendedAttributes::kOtherSpeed << ExtendedAttributes::kInputShift | ExtendedAttributes::kOtherSpeed;
-  ExpectFlags(IXON, CS7 | PARENB | CRTSCTS | kBothOther);
+  // Without an input speed of its own in the flags, the output's holds for both.
+  ExpectFlags(IXON, CS7 | PARENB | CRTSCTS | ExtendedAttributes::kOtherSpeed);
   EXPECT_EQ(port.GetCustomBaudRate(), kCustom);
 }
 
-TEST_F(CustomBaudRate, AnOldInputSpeedIsReplacedToo) {
+TEST_F(CustomBaudRate, ZeroWithoutACustomSpeedAppliesTheRememberedBaudRateToo) {
+  SerialPort port(SerialTty::kDevice, true);
+  port.SetBaudRate(SerialPort::BAUD_115200);
+  m_tty.attributes.c_cflag = B1200;
+
+  port.SetCustomBaudRate(0);
+
+  EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_115200);
+}
+
+TEST_F(CustomBaudRate, LeavesNoInputSpeedOfItsOwnInTheFlags) {
   SerialPort port(SerialTty::kDevice, true);
   constexpr unsigned int kInput9600 = 13U << ExtendedAttributes::kInputShift;
   m_tty.attributes.c_cflag |= kInput9600 | B9600;
@@ -165,7 +183,7 @@ TEST_F(CustomBaudRate, AnOldInputSpeedIsReplacedToo) {
   port.SetCustomBaudRate(kCustom);
 
   constexpr unsigned int kInputMask = ExtendedAttributes::kSpeedMask << ExtendedAttributes::kInputShift;
-  EXPECT_EQ(m_tty.attributes.c_cflag & kInputMask, ExtendedAttributes::kOtherSpeed << ExtendedAttributes::kInputShift);
+  EXPECT_EQ(m_tty.attributes.c_cflag & kInputMask, 0U);
   EXPECT_EQ(m_tty.attributes.c_cflag & ExtendedAttributes::kSpeedMask, ExtendedAttributes::kOtherSpeed);
 }
 
@@ -231,6 +249,8 @@ TEST_F(CustomBaudRate, ZeroForgetsItAndAppliesTheRememberedBaudRate) {
             (Calls{"tcgetattr(70)", "cfsetispeed" + speed, "cfsetospeed" + speed, "tcsetattr(70, TCSANOW)"}));
   EXPECT_EQ(port.GetCustomBaudRate(), 0U);
   EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_115200);
+  // No input speed of its own is left in the flags.
+  EXPECT_EQ(m_tty.attributes.c_cflag & static_cast<tcflag_t>(CIBAUD), 0U);
   port.SetBaudRate(SerialPort::BAUD_4800);
   EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_4800);
 }

@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "SerialPortFixture.h"
 
 namespace {
@@ -399,6 +400,7 @@ TEST_F(Closing, OfTheModemBitsOnlyTheLoopbackIsCleared) {
 }
 
 TEST_F(Closing, EveryOpeningSavesTheAttributesAnew) {
+  m_tty.attributes.c_cflag = CS5 | B1200;
   SerialPort port(SerialTty::kDevice, true);
   port.Close();
   const termios found = AsFound();
@@ -408,6 +410,20 @@ TEST_F(Closing, EveryOpeningSavesTheAttributesAnew) {
   port.Close();
 
   EXPECT_EQ(BytesOf(m_tty.attributes), BytesOf(found));
+}
+
+TEST_F(Closing, TheErrorNumberIsTheFailedCallsEvenIfAllocatingTheMessageChangesErrno) {
+  {
+    SerialPort port(SerialTty::kDevice, true);
+    m_tty.kernel.Script("tcsetattr", {Fails(EIO), Fails(EIO), Real()});
+    const ErrnoChangingAllocations changing;
+    EXPECT_SYSTEM_ERROR(port.SetPortSettings(termios{}, ""), EIO, kSetFailed);
+    EXPECT_SYSTEM_ERROR(port.Close(), EIO,
+                        "SerialPort::Close(): Setting the attributes of the serial port '/dev/ttyS1' failed?");
+    port.Close();
+    m_tty.kernel.Script("open", {Fails(ENXIO)});
+    EXPECT_SYSTEM_ERROR(port.OpenSerialPortDevice(), ENXIO, "Open Serial Port '/dev/ttyS1' failed?");
+  }
 }
 
 TEST_F(Closing, AClosedPortThrowsAndMakesNoCall) {

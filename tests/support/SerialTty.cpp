@@ -72,6 +72,8 @@ SerialTty::SerialTty() {
     extended.outputFlags = attributes.c_oflag;
     extended.controlFlags = attributes.c_cflag;
     extended.localFlags = attributes.c_lflag;
+    extended.line = attributes.c_line;
+    std::copy_n(std::begin(attributes.c_cc), std::size(extended.characters), std::begin(extended.characters));
     extended.inputSpeed = inputSpeed;
     extended.outputSpeed = outputSpeed;
     return Fills(extended);
@@ -82,6 +84,8 @@ SerialTty::SerialTty() {
     attributes.c_oflag = extended.outputFlags;
     attributes.c_cflag = extended.controlFlags;
     attributes.c_lflag = extended.localFlags;
+    attributes.c_line = extended.line;
+    std::copy(std::begin(extended.characters), std::end(extended.characters), std::begin(attributes.c_cc));
     inputSpeed = extended.inputSpeed;
     outputSpeed = extended.outputSpeed;
     return Returns(0);
