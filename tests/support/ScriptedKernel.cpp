@@ -207,7 +207,9 @@ ssize_t read(int fd, void* buffer, size_t count) {
 }
 
 int nanosleep(const timespec* request, timespec* remaining) {
-  static RealFunction<int(const timespec*, timespec*)> library("nanosleep");
+  // Where times may have either size, the header gives the function the name of the build's size, but not this text.
+  static constexpr const char* kSpelling = sizeof(time_t) > sizeof(long) ? "__nanosleep64" : "nanosleep";
+  static RealFunction<int(const timespec*, timespec*)> library(kSpelling);
   auto* const real = library.Get();
   if (activeKernel == nullptr) {
     return real(request, remaining);
