@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -773,7 +774,7 @@ TEST_F(FileSeek, OffsetsBehindFourGigabytesWorkWhereALongCanHoldThem) {
   const std::string path = Path("sparse");
   const File file(path, O_CREAT | O_RDWR, 0600);
   if constexpr (sizeof(long) == 8) {
-    constexpr long kFar = 5L << 30U;
+    constexpr auto kFar = static_cast<long>(std::int64_t{5} << 30U);
     EXPECT_EQ(file.Seek(kFar, SEEK_SET), kFar);
     file.PutString("far");
     EXPECT_EQ(file.Seek(0, SEEK_END), kFar + 3);
