@@ -1,0 +1,104 @@
+// Words of physical memory: of two reserved pages, of memory that the kernel keeps to itself, and where there is none.
+#include <SystemCalls.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
+#include "ExpectThrow.h"
+
+namespace {
+
+constexpr unsigned int kWords = 0x80020000;
+constexpr unsigned int kLastWordOfThePage = 0x80020FFC;
+constexpr unsigned int kKernelsMemory = 0x41000000;
+constexpr unsigned int kNothing = 0xA0000000;
+constexpr unsigned int kConsoleUart = 0x09000000;
+
+/// The status of a second process that runs @p function, which returns its exit code.
+template <typename Function>
+int StatusOfAnotherProcess(Function function) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::_exit(function());
+  }
+  int status = 0;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  return status;
+}
+
+TEST(PhysicalMemory, AWrittenWordIsReadBack) {
+  WriteToPhysicalMemoryAddress(kWords + 8, 0x12345678);
+  WriteToPhysicalMemoryAddress(kWords + 12, 0xFEDCBA98);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(kWords + 8), 0x12345678U);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(kWords + 12), 0xFEDCBA98U);
+}
+
+TEST(PhysicalMemory, TheLastWordOfAPageIsReadBack) {
+  WriteToPhysicalMemoryAddress(kLastWordOfThePage, 0xCAFE0001);
+  WriteToPhysicalMemoryAddress(kLastWordOfThePage + 4, 0xCAFE0002);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(kLastWordOfThePage), 0xCAFE0001U);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(kLastWordOfThePage + 4), 0xCAFE0002U);
+}
+
+TEST(PhysicalMemory, AnotherProcessSeesTheWordAndAnswers) {
+  WriteToPhysicalMemoryAddress(kWords + 16, 1000);
+  const int status = StatusOfAnotherProcess([] {
+    WriteToPhysicalMemoryAddress(kWords + 20, ReadFromPhysicalMemoryAddress(kWords + 16) + 1);
+    return 0;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(kWords + 20), 1001U);
+}
+
+TEST(PhysicalMemory, TheMachineOutsideSeesTheWordAndAnswers) {
+  WriteToPhysicalMemoryAddress(kWords + 4, 0);
+  WriteToPhysicalMemoryAddress(kWords, 0x5EED1E55);
+  unsigned int answer = 0;
+  for (int i = 0; i < 300 && answer == 0; ++i) {
+    DebugSleep(100);
+    answer = ReadFromPhysicalMemoryAddress(kWords + 4);
+  }
+  EXPECT_EQ(answer, 0x0DDBA115U);
+}
+
+TEST(PhysicalMemory, TheKernelsOwnMemoryIsRefused) {
+  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kKernelsMemory), EPERM, "Error from mmap");
+  EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kKernelsMemory, 0), EPERM, "Error from mmap");
+}
+
+TEST(PhysicalMemory, AnAddressWhereNothingAnswersEndsTheProcessWithABusError) {
+  const int status = StatusOfAnotherProcess([] {
+    ReadFromPhysicalMemoryAddress(kNothing);
+    return 0;
+  });
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(WTERMSIG(status), SIGBUS);
+}
+
+TEST(PhysicalMemory, AnUnprivilegedProcessIsRefused) {
+  const int status = StatusOfAnotherProcess([] {
+    constexpr uid_t kNobody = 65534;
+    return ::setuid(kNobody) == 0 && ThrowsSystemError([] { ReadFromPhysicalMemoryAddress(kWords); }, EACCES,
+                                                       "ReadFromMemory Open /dev/mem failed")
+               ? 0
+               : 1;
+  });
+  EXPECT_EQ(status, 0);
+}
+
+TEST(Guarded, TheRegistersOfADeviceThatHasADriverAreRefused) {
+  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kConsoleUart), EPERM, "Error from mmap");
+}
+
+TEST(Guarded, MemoryThatTheKernelWasToldToLeaveOutIsNot) {
+  WriteToPhysicalMemoryAddress(kWords, 0xABCD0123);
+  EXPECT_EQ(ReadFromPhysicalMemoryAddress(kWords), 0xABCD0123U);
+}
+
+}  // namespace
