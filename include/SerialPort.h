@@ -119,8 +119,8 @@ class SerialPort {
   BaudRate GetBaudRate() const;
 
   /// Sets both directions to any speed in bits per second and keeps it over Close() and Open(); 0 forgets it and
-  /// applies the remembered BaudRate again, as SetBaudRate() does. On a device without terminal attributes it is only remembered. The driver
-  /// may round.
+  /// applies the remembered BaudRate again, as SetBaudRate() does. On a device without terminal attributes it is only
+  /// remembered. The driver may round, or keep the old speed; GetBaudRate() and the line tell.
   /// @throws std::system_error "Unsupported baud rate." if the driver refuses, and for 0 what SetBaudRate() throws;
   /// what is remembered does not change.
   void SetCustomBaudRate(std::uint32_t bitsPerSecond);
