@@ -25,6 +25,7 @@ expect traceback "station::ReadSensor"
 
 printf '== watchdog-feed\n'
 mkfifo device
+: > feeding
 LD_PRELOAD=$requests "$examples/watchdog-feed" device 30 > feeding &
 feeder=$!
 # The FIFO opens for both at once; its content goes where it can be looked at.
