@@ -3,10 +3,13 @@
 # Traceback(int) must stay two calls, whatever the optimiser and the linker do.
 # Usage: two-frames.sh SOURCE_DIR CXX
 set -eu
-source=$1/src/diag/linuxutils.cpp include=$1/include cxx=$2
+tree=$1 cxx=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
+# Copied, since the path to the tree may have blanks in it, which words of flags may not.
+cp "$tree/src/diag/linuxutils.cpp" library.cpp
+cp "$tree/include/linuxutils.h" .
 
 cat > program.cpp <<'END'
 #include <cstdio>
@@ -53,11 +56,11 @@ check() {
 }
 
 for level in -O0 -O1 -O2 -O3 -Os; do
-  flags="-std=c++17 -I$include -fPIC -fasynchronous-unwind-tables $level"
+  flags="-std=c++17 -I. -fPIC -fasynchronous-unwind-tables $level"
   # shellcheck disable=SC2086  # flags are words
   {
     "$cxx" $flags -c program.cpp
-    "$cxx" $flags -c "$source" -o library.o
+    "$cxx" $flags -c library.cpp
     "$cxx" -rdynamic program.o library.o -o program
     check "$level, static"
     "$cxx" -shared library.o -o libframes.so
@@ -68,9 +71,9 @@ done
 
 # With everything in one piece, the linker could merge the two.
 for level in -O2 -O3 -Os; do
-  flags="-std=c++17 -I$include -fPIC -fasynchronous-unwind-tables -flto $level"
+  flags="-std=c++17 -I. -fPIC -fasynchronous-unwind-tables -flto $level"
   # shellcheck disable=SC2086
-  if "$cxx" $flags -rdynamic program.cpp "$source" -o program 2> messages; then
+  if "$cxx" $flags -rdynamic program.cpp library.cpp -o program 2> messages; then
     check "$level, at link time"
   else
     printf '%s, at link time: this compiler and linker cannot.\n' "$level"

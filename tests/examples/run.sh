@@ -24,9 +24,11 @@ expect traceback "terminate called: the sensor does not answer"
 expect traceback "station::ReadSensor"
 
 printf '== watchdog-feed\n'
+# The variable would end at a blank in the path.
+cp "$requests" requests.so
 mkfifo device
 : > feeding
-LD_PRELOAD=$requests "$examples/watchdog-feed" device 30 > feeding &
+LD_PRELOAD=./requests.so "$examples/watchdog-feed" device 30 > feeding &
 feeder=$!
 # The FIFO opens for both at once; its content goes where it can be looked at.
 exec 3<> device
