@@ -1,5 +1,5 @@
 // More functions of the C library that a test can script, for the executables that list this source: those of files,
-// of signals and of the stack. Scripted in ScriptedKernel's way.
+// of signals, of the loader and of the stack. Scripted in ScriptedKernel's way.
 
 #include <dlfcn.h>
 #include <execinfo.h>
@@ -31,6 +31,8 @@ Result Give(const Answer& answer) {
   errno = answer.error;
   return static_cast<Result>(answer.result);
 }
+
+auto* const realDlerror = RealFunction<char*()>("dlerror");
 
 template <typename Offset>
 using SeekFunction = Offset(int, Offset, int);
@@ -172,6 +174,18 @@ int siginterrupt(int signal, int interrupt) noexcept {
   static auto* const real = RealFunction<int(int, int)>("siginterrupt");
   const Answer answer = ScriptedKernel::Next("siginterrupt", std::to_string(signal) + ", " + std::to_string(interrupt));
   return answer.real ? real(signal, interrupt) : Give<int>(answer);
+}
+
+// --- The loader
+
+/// Can only be watched. Found at the start: finding it now would change what it is asked for. A sanitizer's runtime
+/// asks before the start, when there is no error.
+char* dlerror() noexcept {
+  if (realDlerror == nullptr) {
+    return nullptr;
+  }
+  static_cast<void>(ScriptedKernel::Next("dlerror", ""));
+  return realDlerror();
 }
 
 // --- The stack

@@ -456,6 +456,18 @@ TEST_F(DlsymE, AnOlderErrorIsForgotten) {
   EXPECT_EQ(::dlerror(), nullptr);
 }
 
+TEST_F(DlsymE, AsksForTheErrorOnceBeforeAndOnceBehind) {
+  ScriptedKernel kernel;
+  kernel.Watch("dlerror");
+
+  dlsym_e(m_handle, "boardkit_test_function");
+  EXPECT_EQ(kernel.SeenNow(), (Calls{"dlerror()", "dlerror()"}));
+  EXPECT_THROW(dlsym_e(m_handle, "no_such_symbol"), std::logic_error);
+  EXPECT_EQ(kernel.SeenNow(), (Calls{"dlerror()", "dlerror()"}));
+  EXPECT_THROW(dlsym_e(nullptr, "x"), std::invalid_argument);
+  EXPECT_EQ(kernel.SeenNow(), Calls{});
+}
+
 TEST_F(DlsymE, ThePseudoHandleOfTheNextObjectIsNotRefused) {
   EXPECT_NE(dlsym_e(RTLD_NEXT, "malloc"), nullptr);
 }
