@@ -34,7 +34,7 @@ int main(int argc, char* argv[]) {
     std::cerr << "Usage: serial-echo DEVICE BITS_PER_SECOND\nEnds after 10 seconds without a byte.\n";
     return 2;
   }
-  const SerialPort::BaudRate speed = SerialPort::ConversionToBaudrateEnum(std::atoi(argv[2]));
+  const auto speed = SerialPort::ConversionToBaudrateEnum(static_cast<int>(std::strtol(argv[2], nullptr, 10)));
   if (speed == SerialPort::BAUD_0) {
     std::cerr << "serial-echo: " << argv[2] << " is no standard speed from 9600 on\n";
     return 2;

@@ -25,11 +25,17 @@ int main(int argc, char* argv[]) {
     std::cerr << "Usage: watchdog-feed DEVICE TIMEOUT_IN_SECONDS\n";
     return 2;
   }
+  const int timeout = static_cast<int>(std::strtol(argv[2], nullptr, 10));
+  if (timeout < 1) {
+    // Found out before the device is opened, which starts the timer.
+    std::cerr << "watchdog-feed: " << argv[2] << " is no time-out in seconds\n";
+    return 2;
+  }
   try {
     InstallSignalHandler(SIGTERM, RequestStop);
     InstallSignalHandler(SIGINT, RequestStop);
 
-    WatchDog dog(std::atoi(argv[2]), argv[1]);
+    WatchDog dog(timeout, argv[1]);
     dog.Activate();
     std::cout << "armed: " << dog.GetInterval() << " seconds" << std::endl;
     while (stopRequested == 0) {

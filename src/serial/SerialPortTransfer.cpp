@@ -35,7 +35,7 @@ void SerialPort::Write(const std::string& text) {
 
 void SerialPort::Read(const void* buffer, unsigned int count) {
   // Kept: the buffer's type says that it is only read, and it is written through all the same.
-  ReadExactly(m_fd, const_cast<void*>(buffer), count);
+  ReadExactly(m_fd, const_cast<void*>(buffer), count);  // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface
 }
 
 unsigned char SerialPort::ReadOneByte() {

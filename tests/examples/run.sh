@@ -48,6 +48,10 @@ printf '== watchdog-feed, without a device\n'
 "$examples/watchdog-feed" no-device 30 2> message && exit 1
 expect message "Could not open watchdog device!: No such file or directory"
 
+printf '== watchdog-feed, without a time-out\n'
+"$examples/watchdog-feed" device never 2> message && exit 1
+expect message "never is no time-out in seconds"
+
 printf '== serial-report, without a device\n'
 "$examples/serial-report" no-device 2> message && exit 1
 expect message "Open Serial Port 'no-device' failed?: No such file or directory"

@@ -204,9 +204,10 @@ TEST_F(Settings, InvalidArgumentsAreFoundAfterTheAttributesAreRead) {
       {kInvalidStopBits, [&] { port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(2)); }},
       {kInvalidFlowControl, [&] { port.SetFlowControl(static_cast<SerialPort::FlowControl>(3)); }},
   };
-  for (const auto& [text, set] : setters) {
+  for (const auto& setter : setters) {
+    const auto& set = setter.second;
     m_tty.kernel.SeenNow();
-    EXPECT_EXACT_THROW(set(), std::invalid_argument, text);
+    EXPECT_EXACT_THROW(set(), std::invalid_argument, setter.first);
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
 
     m_tty.kernel.Script("tcgetattr", {Fails(EIO)});

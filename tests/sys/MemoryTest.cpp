@@ -433,7 +433,7 @@ TEST_F(DlsymE, AMissingSymbolThrowsWithTheLoadersText) {
 }
 
 TEST_F(DlsymE, TheEmptyNameIsMissingLikeAnyOther) {
-  ::dlsym(m_handle, "");
+  static_cast<void>(::dlsym(m_handle, ""));
   const std::string loader = ::dlerror();
 
   EXPECT_EXACT_THROW(dlsym_e(m_handle, ""), std::logic_error, "Error looking up symbol \"\": " + loader);

@@ -27,7 +27,7 @@ namespace {
 using Calls = ScriptedKernel::Calls;
 using Clock = std::chrono::steady_clock;
 
-constexpr int kFd = 7;  // never touched: every call on it is scripted
+constexpr int kFd = 7;                   // never touched: every call on it is scripted
 constexpr int kMostAtOnce = 0x7FFFF000;  // bytes: the kernel never transfers more in one call
 constexpr const char* kWriteError = "Error writing to file descriptor:";
 constexpr const char* kWriteStuck = "Error writing to file descriptor. No bytes written:";
