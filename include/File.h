@@ -38,16 +38,19 @@ class File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  /// Completes the object: called by every constructor, without effect later on.
+  /// Completes the object: called by every constructor. Later on it only tries again for a stream, or a name, that was
+  /// not to be had.
   void Init();
 
-  /// True if @p path can be opened for reading. A file that may not be read does not exist here.
+  /// True if @p path can be opened for reading, which it is: a file that may not be read does not exist here, and a
+  /// FIFO without a writer blocks.
   static bool Exists(const std::string& path);
 
-  /// The stream, which the object keeps; null if the descriptor cannot be read from.
+  /// The stream, which the object keeps; null if none could be made for reading, as on a write-only descriptor.
   std::FILE* GetFileHandle() const;
 
-  /// True if a read through the stream has met the end. Reads through the descriptor never set this.
+  /// True if a read through the stream has met the end; false without a stream. Reads through the descriptor never set
+  /// this.
   bool EndOfFile() const;
 
   /// Writes all @p length bytes.
@@ -72,7 +75,7 @@ class File {
   /// Controls the device with @p request and returns the result of `ioctl`.
   ///
   /// The third argument that `ioctl` gets is the list of the variable arguments itself, not the first of them: of use
-  /// only for requests without an argument.
+  /// only for requests without an argument. One that answers overwrites the list and what lies behind it.
   /// @throws std::system_error "IO Control failed for '<name>' failed.".
   int Ioctl(int request, ...) const;
 

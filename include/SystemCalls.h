@@ -51,7 +51,8 @@ void InstallSignalHandler(int signal, void (*handler)(int, siginfo_t*, void*));
 /// threads, which then inherit the blocking.
 /// @throws std::runtime_error "Error setting deactivation signal mask." or "Error adding to terminate signal mask." (no
 /// such signal).
-/// @throws std::system_error with an empty message if the signal cannot be blocked.
+/// @throws std::system_error with an empty message if `sigprocmask` fails. SIGKILL and SIGSTOP cannot be blocked: for
+/// them nothing happens, and nothing is said.
 void DeactivateSignalP(int signal);
 
 /// The name of a scheduling policy: "other", "fifo", "rrobin" or "batch", and "<ukwn>" for all others.

@@ -13,7 +13,10 @@
 ///
 /// @warning If Activate() fails after opening (an interval that the driver refuses), the device stays open and may
 /// already be counting.
-/// @warning Activate() on an active object opens the device a second time and loses the first descriptor.
+/// @warning Activate() on an active object opens the device a second time and loses the first descriptor. Most drivers
+/// allow one opener: the call then fails, the lost descriptor can be neither fed nor closed, and the destructor ends
+/// the process.
+/// @warning The device is not opened close-on-exec: a child that inherits it keeps the timer running.
 class WatchDog {
  public:
   /// Keeps both for Activate(): the timeout in seconds and the path of the device. Nothing is checked or opened.
@@ -27,7 +30,7 @@ class WatchDog {
 
   /// Opens the device, which starts the timer, and sets the interval.
   /// @throws std::system_error " Could not open watchdog device!" (EBUSY: somebody else has it), with the object
-  /// inactive as before; what SetInterval() throws, with the device left open and the object inactive.
+  /// as active as before; what SetInterval() throws, likewise, with the device left open.
   void Activate();
 
   /// Restarts the timer.
@@ -40,14 +43,15 @@ class WatchDog {
   /// The value is remembered before the driver is asked and kept if the driver refuses. The driver may round it:
   /// GetInterval() tells what it really uses.
   /// @throws std::logic_error "Watchdog interval must be greater than 0 seconds" (nothing changes) or "Could not set
-  /// watchdog interval", which an inactive object gets too.
+  /// watchdog interval", which a new object gets always.
   void SetInterval(int seconds);
 
   /// The timeout in seconds that the driver uses.
-  /// @throws std::logic_error "Could not retrieve watchdog interval", which an inactive object gets too.
+  /// @throws std::logic_error "Could not retrieve watchdog interval", which a new object gets always.
   int GetInterval() const;
 
-  /// Stops the timer and closes the device; does nothing on an inactive object.
+  /// Stops the timer, unless the driver does not honour the magic close, and closes the device; does nothing on an
+  /// inactive object.
   /// @throws std::system_error " Could write watchdog device!", with the device open, or " Could not close watchdog
   /// device!"; the object stays active.
   void Deactivate();

@@ -15,7 +15,7 @@ namespace linuxutils {
 /// A readable name for one line of `backtrace_symbols`, or for any text.
 ///
 /// Nested names are read in a simple way, as runs of length and name up to the 'E' that ends them, without parameters:
-/// "(_ZN8OpSystem7ExecCmd...E" gives "OpSystem::ExecCmd". All digits of the line count, so a path with digits in it
+/// "(_ZN8OpSystem7ExecCmdE..." gives "OpSystem::ExecCmd". All digits of the line count, so a path with digits in it
 /// ("/lib/libc.so.6") either puts stray text in front or makes this reading fail; an ABI tag reads like one more name
 /// ("SerialPort::ToString::cxx11"). Where the reading fails, the language's own demangler is asked for the full
 /// signature, and where that fails too, the result is the first word of the text.
