@@ -29,6 +29,7 @@
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 
 namespace {
@@ -46,17 +47,6 @@ static_assert(!std::is_convertible_v<int, File> && !std::is_convertible_v<std::F
 static_assert(std::is_constructible_v<File, int> && std::is_constructible_v<File, std::FILE*>);
 static_assert(!std::is_polymorphic_v<File>);
 static_assert(std::is_nothrow_destructible_v<File>);
-
-std::set<int> OpenDescriptors() {
-  constexpr int kEnough = 256;
-  std::set<int> descriptors;
-  for (int fd = 0; fd < kEnough; ++fd) {
-    if (::fcntl(fd, F_GETFD, 0) != -1) {
-      descriptors.insert(fd);
-    }
-  }
-  return descriptors;
-}
 
 bool IsOpen(int fd) {
   return ::fcntl(fd, F_GETFD, 0) != -1;

@@ -20,22 +20,12 @@
 
 #include "Allocations.h"
 #include "ExpectThrow.h"
+#include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 
 namespace {
 
 using Calls = ScriptedKernel::Calls;
-
-std::set<int> OpenDescriptors() {
-  constexpr int kEnough = 256;
-  std::set<int> descriptors;
-  for (int fd = 0; fd < kEnough; ++fd) {
-    if (::fcntl(fd, F_GETFD) != -1) {
-      descriptors.insert(fd);
-    }
-  }
-  return descriptors;
-}
 
 /// Every test here also checks that no descriptor and no child is left behind.
 class ExecCmd : public testing::Test {

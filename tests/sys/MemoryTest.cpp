@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 #include "SystemCalls.h"
 
@@ -39,17 +40,6 @@ std::string Hexadecimal(unsigned long long number) {
   std::ostringstream text;
   text << "0x" << std::hex << number;
   return text.str();
-}
-
-std::set<int> OpenDescriptors() {
-  constexpr int kEnough = 256;
-  std::set<int> descriptors;
-  for (int fd = 0; fd < kEnough; ++fd) {
-    if (::fcntl(fd, F_GETFD, 0) != -1) {
-      descriptors.insert(fd);
-    }
-  }
-  return descriptors;
 }
 
 /// All physical memory that 32 bits reach, and some pages behind it: a sparse file that is opened in the place of

@@ -1,0 +1,20 @@
+#ifndef BOARDKIT_TESTS_OPENDESCRIPTORS_H
+#define BOARDKIT_TESTS_OPENDESCRIPTORS_H
+
+#include <fcntl.h>
+
+#include <set>
+
+/// The descriptors that the process has open now: compared before and after, they tell of leaks.
+inline std::set<int> OpenDescriptors() {
+  constexpr int kEnough = 256;
+  std::set<int> descriptors;
+  for (int fd = 0; fd < kEnough; ++fd) {
+    if (::fcntl(fd, F_GETFD, 0) != -1) {
+      descriptors.insert(fd);
+    }
+  }
+  return descriptors;
+}
+
+#endif
