@@ -69,7 +69,8 @@ class File {
   static std::string ReadLink(const std::string& path);
 
   /// Moves the descriptor's offset as `lseek` does and returns it. The stream does not know.
-  /// @throws std::system_error "Seeking failed for '<name>' failed.".
+  /// @throws std::system_error "Seeking failed for '<name>' failed." (EOVERFLOW: the new offset does not fit into a
+  /// `long` of 32 bits; the descriptor has moved there all the same).
   long Seek(long offset, int whence) const;
 
   /// Controls the device with @p request and returns the result of `ioctl`.

@@ -148,11 +148,13 @@ std::string File::ReadLink(const std::string& path) {
 
 long File::Seek(long offset, int whence) const {
   const off_t position = ::lseek(m_fd.Get(), offset, whence);
-  if (position == -1) {
-    const int error = errno;
+  // Where off_t is the wider one, an offset that does not fit fails as it does in an lseek with a narrow one.
+  const auto told = static_cast<long>(position);
+  if (position == -1 || told != position) {
+    const int error = position == -1 ? errno : EOVERFLOW;
     ThrowSystemError(error, "Seeking failed for '" + m_name + "' failed.");
   }
-  return static_cast<long>(position);
+  return told;
 }
 
 int File::Ioctl(int request, ...) const {

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -769,6 +770,29 @@ TEST_F(FileSeek, OffsetsBehindFourGigabytesWorkWhereALongCanHoldThem) {
     EXPECT_EQ(file.Seek(2147483647L, SEEK_SET), 2147483647L);
   }
 }
+
+#if __SIZEOF_LONG__ == 4
+TEST_F(FileSeek, AnOffsetThatALongCannotHoldThrowsEoverflow) {
+  const std::string path = Path("new");
+  const int fd = NextDescriptor();
+  const File file(path, O_CREAT | O_RDWR, 0600);
+  const std::string text = "Seeking failed for '" + path + "' failed.";
+  ASSERT_EQ(file.Seek(LONG_MAX, SEEK_SET), LONG_MAX);
+
+  // Cut to 32 bits, these would be the most negative number, -1 and a small one.
+  std::int64_t expected = LONG_MAX;
+  for (const long step : {1L, LONG_MAX, 7L}) {
+    errno = ENOTTY;
+    EXPECT_SYSTEM_ERROR(file.Seek(step, SEEK_CUR), EOVERFLOW, text);
+    expected += step;
+    if (sizeof(off_t) == sizeof(expected)) {
+      EXPECT_EQ(::lseek64(fd, 0, SEEK_CUR), expected);
+    }
+  }
+
+  EXPECT_EQ(file.Seek(0, SEEK_SET), 0);
+}
+#endif
 
 TEST_F(FileSeek, FailuresThrowWithFailedTwice) {
   const std::string path = Make("there", "");
