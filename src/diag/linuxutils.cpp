@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace linuxutils {
 
@@ -17,6 +18,13 @@ namespace {
 constexpr int kMostFrames = 20;               // captured, those that are skipped included
 constexpr std::size_t kComparedLength = 200;  // characters of a line that tell frames apart
 constexpr std::size_t kWordSize = 128;        // bytes, the terminating NUL included; the formats below know it too
+
+/// What the C library allocates, given back even if memory runs out while it is being used.
+struct Free {
+  void operator()(void* memory) const {
+    std::free(memory);
+  }
+};
 
 /// Appends the nested name in @p symbol to @p name; false if the text does not read like one.
 ///
@@ -56,10 +64,9 @@ std::string Demangle(const char* symbol) {
   if (std::sscanf(symbol, "%*[^(]%*[^_]%127[^)+]", word) == 1) {
     std::size_t length = 0;
     int status = 0;
-    if (char* const text = abi::__cxa_demangle(word, nullptr, &length, &status); text != nullptr) {
-      name = text;
-      std::free(text);
-      return name;
+    const std::unique_ptr<char, Free> text(abi::__cxa_demangle(word, nullptr, &length, &status));
+    if (text != nullptr) {
+      return text.get();
     }
   }
 
@@ -76,7 +83,8 @@ void AppendRecurionNote(std::string& text, int count) {
 [[gnu::noinline]] std::string Traceback(int skip) {
   void* addresses[kMostFrames];
   const int count = ::backtrace(addresses, kMostFrames);
-  char** const lines = ::backtrace_symbols(addresses, count);
+  const std::unique_ptr<char*, Free> block(::backtrace_symbols(addresses, count));
+  const char* const* const lines = block.get();
   std::string text = "\nTraceback:";
 
   const int first = skip < 0 ? 0 : std::min(skip, kMostFrames) + 1;
@@ -97,7 +105,6 @@ void AppendRecurionNote(std::string& text, int count) {
     }
   }
   text += '\n';
-  std::free(lines);
   return text;
 }
 

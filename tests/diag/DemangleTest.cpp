@@ -1,6 +1,7 @@
 #include <climits>
 #include <fstream>
 #include <iterator>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "NaiveDemangling.h"
 #include "linuxutils.h"
 
@@ -116,6 +118,18 @@ TEST(Demangle, ANameLongerThan127CharactersIsCut) {
   EXPECT_EQ(Demangle(("p(_Z1f" + std::string(123, 'i') + "?+").c_str()), expected + "int)");
   // One that would be read is none, and the cut text is the first word's.
   EXPECT_EQ(Demangle(("p(_Z1f" + std::string(122, 'i') + "?+").c_str()), "p(_Z1f" + std::string(121, 'i'));
+}
+
+TEST(Demangle, MemoryThatRunsOutForASignatureIsNotLost) {
+  // Of 127 characters; what is made of them has more than 600. Several thousand of those are some megabytes.
+  constexpr int kCases = 4000;
+  const std::string line = "p(_Z1f" + std::string(123, 'i') + '+';
+  const long long before = AllocatedBytes();
+  for (int i = 0; i < kCases; ++i) {
+    const LimitedAllocations limited(500);
+    EXPECT_THROW(Demangle(line.c_str()), std::bad_alloc);
+  }
+  EXPECT_LT(AllocatedBytes() - before, 1000000);
 }
 
 // --- First words -----------------------------------------------------------------------------------------------------
@@ -246,6 +260,16 @@ TEST(AppendRecurionNote, AppendsTheCountWithoutASingular) {
     linuxutils::AppendRecurionNote(text, count);
     EXPECT_EQ(text, std::string("a\0b", 3) + note);
   }
+}
+
+TEST(AppendRecurionNote, WithoutMemoryForItTheTextStaysAsItWas) {
+  std::string text(1000, 'x');
+  text.shrink_to_fit();
+  {
+    const LimitedAllocations limited(500);
+    EXPECT_THROW(linuxutils::AppendRecurionNote(text, 1), std::bad_alloc);
+  }
+  EXPECT_EQ(text, std::string(1000, 'x'));
 }
 
 }  // namespace

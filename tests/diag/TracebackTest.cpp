@@ -1,10 +1,10 @@
 #include <dlfcn.h>
-#include <malloc.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <new>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Allocations.h"
 #include "NaiveDemangling.h"
 #include "ScriptedKernel.h"
 #include "linuxutils.h"
@@ -191,19 +192,33 @@ TEST(ScriptedStack, WithoutMemoryForTheLinesTheHeaderIsAll) {
 }
 
 TEST(ScriptedStack, TheLinesAreFreed) {
-  // A scripted block has some megabytes. (Where the C library does not count, the leak checkers do.)
-  const auto inUse = [] {
-    const auto info = ::mallinfo2();
-    return static_cast<long long>(info.uordblks + info.hblkhd);
-  };
-  const long long before = inUse();
+  // A scripted block has some megabytes.
+  const long long before = AllocatedBytes();
 
   for (int i = 0; i < 4; ++i) {
     EXPECT_EQ(Listing({"A"}), "\nTraceback:\nA\n");
     EXPECT_EQ(TracebackOf({"A"}, 100), "\nTraceback:\n");
   }
 
-  EXPECT_LT(inUse() - before, 1000000);
+  EXPECT_LT(AllocatedBytes() - before, 1000000);
+}
+
+TEST(ScriptedStack, TheLinesAreFreedTooWhenMemoryRunsOut) {
+  // What is made of a line has more than 600 characters: too many with the first limit, with the second one in the
+  // listing of two.
+  const std::string line = "p(_Z1f" + std::string(123, 'i') + '+';
+  const std::vector<std::string> lines = {"own", line + "1", line + "2"};
+  const std::string text = Joined(lines);
+  const long long before = AllocatedBytes();
+
+  for (const std::size_t limit : {500U, 1000U}) {
+    ScriptedKernel kernel;
+    kernel.Script("backtrace", {Returns(3)}).Script("backtrace_symbols", {{0, 0, text, false}});
+    const LimitedAllocations limited(limit);
+    EXPECT_THROW(linuxutils::Traceback(0), std::bad_alloc) << limit;
+  }
+
+  EXPECT_LT(AllocatedBytes() - before, 1000000);
 }
 
 TEST(ScriptedStack, AgreesWithTheNaiveRulesOnGeneratedStacks) {

@@ -1,5 +1,7 @@
 #include "Allocations.h"
 
+#include <malloc.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -33,6 +35,11 @@ std::atomic<bool> allocationsChangeErrno{false};
 
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
   std::free(memory);
+}
+
+long long AllocatedBytes() {
+  const auto info = ::mallinfo2();
+  return static_cast<long long>(info.uordblks + info.hblkhd);
 }
 
 CountedAllocations::CountedAllocations() : m_before(allocations) {}
