@@ -55,7 +55,15 @@ check() {
   fi
 }
 
-for level in -O0 -O1 -O2 -O3 -Os; do
+levels='-O0 -O1 -O2 -O3 -Os -Og -Ofast'
+# One that not every compiler knows.
+if "$cxx" -Oz -fsyntax-only library.cpp -I. -std=c++17 2> messages; then
+  levels="$levels -Oz"
+else
+  echo '-Oz: this compiler does not know it.'
+fi
+
+for level in $levels; do
   flags="-std=c++17 -I. -fPIC -fasynchronous-unwind-tables $level"
   # shellcheck disable=SC2086  # flags are words
   {
@@ -67,14 +75,16 @@ for level in -O0 -O1 -O2 -O3 -Os; do
     "$cxx" -rdynamic program.o ./libframes.so -o program
     check "$level, shared"
   }
-done
 
-# With everything in one piece, the linker could merge the two.
-for level in -O2 -O3 -Os; do
-  flags="-std=c++17 -I. -fPIC -fasynchronous-unwind-tables -flto $level"
+  # With everything in one piece, the linker could merge the two.
+  flags="$flags -flto"
   # shellcheck disable=SC2086
-  if "$cxx" $flags -rdynamic program.cpp library.cpp -o program 2> messages; then
-    check "$level, at link time"
+  if "$cxx" $flags -c program.cpp 2> messages && "$cxx" $flags -c library.cpp 2>> messages &&
+    "$cxx" $flags -rdynamic program.o library.o -o program 2>> messages; then
+    check "$level, static, at link time"
+    "$cxx" $flags -shared library.o -o libframes.so
+    "$cxx" $flags -rdynamic program.o ./libframes.so -o program
+    check "$level, shared, at link time"
   else
     printf '%s, at link time: this compiler and linker cannot.\n' "$level"
     cat messages
