@@ -821,11 +821,11 @@ TEST_F(FileIoctl, ReturnsTheResultAndHandsTheRequestOn) {
 
   EXPECT_EQ(file.Ioctl(0x1234), 0);
   EXPECT_EQ(file.Ioctl(0x1234, 1), 5);
-  EXPECT_EQ(file.Ioctl(static_cast<int>(0x80045705U), 1), -2);  // -1 alone is a failure
+  EXPECT_EQ(file.Ioctl(static_cast<int>(0x80001234U), 1), -2);  // -1 alone is a failure
 
   const std::string number = std::to_string(fd);
   EXPECT_EQ(kernel.Seen(), (Calls{"ioctl(" + number + ", 0x1234)", "ioctl(" + number + ", 0x1234)",
-                                  "ioctl(" + number + ", 0x80045705)"}));
+                                  "ioctl(" + number + ", 0x80001234)"}));
 }
 
 TEST_F(FileIoctl, ARequestWithoutArgumentWorksOnATerminal) {

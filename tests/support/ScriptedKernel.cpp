@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/watchdog.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
@@ -282,16 +283,20 @@ using MmapFunction = void*(void*, std::size_t, int, int, int, Offset);
 struct IoctlRequest {
   unsigned long number;
   const char* name;
-  std::size_t in;  // bytes that it hands over
+  std::size_t in;      // bytes that it hands over
+  const char* format;  // of the number that they are; null if they are none
 };
 
 constexpr IoctlRequest kIoctlRequests[] = {
-    {FIONREAD, "FIONREAD", 0},
-    {TIOCMGET, "TIOCMGET", 0},
-    {TIOCMSET, "TIOCMSET", sizeof(int)},
-    {TIOCGSERIAL, "TIOCGSERIAL", 0},
-    {ExtendedAttributes::kGet, "TCGETS2", 0},
-    {ExtendedAttributes::kSet, "TCSETS2", sizeof(ExtendedAttributes)},
+    {FIONREAD, "FIONREAD", 0, nullptr},
+    {TIOCMGET, "TIOCMGET", 0, nullptr},
+    {TIOCMSET, "TIOCMSET", sizeof(int), ", 0x%x"},
+    {TIOCGSERIAL, "TIOCGSERIAL", 0, nullptr},
+    {ExtendedAttributes::kGet, "TCGETS2", 0, nullptr},
+    {ExtendedAttributes::kSet, "TCSETS2", sizeof(ExtendedAttributes), nullptr},
+    {WDIOC_KEEPALIVE, "WDIOC_KEEPALIVE", 0, nullptr},
+    {WDIOC_GETTIMEOUT, "WDIOC_GETTIMEOUT", 0, nullptr},
+    {WDIOC_SETTIMEOUT, "WDIOC_SETTIMEOUT", sizeof(int), ", %d"},
 };
 
 int OpenAs(OpenFunction* real, const char* path, int flags, mode_t mode) {
@@ -321,7 +326,7 @@ int IoctlAs(IoctlFunction* real, int fd, unsigned long request, void* argument) 
   if (activeKernel == nullptr) {
     return real(fd, request, argument);
   }
-  IoctlRequest known{request, nullptr, 0};
+  IoctlRequest known{request, nullptr, 0, nullptr};
   for (const IoctlRequest& candidate : kIoctlRequests) {
     if (candidate.number == request) {
       known = candidate;
@@ -333,10 +338,14 @@ int IoctlAs(IoctlFunction* real, int fd, unsigned long request, void* argument) 
   }
   const std::string in(static_cast<const char*>(argument), known.in);
   std::string arguments = std::to_string(fd);
-  if (in.size() == sizeof(int)) {
-    unsigned int number = 0;
+  if (known.format != nullptr) {
+    int number = 0;
     std::memcpy(&number, in.data(), sizeof(number));
-    arguments += ", " + Hexadecimal(number);
+    char text[32];
+    std::snprintf(text, sizeof(text), known.format, number);
+    arguments += text;
+  } else if (argument == nullptr) {
+    arguments += ", 0";
   }
   const Answer answer = ScriptedKernel::Next(known.name, arguments, {fd, in});
   return answer.real ? real(fd, request, argument) : Give<int>(answer, argument);
