@@ -21,6 +21,7 @@
 #include <iterator>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <type_traits>
@@ -296,6 +297,29 @@ TEST_F(FileAdopting, ANullStreamIsADescriptorOfNone) {
   EXPECT_EQ(kernel.Seen(), (Calls{"open(\"\", 0x0)"}));
 }
 
+TEST_F(FileAdopting, AStreamWithoutADescriptorIsClosedAloneAndOpensTheEmptyName) {
+  char memory[8] = {};
+  std::FILE* const stream = ::fmemopen(memory, sizeof memory, "r+");
+  ASSERT_NE(stream, nullptr);
+  ScriptedKernel kernel;
+  kernel.Watch("open").Watch("close").Watch("fclose").Watch("readlink");
+
+  EXPECT_SYSTEM_ERROR(File{stream}, ENOENT, "Open for '' failed.");
+
+  EXPECT_EQ(kernel.Seen(), (Calls{"open(\"\", 0x0)", "fclose()"}));
+}
+
+TEST_F(FileAdopting, ARenamedFileKeepsTheNameThatItHadAtFirst) {
+  const std::string path = Make("there", "");
+  const File byPath(path, O_RDONLY, 0);
+  File byDescriptor(::open(path.c_str(), O_RDONLY));
+  std::filesystem::rename(path, Path("elsewhere"));
+  byDescriptor.Init();
+
+  EXPECT_SYSTEM_ERROR(byPath.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
+  EXPECT_SYSTEM_ERROR(byDescriptor.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
+}
+
 TEST_F(FileAdopting, ADescriptorThatIsNotOpenHasNoLinkAndIsClosedAllTheSame) {
   const int fd = NextDescriptor();
   const std::string number = std::to_string(fd);
@@ -569,6 +593,27 @@ TEST_F(FileTransfer, AWriteWithoutProgressBecomesASystemErrorWithWhateverErrnoHo
   }
 }
 
+TEST_F(FileTransfer, WhatIsNoStandardExceptionPassesThroughAsItIs) {
+  struct Foreign {
+    int number;
+  };
+  const File file(Make("there", "abc"), O_RDWR, 0);
+  const auto thrownBy = [](const char* function, const auto& call) {
+    ScriptedKernel kernel;
+    kernel.Simulate(function, [](const Question&) -> Answer { throw Foreign{7}; });
+    try {
+      call();
+    } catch (const Foreign& foreign) {
+      return foreign.number;
+    }
+    return 0;
+  };
+
+  EXPECT_EQ(thrownBy("write", [&] { Write(file, "x"); }), 7);
+  EXPECT_EQ(thrownBy("write", [&] { file.PutString("x"); }), 7);
+  EXPECT_EQ(thrownBy("read", [&] { Read(file, 1); }), 7);
+}
+
 TEST_F(FileTransfer, ReadingTenBytesOfFourThrowsAndTheDescriptorIsBehindThem) {
   const std::string path = Make("there", "0123");
   const File file(path, O_RDONLY, 0);
@@ -683,6 +728,7 @@ TEST_F(FileExists, MeansThatItCanBeRead) {
   EXPECT_TRUE(File::Exists(path));
   EXPECT_TRUE(File::Exists(Path("link")));
   EXPECT_TRUE(File::Exists("/dev/null"));
+  EXPECT_TRUE(File::Exists(std::filesystem::path(path).parent_path()));  // a folder can be opened, too
   EXPECT_FALSE(File::Exists(Path("dangling")));
   EXPECT_FALSE(File::Exists(Path("missing")));
 }
@@ -827,6 +873,29 @@ TEST_F(FileIoctl, ReturnsTheResultAndHandsTheRequestOn) {
   EXPECT_EQ(kernel.Seen(), (Calls{"ioctl(" + number + ", 0x1234)", "ioctl(" + number + ", 0x1234)",
                                   "ioctl(" + number + ", 0x80001234)"}));
 }
+
+#if defined(__x86_64__) || defined(__arm__)
+TEST_F(FileIoctl, TheThirdArgumentIsTheListOfArgumentsItself) {
+  const int fd = NextDescriptor();
+  const File file("/dev/null", O_RDWR, 0);
+  const int bits = 0x1234;
+  ScriptedKernel kernel;
+  kernel.Script("TIOCMSET", {Returns(0)});
+
+  EXPECT_EQ(file.Ioctl(TIOCMSET, &bits), 0);
+
+#ifdef __x86_64__
+  // It begins with the bytes of the registers that are used up: by the object's address and the request.
+  const unsigned int expected = 2 * sizeof(long);
+#else
+  // It is no more than the address of the first argument, which is an address itself.
+  const auto expected = reinterpret_cast<std::uintptr_t>(&bits);
+#endif
+  std::ostringstream call;
+  call << "TIOCMSET(" << fd << ", 0x" << std::hex << expected << ')';
+  EXPECT_EQ(kernel.Seen(), Calls{call.str()});
+}
+#endif
 
 TEST_F(FileIoctl, ARequestWithoutArgumentWorksOnATerminal) {
   int master = -1;

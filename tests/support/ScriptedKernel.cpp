@@ -277,6 +277,7 @@ namespace {
 using OpenFunction = int(const char*, int, ...);
 using FcntlFunction = int(int, int, ...);
 using IoctlFunction = int(int, unsigned long, ...);
+using SyscallFunction = long(long, ...);
 template <typename Offset>
 using MmapFunction = void*(void*, std::size_t, int, int, int, Offset);
 
@@ -439,6 +440,22 @@ BOARDKIT_DEFINE_IOCTL(ScriptedIoctl, "ioctl")
 BOARDKIT_DEFINE_FCNTL(ScriptedFcntlTime64, "__fcntl_time64")
 BOARDKIT_DEFINE_IOCTL(ScriptedIoctlTime64, "__ioctl_time64")
 #endif
+
+// With as many arguments as any system call has: what the caller leaves out is handed on unread.
+long syscall(long number, ...) noexcept {
+  static RealFunction<SyscallFunction> library("syscall");
+  auto* const real = library.Get();
+  va_list list;
+  va_start(list, number);
+  long arguments[6];
+  for (long& argument : arguments) {
+    argument = va_arg(list, long);
+  }
+  va_end(list);
+  const Answer answer = activeKernel == nullptr ? Real() : ScriptedKernel::Next("syscall", std::to_string(number));
+  return answer.real ? real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5])
+                     : Give<long>(answer);
+}
 // NOLINTEND(cert-dcl50-cpp)
 
 int ScriptedOpen2(const char* path, int flags) asm("__open_2");

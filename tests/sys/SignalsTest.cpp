@@ -418,6 +418,21 @@ TEST(LinuxGetThreadId, IsTheProcessIdInTheMainThreadAndAnotherOneInEveryOther) {
   EXPECT_EQ(ids.size(), kThreads + 1U);
 }
 
+TEST(LinuxGetThreadId, IsTheResultOfOneSystemCallAsItComes) {
+#ifdef __ARM_EABI__
+  static_assert(SYS_gettid == 224);
+#endif
+  ScriptedKernel kernel;
+  kernel.Script("syscall", {Returns(4711), Returns(0), Fails(ENOSYS)});
+
+  EXPECT_EQ(LinuxGetThreadId(), 4711);
+  EXPECT_EQ(LinuxGetThreadId(), 0);
+  EXPECT_EQ(LinuxGetThreadId(), -1);
+
+  const std::string call = "syscall(" + std::to_string(SYS_gettid) + ')';
+  EXPECT_EQ(kernel.Seen(), (Calls{call, call, call}));
+}
+
 TEST(LinuxGetThreadId, AChildProcessHasItsOwn) {
   const pid_t child = ::fork();
   if (child == 0) {
