@@ -42,8 +42,8 @@ class File {
   /// not to be had.
   void Init();
 
-  /// True if @p path can be opened for reading, which it is: a file that may not be read does not exist here, and a
-  /// FIFO without a writer blocks.
+  /// True if @p path can be opened for reading, which it is: a folder exists, a file that may not be read does not
+  /// exist here, and a FIFO without a writer blocks.
   static bool Exists(const std::string& path);
 
   /// The stream, which the object keeps; null if none could be made for reading, as on a write-only descriptor.
@@ -56,7 +56,7 @@ class File {
   /// Writes all @p length bytes.
   /// @throws std::system_error with the message of WriteLoop(), directly followed by "WriteBytes to '<name>' failed.".
   void WriteBytes(const unsigned char* data, unsigned int length) const;
-  /// Writes the bytes of @p text, with nothing added.
+  /// Writes the bytes of @p text, with nothing added; of texts of 4 GiB and more only the size modulo 4 GiB.
   void PutString(const std::string& text) const;
 
   /// Reads exactly @p length bytes.

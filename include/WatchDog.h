@@ -53,7 +53,8 @@ class WatchDog {
   /// Stops the timer, unless the driver does not honour the magic close, and closes the device; does nothing on an
   /// inactive object.
   /// @throws std::system_error " Could write watchdog device!", with the device open, or " Could not close watchdog
-  /// device!"; the object stays active.
+  /// device!"; the object stays active. After a failed close the descriptor's number is free again all the same: what
+  /// the object does next goes nowhere, or to the file that got the number since.
   void Deactivate();
 
  private:

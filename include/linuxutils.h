@@ -7,9 +7,10 @@
 
 /// A text picture of the calling thread's stack, for logs and exception messages.
 ///
-/// Names are there for functions that the program exports to the dynamic linker (link it with `-rdynamic`), and frames
-/// only where there are unwind tables (on ARM, compile with `-fasynchronous-unwind-tables`). Any thread may call these
-/// functions; none of them is safe in a signal handler, since all allocate memory.
+/// Names are there for functions that the program exports to the dynamic linker (link it with `-rdynamic`), which
+/// static ones are not, and frames only where there are unwind tables (on ARM, compile with
+/// `-fasynchronous-unwind-tables`); an inlined function has neither. Any thread may call these functions; none of them
+/// is safe in a signal handler, since all allocate memory.
 namespace linuxutils {
 
 /// A readable name for one line of `backtrace_symbols`, or for any text.
@@ -18,7 +19,8 @@ namespace linuxutils {
 /// "(_ZN8OpSystem7ExecCmdE..." gives "OpSystem::ExecCmd". All digits of the line count, so a path with digits in it
 /// ("/lib/libc.so.6") either puts stray text in front or makes this reading fail; an ABI tag reads like one more name
 /// ("SerialPort::ToString::cxx11"). Where the reading fails, the language's own demangler is asked for the full
-/// signature, and where that fails too, the result is the first word of the text.
+/// signature, and where that fails too, the result is the first word of the text. These two read no more than 127
+/// characters.
 std::string Demangle(const char* symbol);
 
 /// Appends " repeats <count> times!" to @p text.
@@ -27,10 +29,12 @@ void AppendRecurionNote(std::string& text, int count);
 /// The calling thread's stack: "\nTraceback:", then each frame on a line of its own, and a final newline.
 ///
 /// At most 20 frames are captured, this function's own and the @p skip callers left out included. Of neighbouring
-/// frames that are equal (a recursion from one place), the first is shown and the others are counted behind it.
+/// frames that are equal (a recursion from one place; of their lines, 200 characters are compared), the first is shown
+/// and the others are counted behind it.
 std::string Traceback(int skip);
 
-/// The stack from the caller on, as Traceback(0) shows it.
+/// The stack from the caller on, as Traceback(0) shows it; of a deep one, a frame less, since this function's own is
+/// captured too.
 std::string Traceback();
 
 }  // namespace linuxutils
