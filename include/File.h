@@ -92,7 +92,7 @@ class File {
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
     void Replace(T value);
-    T Get() const {
+    const T& Get() const {
       return m_value;
     }
 

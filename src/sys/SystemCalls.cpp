@@ -9,13 +9,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 
+#include "Loops.h"
 #include "SystemError.h"
 
 namespace {
@@ -72,47 +72,11 @@ class PhysicalWord {
 }  // namespace
 
 void WriteLoop(int fd, const void* data, unsigned int length) {
-  const auto* position = static_cast<const char*>(data);
-  std::size_t remaining = length;
-
-  while (remaining != 0) {
-    const ssize_t written = ::write(fd, position, remaining);
-    if (written == -1) {
-      if (IsTemporary(errno)) {
-        continue;
-      }
-      ThrowSystemError("Error writing to file descriptor:");
-    }
-    // Kept: every negative result but -1 counts as no progress here.
-    if (written <= 0) {
-      throw std::logic_error("Error writing to file descriptor. No bytes written:");
-    }
-
-    position += written;
-    remaining -= static_cast<std::size_t>(written);
-  }
+  WriteAll(fd, data, length);
 }
 
 void ReadLoop(int fd, void* buffer, unsigned int length) {
-  auto* position = static_cast<char*>(buffer);
-  std::size_t remaining = length;
-
-  while (remaining != 0) {
-    const ssize_t got = ::read(fd, position, remaining);
-    if (got == -1) {
-      if (IsTemporary(errno)) {
-        continue;
-      }
-      ThrowSystemError("Error reading from file descriptor:");
-    }
-    // Kept: only the end of the file counts as no progress here; a negative result but -1 steps back.
-    if (got == 0) {
-      throw std::logic_error("Error reading from file descriptor. No bytes read:");
-    }
-
-    position += got;
-    remaining -= static_cast<std::size_t>(got);
-  }
+  ReadAll(fd, buffer, length);
 }
 
 void DebugSleep(int milliseconds) {
