@@ -1,6 +1,8 @@
 // Words of physical memory: of two reserved pages, of memory that the kernel keeps to itself, and where there is none.
 #include <SystemCalls.h>
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -88,6 +90,21 @@ TEST(PhysicalMemory, AnUnprivilegedProcessIsRefused) {
                                                        "ReadFromMemory Open /dev/mem failed")
                ? 0
                : 1;
+  });
+  EXPECT_EQ(status, 0);
+}
+
+TEST(PhysicalMemory, WithoutTheDeviceTheOpeningsErrorIsReported) {
+  const int status = StatusOfAnotherProcess([] {
+    // An empty folder instead of the devices, for this process alone.
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
+      return 2;
+    }
+    const auto reads =
+        ThrowsSystemError([] { ReadFromPhysicalMemoryAddress(kWords); }, ENOENT, "ReadFromMemory Open /dev/mem failed");
+    const auto writes = ThrowsSystemError([] { WriteToPhysicalMemoryAddress(kWords, 0); }, ENOENT,
+                                          "ReadFromMemory Open /dev/mem failed");
+    return reads && writes ? 0 : 1;
   });
   EXPECT_EQ(status, 0);
 }
