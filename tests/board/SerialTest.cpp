@@ -90,9 +90,10 @@ std::string Pattern(std::size_t length) {
   return text;
 }
 
+/// No more than a chunk is under way: less than the driver keeps, and what the other end waits for.
+constexpr std::size_t kChunk = 2048;
+
 std::string WriteAndReadBack(SerialPort& port, const std::string& text) {
-  // No more under way than the driver keeps.
-  constexpr std::size_t kChunk = 2048;
   std::string received;
   for (std::size_t position = 0; position < text.size(); position += kChunk) {
     const std::string chunk = text.substr(position, kChunk);
