@@ -22,8 +22,12 @@ GLIBC 2.34
 GLIBCXX 3.4.29
 END
 
-"$objdump" --dynamic-syms "$library" | grep -F '*UND*' |
-  sed -n 's/.*[ (]\([A-Z]*\)_\([0-9][0-9.]*\))\{0,1\}  *\([^ ]*\)$/\1 \2 \3/p' > "$work/needed"
+"$objdump" --dynamic-syms "$library" | grep -F '*UND*' > "$work/undefined"
+# The C and C++ libraries have versions for all their symbols; what is weak need not be anywhere.
+if grep -v -e ' w ' -e '[ (][A-Z]*_[0-9][0-9.]*' "$work/undefined"; then
+  complain 'These are neither of the C library nor of the C++ library.'
+fi
+sed -n 's/.*[ (]\([A-Z]*\)_\([0-9][0-9.]*\))\{0,1\}  *\([^ ]*\)$/\1 \2 \3/p' "$work/undefined" > "$work/needed"
 [ -s "$work/needed" ] || complain 'No versioned symbol is needed at all: the list could not be read.'
 while read -r name version symbol; do
   floor=$(sed -n "s/^$name //p" "$work/floor")
