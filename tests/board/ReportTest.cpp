@@ -39,16 +39,14 @@ class Report : public testing::Test {
  protected:
   static constexpr const char* kDevice = "/dev/ttyS2";
 
-  static std::string TextAt(SerialPort::BaudRate speed, const std::string& registers) {
+  static void ExpectTextAt(SerialPort::BaudRate speed, const std::string& registers) {
     SerialPort port(kDevice, true);
     port.SetBaudRate(speed);
     port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);
-    const std::string text = port.ToString();
     const unsigned int shown = SerialPort::BaudRateToPrintableNumber(speed);
     const std::string decimal = std::to_string(shown);
-    EXPECT_EQ(text, "Device:    /dev/ttyS2\nOutput Baudrate: " + decimal + "\nInput  Baudrate: " + decimal +
-                        "\nFlowcontrol: None\n" + DriverLines(kDevice) + registers);
-    return text;
+    EXPECT_EQ(port.ToString(), "Device:    /dev/ttyS2\nOutput Baudrate: " + decimal + "\nInput  Baudrate: " + decimal +
+                                   "\nFlowcontrol: None\n" + DriverLines(kDevice) + registers);
   }
 };
 
@@ -59,15 +57,15 @@ TEST_F(Report, TheDriverHasTheBoardsValues) {
 }
 
 TEST_F(Report, AFastLineHasADivisorOfOneByteAndItsRealSpeed) {
-  TextAt(SerialPort::BAUD_115200, "Line Register: 0x13\nDivisor Latch: 22\nReal baud rate: 114890\n");
+  ExpectTextAt(SerialPort::BAUD_115200, "Line Register: 0x13\nDivisor Latch: 22\nReal baud rate: 114890\n");
 }
 
 TEST_F(Report, ASlowLineHasADivisorOfTwoBytesThatArePutTogetherAsWords) {
-  TextAt(SerialPort::BAUD_9600, "Line Register: 0x13\nDivisor Latch: 100000097\nReal baud rate: 0.000909495\n");
+  ExpectTextAt(SerialPort::BAUD_9600, "Line Register: 0x13\nDivisor Latch: 100000097\nReal baud rate: 0.000909495\n");
 }
 
 TEST_F(Report, TheFastestSpeedIsShownAsASlowerOneButItsDivisorIsReal) {
-  TextAt(SerialPort::BAUD_3000000, "Line Register: 0x13\nDivisor Latch: 1\nReal baud rate: 3.90625e+06\n");
+  ExpectTextAt(SerialPort::BAUD_3000000, "Line Register: 0x13\nDivisor Latch: 1\nReal baud rate: 3.90625e+06\n");
 }
 
 TEST_F(Report, TheDriverClearsTheAccessBitWhenThePortIsOpenedAgain) {

@@ -6,16 +6,16 @@
 
 #include <signal.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <string>
 
 int main(int argc, char* argv[]) {
   if (argc != 4) {
     std::cerr << "Usage: board-starve starve|die DEVICE TIMEOUT_IN_SECONDS\n";
     return 2;
   }
-  WatchDog dog(std::atoi(argv[3]), argv[2]);
+  WatchDog dog(std::stoi(argv[3]), argv[2]);
   dog.Activate();
   std::cout << "armed: " << dog.GetInterval() << " seconds" << std::endl;
   if (std::strcmp(argv[1], "die") == 0) {
