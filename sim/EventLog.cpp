@@ -1,0 +1,37 @@
+#include "EventLog.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "SetupError.h"
+
+EventLog::EventLog(const std::string& path)
+    : m_file(path == "-" ? ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
+                         : ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0666)),
+      m_path(path) {
+  if (!m_file) {
+    throw SetupError("the log " + path + " can't be written", errno);
+  }
+}
+
+void EventLog::Write(const std::string& device, const std::string& event) {
+  if (!m_file) {
+    return;
+  }
+
+  const std::chrono::duration<double> since = std::chrono::steady_clock::now() - m_start;
+  char time[32];
+  std::snprintf(time, sizeof time, "%.6f ", since.count());
+  // Whole lines in one call each: somebody may be reading along.
+  const std::string line = time + device + ' ' + event + '\n';
+  const ssize_t written = ::write(m_file.Get(), line.data(), line.size());
+  if (written != static_cast<ssize_t>(line.size())) {
+    std::fprintf(stderr, "boardsim: the log %s ends here: %s\n", m_path.c_str(),
+                 std::strerror(written == -1 ? errno : ENOSPC));
+    m_file.Close();
+  }
+}

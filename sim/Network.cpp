@@ -1,0 +1,135 @@
+#include "Network.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+
+#include "ExitStatus.h"
+#include "SetupError.h"
+
+namespace {
+
+constexpr const char* kSettings = "/proc/sys/net/ipv6/conf";
+
+struct Interface {
+  const char* name;
+  const char* address;  // of the hardware
+  const char* peer;
+  const char* peerAddress4;
+  const char* peerAddress6;
+  bool isUp;
+};
+constexpr Interface kInterfaces[] = {
+    {"eth0", "02:00:00:00:00:01", "peer0", "192.0.2.1/24", "2001:db8::1/64", true},
+    {"eth1", "02:00:00:00:00:02", "peer1", "198.51.100.1/24", "2001:db8:1::1/64", false}};
+
+bool HasIpV6() {
+  return ::access(kSettings, F_OK) == 0;
+}
+
+/// An address counts at once, not only after a second in which nobody else claimed it.
+void ForgoTentativeAddresses() {
+  for (const char* which : {"all", "default"}) {
+    const Descriptor setting(
+        ::open((std::string(kSettings) + '/' + which + "/accept_dad").c_str(), O_WRONLY | O_CLOEXEC));
+    if (setting && ::write(setting.Get(), "0", 1) == -1) {
+      throw SetupError("IPv6 can't be set up", errno);
+    }
+  }
+}
+
+/// Runs `ip` in a process of its own, after some preparation in there.
+void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
+  const Descriptor input(::memfd_create("ip-commands", MFD_CLOEXEC));
+  const Descriptor output(::memfd_create("ip-output", MFD_CLOEXEC));
+  if (!input || !output || ::pwrite(input.Get(), commands.data(), commands.size(), 0) == -1) {
+    throw SetupError("the commands for `ip` can't be kept", errno);
+  }
+
+  const pid_t child = ::fork();
+  if (child == -1) {
+    throw SetupError("`ip` can't be started", errno);
+  }
+  if (child == 0) {
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (prepare()) {
+      ::dup2(input.Get(), STDIN_FILENO);
+      ::dup2(output.Get(), STDOUT_FILENO);
+      ::dup2(output.Get(), STDERR_FILENO);
+      // Ordinary users do not look where some systems keep it.
+      const char* path = std::getenv("PATH");
+      ::setenv("PATH", (std::string(path == nullptr ? "/usr/bin:/bin" : path) + ":/usr/sbin:/sbin").c_str(), 1);
+      ::execlp("ip", "ip", "-batch", "-", static_cast<char*>(nullptr));
+    }
+    ::_exit(errno == ENOENT ? kStatusNotFound : kStatusNotExecutable);
+  }
+
+  int status = 0;
+  while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
+  }
+  if (status == 0) {
+    return;
+  }
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kStatusNotFound) {
+    throw SetupError("There is no `ip` to make the network with: install iproute2, or give --net none.");
+  }
+  char text[200] = {};
+  const ssize_t size = ::pread(output.Get(), text, sizeof text - 1, 0);
+  const std::string complaint(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+  throw SetupError("`ip` could not make the network: " + complaint.substr(0, complaint.find('\n')));
+}
+
+}  // namespace
+
+Descriptor MakePrivateNetwork() {
+  ForgoTentativeAddresses();
+  Descriptor peers(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+  if (!peers || ::unshare(CLONE_NEWNET) == -1) {
+    throw SetupError("the network namespace of the board can't be made", errno);
+  }
+  ForgoTentativeAddresses();
+
+  std::string farCommands = "link set lo up\n";
+  std::string commands = farCommands;
+  for (const Interface& interface : kInterfaces) {
+    const std::string peer = interface.peer;
+    farCommands += "link add " + peer + " type veth peer name " + interface.name + " address " + interface.address +
+                   " netns 1\naddress add " + interface.peerAddress4 + " dev " + peer + '\n';
+    if (HasIpV6()) {
+      farCommands += std::string("address add ") + interface.peerAddress6 + " dev " + peer + " nodad\n";
+    }
+    farCommands += "link set " + peer + " up\n";
+    if (interface.isUp) {
+      commands += std::string("link set ") + interface.name + " up\n";
+    }
+  }
+  RunIp(farCommands, [&peers] { return ::setns(peers.Get(), CLONE_NEWNET) == 0; });
+  RunIp(commands);
+  return peers;
+}
+
+void MakeEmptyNetwork() {
+  RunIp("link set lo up\n");
+}
+
+std::string PeerOf(const std::string& interface) {
+  for (const Interface& candidate : kInterfaces) {
+    if (interface == candidate.name) {
+      return candidate.peer;
+    }
+  }
+  return "";
+}
+
+void RunIp(const std::string& commands) {
+  RunIp(commands, [] { return true; });
+}

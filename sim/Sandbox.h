@@ -1,0 +1,80 @@
+#ifndef BOARDKIT_SIM_SANDBOX_H
+#define BOARDKIT_SIM_SANDBOX_H
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Descriptor.h"
+#include "Options.h"
+#include "SetupError.h"
+
+/// The signals that the simulator keeps back for itself, and the application gets as it was meant to.
+constexpr int kHandledSignals[] = {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE};
+
+/// This machine does not allow what the private /dev takes; the opens of devices can be answered instead.
+class NamespacesForbidden : public SetupError {
+ public:
+  using SetupError::SetupError;
+};
+
+/// The place where the application runs: a first process that all others descend from and that none outlives.
+///
+/// With namespaces, the simulated devices lie under their names in a /dev of its own, and the network is its own.
+/// Without, there is nothing but the supervision of system calls.
+class Sandbox {
+ public:
+  /// Prepares everything up to the application's start.
+  /// @throws NamespacesForbidden, SetupError; nothing is left then.
+  /// @param mask the application's signal mask.
+  Sandbox(const Options& options, bool namespaces, const sigset_t& mask);
+  /// Ends all that still runs in there.
+  ~Sandbox();
+  Sandbox(const Sandbox&) = delete;
+  Sandbox& operator=(const Sandbox&) = delete;
+
+  /// The masters of the terminals that the application has as its serial ports.
+  std::vector<Descriptor> terminals;
+  Descriptor watchdog;  // a FIFO
+  Descriptor memory;    // a file
+  Descriptor listener;  // of the supervised system calls
+
+  bool HasNamespaces() const {
+    return m_namespaces;
+  }
+  /// Starts the application.
+  void Go();
+  void Signal(int signal) const;
+  /// Ends all processes at once.
+  void Kill();
+  /// Whether the first process has ended, and all others with it.
+  bool HasEnded();
+  /// The application's wait status; nothing if it was ended from here, or from outside.
+  std::optional<int> ApplicationStatus() const {
+    return m_status;
+  }
+
+  /// A new terminal under the name of one that has been hung up.
+  /// @throws SetupError
+  Descriptor Replug(const std::string& path) const;
+  /// The cable of an interface in, or out.
+  /// @throws SetupError
+  void SetLink(const std::string& interface, bool up) const;
+
+ private:
+  bool ReceiveMessage();
+  void Reap(int options);
+  void Join(const std::string& kind) const;
+
+  bool m_namespaces;
+  pid_t m_init = -1;
+  pid_t m_application = -1;
+  std::optional<int> m_status;
+  Descriptor m_socket;
+  Descriptor m_peers;  // the network namespace of the interfaces' other ends
+};
+
+#endif

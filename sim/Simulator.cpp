@@ -1,0 +1,358 @@
+#include "Simulator.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+#include <vector>
+
+#include "ExitStatus.h"
+#include "SetupError.h"
+
+namespace {
+
+std::string ProcessFolder(const TrappedCall& call) {
+  return "/proc/" + std::to_string(call.Thread()) + '/';
+}
+
+/// Where a path of the application begins: at its root, its folder, or one that it has open.
+std::string BaseOf(const TrappedCall& call, const std::string& path) {
+  if (path.front() == '/') {
+    return ProcessFolder(call) + "root";
+  }
+  return ProcessFolder(call) + (call.OpenFolder() == AT_FDCWD ? "cwd" : "fd/" + std::to_string(call.OpenFolder()));
+}
+
+/// The file that the application means, as it sees it.
+/// @returns nothing if it is not there, or only for the application itself.
+std::optional<FileId> FileOf(const TrappedCall& call, const std::string& path) {
+  const Descriptor base(::open(BaseOf(call, path).c_str(), O_PATH | O_CLOEXEC));
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = path.front() == '/' ? RESOLVE_IN_ROOT : 0;
+  const Descriptor file(static_cast<int>(::syscall(SYS_openat2, base.Get(), path.c_str(), &how, sizeof how)));
+  return file ? std::make_optional(FileId::Of(file)) : std::nullopt;
+}
+
+/// The path that the application means, as a text: for names that exist for the application only.
+std::string AbsolutePath(const TrappedCall& call, const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path base =
+      path.front() == '/' ? "/" : std::filesystem::read_symlink(BaseOf(call, path), error).string();
+  return (base / path).lexically_normal();
+}
+
+std::uint32_t ParseNumber(const std::string& text) {
+  std::size_t end = 0;
+  unsigned long number = 0;
+  try {
+    number = std::stoul(text, &end, 0);
+  } catch (const std::exception&) {
+    end = std::string::npos;
+  }
+  if (end != text.size() || number > 0xFFFFFFFF) {
+    throw SetupError("\"" + text + "\" is no number of 32 bits");
+  }
+  return static_cast<std::uint32_t>(number);
+}
+
+std::string ParseBytes(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i < hex.size(); i += 2) {
+    const std::string pair = hex.substr(i, 2);
+    if (pair.size() != 2 || pair.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+      throw SetupError("bytes are pairs of hexadecimal digits, not \"" + hex + "\"");
+    }
+    bytes.push_back(static_cast<char>(std::stoul(pair, nullptr, 16)));
+  }
+  return bytes;
+}
+
+constexpr const char* kCommands =
+    "feed TTY HEX | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | read ADDRESS | "
+    "write ADDRESS VALUE | link INTERFACE up|down | watchdog | help";
+
+}  // namespace
+
+Simulator::Signals::Signals() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  for (const int signal : kHandledSignals) {
+    ::sigaddset(&signals, signal);
+  }
+  ::sigprocmask(SIG_BLOCK, &signals, &m_before);
+  ::sigdelset(&signals, SIGPIPE);  // writing fails with an error, and that is enough
+  m_descriptor = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+Simulator::Simulator(const Options& options)
+    : m_options(options), m_log(options.log.empty() ? EventLog() : EventLog(options.log)) {
+  for (const TtyOptions& tty : m_options.ttys) {
+    m_lines.emplace_back(tty, m_options.serialInfo, m_log);
+  }
+  if (!m_options.control.empty()) {
+    m_control = std::make_unique<Control>(m_options.control, [this](const std::string& line) { return Obey(line); });
+  }
+  MakeSandbox();
+
+  auto terminal = m_sandbox->terminals.begin();
+  for (SerialLine& line : m_lines) {
+    line.Plug(std::move(*terminal++));
+  }
+  if (m_options.memory) {
+    m_memory = std::make_unique<Memory>(std::move(m_sandbox->memory), m_options);
+    m_lines.front().AttachUart(m_memory.get());
+  }
+  if (!m_options.watchdog.empty()) {
+    m_watchdog = std::make_unique<Watchdog>(m_options.watchdog, std::move(m_sandbox->watchdog), m_log);
+  }
+  m_supervisor = std::make_unique<Supervisor>(std::move(m_sandbox->listener));
+}
+
+int Simulator::Run() {
+  m_log.Write("board", "start");
+  m_sandbox->Go();
+  while (!m_sandbox->HasEnded()) {
+    if (m_watchdog) {
+      m_watchdog->Look();
+      if (const auto deadline = m_watchdog->Deadline(); deadline && *deadline <= Watchdog::Clock::now()) {
+        return Reset("the watchdog has reset the board");
+      }
+    }
+    WaitForEvents();
+  }
+  return EndStatus();
+}
+
+void Simulator::MakeSandbox() {
+  if (m_options.namespaces) {
+    try {
+      m_sandbox = std::make_unique<Sandbox>(m_options, true, m_signals.Before());
+      return;
+    } catch (const NamespacesForbidden& error) {
+      if (m_options.net && *m_options.net != Net::kHost) {
+        throw SetupError(std::string(error.what()) + ", so there can be no network of its own.");
+      }
+      std::fprintf(stderr, "boardsim: %s: neither a /dev nor a network of its own, only opens are answered.\n",
+                   error.what());
+    }
+  } else if (m_options.net && *m_options.net != Net::kHost) {
+    throw SetupError("Without namespaces there is only --net host.");
+  }
+  if (::geteuid() == 0 && m_options.net != Net::kHost) {
+    throw SetupError(
+        "As root, and without namespaces, the application could change this machine's network: say --net host if that "
+        "is meant.");
+  }
+  m_sandbox = std::make_unique<Sandbox>(m_options, false, m_signals.Before());
+}
+
+void Simulator::WaitForEvents() {
+  std::vector<pollfd> waiting{{m_signals.Get(), POLLIN, 0}, {m_supervisor->Get(), POLLIN, 0}};
+  for (const SerialLine& line : m_lines) {
+    waiting.push_back({line.Master(), line.MasterEvents(), 0});
+    waiting.push_back({line.Far().Get(), line.FarEvents(), 0});
+  }
+  waiting.push_back({m_watchdog ? m_watchdog->Reader() : -1, POLLIN, 0});
+  if (m_control) {
+    for (const int descriptor : m_control->Descriptors()) {
+      waiting.push_back({descriptor, POLLIN, 0});
+    }
+  }
+
+  timespec wait{};
+  const auto deadline = m_watchdog ? m_watchdog->Deadline() : std::nullopt;
+  if (deadline) {
+    const auto left = std::max(*deadline - Watchdog::Clock::now(), Watchdog::Clock::duration::zero());
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    wait.tv_sec = seconds.count();
+    wait.tv_nsec = std::chrono::nanoseconds(left - seconds).count();
+  }
+  if (::ppoll(waiting.data(), waiting.size(), deadline ? &wait : nullptr, nullptr) <= 0) {
+    return;
+  }
+
+  auto event = waiting.begin();
+  if ((event++)->revents != 0) {
+    HandOnSignals();
+  }
+  if (((event++)->revents & POLLIN) != 0) {
+    if (const auto call = m_supervisor->Receive()) {
+      Answer(*call);
+    }
+  }
+  for (SerialLine& line : m_lines) {
+    const short master = (event++)->revents;
+    const short far = (event++)->revents;
+    if ((master | far) != 0 && line.Master() != -1) {
+      line.Carry(far != 0);
+    }
+  }
+  if (m_control) {
+    m_control->Serve();
+  }
+}
+
+void Simulator::Answer(const TrappedCall& call) {
+  try {
+    if (call.IsIoctl()) {
+      AnswerIoctl(call);
+    } else {
+      AnswerOpen(call);
+    }
+  } catch (const RequestError& refused) {
+    call.Fail(refused.error);
+  }
+}
+
+void Simulator::AnswerIoctl(const TrappedCall& call) {
+  // Whichever way the descriptor came to the application, it is known by the file behind it.
+  struct stat status {};
+  const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.IoctlDescriptor());
+  if (::stat(name.c_str(), &status) == 0) {
+    const FileId file = FileId::Of(status);
+    for (SerialLine& line : m_lines) {
+      if (line.Is(file)) {
+        line.Request(call);
+        return;
+      }
+    }
+    if (m_watchdog && m_watchdog->Is(file)) {
+      m_watchdog->Request(call);
+      return;
+    }
+  }
+  call.Continue();
+}
+
+void Simulator::AnswerOpen(const TrappedCall& call) {
+  const std::string path = call.OpenPath();
+  if (path.empty()) {
+    call.Continue();
+    return;
+  }
+
+  const bool inject = !m_sandbox->HasNamespaces();
+  const std::string name = inject ? AbsolutePath(call, path) : "";
+  const std::optional<FileId> file = inject ? std::nullopt : FileOf(call, path);
+  for (SerialLine& line : m_lines) {
+    if (inject ? name == line.Path() : file && line.Is(*file)) {
+      line.Opened();
+      inject ? call.ReturnDescriptor(line.Open(call.OpenFlags())) : call.Continue();
+      return;
+    }
+  }
+  if (m_watchdog && (inject ? name == m_watchdog->Path() : file && m_watchdog->Is(*file))) {
+    m_watchdog->Opened();
+    inject ? call.ReturnDescriptor(m_watchdog->Open(call.OpenFlags())) : call.Continue();
+    return;
+  }
+  if (m_memory && inject && name == kMemoryPath) {
+    call.ReturnDescriptor(m_memory->Open(call.OpenFlags()));
+    return;
+  }
+  call.Continue();
+}
+
+void Simulator::HandOnSignals() {
+  signalfd_siginfo signal{};
+  while (::read(m_signals.Get(), &signal, sizeof signal) == sizeof signal) {
+    // What comes from the terminal has reached the application as well.
+    if (signal.ssi_signo != SIGCHLD && signal.ssi_code != SI_KERNEL) {
+      m_sandbox->Signal(static_cast<int>(signal.ssi_signo));
+    }
+  }
+}
+
+int Simulator::Reset(const std::string& why) {
+  m_sandbox->Kill();
+  const std::string account = m_watchdog->Account();
+  m_log.Write(m_watchdog->Path(), "reset " + account);
+  std::fprintf(stderr, "boardsim: %s: %s: %s\n", m_watchdog->Path().c_str(), why.c_str(), account.c_str());
+  return kStatusReset;
+}
+
+int Simulator::EndStatus() {
+  if (m_watchdog) {
+    m_watchdog->Look();
+    if (m_watchdog->Deadline()) {
+      return Reset("the application has ended without stopping the watchdog, which resets the board");
+    }
+  }
+  const std::optional<int> ended = m_sandbox->ApplicationStatus();
+  const int status = !ended                ? kStatusSignal + SIGKILL
+                     : WIFSIGNALED(*ended) ? kStatusSignal + WTERMSIG(*ended)
+                                           : WEXITSTATUS(*ended);
+  m_log.Write("board", "end status=" + std::to_string(status));
+  return status;
+}
+
+std::string Simulator::Obey(const std::string& command) {
+  std::istringstream input(command);
+  std::string verb;
+  input >> verb;
+  std::vector<std::string> words;
+  for (std::string word; input >> word;) {
+    words.push_back(word);
+  }
+  const auto is = [&](const char* name, std::size_t count) { return verb == name && words.size() == count; };
+
+  if (is("feed", 2)) {
+    LineOf(words[0]).Feed(ParseBytes(words[1]));
+  } else if (is("hangup", 1)) {
+    LineOf(words[0]).Unplug();
+  } else if (is("plug", 1)) {
+    SerialLine& line = LineOf(words[0]);
+    if (line.Master() != -1) {
+      throw SetupError(words[0] + " is plugged in");
+    }
+    line.Plug(m_sandbox->Replug(words[0]));
+  } else if ((verb == "set" || verb == "clear") && words.size() > 1) {
+    unsigned int inputs = 0;
+    for (std::size_t i = 1; i < words.size(); ++i) {
+      if (ModemInput(words[i]) == 0) {
+        throw SetupError("the inputs are CTS, DSR, CD and RI, not \"" + words[i] + "\"");
+      }
+      inputs |= ModemInput(words[i]);
+    }
+    LineOf(words[0]).SetInputs(inputs, verb == "set");
+  } else if (is("lines", 1)) {
+    return ModemLineNames(LineOf(words[0]).ModemLines());
+  } else if (m_memory && is("read", 1)) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%x", m_memory->Read(ParseNumber(words[0])));
+    return text;
+  } else if (m_memory && is("write", 2)) {
+    m_memory->Write(ParseNumber(words[0]), ParseNumber(words[1]));
+  } else if (is("link", 2) && (words[1] == "up" || words[1] == "down")) {
+    m_sandbox->SetLink(words[0], words[1] == "up");
+    m_log.Write(words[0], "link " + words[1]);
+  } else if (m_watchdog && is("watchdog", 0)) {
+    m_watchdog->Look();
+    return m_watchdog->State();
+  } else if (is("help", 0)) {
+    return kCommands;
+  } else {
+    throw SetupError("the commands are: " + std::string(kCommands));
+  }
+  return "";
+}
+
+SerialLine& Simulator::LineOf(const std::string& path) {
+  for (SerialLine& line : m_lines) {
+    if (line.Path() == path) {
+      return line;
+    }
+  }
+  throw SetupError("there is no simulated port " + path);
+}

@@ -1,0 +1,93 @@
+#ifndef BOARDKIT_SIM_SUPERVISOR_H
+#define BOARDKIT_SIM_SUPERVISOR_H
+
+#include <linux/seccomp.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Descriptor.h"
+
+/// A request that ends with this error number in the application.
+struct RequestError {
+  int error;
+};
+
+/// A system call of the application that waits for its answer. It gets exactly one.
+class TrappedCall {
+ public:
+  bool IsIoctl() const;
+  /// The thread that called, in the numbering of this process.
+  pid_t Thread() const {
+    return static_cast<pid_t>(m_call.pid);
+  }
+
+  // Of an ioctl:
+  int IoctlDescriptor() const;
+  unsigned int IoctlRequest() const;
+  std::uint64_t IoctlArgument() const {
+    return m_call.data.args[2];
+  }
+
+  // Of an open:
+  int OpenFolder() const;
+  int OpenFlags() const;
+  /// @throws RequestError EFAULT, or ENAMETOOLONG.
+  std::string OpenPath() const;
+
+  /// Reads what the ioctl's argument points to.
+  /// @throws RequestError EFAULT.
+  template <typename T>
+  T Read() const {
+    T value{};
+    ReadMemory(IoctlArgument(), &value, sizeof value);
+    return value;
+  }
+  /// Writes to where the ioctl's argument points.
+  /// @throws RequestError EFAULT.
+  template <typename T>
+  void Write(const T& value) const {
+    WriteMemory(IoctlArgument(), &value, sizeof value);
+  }
+
+  void Return(std::int64_t value) const;
+  void Fail(int error) const;
+  /// The kernel does what it would have done.
+  void Continue() const;
+  /// The call is an open, and its result a duplicate of this descriptor.
+  void ReturnDescriptor(const Descriptor& descriptor) const;
+
+ private:
+  friend class Supervisor;
+  TrappedCall(int listener, const seccomp_notif& call) : m_listener(listener), m_call(call) {}
+  void ReadMemory(std::uint64_t address, void* to, std::size_t size) const;
+  void WriteMemory(std::uint64_t address, const void* from, std::size_t size) const;
+  void Answer(std::int64_t value, int error, std::uint32_t flags) const;
+
+  int m_listener;
+  seccomp_notif m_call;
+};
+
+/// Receives the calls that the filter keeps back.
+class Supervisor {
+ public:
+  explicit Supervisor(Descriptor listener);
+
+  int Get() const {
+    return m_listener.Get();
+  }
+  /// The next call; none if it has gone in the meantime.
+  std::optional<TrappedCall> Receive() const;
+
+  /// Installs the filter in the calling process, for itself and all that it starts.
+  /// @returns the listener, or none with errno.
+  static Descriptor Install();
+
+ private:
+  Descriptor m_listener;
+};
+
+#endif

@@ -1,0 +1,170 @@
+#include "Watchdog.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <utility>
+
+#include "WatchdogRequests.h"
+
+namespace {
+
+constexpr char kMagic = 'V';
+constexpr int kShortest = 1;     // seconds
+constexpr int kLongest = 65535;  // seconds
+
+std::string Seconds(Watchdog::Clock::duration time) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.3f", std::chrono::duration<double>(time).count());
+  return text;
+}
+
+}  // namespace
+
+Watchdog::Watchdog(std::string path, Descriptor fifo, EventLog& log)
+    : m_path(std::move(path)), m_fifo(std::move(fifo)), m_id(FileId::Of(m_fifo)), m_log(log) {
+  Reopen();
+}
+
+void Watchdog::Opened() {
+  // A close just before is still on its way.
+  Look();
+  if (m_isOpen) {
+    m_log.Write(m_path, "open refused: busy");
+    throw RequestError{EBUSY};
+  }
+  m_isOpen = true;
+  m_maySleep = false;
+  m_log.Write(m_path, "open");
+  Arm();
+}
+
+Descriptor Watchdog::Open(int flags) const {
+  Descriptor own(::open(PathOf(m_fifo.Get()).c_str(), (flags & (O_ACCMODE | O_NONBLOCK)) | O_CLOEXEC));
+  if (!own) {
+    throw RequestError{errno};
+  }
+  return own;
+}
+
+void Watchdog::Request(const TrappedCall& call) {
+  Look();
+  switch (call.IoctlRequest()) {
+    case WDIOC_KEEPALIVE:
+      Feed("feed");
+      break;
+    case WDIOC_SETTIMEOUT:
+      SetTimeout(call);
+      break;
+    case WDIOC_GETTIMEOUT:
+      call.Write(m_timeout);
+      break;
+    case WDIOC_GETTIMELEFT:
+      call.Write(SecondsLeft());
+      break;
+    case WDIOC_GETSUPPORT:
+      call.Write(watchdog_info{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE, 0, "boardsim"});
+      break;
+    case WDIOC_GETSTATUS:
+    case WDIOC_GETBOOTSTATUS:
+      call.Write(0);
+      break;
+    case WDIOC_SETOPTIONS:
+      SetOptions(call);
+      break;
+    default:
+      throw RequestError{ENOTTY};
+  }
+  call.Return(0);
+}
+
+void Watchdog::Look() {
+  pollfd reader{m_reader.Get(), POLLIN, 0};
+  while (::poll(&reader, 1, 0) > 0) {
+    char bytes[256];
+    const ssize_t got = ::read(m_reader.Get(), bytes, sizeof bytes);
+    if (got > 0) {
+      if (!m_isOpen) {
+        // Opened in a way that is not kept back: the first byte tells of it.
+        m_isOpen = true;
+        m_log.Write(m_path, "open");
+        Arm();
+      }
+      m_maySleep = bytes[got - 1] == kMagic;
+      Feed(m_maySleep ? "write magic" : "write");
+      continue;
+    }
+    if (!m_isOpen) {
+      return;
+    }
+    // All who had it open have closed it. A reader opened anew waits for the next one.
+    Reopen();
+    m_isOpen = false;
+    if (m_maySleep) {
+      m_isArmed = false;
+    }
+    m_log.Write(m_path, m_maySleep ? "close: stopped" : "close: not stopped");
+    reader.fd = m_reader.Get();
+  }
+}
+
+std::optional<Watchdog::Clock::time_point> Watchdog::Deadline() const {
+  return m_isArmed ? std::make_optional(m_fed + std::chrono::seconds(m_timeout)) : std::nullopt;
+}
+
+std::string Watchdog::Account() const {
+  return "time-out " + std::to_string(m_timeout) + " s, last fed " + Seconds(Clock::now() - m_fed) + " s ago";
+}
+
+std::string Watchdog::State() const {
+  std::string state = m_isArmed ? "armed" : "stopped";
+  state += m_isOpen ? " open" : " closed";
+  state += " timeout=" + std::to_string(m_timeout);
+  return m_isArmed ? state + " left=" + Seconds(*Deadline() - Clock::now()) : state;
+}
+
+void Watchdog::Reopen() {
+  m_reader = Descriptor(::open(PathOf(m_fifo.Get()).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+void Watchdog::Arm() {
+  m_isArmed = true;
+  m_fed = Clock::now();
+}
+
+void Watchdog::Feed(const char* how) {
+  m_fed = Clock::now();
+  m_log.Write(m_path, how);
+}
+
+void Watchdog::SetTimeout(const TrappedCall& call) {
+  const int seconds = call.Read<int>();
+  if (seconds < kShortest || seconds > kLongest) {
+    m_log.Write(m_path, "timeout refused: " + std::to_string(seconds));
+    throw RequestError{EINVAL};
+  }
+  m_timeout = seconds;
+  m_fed = Clock::now();
+  m_log.Write(m_path, "timeout " + std::to_string(seconds));
+  call.Write(m_timeout);
+}
+
+void Watchdog::SetOptions(const TrappedCall& call) {
+  const int options = call.Read<int>();
+  if (options == WDIOS_DISABLECARD) {
+    m_isArmed = false;
+    m_log.Write(m_path, "stopped by request");
+  } else if (options == WDIOS_ENABLECARD) {
+    Arm();
+    m_log.Write(m_path, "started by request");
+  } else {
+    throw RequestError{EINVAL};
+  }
+}
+
+int Watchdog::SecondsLeft() const {
+  return m_isArmed ? static_cast<int>(std::chrono::ceil<std::chrono::seconds>(*Deadline() - Clock::now()).count()) : 0;
+}
