@@ -197,6 +197,8 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   options.command = app.remaining();
   if (!options.command.empty() && options.command.front() == "--") {
     options.command.erase(options.command.begin());
+  } else if (!options.command.empty() && options.command.front().front() == '-') {
+    throw SetupError("There is no option " + options.command.front() + ". Try --help.");
   }
   if (options.command.empty()) {
     throw SetupError("No command was given. Try --help.");

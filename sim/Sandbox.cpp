@@ -222,6 +222,11 @@ Descriptor MakeNamelessFifo() {
   return fifo;
 }
 
+/// Shows the interfaces of the board in /sys, not those of the machine. Where that is refused, `ip` does not mind.
+void MountSystemFiles() {
+  ::mount("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
+}
+
 /// @returns what has to stay open as long as the board lives.
 Descriptor EnterNamespaces(const Options& options, int socket, uid_t user, gid_t group, bool mapped) {
   if (mapped) {
@@ -234,13 +239,13 @@ Descriptor EnterNamespaces(const Options& options, int socket, uid_t user, gid_t
   if (options.Network() == Net::kHost) {
     return Descriptor();
   }
-  // The interfaces of the machine are not to be seen in /sys either. Where that is refused, `ip` does not mind.
-  ::mount("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
   if (options.Network() == Net::kNone) {
     MakeEmptyNetwork();
+    MountSystemFiles();
     return Descriptor();
   }
   Descriptor peers = MakePrivateNetwork();
+  MountSystemFiles();
   Send(socket, {Message::Kind::kNetwork}, peers.Get());
   return peers;
 }

@@ -119,10 +119,10 @@ TEST_F(Boardsim, AnApplicationThatEndsWithTheWatchdogCountingResetsTheBoard) {
 
 TEST_F(Boardsim, TheNetworkHasTwoInterfacesOfItsOwnAndTheMachineKeepsIts) {
   const Outcome outcome =
-      Simulate("-- sh -c 'cat /sys/class/net/*/address; ls /sys/class/net; ip address add 192.0.2.2/24 dev eth0'");
+      Simulate("-- sh -c 'cat /sys/class/net/*/address; ls /sys/class/net; ip address add 192.0.2.177/24 dev eth0'");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.output, "02:00:00:00:00:01\n02:00:00:00:00:02\n00:00:00:00:00:00\neth0\neth1\nlo\n");
-  EXPECT_NE(std::system("ip -o address | grep -q 192.0.2.2"), 0);
+  EXPECT_NE(std::system("ip -o address | grep -qF 192.0.2.177/"), 0);
 }
 
 TEST_F(Boardsim, TheExitStatusIsTheApplicationsOrTellsOfItsSignal) {
