@@ -8,7 +8,8 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
+#include <exception>
+#include <iostream>
 
 #include <gtest/gtest.h>
 
@@ -25,9 +26,15 @@ constexpr unsigned int kConsoleUart = 0x09000000;
 /// The status of a second process that runs @p function, which returns its exit code.
 template <typename Function>
 int StatusOfAnotherProcess(Function function) {
+  constexpr int kThrew = 99;
   const pid_t child = ::fork();
   if (child == 0) {
-    ::_exit(function());
+    try {
+      ::_exit(function());
+    } catch (const std::exception& e) {
+      std::cerr << e.what() << '\n';
+      ::_exit(kThrew);
+    }
   }
   int status = 0;
   EXPECT_EQ(::waitpid(child, &status, 0), child);
