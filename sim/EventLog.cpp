@@ -16,22 +16,28 @@ EventLog::EventLog(const std::string& path)
   if (!m_file) {
     throw SetupError("the log " + path + " can't be written", errno);
   }
+  // A full disk is better found out now than when the application has begun.
+  if (const int error = TryWrite("board", "start"); error != 0) {
+    throw SetupError("the log " + path + " can't be written", error);
+  }
 }
 
 void EventLog::Write(const std::string& device, const std::string& event) {
   if (!m_file) {
     return;
   }
+  if (const int error = TryWrite(device, event); error != 0) {
+    std::fprintf(stderr, "boardsim: the log %s ends here: %s\n", m_path.c_str(), std::strerror(error));
+    m_file.Close();
+  }
+}
 
+int EventLog::TryWrite(const std::string& device, const std::string& event) const {
   const std::chrono::duration<double> since = std::chrono::steady_clock::now() - m_start;
   char time[32];
   std::snprintf(time, sizeof time, "%.6f ", since.count());
   // Whole lines in one call each: somebody may be reading along.
   const std::string line = time + device + ' ' + event + '\n';
   const ssize_t written = ::write(m_file.Get(), line.data(), line.size());
-  if (written != static_cast<ssize_t>(line.size())) {
-    std::fprintf(stderr, "boardsim: the log %s ends here: %s\n", m_path.c_str(),
-                 std::strerror(written == -1 ? errno : ENOSPC));
-    m_file.Close();
-  }
+  return written == static_cast<ssize_t>(line.size()) ? 0 : written == -1 ? errno : ENOSPC;
 }

@@ -11,7 +11,7 @@ class EventLog {
  public:
   /// Keeps nothing.
   EventLog() = default;
-  /// Begins the file anew; "-" is standard error.
+  /// Begins the file anew, with a line "board start"; "-" is standard error.
   /// @throws SetupError if it can't be written.
   explicit EventLog(const std::string& path);
 
@@ -19,6 +19,9 @@ class EventLog {
   void Write(const std::string& device, const std::string& event);
 
  private:
+  /// @returns 0 or the error number.
+  int TryWrite(const std::string& device, const std::string& event) const;
+
   Descriptor m_file;
   std::string m_path;
   std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();

@@ -4,6 +4,7 @@
 #include <netdb.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@ namespace {
 
 constexpr std::size_t kQueueSize = 65536;  // bytes
 constexpr time_t kConnectTime = 5;         // seconds
+constexpr int kCommandsTime = 500;         // milliseconds
 
 void SetNonBlocking(const Descriptor& descriptor) {
   ::fcntl(descriptor.Get(), F_SETFL, ::fcntl(descriptor.Get(), F_GETFL) | O_NONBLOCK);
@@ -60,7 +62,11 @@ FarEnd::~FarEnd() {
     ::unlink(m_link.c_str());
   }
   if (m_command > 0) {
-    // With all that it has started.
+    // The end of its input ends most commands. The others do not take long, with all that they have started.
+    m_stream.Close();
+    const Descriptor command(static_cast<int>(::syscall(SYS_pidfd_open, m_command, 0)));
+    pollfd ended{command.Get(), POLLIN, 0};
+    ::poll(&ended, 1, kCommandsTime);
     ::kill(-m_command, SIGKILL);
     ::waitpid(m_command, nullptr, 0);
   }

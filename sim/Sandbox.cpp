@@ -262,7 +262,7 @@ void CloseAllBut(int one, int other) {
 }
 
 /// Becomes the application, once the simulator is ready.
-[[noreturn]] void RunApplication(const std::vector<std::string>& command, int socket, const sigset_t& mask) {
+[[noreturn]] void RunApplication(const std::vector<std::string>& command, int socket, const SignalState& signals) {
   const Descriptor listener = Supervisor::Install();
   if (!listener) {
     SendText(socket, Message::Kind::kFailed,
@@ -282,7 +282,8 @@ void CloseAllBut(int one, int other) {
     arguments.push_back(const_cast<char*>(argument.c_str()));  // NOLINT(cppcoreguidelines-pro-type-const-cast)
   }
   arguments.push_back(nullptr);
-  ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+  ::sigaction(SIGCHLD, &signals.child, nullptr);
+  ::sigprocmask(SIG_SETMASK, &signals.mask, nullptr);
   ::execvp(arguments.front(), arguments.data());
   const int error = errno;
   std::fprintf(stderr, "boardsim: %s can't be executed: %s\n", arguments.front(), std::strerror(error));
@@ -331,7 +332,7 @@ void EndDescendants() {
 
 /// The first process inside.
 [[noreturn]] void RunInit(const Options& options, bool namespaces, bool mapped, int socket, uid_t user, gid_t group,
-                          const sigset_t& mask) {
+                          const SignalState& signals) {
   pid_t application = -1;
   try {
     // The end of the simulator is the end of all.
@@ -347,7 +348,7 @@ void EndDescendants() {
     application = ::fork();
     Require<SetupError>(application != -1, "no process can be started");
     if (application == 0) {
-      RunApplication(options.command, socket, mask);
+      RunApplication(options.command, socket, signals);
     }
     CloseAllBut(socket, peers.Release());
   } catch (const NamespacesForbidden& error) {
@@ -380,7 +381,7 @@ int InChild(const std::function<int()>& action) {
 
 }  // namespace
 
-Sandbox::Sandbox(const Options& options, bool namespaces, const sigset_t& mask) : m_namespaces(namespaces) {
+Sandbox::Sandbox(const Options& options, bool namespaces, const SignalState& signals) : m_namespaces(namespaces) {
   int ends[2];
   Require<SetupError>(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "no socket can be had");
   m_socket = Descriptor(ends[0]);
@@ -418,7 +419,7 @@ Sandbox::Sandbox(const Options& options, bool namespaces, const sigset_t& mask) 
   }
   if (m_init == 0) {
     m_socket.Close();
-    RunInit(options, namespaces, mapped, theirs.Get(), user, group, mask);
+    RunInit(options, namespaces, mapped, theirs.Get(), user, group, signals);
   }
   RequireAllowed(m_init != -1, "namespaces can't be made");
   theirs.Close();

@@ -12,8 +12,11 @@
 #include "Options.h"
 #include "SetupError.h"
 
-/// The signals that the simulator keeps back for itself, and the application gets as it was meant to.
-constexpr int kHandledSignals[] = {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE};
+/// What the simulator has changed for itself, and the application gets as it was.
+struct SignalState {
+  sigset_t mask{};
+  struct sigaction child {};
+};
 
 /// This machine does not allow what the private /dev takes; the opens of devices can be answered instead.
 class NamespacesForbidden : public SetupError {
@@ -29,8 +32,7 @@ class Sandbox {
  public:
   /// Prepares everything up to the application's start.
   /// @throws NamespacesForbidden, SetupError; nothing is left then.
-  /// @param mask the application's signal mask.
-  Sandbox(const Options& options, bool namespaces, const sigset_t& mask);
+  Sandbox(const Options& options, bool namespaces, const SignalState& signals);
   /// Ends all that still runs in there.
   ~Sandbox();
   Sandbox(const Sandbox&) = delete;

@@ -110,8 +110,10 @@ void SerialLine::Plug(Descriptor master) {
 
 void SerialLine::Unplug() {
   m_log.Write(m_path, "hang-up");
+  CarryOut();
   m_slave.Close();
   m_master.Close();
+  m_in.clear();
 }
 
 void SerialLine::AttachUart(const Memory* uart) {
@@ -201,13 +203,7 @@ void SerialLine::Carry(bool fromFar) {
 
 void SerialLine::Feed(std::string_view bytes) {
   m_log.Write(m_path, "feed bytes=" + std::to_string(bytes.size()));
-  const std::size_t room = kInSize - std::min(kInSize, m_in.size());
-  m_in.append(bytes.substr(0, room));
-  if (bytes.size() > room) {
-    m_dropped += bytes.size() - room;
-    m_log.Write(m_path, "overrun dropped=" + std::to_string(m_dropped));
-  }
-  FlushIn();
+  Queue(bytes);
 }
 
 void SerialLine::SetInputs(unsigned int bits, bool on) {
@@ -238,17 +234,11 @@ void SerialLine::CarryOut() {
       return;
     }
     const std::string_view bytes(piece, static_cast<std::size_t>(got));
-    if (!loop && !m_far.IsEcho()) {
+    if (loop || m_far.IsEcho()) {
+      Queue(bytes);
+    } else {
       m_far.Send(bytes);
-      continue;
     }
-    const std::size_t room = kInSize - std::min(kInSize, m_in.size());
-    m_in.append(bytes.substr(0, room));
-    if (bytes.size() > room) {
-      m_dropped += bytes.size() - room;
-      m_log.Write(m_path, "overrun dropped=" + std::to_string(m_dropped));
-    }
-    FlushIn();
   }
 }
 
@@ -259,10 +249,21 @@ void SerialLine::CarryIn() {
   if (wasConnected && !m_far.IsConnected()) {
     SetInputs(kReady, false);
   }
-  // In the loop the receiver does not listen to the line.
-  if ((m_outputs & TIOCM_LOOP) == 0) {
+  // In the loop the receiver does not listen to the line, and on a line that hangs up there is none.
+  if (m_master && (m_outputs & TIOCM_LOOP) == 0) {
     m_in.append(piece, got);
   }
+}
+
+/// Hands bytes to the application for which nobody can be made to wait: more than a driver would hold are lost.
+void SerialLine::Queue(std::string_view bytes) {
+  const std::size_t room = kInSize - std::min(kInSize, m_in.size());
+  m_in.append(bytes.substr(0, room));
+  if (bytes.size() > room) {
+    m_dropped += bytes.size() - room;
+    m_log.Write(m_path, "overrun dropped=" + std::to_string(m_dropped));
+  }
+  FlushIn();
 }
 
 void SerialLine::FlushIn() {
@@ -302,6 +303,10 @@ void SerialLine::GetSettings(const TrappedCall& call) const {
 
 void SerialLine::SetSettings(const TrappedCall& call) {
   const unsigned int request = call.IoctlRequest();
+  if (request == TCSETSF || request == TCSETSF2) {
+    CarryOut();
+    m_in.clear();
+  }
   termios2 before{};
   ::ioctl(m_slave.Get(), TCGETS2, &before);
 

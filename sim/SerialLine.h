@@ -65,6 +65,7 @@ class SerialLine {
  private:
   void CarryOut();
   void CarryIn();
+  void Queue(std::string_view bytes);
   void FlushIn();
   void SetOutputs(unsigned int outputs);
   void GetSettings(const TrappedCall& call) const;

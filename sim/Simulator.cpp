@@ -25,31 +25,25 @@ std::string ProcessFolder(const TrappedCall& call) {
   return "/proc/" + std::to_string(call.Thread()) + '/';
 }
 
-/// Where a path of the application begins: at its root, its folder, or one that it has open.
-std::string BaseOf(const TrappedCall& call, const std::string& path) {
+/// The path that the application means, from its root on: it may begin at its folder, or at one that it has open.
+std::filesystem::path AbsolutePath(const TrappedCall& call, const std::string& path) {
   if (path.front() == '/') {
-    return ProcessFolder(call) + "root";
+    return path;
   }
-  return ProcessFolder(call) + (call.OpenFolder() == AT_FDCWD ? "cwd" : "fd/" + std::to_string(call.OpenFolder()));
+  const std::string base = call.OpenFolder() == AT_FDCWD ? "cwd" : "fd/" + std::to_string(call.OpenFolder());
+  std::error_code error;
+  return std::filesystem::read_symlink(ProcessFolder(call) + base, error) / path;
 }
 
-/// The file that the application means, as it sees it.
-/// @returns nothing if it is not there, or only for the application itself.
-std::optional<FileId> FileOf(const TrappedCall& call, const std::string& path) {
-  const Descriptor base(::open(BaseOf(call, path).c_str(), O_PATH | O_CLOEXEC));
+/// The file that the application means, as it sees it: its links lead through its own /dev.
+/// @returns no file's identity if it is not there, or only for the application itself.
+FileId FileOf(const TrappedCall& call, const std::filesystem::path& path) {
+  const Descriptor root(::open((ProcessFolder(call) + "root").c_str(), O_PATH | O_CLOEXEC));
   open_how how{};
   how.flags = O_PATH | O_CLOEXEC;
-  how.resolve = path.front() == '/' ? RESOLVE_IN_ROOT : 0;
-  const Descriptor file(static_cast<int>(::syscall(SYS_openat2, base.Get(), path.c_str(), &how, sizeof how)));
-  return file ? std::make_optional(FileId::Of(file)) : std::nullopt;
-}
-
-/// The path that the application means, as a text: for names that exist for the application only.
-std::string AbsolutePath(const TrappedCall& call, const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path base =
-      path.front() == '/' ? "/" : std::filesystem::read_symlink(BaseOf(call, path), error).string();
-  return (base / path).lexically_normal();
+  how.resolve = RESOLVE_IN_ROOT;
+  const Descriptor file(static_cast<int>(::syscall(SYS_openat2, root.Get(), path.c_str(), &how, sizeof how)));
+  return file ? FileId::Of(file) : FileId();
 }
 
 std::uint32_t ParseNumber(const std::string& text) {
@@ -87,12 +81,18 @@ constexpr const char* kCommands =
 Simulator::Signals::Signals() {
   sigset_t signals;
   ::sigemptyset(&signals);
-  for (const int signal : kHandledSignals) {
+  for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
     ::sigaddset(&signals, signal);
   }
-  ::sigprocmask(SIG_BLOCK, &signals, &m_before);
-  ::sigdelset(&signals, SIGPIPE);  // writing fails with an error, and that is enough
   m_descriptor = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  // Writing fails with an error then, and that is enough.
+  ::sigaddset(&signals, SIGPIPE);
+  ::sigaddset(&signals, SIGXFSZ);
+  ::sigprocmask(SIG_BLOCK, &signals, &m_before.mask);
+  // Where children's ends are ignored, nobody learns of them.
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  ::sigaction(SIGCHLD, &standard, &m_before.child);
 }
 
 Simulator::Simulator(const Options& options)
@@ -120,7 +120,6 @@ Simulator::Simulator(const Options& options)
 }
 
 int Simulator::Run() {
-  m_log.Write("board", "start");
   m_sandbox->Go();
   while (!m_sandbox->HasEnded()) {
     if (m_watchdog) {
@@ -194,7 +193,7 @@ void Simulator::WaitForEvents() {
   for (SerialLine& line : m_lines) {
     const short master = (event++)->revents;
     const short far = (event++)->revents;
-    if ((master | far) != 0 && line.Master() != -1) {
+    if ((master | far) != 0) {
       line.Carry(far != 0);
     }
   }
@@ -219,7 +218,7 @@ void Simulator::AnswerIoctl(const TrappedCall& call) {
   // Whichever way the descriptor came to the application, it is known by the file behind it.
   struct stat status {};
   const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.IoctlDescriptor());
-  if (::stat(name.c_str(), &status) == 0) {
+  if (::stat(name.c_str(), &status) == 0 && call.IsWaiting()) {
     const FileId file = FileId::Of(status);
     for (SerialLine& line : m_lines) {
       if (line.Is(file)) {
@@ -243,16 +242,22 @@ void Simulator::AnswerOpen(const TrappedCall& call) {
   }
 
   const bool inject = !m_sandbox->HasNamespaces();
-  const std::string name = inject ? AbsolutePath(call, path) : "";
-  const std::optional<FileId> file = inject ? std::nullopt : FileOf(call, path);
+  const std::filesystem::path absolute = AbsolutePath(call, path);
+  // A name that nobody has made: there is only the text to go by.
+  const std::string name = inject ? absolute.lexically_normal().string() : "";
+  const FileId file = inject ? FileId() : FileOf(call, absolute);
+  const auto isMeant = [&](const auto& device) { return inject ? name == device.Path() : device.Is(file); };
+  if (!call.IsWaiting()) {
+    return;
+  }
   for (SerialLine& line : m_lines) {
-    if (inject ? name == line.Path() : file && line.Is(*file)) {
+    if (isMeant(line)) {
       line.Opened();
       inject ? call.ReturnDescriptor(line.Open(call.OpenFlags())) : call.Continue();
       return;
     }
   }
-  if (m_watchdog && (inject ? name == m_watchdog->Path() : file && m_watchdog->Is(*file))) {
+  if (m_watchdog && isMeant(*m_watchdog)) {
     m_watchdog->Opened();
     inject ? call.ReturnDescriptor(m_watchdog->Open(call.OpenFlags())) : call.Continue();
     return;
@@ -283,6 +288,7 @@ int Simulator::Reset(const std::string& why) {
 }
 
 int Simulator::EndStatus() {
+  Drain();
   if (m_watchdog) {
     m_watchdog->Look();
     if (m_watchdog->Deadline()) {
@@ -295,6 +301,19 @@ int Simulator::EndStatus() {
                                            : WEXITSTATUS(*ended);
   m_log.Write("board", "end status=" + std::to_string(status));
   return status;
+}
+
+/// What the application has written before its end still goes to the far ends, as far as these take it in time.
+void Simulator::Drain() {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  for (SerialLine& line : m_lines) {
+    line.Carry(false);
+    pollfd far{line.Far().Get(), POLLOUT, 0};
+    while (line.Far().HasToWrite() && std::chrono::steady_clock::now() < end) {
+      ::poll(&far, 1, 100);
+      line.Carry(false);
+    }
+  }
 }
 
 std::string Simulator::Obey(const std::string& command) {

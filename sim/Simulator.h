@@ -1,8 +1,6 @@
 #ifndef BOARDKIT_SIM_SIMULATOR_H
 #define BOARDKIT_SIM_SIMULATOR_H
 
-#include <signal.h>
-
 #include <list>
 #include <memory>
 #include <string>
@@ -35,13 +33,12 @@ class Simulator {
     int Get() const {
       return m_descriptor.Get();
     }
-    /// The signal mask before.
-    const sigset_t& Before() const {
+    const SignalState& Before() const {
       return m_before;
     }
 
    private:
-    sigset_t m_before{};
+    SignalState m_before;
     Descriptor m_descriptor;
   };
 
@@ -53,6 +50,7 @@ class Simulator {
   void HandOnSignals();
   int Reset(const std::string& why);
   int EndStatus();
+  void Drain();
 
   std::string Obey(const std::string& command);
   SerialLine& LineOf(const std::string& path);

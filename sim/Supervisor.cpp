@@ -171,6 +171,10 @@ std::string TrappedCall::OpenPath() const {
   throw RequestError{ENAMETOOLONG};
 }
 
+bool TrappedCall::IsWaiting() const {
+  return ::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ID_VALID, &m_call.id) == 0;
+}
+
 void TrappedCall::Return(std::int64_t value) const {
   Answer(value, 0, 0);
 }

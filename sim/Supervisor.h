@@ -53,6 +53,9 @@ class TrappedCall {
     WriteMemory(IoctlArgument(), &value, sizeof value);
   }
 
+  /// Whether the thread still waits. If it was killed, its number may mean another one by now.
+  bool IsWaiting() const;
+
   void Return(std::int64_t value) const;
   void Fail(int error) const;
   /// The kernel does what it would have done.

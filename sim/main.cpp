@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 
@@ -6,6 +9,13 @@
 #include "Simulator.h"
 
 int main(int argc, char** argv) {
+  // Descriptors of its own must not take the places of standard ones that are closed.
+  int fd = STDIN_FILENO;
+  while (fd >= 0 && fd <= STDERR_FILENO) {
+    fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  }
+  ::close(fd);
+
   try {
     const std::optional<Options> options = ParseOptions(argc, argv);
     if (!options) {
