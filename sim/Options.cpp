@@ -145,6 +145,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   app.add_option("--net", net, "The network: private (default), none or host")->type_name("KIND");
   app.add_flag("--no-namespaces{false}", options.namespaces, "Answer the opens of devices instead of making a /dev");
   app.add_option("--control", options.control, "Take commands on this socket")->type_name("SOCKET");
+  app.add_flag("--check", options.check, "Tell what this machine allows, and what helps where it does not");
   app.add_option("--log", options.log, "Write one line an event, - for standard error")->type_name("FILE");
 
   try {
@@ -200,8 +201,8 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   } else if (!options.command.empty() && options.command.front().front() == '-') {
     throw SetupError("There is no option " + options.command.front() + ". Try --help.");
   }
-  if (options.command.empty()) {
-    throw SetupError("No command was given. Try --help.");
+  if (options.check != options.command.empty()) {
+    throw SetupError(options.check ? "--check runs no command." : "No command was given. Try --help.");
   }
   return options;
 }

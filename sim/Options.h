@@ -36,6 +36,7 @@ struct RegisterPreset {
 enum class Net { kPrivate, kNone, kHost };
 
 struct Options {
+  bool check = false;
   std::vector<TtyOptions> ttys{TtyOptions{}};
   SerialInfo serialInfo;
   std::string watchdog = "/dev/watchdog";  // empty: none

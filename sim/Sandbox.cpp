@@ -262,7 +262,7 @@ void CloseAllBut(int one, int other) {
 }
 
 /// Becomes the application, once the simulator is ready.
-[[noreturn]] void RunApplication(const std::vector<std::string>& command, int socket, const SignalState& signals) {
+[[noreturn]] void RunApplication(const std::vector<std::string>& command, int socket, const Signals::State& signals) {
   const Descriptor listener = Supervisor::Install();
   if (!listener) {
     SendText(socket, Message::Kind::kFailed,
@@ -332,7 +332,7 @@ void EndDescendants() {
 
 /// The first process inside.
 [[noreturn]] void RunInit(const Options& options, bool namespaces, bool mapped, int socket, uid_t user, gid_t group,
-                          const SignalState& signals) {
+                          const Signals::State& signals) {
   pid_t application = -1;
   try {
     // The end of the simulator is the end of all.
@@ -381,7 +381,7 @@ int InChild(const std::function<int()>& action) {
 
 }  // namespace
 
-Sandbox::Sandbox(const Options& options, bool namespaces, const SignalState& signals) : m_namespaces(namespaces) {
+Sandbox::Sandbox(const Options& options, bool namespaces, const Signals::State& signals) : m_namespaces(namespaces) {
   int ends[2];
   Require<SetupError>(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "no socket can be had");
   m_socket = Descriptor(ends[0]);

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <csignal>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,12 +10,7 @@
 #include "Descriptor.h"
 #include "Options.h"
 #include "SetupError.h"
-
-/// What the simulator has changed for itself, and the application gets as it was.
-struct SignalState {
-  sigset_t mask{};
-  struct sigaction child {};
-};
+#include "Signals.h"
 
 /// This machine does not allow what the private /dev takes; the opens of devices can be answered instead.
 class NamespacesForbidden : public SetupError {
@@ -32,7 +26,7 @@ class Sandbox {
  public:
   /// Prepares everything up to the application's start.
   /// @throws NamespacesForbidden, SetupError; nothing is left then.
-  Sandbox(const Options& options, bool namespaces, const SignalState& signals);
+  Sandbox(const Options& options, bool namespaces, const Signals::State& signals);
   /// Ends all that still runs in there.
   ~Sandbox();
   Sandbox(const Sandbox&) = delete;

@@ -78,23 +78,6 @@ constexpr const char* kCommands =
 
 }  // namespace
 
-Simulator::Signals::Signals() {
-  sigset_t signals;
-  ::sigemptyset(&signals);
-  for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
-    ::sigaddset(&signals, signal);
-  }
-  m_descriptor = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  // Writing fails with an error then, and that is enough.
-  ::sigaddset(&signals, SIGPIPE);
-  ::sigaddset(&signals, SIGXFSZ);
-  ::sigprocmask(SIG_BLOCK, &signals, &m_before.mask);
-  // Where children's ends are ignored, nobody learns of them.
-  struct sigaction standard {};
-  standard.sa_handler = SIG_DFL;
-  ::sigaction(SIGCHLD, &standard, &m_before.child);
-}
-
 Simulator::Simulator(const Options& options)
     : m_options(options), m_log(options.log.empty() ? EventLog() : EventLog(options.log)) {
   for (const TtyOptions& tty : m_options.ttys) {
@@ -142,7 +125,8 @@ void Simulator::MakeSandbox() {
       if (m_options.net && *m_options.net != Net::kHost) {
         throw SetupError(std::string(error.what()) + ", so there can be no network of its own.");
       }
-      std::fprintf(stderr, "boardsim: %s: neither a /dev nor a network of its own, only opens are answered.\n",
+      std::fprintf(stderr,
+                   "boardsim: %s: neither a /dev nor a network of its own, only opens are answered. See --check.\n",
                    error.what());
     }
   } else if (m_options.net && *m_options.net != Net::kHost) {

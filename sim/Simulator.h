@@ -11,6 +11,7 @@
 #include "Options.h"
 #include "Sandbox.h"
 #include "SerialLine.h"
+#include "Signals.h"
 #include "Supervisor.h"
 #include "Watchdog.h"
 
@@ -26,22 +27,6 @@ class Simulator {
   int Run();
 
  private:
-  /// Keeps back, for the loop, the signals that are handed on or tell of ends.
-  class Signals {
-   public:
-    Signals();
-    int Get() const {
-      return m_descriptor.Get();
-    }
-    const SignalState& Before() const {
-      return m_before;
-    }
-
-   private:
-    SignalState m_before;
-    Descriptor m_descriptor;
-  };
-
   void MakeSandbox();
   void WaitForEvents();
   void Answer(const TrappedCall& call);

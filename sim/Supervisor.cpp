@@ -251,3 +251,18 @@ Descriptor Supervisor::Install() {
   }
   return Descriptor(listener);
 }
+
+bool Supervisor::CanKeepSignalsBack() {
+  // Without a filter nothing is installed: the kernel complains of that, or of the flag before.
+  return Seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV,
+                 nullptr) == -1 &&
+         errno == EFAULT;
+}
+
+bool Supervisor::CanHandOverDescriptors(const Descriptor& listener) {
+  // For a call that does not wait: the kernel complains of that, or of the flag before.
+  seccomp_notif_addfd addition{};
+  addition.flags = SECCOMP_ADDFD_FLAG_SEND;
+  addition.srcfd = static_cast<std::uint32_t>(listener.Get());
+  return ::ioctl(listener.Get(), SECCOMP_IOCTL_NOTIF_ADDFD, &addition) == -1 && errno == ENOENT;
+}

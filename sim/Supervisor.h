@@ -89,6 +89,10 @@ class Supervisor {
   /// @returns the listener, or none with errno.
   static Descriptor Install();
 
+  // What kernels have come to know later:
+  static bool CanKeepSignalsBack();
+  static bool CanHandOverDescriptors(const Descriptor& listener);
+
  private:
   Descriptor m_listener;
 };

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "Check.h"
 #include "ExitStatus.h"
 #include "Options.h"
 #include "Simulator.h"
@@ -20,6 +21,9 @@ int main(int argc, char** argv) {
     const std::optional<Options> options = ParseOptions(argc, argv);
     if (!options) {
       return 0;
+    }
+    if (options->check) {
+      return PrintCheck(Signals().Before()) ? 0 : kStatusNotSetUp;
     }
     return Simulator(*options).Run();
   } catch (const std::exception& error) {
