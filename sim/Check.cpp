@@ -83,7 +83,7 @@ bool PrintCheck(const Signals::State& signals) {
       IfAllowed(Supervisor::CanKeepSignalsBack(), "This kernel lets signals interrupt them, if only rarely.",
                 "Linux 5.19 or newer, or handlers with SA_RESTART");
   Print("to keep signals from interrupting these calls", quiet);
-  const Result injection = IfAllowed(Supervisor::CanHandOverDescriptors(sandbox->listener),
+  const Result injection = IfAllowed(Supervisor::CanHandOverDescriptors(sandbox->TakeDevices().listener),
                                      "This kernel can't do it in one step.", "Linux 5.14 or newer");
   Print("to answer opens with devices, where it gets no /dev of its own", injection);
 

@@ -12,6 +12,8 @@ class Descriptor {
  public:
   Descriptor() = default;
   explicit Descriptor(int fd) : m_fd(fd) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
   Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
     std::swap(m_fd, other.m_fd);
@@ -46,22 +48,27 @@ class Descriptor {
 };
 
 /// What makes two descriptors the same file, however each came to be: opened, duplicated, inherited or passed.
-struct FileId {
-  dev_t device = 0;
-  ino_t inode = 0;
-
-  bool operator==(const FileId& other) const {
-    return device == other.device && inode == other.inode;
-  }
-
+class FileId {
+ public:
   static FileId Of(const struct stat& status) {
-    return {status.st_dev, status.st_ino};
+    FileId id;
+    id.m_device = status.st_dev;
+    id.m_inode = status.st_ino;
+    return id;
   }
   static FileId Of(const Descriptor& descriptor) {
     struct stat status {};
     ::fstat(descriptor.Get(), &status);
     return Of(status);
   }
+
+  bool operator==(const FileId& other) const {
+    return m_device == other.m_device && m_inode == other.m_inode;
+  }
+
+ private:
+  dev_t m_device = 0;  // 0 with 0: no file's
+  ino_t m_inode = 0;
 };
 
 /// The name under which a process reaches the file behind one of its own descriptors.

@@ -86,6 +86,16 @@ SerialInfo ParseSerialInfo(const std::vector<std::string>& numbers) {
   return info;
 }
 
+Net ParseNet(const std::string& text) {
+  static const std::map<std::string, Net> kKinds = {
+      {"private", Net::kPrivate}, {"none", Net::kNone}, {"host", Net::kHost}};
+  const auto kind = kKinds.find(text);
+  if (kind == kKinds.end()) {
+    throw SetupError("--net is private, none or host, not \"" + text + "\".");
+  }
+  return kind->second;
+}
+
 void CheckNodesDiffer(const Options& options) {
   std::vector<std::string> paths;
   for (const TtyOptions& tty : options.ttys) {
@@ -185,13 +195,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
     options.registers.push_back({ParseNumber("--reg", address), ParseNumber("--reg", value)});
   }
   if (!net.empty()) {
-    static const std::map<std::string, Net> kKinds = {
-        {"private", Net::kPrivate}, {"none", Net::kNone}, {"host", Net::kHost}};
-    const auto kind = kKinds.find(net);
-    if (kind == kKinds.end()) {
-      throw SetupError("--net is private, none or host, not \"" + net + "\".");
-    }
-    options.net = kind->second;
+    options.net = ParseNet(net);
   }
   CheckNodesDiffer(options);
 

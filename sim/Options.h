@@ -49,11 +49,11 @@ struct Options {
   std::string log;      // empty: none
   std::string control;  // empty: none
   std::vector<std::string> command;
-
-  Net Network() const {
-    return net.value_or(Net::kPrivate);
-  }
 };
+
+inline Net NetworkOf(const Options& options) {
+  return options.net.value_or(Net::kPrivate);
+}
 
 constexpr const char* kMemoryPath = "/dev/mem";
 

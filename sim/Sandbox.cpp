@@ -19,8 +19,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
-#include <memory>
 
 #include "ExitStatus.h"
 #include "Memory.h"
@@ -236,10 +236,10 @@ Descriptor EnterNamespaces(const Options& options, int socket, uid_t user, gid_t
   MakeDevices(options, socket);
   RequireAllowed(::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
                  "a private /proc can't be mounted");
-  if (options.Network() == Net::kHost) {
+  if (NetworkOf(options) == Net::kHost) {
     return Descriptor();
   }
-  if (options.Network() == Net::kNone) {
+  if (NetworkOf(options) == Net::kNone) {
     MakeEmptyNetwork();
     MountSystemFiles();
     return Descriptor();
@@ -278,6 +278,7 @@ void CloseAllBut(int one, int other) {
     ::_exit(kStatusNotSetUp);  // the simulator has gone
   }
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) {
     arguments.push_back(const_cast<char*>(argument.c_str()));  // NOLINT(cppcoreguidelines-pro-type-const-cast)
   }
@@ -294,9 +295,8 @@ void CloseAllBut(int one, int other) {
 void EndDescendants() {
   const std::string children = "/proc/self/task/" + std::to_string(::getpid()) + "/children";
   while (true) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> list(std::fopen(children.c_str(), "re"), std::fclose);
-    int child = 0;
-    while (list && std::fscanf(list.get(), "%d", &child) == 1) {
+    std::ifstream list(children);
+    for (pid_t child = 0; list >> child;) {
       ::kill(child, SIGKILL);
     }
     if (::waitpid(-1, nullptr, 0) == -1 && errno == ECHILD) {
@@ -392,15 +392,17 @@ Sandbox::Sandbox(const Options& options, bool namespaces, const Signals::State& 
 
   if (!namespaces) {
     for (const TtyOptions& tty : options.ttys) {
-      terminals.push_back(OpenMaster("/dev/ptmx"));
-      Require<SetupError>(static_cast<bool>(terminals.back()), "the terminal for " + tty.path + " can't be opened");
+      m_devices.terminals.push_back(OpenMaster("/dev/ptmx"));
+      Require<SetupError>(static_cast<bool>(m_devices.terminals.back()),
+                          "the terminal for " + tty.path + " can't be opened");
     }
     if (!options.watchdog.empty()) {
-      watchdog = MakeNamelessFifo();
+      m_devices.watchdog = MakeNamelessFifo();
     }
     if (options.memory) {
-      memory = Descriptor(::memfd_create("mem", MFD_CLOEXEC));
-      Require<SetupError>(memory && ::ftruncate(memory.Get(), Memory::kSize) == 0, "/dev/mem can't be made");
+      m_devices.memory = Descriptor(::memfd_create("mem", MFD_CLOEXEC));
+      Require<SetupError>(m_devices.memory && ::ftruncate(m_devices.memory.Get(), Memory::kSize) == 0,
+                          "/dev/mem can't be made");
     }
   }
 
@@ -409,7 +411,7 @@ Sandbox::Sandbox(const Options& options, bool namespaces, const Signals::State& 
   bool mapped = namespaces;
   unsigned long flags = 0;
   if (namespaces) {
-    flags = CLONE_NEWNS | CLONE_NEWPID | (options.Network() == Net::kHost ? 0UL : CLONE_NEWNET);
+    flags = CLONE_NEWNS | CLONE_NEWPID | (NetworkOf(options) == Net::kHost ? 0UL : CLONE_NEWNET);
   }
   m_init = Clone(mapped ? flags | CLONE_NEWUSER : flags);
   if (m_init == -1 && mapped && user == 0) {
@@ -425,7 +427,7 @@ Sandbox::Sandbox(const Options& options, bool namespaces, const Signals::State& 
   theirs.Close();
 
   try {
-    while (!listener) {
+    while (!m_devices.listener) {
       if (!ReceiveMessage()) {
         throw SetupError("The first process has ended before the application began.");
       }
@@ -526,19 +528,19 @@ bool Sandbox::ReceiveMessage() {
   Descriptor descriptor = Receive(m_socket.Get(), message, &sender);
   switch (message.kind) {
     case Message::Kind::kTerminal:
-      terminals.push_back(std::move(descriptor));
+      m_devices.terminals.push_back(std::move(descriptor));
       return true;
     case Message::Kind::kWatchdog:
-      watchdog = std::move(descriptor);
+      m_devices.watchdog = std::move(descriptor);
       return true;
     case Message::Kind::kMemory:
-      memory = std::move(descriptor);
+      m_devices.memory = std::move(descriptor);
       return true;
     case Message::Kind::kNetwork:
       m_peers = std::move(descriptor);
       return true;
     case Message::Kind::kListener:
-      listener = std::move(descriptor);
+      m_devices.listener = std::move(descriptor);
       m_application = sender.pid;
       return true;
     case Message::Kind::kEnded:

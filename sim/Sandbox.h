@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Descriptor.h"
@@ -16,6 +17,14 @@
 class NamespacesForbidden : public SetupError {
  public:
   using SetupError::SetupError;
+};
+
+/// What the application has as its devices, from the other side.
+struct SandboxDevices {
+  std::vector<Descriptor> terminals;  // their masters, one a serial port
+  Descriptor watchdog;                // a FIFO
+  Descriptor memory;                  // a file
+  Descriptor listener;                // of the supervised system calls
 };
 
 /// The place where the application runs: a first process that all others descend from and that none outlives.
@@ -32,12 +41,10 @@ class Sandbox {
   Sandbox(const Sandbox&) = delete;
   Sandbox& operator=(const Sandbox&) = delete;
 
-  /// The masters of the terminals that the application has as its serial ports.
-  std::vector<Descriptor> terminals;
-  Descriptor watchdog;  // a FIFO
-  Descriptor memory;    // a file
-  Descriptor listener;  // of the supervised system calls
-
+  /// Gives away what the simulation is made with.
+  SandboxDevices TakeDevices() {
+    return std::move(m_devices);
+  }
   bool HasNamespaces() const {
     return m_namespaces;
   }
@@ -69,6 +76,7 @@ class Sandbox {
   pid_t m_init = -1;
   pid_t m_application = -1;
   std::optional<int> m_status;
+  SandboxDevices m_devices;
   Descriptor m_socket;
   Descriptor m_peers;  // the network namespace of the interfaces' other ends
 };

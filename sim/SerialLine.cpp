@@ -16,19 +16,16 @@
 #include "PseudoTerminal.h"
 #include "SetupError.h"
 
-// The C library's headers lack them.
-#ifndef TIOCM_LOOP
-#define TIOCM_OUT1 0x2000
-#define TIOCM_OUT2 0x4000
-#define TIOCM_LOOP 0x8000
-#endif
-
 namespace {
 
 constexpr std::size_t kInSize = 65536;  // bytes on their way to the application
 constexpr std::size_t kPieceSize = 4096;
 
-constexpr unsigned int kOutputs = TIOCM_RTS | TIOCM_DTR | TIOCM_OUT1 | TIOCM_OUT2 | TIOCM_LOOP;
+// The C library's headers lack these.
+constexpr unsigned int kOut1 = 0x2000;
+constexpr unsigned int kOut2 = 0x4000;
+constexpr unsigned int kLoop = 0x8000;
+constexpr unsigned int kOutputs = TIOCM_RTS | TIOCM_DTR | kOut1 | kOut2 | kLoop;
 constexpr unsigned int kInputs = TIOCM_CTS | TIOCM_DSR | TIOCM_CAR | TIOCM_RNG;
 constexpr unsigned int kReady = TIOCM_CTS | TIOCM_DSR | TIOCM_CAR;  // from somebody who is there
 constexpr unsigned int kOpened = TIOCM_RTS | TIOCM_DTR;
@@ -45,9 +42,9 @@ struct ModemLine {
   const char* name;
   unsigned int bit;
 };
-constexpr ModemLine kModemLines[] = {{"RTS", TIOCM_RTS},   {"DTR", TIOCM_DTR},   {"CTS", TIOCM_CTS},
-                                     {"DSR", TIOCM_DSR},   {"CD", TIOCM_CAR},    {"RI", TIOCM_RNG},
-                                     {"OUT1", TIOCM_OUT1}, {"OUT2", TIOCM_OUT2}, {"LOOP", TIOCM_LOOP}};
+constexpr ModemLine kModemLines[] = {{"RTS", TIOCM_RTS}, {"DTR", TIOCM_DTR}, {"CTS", TIOCM_CTS},
+                                     {"DSR", TIOCM_DSR}, {"CD", TIOCM_CAR},  {"RI", TIOCM_RNG},
+                                     {"OUT1", kOut1},    {"OUT2", kOut2},    {"LOOP", kLoop}};
 
 std::string Hex(unsigned int value) {
   char text[16];
@@ -92,9 +89,7 @@ unsigned int ModemInput(const std::string& name) {
 }
 
 SerialLine::SerialLine(const TtyOptions& options, const SerialInfo& info, EventLog& log)
-    : m_path(options.path), m_info(info), m_log(log), m_far(options, log) {
-  m_inputs = m_far.IsConnected() ? kReady : 0;
-}
+    : m_path(options.path), m_info(info), m_log(log), m_far(options, log), m_inputs(m_far.IsConnected() ? kReady : 0) {}
 
 void SerialLine::Plug(Descriptor master) {
   m_master = std::move(master);
@@ -212,21 +207,21 @@ void SerialLine::SetInputs(unsigned int bits, bool on) {
 }
 
 unsigned int SerialLine::ModemLines() const {
-  if ((m_outputs & TIOCM_LOOP) == 0) {
+  if ((m_outputs & kLoop) == 0) {
     return m_outputs | m_inputs;
   }
   // In the loop, the outputs are what the inputs see.
   unsigned int inputs = 0;
   inputs |= (m_outputs & TIOCM_RTS) != 0 ? TIOCM_CTS : 0;
   inputs |= (m_outputs & TIOCM_DTR) != 0 ? TIOCM_DSR : 0;
-  inputs |= (m_outputs & TIOCM_OUT1) != 0 ? TIOCM_RNG : 0;
-  inputs |= (m_outputs & TIOCM_OUT2) != 0 ? TIOCM_CAR : 0;
+  inputs |= (m_outputs & kOut1) != 0 ? TIOCM_RNG : 0;
+  inputs |= (m_outputs & kOut2) != 0 ? TIOCM_CAR : 0;
   return m_outputs | inputs;
 }
 
 /// Takes what the application has written. Reading up to "nothing there" sees all that was written before.
 void SerialLine::CarryOut() {
-  const bool loop = (m_outputs & TIOCM_LOOP) != 0;
+  const bool loop = (m_outputs & kLoop) != 0;
   char piece[kPieceSize];
   while (true) {
     const ssize_t got = ::read(m_master.Get(), piece, sizeof piece);
@@ -250,7 +245,7 @@ void SerialLine::CarryIn() {
     SetInputs(kReady, false);
   }
   // In the loop the receiver does not listen to the line, and on a line that hangs up there is none.
-  if (m_master && (m_outputs & TIOCM_LOOP) == 0) {
+  if (m_master && (m_outputs & kLoop) == 0) {
     m_in.append(piece, got);
   }
 }
@@ -277,7 +272,7 @@ void SerialLine::FlushIn() {
 }
 
 void SerialLine::SetOutputs(unsigned int outputs) {
-  if (((m_outputs ^ outputs) & TIOCM_LOOP) != 0) {
+  if (((m_outputs ^ outputs) & kLoop) != 0) {
     // What has been written belongs to where the line led until now.
     CarryOut();
   }

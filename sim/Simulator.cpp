@@ -72,6 +72,17 @@ std::string ParseBytes(const std::string& hex) {
   return bytes;
 }
 
+unsigned int ParseInputs(const std::vector<std::string>& names) {
+  unsigned int inputs = 0;
+  for (const std::string& name : names) {
+    if (ModemInput(name) == 0) {
+      throw SetupError("the inputs are CTS, DSR, CD and RI, not \"" + name + "\"");
+    }
+    inputs |= ModemInput(name);
+  }
+  return inputs;
+}
+
 constexpr const char* kCommands =
     "feed TTY HEX | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | read ADDRESS | "
     "write ADDRESS VALUE | link INTERFACE up|down | watchdog | help";
@@ -88,18 +99,19 @@ Simulator::Simulator(const Options& options)
   }
   MakeSandbox();
 
-  auto terminal = m_sandbox->terminals.begin();
+  SandboxDevices devices = m_sandbox->TakeDevices();
+  auto terminal = devices.terminals.begin();
   for (SerialLine& line : m_lines) {
     line.Plug(std::move(*terminal++));
   }
   if (m_options.memory) {
-    m_memory = std::make_unique<Memory>(std::move(m_sandbox->memory), m_options);
+    m_memory = std::make_unique<Memory>(std::move(devices.memory), m_options);
     m_lines.front().AttachUart(m_memory.get());
   }
   if (!m_options.watchdog.empty()) {
-    m_watchdog = std::make_unique<Watchdog>(m_options.watchdog, std::move(m_sandbox->watchdog), m_log);
+    m_watchdog = std::make_unique<Watchdog>(m_options.watchdog, std::move(devices.watchdog), m_log);
   }
-  m_supervisor = std::make_unique<Supervisor>(std::move(m_sandbox->listener));
+  m_supervisor = std::make_unique<Supervisor>(std::move(devices.listener));
 }
 
 int Simulator::Run() {
@@ -308,8 +320,37 @@ std::string Simulator::Obey(const std::string& command) {
   for (std::string word; input >> word;) {
     words.push_back(word);
   }
-  const auto is = [&](const char* name, std::size_t count) { return verb == name && words.size() == count; };
+  if (const auto answer = ObeyOnLine(verb, words)) {
+    return *answer;
+  }
 
+  const auto is = [&](const char* name, std::size_t count) { return verb == name && words.size() == count; };
+  if (m_memory && is("read", 1)) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%x", m_memory->Read(ParseNumber(words[0])));
+    return text;
+  }
+  if (m_watchdog && is("watchdog", 0)) {
+    m_watchdog->Look();
+    return m_watchdog->State();
+  }
+  if (m_memory && is("write", 2)) {
+    m_memory->Write(ParseNumber(words[0]), ParseNumber(words[1]));
+  } else if (is("link", 2) && (words[1] == "up" || words[1] == "down")) {
+    m_sandbox->SetLink(words[0], words[1] == "up");
+    m_log.Write(words[0], "link " + words[1]);
+  } else if (is("help", 0)) {
+    return kCommands;
+  } else {
+    throw SetupError("the commands are: " + std::string(kCommands));
+  }
+  return "";
+}
+
+/// The commands whose first word is a serial port.
+/// @returns nothing if it is none of them.
+std::optional<std::string> Simulator::ObeyOnLine(const std::string& verb, const std::vector<std::string>& words) {
+  const auto is = [&](const char* name, std::size_t count) { return verb == name && words.size() == count; };
   if (is("feed", 2)) {
     LineOf(words[0]).Feed(ParseBytes(words[1]));
   } else if (is("hangup", 1)) {
@@ -321,32 +362,11 @@ std::string Simulator::Obey(const std::string& command) {
     }
     line.Plug(m_sandbox->Replug(words[0]));
   } else if ((verb == "set" || verb == "clear") && words.size() > 1) {
-    unsigned int inputs = 0;
-    for (std::size_t i = 1; i < words.size(); ++i) {
-      if (ModemInput(words[i]) == 0) {
-        throw SetupError("the inputs are CTS, DSR, CD and RI, not \"" + words[i] + "\"");
-      }
-      inputs |= ModemInput(words[i]);
-    }
-    LineOf(words[0]).SetInputs(inputs, verb == "set");
+    LineOf(words[0]).SetInputs(ParseInputs({words.begin() + 1, words.end()}), verb == "set");
   } else if (is("lines", 1)) {
     return ModemLineNames(LineOf(words[0]).ModemLines());
-  } else if (m_memory && is("read", 1)) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", m_memory->Read(ParseNumber(words[0])));
-    return text;
-  } else if (m_memory && is("write", 2)) {
-    m_memory->Write(ParseNumber(words[0]), ParseNumber(words[1]));
-  } else if (is("link", 2) && (words[1] == "up" || words[1] == "down")) {
-    m_sandbox->SetLink(words[0], words[1] == "up");
-    m_log.Write(words[0], "link " + words[1]);
-  } else if (m_watchdog && is("watchdog", 0)) {
-    m_watchdog->Look();
-    return m_watchdog->State();
-  } else if (is("help", 0)) {
-    return kCommands;
   } else {
-    throw SetupError("the commands are: " + std::string(kCommands));
+    return std::nullopt;
   }
   return "";
 }

@@ -3,7 +3,9 @@
 
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "Control.h"
 #include "EventLog.h"
@@ -38,6 +40,7 @@ class Simulator {
   void Drain();
 
   std::string Obey(const std::string& command);
+  std::optional<std::string> ObeyOnLine(const std::string& verb, const std::vector<std::string>& words);
   SerialLine& LineOf(const std::string& path);
 
   const Options m_options;

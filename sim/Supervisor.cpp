@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <vector>
 
 #include "WatchdogRequests.h"
@@ -162,9 +161,9 @@ std::string TrappedCall::OpenPath() const {
     char piece[kPiece];
     const std::size_t size = kPiece - (address + path.size()) % kPiece;
     ReadMemory(address + path.size(), piece, size);
-    const auto* end = static_cast<const char*>(std::memchr(piece, '\0', size));
-    path.append(piece, end == nullptr ? size : static_cast<std::size_t>(end - piece));
-    if (end != nullptr) {
+    char* const end = std::find(piece, piece + size, '\0');
+    path.append(piece, end);
+    if (end != piece + size) {
       return path;
     }
   }
@@ -200,6 +199,7 @@ void TrappedCall::ReturnDescriptor(const Descriptor& descriptor) const {
 
 void TrappedCall::ReadMemory(std::uint64_t address, void* to, std::size_t size) const {
   const iovec here{to, size};
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): it comes from the kernel as a number
   const iovec there{reinterpret_cast<void*>(address), size};
   if (::process_vm_readv(Thread(), &here, 1, &there, 1, 0) != static_cast<ssize_t>(size)) {
     throw RequestError{EFAULT};
@@ -208,6 +208,7 @@ void TrappedCall::ReadMemory(std::uint64_t address, void* to, std::size_t size) 
 
 void TrappedCall::WriteMemory(std::uint64_t address, const void* from, std::size_t size) const {
   const iovec here{const_cast<void*>(from), size};  // NOLINT(cppcoreguidelines-pro-type-const-cast): only read
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): it comes from the kernel as a number
   const iovec there{reinterpret_cast<void*>(address), size};
   if (::process_vm_writev(Thread(), &here, 1, &there, 1, 0) != static_cast<ssize_t>(size)) {
     throw RequestError{EFAULT};
