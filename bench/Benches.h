@@ -14,6 +14,17 @@ void RegisterLinuxutilsBench(Effort effort);
 void RegisterOpSystemBench(Effort effort);
 void RegisterIpNetBench(Effort effort);
 
+/// The simulator's cases, where it is built.
+void RegisterSimBench(Effort effort);
+
+/// Takes requests for batches from the standard input until it ends. What the program becomes on the simulated board,
+/// and beside it.
+/// @returns the exit status.
+int RunSimWorker();
+
+/// The option under which RunSimWorker() is reached.
+constexpr char kSimWorkerOption[] = "--sim-worker";
+
 /// Runs @p command through OpSystem in a process that does nothing else, and prints the highest memory use of this
 /// process and the length of the output, both in bytes. What the program becomes when it starts itself anew.
 /// @returns the exit status.

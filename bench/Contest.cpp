@@ -21,20 +21,34 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
+/// What the limit is compared with.
+double Judged(Measure measure, double bareSeconds, double boardkitSeconds) {
+  switch (measure) {
+    case Measure::Difference:
+      return boardkitSeconds - bareSeconds;
+    case Measure::Time:
+      return boardkitSeconds;
+    case Measure::Ratio:
+    case Measure::Nothing:
+      break;
+  }
+  return boardkitSeconds / bareSeconds;
+}
+
 /// Whether the median of all the turns that could be taken lies on a known side of @p limit, with 95 % confidence.
 ///
 /// Of n values, the number below the true median has the standard deviation sqrt(n) / 2; two of them to both sides of
 /// the middle rank enclose it. Nothing is assumed about how the noise is distributed.
-bool IsDecided(std::vector<double> ratios, double limit) {
-  std::sort(ratios.begin(), ratios.end());
-  const std::size_t middle = ratios.size() / 2;
-  const auto margin = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(ratios.size()))));
-  if (margin > middle || middle + margin >= ratios.size()) {
+bool IsDecided(std::vector<double> judged, double limit) {
+  std::sort(judged.begin(), judged.end());
+  const std::size_t middle = judged.size() / 2;
+  const auto margin = static_cast<std::size_t>(std::ceil(std::sqrt(static_cast<double>(judged.size()))));
+  if (margin > middle || middle + margin >= judged.size()) {
     return false;
   }
 
-  const double lowest = ratios[middle - margin];
-  const double highest = ratios[middle + margin];
+  const double lowest = judged[middle - margin];
+  const double highest = judged[middle + margin];
   return highest <= limit || lowest > limit;
 }
 
@@ -46,6 +60,7 @@ void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
   std::vector<double> bareSeconds;
   std::vector<double> boardkitSeconds;
   std::vector<double> ratios;
+  std::vector<double> judged;
   const auto takeTurn = [&](bool bareFirst) {
     Seconds bare{};
     Seconds boardkit{};
@@ -56,12 +71,13 @@ void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
     bareSeconds.push_back(bare.count() / calls);
     boardkitSeconds.push_back(boardkit.count() / calls);
     ratios.push_back(boardkit / bare);
+    judged.push_back(Judged(contest.measure, bareSeconds.back(), boardkitSeconds.back()));
   };
 
   const bool isSmoke = effort == Effort::Smoke;
   const long turns = isSmoke ? kSmokeTurns : contest.turns;
-  const int rounds = isSmoke ? 1 : kMostRounds;
-  for (int round = 0; round < rounds && !(round > 0 && IsDecided(ratios, contest.limit)); ++round) {
+  const int rounds = isSmoke || contest.measure == Measure::Nothing ? 1 : kMostRounds;
+  for (int round = 0; round < rounds && !(round > 0 && IsDecided(judged, contest.limit)); ++round) {
     for (long turn = 0; turn < turns; ++turn) {
       takeTurn(turn % 2 == 0);
     }
@@ -71,7 +87,9 @@ void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
   state.counters["bare_seconds"] = Median(bareSeconds);
   state.counters["boardkit_seconds"] = Median(boardkitSeconds);
   state.counters["ratio"] = Median(ratios);
+  state.counters["judged"] = Median(judged);
   state.counters["limit"] = contest.limit;
+  state.counters["measure"] = static_cast<double>(contest.measure);
   state.counters["turns"] = static_cast<double>(ratios.size());
 }
 
@@ -105,6 +123,8 @@ void RegisterSizes(const std::string& name, std::function<Sizes()> measure) {
     state.counters["bare_bytes"] = sizes.bareBytes;
     state.counters["boardkit_bytes"] = sizes.boardkitBytes;
     state.counters["ratio"] = sizes.boardkitBytes / sizes.bareBytes;
+    state.counters["judged"] = sizes.boardkitBytes / sizes.bareBytes;
     state.counters["limit"] = sizes.limit;
+    state.counters["measure"] = static_cast<double>(Measure::Ratio);
   });
 }

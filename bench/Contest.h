@@ -18,13 +18,22 @@ using Seconds = std::chrono::duration<double>;
 /// Does one batch and returns the time of its measured part.
 using Batch = std::function<Seconds()>;
 
+/// What a contest's limit is a limit of.
+enum class Measure {
+  Ratio,       ///< the time's, library to bare
+  Difference,  ///< the seconds that a call takes longer than the bare one
+  Time,        ///< the seconds that a call takes
+  Nothing      ///< there is no limit: the numbers are for information
+};
+
 /// Bare code against the library. Both batches do the same work in the same number of calls.
 struct Contest {
   long calls;    ///< in a batch
   long turns;    ///< taken at first; more follow while the noise leaves the verdict open
-  double limit;  ///< of the time's ratio, library to bare
+  double limit;  ///< of the measure
   Batch bare;
   Batch boardkit;
+  Measure measure = Measure::Ratio;
 };
 
 /// Two sizes, of which the second may be at most the first times the limit.

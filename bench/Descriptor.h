@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 /// A descriptor that is closed at the end.
 class Descriptor {
@@ -17,18 +18,26 @@ class Descriptor {
     }
   }
   ~Descriptor() {
-    ::close(m_fd);
+    if (m_fd != -1) {
+      ::close(m_fd);
+    }
   }
 
+  Descriptor() = default;
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(m_fd, other.m_fd);
+    return *this;
+  }
 
   int Get() const {
     return m_fd;
   }
 
  private:
-  int m_fd;
+  int m_fd = -1;
 };
 
 #endif

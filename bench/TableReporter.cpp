@@ -4,6 +4,9 @@
 #include <cstdio>
 #include <ostream>
 #include <string>
+#include <utility>
+
+#include "Contest.h"
 
 namespace {
 
@@ -34,21 +37,35 @@ std::string FormatRatio(double ratio) {
   return text;
 }
 
+std::string FormatLimit(Measure measure, double limit) {
+  switch (measure) {
+    case Measure::Difference:
+      return '+' + Format(limit, kTimes);
+    case Measure::Time:
+      return Format(limit, kTimes);
+    case Measure::Nothing:
+      return "-";
+    case Measure::Ratio:
+      break;
+  }
+  return FormatRatio(limit);
+}
+
 std::string FormatRow(const std::string& name, const std::string& bare, const std::string& boardkit,
                       const std::string& ratio, const std::string& limit, const std::string& verdict) {
   char text[160];
-  std::snprintf(text, sizeof text, "%-29s | %10s | %10s | %6s | %6s | %s\n", name.c_str(), bare.c_str(),
+  std::snprintf(text, sizeof text, "%-29s | %10s | %10s | %6s | %8s | %s\n", name.c_str(), bare.c_str(),
                 boardkit.c_str(), ratio.c_str(), limit.c_str(), verdict.c_str());
   return text;
 }
 
 }  // namespace
 
-TableReporter::TableReporter(bool judge) : m_judge(judge) {}
+TableReporter::TableReporter(std::string contender, bool judge) : m_contender(std::move(contender)), m_judge(judge) {}
 
 bool TableReporter::ReportContext(const Context& /*context*/) {
-  GetOutputStream() << FormatRow("case", "bare", "boardkit", "ratio", "limit", "verdict")
-                    << "------------------------------|------------|------------|--------|--------|---------\n"
+  GetOutputStream() << FormatRow("case", "bare", m_contender, "ratio", "limit", "verdict")
+                    << "------------------------------|------------|------------|--------|----------|---------\n"
                     << std::flush;
   return true;
 }
@@ -80,14 +97,16 @@ void TableReporter::PrintRow(const Run& run) {
     return;
   }
 
-  const bool exceeded = m_judge && number("ratio") > number("limit");
+  const auto measure = static_cast<Measure>(number("measure"));
+  const bool hasVerdict = m_judge && measure != Measure::Nothing;
+  const bool exceeded = hasVerdict && number("judged") > number("limit");
   m_limitExceeded = m_limitExceeded || exceeded;
-  const char* const verdict = !m_judge ? "-" : exceeded ? "EXCEEDED" : "ok";
+  const char* const verdict = !hasVerdict ? "-" : exceeded ? "EXCEEDED" : "ok";
   const bool isTime = run.counters.count("bare_seconds") != 0;
   const std::string bare = isTime ? Format(number("bare_seconds"), kTimes) : Format(number("bare_bytes"), kSizes);
   const std::string boardkit =
       isTime ? Format(number("boardkit_seconds"), kTimes) : Format(number("boardkit_bytes"), kSizes);
-  GetOutputStream() << FormatRow(name, bare, boardkit, FormatRatio(number("ratio")), FormatRatio(number("limit")),
-                                 verdict)
+  GetOutputStream() << FormatRow(name, bare, boardkit, FormatRatio(number("ratio")),
+                                 FormatLimit(measure, number("limit")), verdict)
                     << std::flush;
 }

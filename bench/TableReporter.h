@@ -3,13 +3,15 @@
 
 #include <benchmark/benchmark.h>
 
+#include <string>
 #include <vector>
 
 /// Prints one line a case, as soon as the case is finished, and remembers what the verdicts add up to.
 class TableReporter : public benchmark::BenchmarkReporter {
  public:
-  /// Without @p judge there are numbers but no verdicts, and no limit is ever exceeded.
-  explicit TableReporter(bool judge);
+  /// @param contender what is compared with the bare code.
+  /// @param judge false: there are numbers but no verdicts, and no limit is ever exceeded.
+  TableReporter(std::string contender, bool judge);
 
   bool ReportContext(const Context& context) override;
   void ReportRuns(const std::vector<Run>& runs) override;
@@ -20,6 +22,7 @@ class TableReporter : public benchmark::BenchmarkReporter {
  private:
   void PrintRow(const Run& run);
 
+  std::string m_contender;
   bool m_judge;
   bool m_limitExceeded = false;
   bool m_failed = false;

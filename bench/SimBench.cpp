@@ -1,0 +1,258 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <pty.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "Benches.h"
+#include "Contest.h"
+#include "Descriptor.h"
+
+namespace {
+
+constexpr double kUntouchedLimit = 1.05;
+constexpr double kStartLimit = 60e-3;     // seconds over the bare program's
+constexpr double kTrappedLimit = 200e-6;  // seconds
+constexpr double kByteLimit = 1e-3;       // seconds
+constexpr long kTurns = 200;
+constexpr long kStartTurns = 10;
+
+constexpr const char* kTty = "/dev/ttyS1";
+
+void Require(bool success, const char* what) {
+  if (!success) {
+    throw std::system_error(errno, std::generic_category(), what);
+  }
+}
+
+// --- What a worker does, on the simulated board and beside it
+// ---------------------------------------------------------
+
+/// A raw terminal. Beside the board, its other end is here, too, and sends back what comes.
+class Line {
+ public:
+  Line() {
+    int tty = ::open(kTty, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (tty == -1) {
+      int master = -1;
+      Require(::openpty(&master, &tty, nullptr, nullptr, nullptr) == 0, "no pseudo-terminal");
+      m_master = Descriptor(master);
+    }
+    m_tty = Descriptor(tty);
+    termios settings{};
+    Require(::tcgetattr(m_tty.Get(), &settings) == 0, "tcgetattr");
+    ::cfmakeraw(&settings);
+    Require(::tcsetattr(m_tty.Get(), TCSANOW, &settings) == 0, "tcsetattr");
+  }
+
+  int Get() const {
+    return m_tty.Get();
+  }
+
+  void SendByteAndBack() const {
+    char byte = 'x';
+    Require(::write(m_tty.Get(), &byte, 1) == 1, "write");
+    if (m_master.Get() != -1) {
+      Require(::read(m_master.Get(), &byte, 1) == 1 && ::write(m_master.Get(), &byte, 1) == 1, "the other end");
+    }
+    Require(::read(m_tty.Get(), &byte, 1) == 1, "read");
+  }
+
+ private:
+  Descriptor m_tty;
+  Descriptor m_master;
+};
+
+struct Case {
+  const char* name;
+  long calls;  // in a batch
+  Measure measure;
+  double limit;
+  void (*call)(const Line& line);
+};
+
+constexpr std::size_t kSmall = 64;  // bytes
+constexpr std::size_t kLarge = std::size_t{64} * 1024;
+
+std::array<char, kLarge>& Buffer() {
+  static std::array<char, kLarge> buffer;
+  return buffer;
+}
+
+void CallNothing(const Line& /*line*/) {
+  ::syscall(SYS_getppid);
+}
+
+/// From this program's file, which is in memory.
+template <std::size_t size>
+void Read(const Line& /*line*/) {
+  static const Descriptor file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+  Require(::pread(file.Get(), Buffer().data(), size, 0) == static_cast<ssize_t>(size), "pread");
+}
+
+void OpenForReading(const Line& /*line*/) {
+  const Descriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  Require(file.Get() != -1, "open");
+}
+
+/// The kernel's: this program has an `ioctl` of its own, with answers for devices that machines lack.
+long RealIoctl(const Line& line, unsigned long request, void* argument) {
+  return ::syscall(SYS_ioctl, line.Get(), request, argument);
+}
+
+void AskForSize(const Line& line) {
+  winsize size{};
+  Require(RealIoctl(line, TIOCGWINSZ, &size) == 0, "TIOCGWINSZ");
+}
+
+/// Beside the board, a pseudo-terminal refuses.
+void AskForModemLines(const Line& line) {
+  int lines = 0;
+  RealIoctl(line, TIOCMGET, &lines);
+}
+
+/// Beside the board, there is nothing of that name to open.
+void OpenForBoth(const Line& /*line*/) {
+  const int fd = ::open(kTty, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (fd != -1) {
+    ::close(fd);
+  }
+}
+
+void SendByteAndBack(const Line& line) {
+  line.SendByteAndBack();
+}
+
+// Each call costs some ten nanoseconds more, whatever it does: that is the kernel's own price for a filter.
+constexpr Case kCases[] = {{"untouched: getppid", 1000, Measure::Nothing, 0, CallNothing},
+                           {"untouched: pread, 64 bytes", 500, Measure::Nothing, 0, Read<kSmall>},
+                           {"untouched: pread, 64 KiB", 50, Measure::Ratio, kUntouchedLimit, Read<kLarge>},
+                           {"looked at: open for reading", 50, Measure::Nothing, 0, OpenForReading},
+                           {"looked at: TIOCGWINSZ", 200, Measure::Nothing, 0, AskForSize},
+                           {"trapped: TIOCMGET", 50, Measure::Time, kTrappedLimit, AskForModemLines},
+                           {"trapped: open of the port", 20, Measure::Time, kTrappedLimit, OpenForBoth},
+                           {"byte to the far end and back", 20, Measure::Time, kByteLimit, SendByteAndBack}};
+
+// --- The worker as the contest sees it
+// --------------------------------------------------------------------------------
+
+pid_t Spawn(const std::vector<std::string>& command, const std::array<int, 2>& standard) {
+  std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
+  for (const std::string& argument : command) {
+    arguments.push_back(const_cast<char*>(argument.c_str()));  // NOLINT(cppcoreguidelines-pro-type-const-cast)
+  }
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, standard[0], STDIN_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, standard[1], STDOUT_FILENO);
+  pid_t child = -1;
+  const int error = ::posix_spawnp(&child, arguments.front(), &actions, nullptr, arguments.data(), environ);
+  ::posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), command.front());
+  }
+  return child;
+}
+
+void WaitFor(pid_t child, const std::string& what) {
+  int status = 0;
+  if (::waitpid(child, &status, 0) != child || status != 0) {
+    throw std::runtime_error(what + " has failed");
+  }
+}
+
+std::vector<std::string> OnBoard(std::vector<std::string> command) {
+  command.insert(command.begin(), {BOARDKIT_BOARDSIM, "--"});
+  return command;
+}
+
+class Worker {
+ public:
+  explicit Worker(const std::vector<std::string>& command) {
+    std::array<int, 2> requests{};
+    std::array<int, 2> answers{};
+    Require(::pipe2(requests.data(), O_CLOEXEC) == 0 && ::pipe2(answers.data(), O_CLOEXEC) == 0, "pipe");
+    const Descriptor theirInput(requests[0]);
+    const Descriptor theirOutput(answers[1]);
+    m_requests = Descriptor(requests[1]);
+    m_answers = Descriptor(answers[0]);
+    m_process = Spawn(command, {requests[0], answers[1]});
+  }
+  ~Worker() {
+    {
+      const Descriptor end = std::move(m_requests);  // tells the worker to end
+    }
+    ::waitpid(m_process, nullptr, 0);
+  }
+  Worker(const Worker&) = delete;
+  Worker& operator=(const Worker&) = delete;
+
+  Seconds Do(unsigned char number) const {
+    double seconds = 0;
+    Require(::write(m_requests.Get(), &number, sizeof number) == sizeof number, "the worker takes no requests");
+    if (::read(m_answers.Get(), &seconds, sizeof seconds) != sizeof seconds) {
+      throw std::runtime_error("the worker has failed");
+    }
+    return Seconds(seconds);
+  }
+
+ private:
+  Descriptor m_requests;
+  Descriptor m_answers;
+  pid_t m_process = -1;
+};
+
+Contest MakeContest(unsigned char number) {
+  const std::vector<std::string> command{std::filesystem::read_symlink("/proc/self/exe"), kSimWorkerOption};
+  const Case& measured = kCases[number];
+  const auto makeBatch = [number](std::vector<std::string> started) -> Batch {
+    return [worker = std::make_shared<Worker>(started), number] { return worker->Do(number); };
+  };
+  return {measured.calls, kTurns, measured.limit, makeBatch(command), makeBatch(OnBoard(command)), measured.measure};
+}
+
+Contest MakeStart() {
+  const auto makeBatch = [](const std::vector<std::string>& command) -> Batch {
+    return [command] {
+      return TimeCalls(1, [&command] { WaitFor(Spawn(command, {STDIN_FILENO, STDOUT_FILENO}), command.front()); });
+    };
+  };
+  return {1, kStartTurns, kStartLimit, makeBatch({"true"}), makeBatch(OnBoard({"true"})), Measure::Difference};
+}
+
+}  // namespace
+
+void RegisterSimBench(Effort effort) {
+  RegisterContest("start of `true`, with network", effort, MakeStart);
+  for (unsigned char number = 0; number < std::size(kCases); ++number) {
+    RegisterContest(kCases[number].name, effort, [number] { return MakeContest(number); });
+  }
+}
+
+int RunSimWorker() {
+  const Line line;
+  unsigned char number = 0;
+  while (::read(STDIN_FILENO, &number, sizeof number) == sizeof number) {
+    const Case& measured = kCases[number];
+    const double seconds = TimeCalls(measured.calls, [&] { measured.call(line); }).count();
+    Require(::write(STDOUT_FILENO, &seconds, sizeof seconds) == sizeof seconds, "nobody takes the answer");
+  }
+  return EXIT_SUCCESS;
+}
