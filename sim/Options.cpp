@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <limits>
 #include <map>
+#include <memory>
 
 #include "SetupError.h"
 
@@ -113,23 +114,38 @@ void CheckNodesDiffer(const Options& options) {
 }
 
 constexpr const char* kDescription =
-    "Runs an unchanged program as if on the board: with a serial port, a watchdog, physical memory and network "
-    "interfaces of its own. The machine itself stays as it is.";
+    "Runs an unchanged program as if on the board: with a serial port, a watchdog,\n"
+    "physical memory and network interfaces of its own. The machine itself stays as\n"
+    "it is.\n";
 
 constexpr const char* kFooter =
     "FAR is echo, none, pty[:LINK], tcp:HOST:PORT, unix:PATH or exec:COMMAND.\n"
-    "Exit status: that of COMMAND, 128 and the signal's number if a signal ended it, 86 if the watchdog reset the\n"
-    "board, 125 if the board could not be set up, 126 and 127 if COMMAND can't be executed or does not exist.\n"
-    "The manual page boardsim(1) has all of it.";
+    "\n"
+    "Exit status: that of COMMAND, 128 and the signal's number if a signal ended it,\n"
+    "86 if the watchdog reset the board, 125 if the board could not be set up, 126\n"
+    "and 127 if COMMAND can't be executed or does not exist. The manual page\n"
+    "boardsim(1) has all of it.";
+
+constexpr std::size_t kOptionWidth = 27;  // characters, which leaves 53 for its explanation
+
+/// Tells of the command, too.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App* /*app*/, std::string name) const override {
+    return "Usage: " + name + " [OPTION]... [--] COMMAND [ARGUMENT]...\n       " + name + " --check\n";
+  }
+};
 
 }  // namespace
 
 std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   CLI::App app(kDescription, "boardsim");
   app.footer(kFooter);
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.get_formatter()->column_width(kOptionWidth);
   app.prefix_command();
-  app.set_help_flag("-h,--help", "Print this help and exit");
-  app.set_version_flag("--version", "boardsim " BOARDSIM_VERSION);
+  app.set_help_flag("-h,--help", "Print this help");
+  app.set_version_flag("--version", "boardsim " BOARDSIM_VERSION, "Print the version");
 
   std::vector<std::string> ttys;
   std::vector<std::string> serialInfo;
@@ -141,21 +157,20 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   Options options;
   // One argument each: the rest belongs to the command.
   const auto each = [](CLI::Option* option) { return option->take_all()->allow_extra_args(false); };
-  each(app.add_option("--tty", ttys, "A serial port and its far end (default: /dev/ttyS1=echo)"))
-      ->type_name("PATH[=FAR]");
-  app.add_option("--serial-info", serialInfo, "What TIOCGSERIAL tells (default: 3906250,64,0x10000040,42,0)")
+  each(app.add_option("--tty", ttys, "A serial port, and its far end (/dev/ttyS1=echo)"))->type_name("PATH[=FAR]");
+  app.add_option("--serial-info", serialInfo,
+                 "What TIOCGSERIAL tells: base, FIFO size, flags, irq,\ndivisor (3906250,64,0x10000040,42,0)")
       ->delimiter(',')
       ->allow_extra_args(false)
-      ->type_name("BASE,FIFO,FLAGS,IRQ,DIVISOR");
-  app.add_option("--watchdog", watchdog, "The watchdog, or none (default: /dev/watchdog)")->type_name("PATH");
-  app.add_option("--mem", memory, "none: no /dev/mem")->type_name("none");
-  app.add_option("--uart", uart, "The registers of the first serial port (default: 0x80011000:4)")
-      ->type_name("BASE[:STRIDE]");
+      ->type_name("FIVE,NUMBERS");
+  app.add_option("--watchdog", watchdog, "The watchdog, or none (/dev/watchdog)")->type_name("PATH");
+  app.add_option("--mem", memory, "No /dev/mem")->type_name("none");
+  app.add_option("--uart", uart, "The first port's registers (0x80011000:4)")->type_name("BASE[:STRIDE]");
   each(app.add_option("--reg", registers, "A word of physical memory at the start"))->type_name("ADDRESS=VALUE");
-  app.add_option("--net", net, "The network: private (default), none or host")->type_name("KIND");
-  app.add_flag("--no-namespaces{false}", options.namespaces, "Answer the opens of devices instead of making a /dev");
+  app.add_option("--net", net, "The network: private, none or host (private)")->type_name("KIND");
+  const auto* noNamespaces = app.add_flag("--no-namespaces", "Answer the opens of devices instead of making a /dev");
   app.add_option("--control", options.control, "Take commands on this socket")->type_name("SOCKET");
-  app.add_flag("--check", options.check, "Tell what this machine allows, and what helps where it does not");
+  app.add_flag("--check", options.check, "Tell what this machine allows, and the remedies");
   app.add_option("--log", options.log, "Write one line an event, - for standard error")->type_name("FILE");
 
   try {
@@ -167,6 +182,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
     throw SetupError(std::string(error.what()) + ". Try --help.");
   }
 
+  options.namespaces = noNamespaces->empty();
   if (!ttys.empty()) {
     options.ttys.clear();
     for (const std::string& tty : ttys) {

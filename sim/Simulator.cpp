@@ -137,9 +137,9 @@ void Simulator::MakeSandbox() {
       if (m_options.net && *m_options.net != Net::kHost) {
         throw SetupError(std::string(error.what()) + ", so there can be no network of its own.");
       }
-      std::fprintf(stderr,
-                   "boardsim: %s: neither a /dev nor a network of its own, only opens are answered. See --check.\n",
-                   error.what());
+      std::fprintf(
+          stderr, "boardsim: %s, so no device is to be seen in /dev, and the network is this machine's. See --check.\n",
+          error.what());
     }
   } else if (m_options.net && *m_options.net != Net::kHost) {
     throw SetupError("Without namespaces there is only --net host.");
