@@ -306,16 +306,19 @@ void EndDescendants() {
 }
 
 /// The life of the first process: it waits for the application and ends with it, and all others with that.
-[[noreturn]] void Wait(pid_t application, int socket, bool namespaces) {
+[[noreturn]] void Wait(pid_t application, int socket, bool namespaces, pid_t simulator) {
   sigset_t signals;
   ::sigemptyset(&signals);
   ::sigaddset(&signals, SIGCHLD);
-  ::sigaddset(&signals, SIGTERM);  // from the simulator, or on its death
-  int signal = 0;
+  ::sigaddset(&signals, SIGTERM);
+  siginfo_t signal{};
   bool ended = false;
   while (!ended) {
-    ::sigwait(&signals, &signal);
-    ended = signal == SIGTERM;
+    if (::sigwaitinfo(&signals, &signal) == -1) {
+      continue;
+    }
+    // From the simulator, or on its death. One from elsewhere went to the whole group, and the application has its own.
+    ended = signal.si_signo == SIGTERM && !namespaces && signal.si_pid == simulator;
     int status = 0;
     for (pid_t child = 0; !ended && (child = ::waitpid(-1, &status, WNOHANG)) > 0;) {
       if (child == application) {
@@ -333,6 +336,7 @@ void EndDescendants() {
 /// The first process inside.
 [[noreturn]] void RunInit(const Options& options, bool namespaces, bool mapped, int socket, uid_t user, gid_t group,
                           const Signals::State& signals) {
+  const pid_t simulator = ::getppid();
   pid_t application = -1;
   try {
     // The end of the simulator is the end of all.
@@ -358,7 +362,7 @@ void EndDescendants() {
     SendText(socket, Message::Kind::kFailed, error.what());
     ::_exit(kStatusNotSetUp);
   }
-  Wait(application, socket, namespaces);
+  Wait(application, socket, namespaces, simulator);
 }
 
 /// Like fork(), into new namespaces.
