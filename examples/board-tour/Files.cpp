@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "Chapters.h"
 #include "Page.h"
@@ -53,11 +54,11 @@ void ShowFiles() {
   file.PutString(text);
   page::Call("file.Seek(0, SEEK_SET)");
   page::Row("result", std::to_string(file.Seek(0, SEEK_SET)));
-  std::string buffer(text.size(), ' ');
+  std::vector<unsigned char> buffer(text.size());
   const auto length = static_cast<unsigned int>(buffer.size());
   page::Call("file.ReadBytes(buffer, " + std::to_string(length) + ")");
-  file.ReadBytes(reinterpret_cast<unsigned char*>(&buffer[0]), length);
-  page::Row("buffer", page::Quoted(buffer));
+  file.ReadBytes(buffer.data(), length);
+  page::Row("buffer", page::Quoted(std::string(buffer.begin(), buffer.end())));
 
   page::Step("Its name, which only the kernel knew; every failure tells it");
   const std::string link = "/proc/self/fd/" + std::to_string(scratch.Descriptor());

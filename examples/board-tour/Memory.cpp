@@ -51,7 +51,8 @@ void ShowMapping() {
   page::Step("Map memory, use it, and give it back");
   page::Call("mmap_e(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)");
   void* const memory = mmap_e(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  std::strcpy(static_cast<char*>(memory), "written to the mapping");
+  const std::string text = "written to the mapping";
+  std::memcpy(memory, text.data(), text.size());
   page::Row("holds", page::Quoted(static_cast<const char*>(memory)));
   page::Call("munmap_a(memory, 4096)");
   page::Row("result", std::to_string(munmap_a(memory, kSize)));

@@ -22,8 +22,8 @@ constexpr int kSilenceMs = 3000;  // after that, nothing more is expected
 
 // On its way at a time: more than a receiver holds would be lost, as there is no flow control.
 constexpr std::size_t kPieceSize = 2048;
-constexpr std::size_t kWindow = 2 * kPieceSize;
-constexpr std::size_t kBlockSize = 1024 * 1024;
+constexpr std::size_t kWindow = 4096;
+constexpr std::size_t kBlockSize = 1048576;
 
 std::string Crc32(const Bytes& bytes) {
   std::uint32_t crc = 0xFFFFFFFF;
@@ -122,7 +122,7 @@ void SendBlock(SerialPort& port, const Bytes& block, const Receive& receive) {
     }
   }
   const long time = clock.Milliseconds();
-  page::Row("sent", std::to_string(sent) + " bytes, CRC-32 " + Crc32(block));
+  page::Row("sent", std::to_string(sent) + " bytes, CRC-32 " + Crc32(Bytes(block.data(), block.data() + sent)));
   page::Row("received", std::to_string(received.size()) + " bytes, CRC-32 " + Crc32(received) + " after " +
                             (time < 1000 ? std::to_string(time) + " ms" : page::Seconds(time)));
   if (received != block) {

@@ -1,0 +1,48 @@
+# shellcheck shell=sh
+# What the tests of the examples share. Sourced, never run.
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit
+
+# fail SENTENCE FILE: gives up, and shows the file.
+fail() {
+  printf '%s The output was:\n' "$1"
+  cat "$2"
+  exit 1
+}
+
+# expect FILE TEXT...: each TEXT stands in FILE.
+expect() {
+  file=$1
+  shift
+  for text; do
+    grep -qF -e "$text" "$file" || fail "Expected \"$text\"." "$file"
+  done
+}
+
+# run STATUS FILE COMMAND...: COMMAND ends with STATUS; what it prints comes into FILE.
+run() {
+  wanted=$1 output=$2
+  shift 2
+  status=0
+  timeout 100 "$@" > "$output" 2>&1 || status=$?
+  [ "$status" -eq "$wanted" ] || fail "Expected the status $wanted, not $status." "$output"
+}
+
+# wait_for FILE TEXT: until TEXT stands in FILE, which may not be there yet.
+wait_for() {
+  attempts=300
+  until grep -qsF -e "$2" "$1" || [ "$attempts" -eq 0 ]; do
+    sleep 0.1
+    attempts=$((attempts - 1))
+  done
+  expect "$1" "$2"
+}
+
+# expect_events DEVICE LOG: the events of DEVICE in boardsim's LOG are those of the standard input; repeated ones stand
+# there once, and without times.
+expect_events() {
+  sed -n "s|, last fed .*||; s|^ *[0-9.]* $1 ||p" "$2" | uniq > events
+  diff - events || fail "These are not the events of $1." "$2"
+}

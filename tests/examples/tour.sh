@@ -1,0 +1,131 @@
+#!/bin/sh
+# Goes on the tour, on a simulated board and without one, and looks at what it shows.
+# Usage: tour.sh EXAMPLES_DIR BOARDSIM
+set -eu
+examples=$1 boardsim=$2
+# shellcheck source=tests/examples/expect.sh
+. "$(dirname "$(readlink -f "$0")")/expect.sh"
+
+# Without digits in its path, which would be read as lengths of the traceback's names.
+cp "$examples/board-tour" board-tour
+escape=$(printf '\033')
+
+# expect_not FILE TEXT: TEXT does not stand in FILE.
+expect_not() {
+  ! grep -qF -e "$2" "$1" || fail "Not expected: \"$2\"." "$1"
+}
+
+printf '== on a board\n'
+run 0 page "$boardsim" --log log --reg 0x40000000=0x600dcafe -- ./board-tour --serial /dev/ttyS1 \
+  --memory 0x40000000 --watchdog /dev/watchdog --interface eth0
+expect page \
+  "getters   115200 baud, 8 data bits, no parity, stop bits: 1" \
+  "result    false after" \
+  "buffer    \"Nobody else hears this.\"" \
+  "sent      1048576 bytes, CRC-32 0xc0f68319" \
+  "received  1048576 bytes, CRC-32 0xc0f68319" \
+  "the far end echoes" \
+  "sent      1048576 bytes, CRC-32 0x8efebb10" \
+  "received  1048576 bytes, CRC-32 0x8efebb10" \
+  "compared  equal, byte for byte" \
+  "Divisor Latch: 22" \
+  "Real baud rate: 114890" \
+  "holds     \"written to the mapping\"" \
+  "throws    \"Error from mmap: Invalid argument\"" \
+  "result    0x600dcafe" \
+  "result    0x9ff23501" \
+  "result    10 seconds: what the driver uses" \
+  "result    2 seconds: what the driver uses" \
+  "result    fed 5 times in" \
+  "result    not fed for" \
+  "throws    \"Watchdog not activated\"" \
+  "ran       ip addr show dev eth0" \
+  "ip -4 addr add 192.0.2.20/24 brd + dev eth0" \
+  "ip says   inet 192.0.2.20/24 brd 192.0.2.255 scope global eth0" \
+  "result    false: nothing to change" \
+  "ip says   default via 192.0.2.2 dev eth0" \
+  "\"via\": \"fe80::1\"" \
+  "throws    Device \"nope0\" does not exist." \
+  "result    to output" \
+  "throws    ls: cannot access '/no/such/file': No such file or directory" \
+  "buffer    \"kept in a file\"" \
+  "result    \"/tmp/board-tour-" \
+  "throws    \"IO Control failed for '/tmp/board-tour-" \
+  "result    5" \
+  "undefined symbol: no_such_function" \
+  "MiB, of which" \
+  "in the last 1, 5 and 15 minutes" \
+  "handler   got signal 10 (SIGUSR1 is 10) from process" \
+  "pending   SIGUSR2" \
+  "ms, with a signal on the way" \
+  "in the main thread," \
+  "result    \"other\" for what the other thread began with" \
+  "\"batch\" after it asked for SCHED_BATCH" \
+  "valley::LookUp" \
+  "valley::Descend repeats 3 times!" \
+  "That was all of it, and all went well."
+# What a terminal would be told is noise here, and so is a line that it would break.
+expect_not page "$escape"
+expect_not page "$(printf '\r')"
+! grep -qE '.{81}' page || fail "A line is longer than 80 columns." page
+# The board saw the same.
+expect log "speed=115200" "TIOCMSET 0x8006" "TIOCGSERIAL"
+expect_not log "overrun"
+expect_events /dev/watchdog log <<'END'
+open
+timeout 10
+timeout 2
+feed
+write magic
+close: stopped
+END
+
+printf '== a watchdog that is not fed\n'
+run 86 page "$boardsim" --log log -- ./board-tour --watchdog /dev/watchdog --starve
+expect page "result    fed 5 times in" "not fed   for" "the watchdog has reset the board: time-out 2 s"
+expect_events /dev/watchdog log <<'END'
+open
+timeout 2
+feed
+reset time-out 2 s
+END
+
+printf '== a far end that does not echo\n'
+run 0 page "$boardsim" --tty /dev/ttyS1=none -- ./board-tour --serial /dev/ttyS1
+expect page "received  1048576 bytes, CRC-32 0xc0f68319" "the far end does not echo" "Divisor Latch: 22"
+expect_not page "0x8efebb10"
+
+printf '== devices that are missing\n'
+run 1 page ./board-tour --serial /dev/nope --watchdog /dev/nope --interface nope0 --memory 1
+expect page \
+  "failed    Open Serial Port '/dev/nope' failed?: No such file or directory" \
+  "failed    \"1\" is no address of a word" \
+  "failed     Could not open watchdog device!: No such file or directory" \
+  "failed    There is no network interface \"nope0\"." \
+  "result    to output" \
+  "valley::Descend repeats 3 times!" \
+  "Failed: Serial port, Memory, Watchdog, Network."
+
+printf '== a line that has no modem lines, and so can not be closed\n'
+# shellcheck disable=SC2016  # the inner shell's own
+run 1 page env TERM=dumb script -qec './board-tour --serial "$(tty)"' /dev/null < /dev/null
+expect page "failed     SetLoopback TIOCMGET failed!" "valley::Descend repeats 3 times!" "Failed: Serial port."
+
+printf '== without devices\n'
+run 0 page ./board-tour
+expect page "Not shown, since nothing was named for it: serial port (--serial)" "ip says   link/loopback"
+expect_not page "Watchdog"
+
+printf '== on a terminal\n'
+run 0 page env TERM=xterm script -qec "$boardsim -- ./board-tour --serial /dev/ttyS1" /dev/null < /dev/null
+expect page "${escape}[1m--- 1. Serial port" "${escape}[36mport.SetLoopback(true)" " of 1024 KiB  [####"
+run 0 page env TERM=xterm NO_COLOR=1 script -qec ./board-tour /dev/null < /dev/null
+expect_not page "$escape"
+run 0 page env TERM=dumb script -qec ./board-tour /dev/null < /dev/null
+expect_not page "$escape"
+
+printf '== a wrong call\n'
+run 2 page ./board-tour --starve
+expect page "Usage: board-tour"
+run 2 page ./board-tour eth0
+expect page "Usage: board-tour"
