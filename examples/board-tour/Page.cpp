@@ -97,9 +97,7 @@ void PaintedRow(const std::string& label, const page::Lines& lines, const char* 
 namespace page {
 
 void Chapter(const std::string& title, const std::string& header) {
-  static int number = 0;
-  ++number;
-  const std::string left = "--- " + std::to_string(number) + ". " + title + ' ';
+  const std::string left = "--- " + title + ' ';
   const std::string right = ' ' + header + " ---";
   std::cout << '\n' << Painted(kBold, left + std::string(kWidth - left.size() - right.size(), '-') + right) << '\n';
 }

@@ -18,6 +18,7 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
+constexpr long kBaud = 115200;
 constexpr int kSilenceMs = 3000;  // after that, nothing more is expected
 
 // On its way at a time: more than a receiver holds would be lost, as there is no flow control.
@@ -76,7 +77,7 @@ void ShowTimeOut(const SerialPort& port) {
   const Clock clock;
   const bool received = port.IsDataReceived(kTimeOutMs);
   page::Row("result",
-            std::string(received ? "true" : "false") + " after " + std::to_string(clock.Milliseconds()) + " ms");
+            std::string(received ? "true" : "false") + ", after " + std::to_string(clock.Milliseconds()) + " ms");
 }
 
 /// Bytes that are there are read straight from the device.
@@ -97,7 +98,8 @@ Bytes ReadThroughBuffer(SerialPort& port) {
 using Receive = std::function<Bytes(std::size_t most)>;
 
 /// Sends a block and takes in meanwhile what comes back.
-void SendBlock(SerialPort& port, const Bytes& block, const Receive& receive) {
+/// @returns how long that took, in milliseconds.
+long SendBlock(SerialPort& port, const Bytes& block, const Receive& receive) {
   Bytes received;
   std::size_t sent = 0;
   std::size_t shown = 0;
@@ -123,12 +125,13 @@ void SendBlock(SerialPort& port, const Bytes& block, const Receive& receive) {
   }
   const long time = clock.Milliseconds();
   page::Row("sent", std::to_string(sent) + " bytes, CRC-32 " + Crc32(Bytes(block.data(), block.data() + sent)));
-  page::Row("received", std::to_string(received.size()) + " bytes, CRC-32 " + Crc32(received) + " after " +
+  page::Row("received", std::to_string(received.size()) + " bytes, CRC-32 " + Crc32(received) + ", after " +
                             (time < 1000 ? std::to_string(time) + " ms" : page::Seconds(time)));
   if (received != block) {
     throw std::runtime_error("What came back is not what was sent.");
   }
   page::Row("compared", "equal, byte for byte");
+  return time;
 }
 
 void ShowLoopback(SerialPort& port) {
@@ -153,7 +156,13 @@ void ShowLoopback(SerialPort& port) {
   page::Step("A block of 1 MiB through the loopback; the buffered path");
   page::Call("port.Write(block + sent, 2048)");
   page::Call("port.ReadAllAvailableData(); port.Read(bytes, 0)");
-  SendBlock(port, MakeBlock(1), [&](std::size_t) { return ReadThroughBuffer(port); });
+  const long time = SendBlock(port, MakeBlock(1), [&](std::size_t) { return ReadThroughBuffer(port); });
+
+  constexpr long kBitsPerByte = 10;  // with the start and the stop bit
+  const long lineTime = static_cast<long>(1000LL * kBitsPerByte * kBlockSize / kBaud);
+  if (time < lineTime / 2) {
+    page::Row("mind", "this line is not a real one, which would take " + page::Seconds(lineTime));
+  }
 }
 
 void ShowFarEnd(SerialPort& port) {

@@ -85,7 +85,7 @@ class Tour {
  public:
   /// A chapter that fails does not keep the others from being shown.
   void Show(const std::string& title, const std::string& header, const std::function<void()>& chapter) {
-    page::Chapter(title, header);
+    page::Chapter(std::to_string(++m_chapters) + ". " + title, header);
     try {
       chapter();
     } catch (const std::exception& e) {
@@ -108,6 +108,7 @@ class Tour {
   }
 
  private:
+  int m_chapters = 0;
   std::string m_failed;
   std::string m_leftOut;
 };
@@ -141,6 +142,17 @@ int ShowAll(const Options& options) {
   return tour.End();
 }
 
+/// @returns the exit status: to come back is the failure.
+int Starve(const std::string& watchdog) {
+  page::Chapter("The watchdog once more, fed no longer", "WatchDog.h");
+  try {
+    StarveWatchdog(watchdog);
+  } catch (const std::exception& e) {
+    page::Failure(e.what());
+  }
+  return 1;
+}
+
 }  // namespace
 
 int main(int argc, char* argv[]) {
@@ -152,9 +164,7 @@ int main(int argc, char* argv[]) {
   }
 
   if (options.starve) {
-    Tour tour;
-    tour.Show("Watchdog that is not fed", "WatchDog.h", [&] { StarveWatchdog(options.watchdog); });
-    return tour.End();
+    return Starve(options.watchdog);
   }
   std::cout << "A tour of boardkit. Of each step: what is called, and what came out of it.\n";
   return ShowAll(options);

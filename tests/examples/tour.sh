@@ -20,7 +20,7 @@ run 0 page "$boardsim" --log log --reg 0x40000000=0x600dcafe -- ./board-tour --s
   --memory 0x40000000 --watchdog /dev/watchdog --interface eth0
 expect page \
   "getters   115200 baud, 8 data bits, no parity, stop bits: 1" \
-  "result    false after" \
+  "result    false, after" \
   "buffer    \"Nobody else hears this.\"" \
   "sent      1048576 bytes, CRC-32 0xc0f68319" \
   "received  1048576 bytes, CRC-32 0xc0f68319" \
@@ -28,6 +28,7 @@ expect page \
   "sent      1048576 bytes, CRC-32 0x8efebb10" \
   "received  1048576 bytes, CRC-32 0x8efebb10" \
   "compared  equal, byte for byte" \
+  "mind      this line is not a real one, which would take 91.0 s" \
   "Divisor Latch: 22" \
   "Real baud rate: 114890" \
   "holds     \"written to the mapping\"" \
@@ -94,6 +95,34 @@ printf '== a far end that does not echo\n'
 run 0 page "$boardsim" --tty /dev/ttyS1=none -- ./board-tour --serial /dev/ttyS1
 expect page "received  1048576 bytes, CRC-32 0xc0f68319" "the far end does not echo" "Divisor Latch: 22"
 expect_not page "0x8efebb10"
+
+printf '== an interface that is in use\n'
+cat > in-use <<'END'
+state() {
+  ip -o addr show dev eth0
+  ip route show
+  ip -6 route show
+}
+# The kernel adds the link-local address when the line is up.
+attempts=100
+until ip -6 addr show dev eth0 | grep -q fe80 || [ "$attempts" -eq 0 ]; do
+  sleep 0.1
+  attempts=$((attempts - 1))
+done
+ip addr add 198.18.0.5/15 brd + dev eth0
+ip addr add 203.0.113.7/24 dev eth0
+ip addr add 2001:db8::7/64 dev eth0
+ip route add default via 198.18.0.1
+ip route add 10.0.0.0/8 via 203.0.113.1
+ip -6 route add default via 2001:db8::1
+state > before
+./board-tour --interface eth0
+state > after
+END
+run 0 page "$boardsim" -- sh -eu in-use
+expect page "found     198.18.0.5/15" "ip says   inet 192.0.2.20/24"
+expect before "198.18.0.5/15" "default via 198.18.0.1" "default via 2001:db8::1"
+diff before after
 
 printf '== devices that are missing\n'
 run 1 page ./board-tour --serial /dev/nope --watchdog /dev/nope --interface nope0 --memory 1
