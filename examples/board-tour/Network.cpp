@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -64,7 +63,7 @@ class Steps {
       const Lines routes = DefaultRoutes(ipv6);
       found.insert(found.end(), routes.begin(), routes.end());
     }
-    page::Row("ip says", found);
+    page::Row("ip says", found.empty() ? Lines{"(nothing)"} : found);
   }
 
   OpSystem& System() {
@@ -157,7 +156,7 @@ class Steps {
   IpNet m_net;
 };
 
-/// The addresses of an interface, and all routes: read by the constructor, put back by the destructor if taken away.
+/// The addresses of an interface, and all routes, as the constructor finds them.
 class FormerState {
  public:
   FormerState(Steps& steps, const std::string& iface) : m_steps(steps), m_iface(iface) {
@@ -167,9 +166,23 @@ class FormerState {
     m_putBack.insert(m_putBack.end(), m_routes.begin(), m_routes.end());
   }
 
-  ~FormerState() {
-    if (!m_taken) {
-      return;
+  void TakeAway() {
+    if (!m_found.empty()) {
+      page::Step(m_iface + " is in use: this is taken away now, and put back at the end");
+      page::Row("found", m_found);
+      Clear();
+    }
+  }
+
+  /// Removes what was set since, and puts back what was taken away.
+  /// @throws std::runtime_error, at the end, with what could not be put back.
+  void PutBack() {
+    page::Step("Leave " + m_iface + " as it was");
+    std::string failures;
+    try {
+      Clear();
+    } catch (const std::exception& e) {
+      failures += e.what();
     }
     for (const std::string& command : m_putBack) {
       try {
@@ -177,28 +190,18 @@ class FormerState {
       } catch (const std::exception& e) {
         // A route to the interface's own network has come back with the address already.
         if (std::string(e.what()).find("File exists") == std::string::npos) {
-          std::cerr << "board-tour: not put back: " << command << ": " << e.what();
+          failures += command + ": " + e.what();
         }
       }
     }
-    page::Step("What " + m_iface + " had before is put back");
-    try {
-      m_steps.RowOfTool(m_iface);
-    } catch (const std::exception& e) {
-      page::Failure(e.what());
+    m_steps.RowOfTool(m_iface);
+    if (!failures.empty()) {
+      throw std::runtime_error("Not put back:\n" + failures);
     }
   }
 
-  FormerState(const FormerState&) = delete;
-  FormerState& operator=(const FormerState&) = delete;
-
-  void TakeAway() {
-    if (m_found.empty()) {
-      return;
-    }
-    page::Step(m_iface + " is in use: this is taken away now, and put back at the end");
-    page::Row("found", m_found);
-    m_taken = true;
+ private:
+  void Clear() {
     for (const bool ipv6 : {kIpV4, kIpV6}) {
       while (m_steps.Net().GetGwInfo(ipv6)["default"] == "via") {
         m_steps.Net().SetGw(m_iface, "", ipv6, kNoFlush);
@@ -207,7 +210,6 @@ class FormerState {
     }
   }
 
- private:
   void ReadFamily(bool ipv6) {
     const std::string ip = "ip " + Family(ipv6);
     Lines addresses;
@@ -245,14 +247,9 @@ class FormerState {
   Lines m_found;
   Lines m_routes;
   Lines m_putBack;
-  bool m_taken = false;
 };
 
-void ShowChanges(Steps& steps, const std::string& iface) {
-  const Uninterrupted uninterrupted;
-  FormerState formerState(steps, iface);
-  formerState.TakeAway();
-
+void ShowSteps(Steps& steps, const std::string& iface) {
   steps.SetAddr("Set an IPv4 address", iface, "192.0.2.10", 24, kIpV4);
   steps.SetAddr("Set it again: only looks", iface, "192.0.2.10", 24, kIpV4);
   steps.SetAddr("Replace it", iface, "192.0.2.20", 24, kIpV4);
@@ -269,6 +266,20 @@ void ShowChanges(Steps& steps, const std::string& iface) {
   steps.SetGw("Remove the default gateway, IPv6", iface, "::", kIpV6);
   steps.SetAddr("Remove the IPv4 address", iface, "", 0, kIpV4);
   steps.SetAddr("Remove the IPv6 address", iface, "", 0, kIpV6);
+}
+
+void ShowChanges(Steps& steps, const std::string& iface) {
+  const Uninterrupted uninterrupted;
+  FormerState formerState(steps, iface);
+  try {
+    formerState.TakeAway();
+    ShowSteps(steps, iface);
+  } catch (const std::exception& e) {
+    page::Failure(e.what());
+    formerState.PutBack();
+    throw std::runtime_error("The other steps are left out.");
+  }
+  formerState.PutBack();
 }
 
 /// Throws unless the tool can be found.

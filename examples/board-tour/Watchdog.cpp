@@ -39,7 +39,7 @@ void FeedForAWhile(WatchDog& dog) {
   const Clock clock;
   for (int i = 1; i <= kFeedings; ++i) {
     dog.Feed();
-    page::Progress("fed", std::to_string(i) + " times");
+    page::Progress("fed", std::to_string(i) + " of " + std::to_string(kFeedings) + " times");
     DebugSleep(pauseMs);
   }
   page::Row("result", "fed " + std::to_string(kFeedings) + " times in " + page::Seconds(clock.Milliseconds()) +

@@ -124,6 +124,13 @@ expect page "found     198.18.0.5/15" "ip says   inet 192.0.2.20/24"
 expect before "198.18.0.5/15" "default via 198.18.0.1" "default via 2001:db8::1"
 diff before after
 
+printf '== an interface that is down, and so can have no gateway\n'
+# shellcheck disable=SC2016  # the inner shell's own
+run 1 page "$boardsim" -- sh -c './board-tour --interface eth1; status=$?; ip addr show dev eth1 > after; exit "$status"'
+expect page "ip says   inet 192.0.2.20/24" "failed    The other steps are left out." "result    to output" "Failed: Network."
+expect after "eth1"
+expect_not after inet
+
 printf '== devices that are missing\n'
 run 1 page ./board-tour --serial /dev/nope --watchdog /dev/nope --interface nope0 --memory 1
 expect page \
