@@ -15,6 +15,11 @@ expect_not() {
   ! grep -qF -e "$2" "$1" || fail "Not expected: \"$2\"." "$1"
 }
 
+# expect_narrow FILE: no line has more than 80 columns.
+expect_narrow() {
+  ! grep -qE '.{81}' "$1" || fail "A line is too long." "$1"
+}
+
 printf '== on a board\n'
 run 0 page "$boardsim" --log log --reg 0x40000000=0x600dcafe -- ./board-tour --serial /dev/ttyS1 \
   --memory 0x40000000 --watchdog /dev/watchdog --interface eth0
@@ -68,7 +73,7 @@ expect page \
 # What a terminal would be told is noise here, and so is a line that it would break.
 expect_not page "$escape"
 expect_not page "$(printf '\r')"
-! grep -qE '.{81}' page || fail "A line is longer than 80 columns." page
+expect_narrow page
 # The board saw the same.
 expect log "speed=115200" "TIOCMSET 0x8006" "TIOCGSERIAL"
 expect_not log "overrun"
@@ -159,6 +164,11 @@ run 0 page env TERM=xterm NO_COLOR=1 script -qec ./board-tour /dev/null < /dev/n
 expect_not page "$escape"
 run 0 page env TERM=dumb script -qec ./board-tour /dev/null < /dev/null
 expect_not page "$escape"
+
+printf '== help\n'
+run 0 page ./board-tour --help
+expect page "Usage: board-tour"
+expect_narrow page
 
 printf '== a wrong call\n'
 run 2 page ./board-tour --starve
