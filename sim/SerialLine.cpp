@@ -60,9 +60,10 @@ std::uint32_t LineControl(unsigned int flags) {
   }
   if ((flags & PARENB) != 0) {
     lineControl |= kParity;
-    if ((flags & PARODD) == 0) {
-      lineControl |= kEvenParity;
-    }
+  }
+  // Also without parity, where it means nothing: so does the kernel's driver, and reports show it.
+  if ((flags & PARODD) == 0) {
+    lineControl |= kEvenParity;
   }
   return lineControl;
 }

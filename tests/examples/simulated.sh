@@ -70,7 +70,7 @@ FIFO Size:     64
 Flags:       0x10000040
 IRQ:           2a
 Divisor:       0
-Line Register: 0x3
+Line Register: 0x13
 Divisor Latch: 22
 Real baud rate: 114890
 Device:    /dev/ttyS1
