@@ -324,6 +324,13 @@ void SerialLine::SetSettings(const TrappedCall& call) {
 
   termios2 after{};
   ::ioctl(m_slave.Get(), TCGETS2, &after);
+  if (!CanRun(after)) {
+    constexpr tcflag_t kSpeeds = CBAUD | CBAUD << IBSHIFT;
+    after.c_cflag = (after.c_cflag & ~kSpeeds) | (before.c_cflag & kSpeeds);
+    after.c_ispeed = before.c_ispeed;
+    after.c_ospeed = before.c_ospeed;
+    ::ioctl(m_slave.Get(), TCSETS2, &after);
+  }
   // Speed 0 hangs up, and any other one after it picks up again.
   const bool wasZero = (before.c_cflag & CBAUD) == B0;
   const bool isZero = (after.c_cflag & CBAUD) == B0;
@@ -334,6 +341,15 @@ void SerialLine::SetSettings(const TrappedCall& call) {
   }
   ProgramUart(flags, isZero ? 0 : after.c_ospeed);
   m_log.Write(m_path, "settings speed=" + std::to_string(isZero ? 0 : after.c_ospeed) + " flags=" + Hex(flags));
+}
+
+/// Whether the UART's clock can be divided to that speed. Drivers take others without an error, and keep the old one.
+bool SerialLine::CanRun(const termios2& settings) const {
+  constexpr std::uint32_t kGreatestDivisor = 0xFFFF;
+  constexpr std::uint32_t kTolerance = 100;  // a hundredth above the fastest is taken for it
+  const std::uint32_t base = m_info.baudBase;
+  return (settings.c_cflag & CBAUD) == B0 ||
+         (settings.c_ospeed >= base / kGreatestDivisor && settings.c_ospeed <= base + base / kTolerance);
 }
 
 void SerialLine::ProgramUart(unsigned int flags, unsigned int baud) {

@@ -12,6 +12,8 @@
 #include "Options.h"
 #include "Supervisor.h"
 
+struct termios2;  // the kernel's, whose header clashes with the C library's
+
 /// A serial port with a 16550's modem lines: the master of the pseudo-terminal that the application has as its device.
 ///
 /// The pseudo-terminal does what it can by itself. What it refuses or forgets is done here, and the bytes are carried
@@ -70,6 +72,7 @@ class SerialLine {
   void SetOutputs(unsigned int outputs);
   void GetSettings(const TrappedCall& call) const;
   void SetSettings(const TrappedCall& call);
+  bool CanRun(const termios2& settings) const;
   void ProgramUart(unsigned int flags, unsigned int baud);
   void Flush(const TrappedCall& call);
   void GetInfo(const TrappedCall& call) const;
