@@ -21,7 +21,7 @@ class Network : public testing::TestWithParam<const char*> {
     system.ExecCmd(
         "printf 'link add veth0 type veth peer name veth1\nlink set veth1 up\naddr flush dev eth0\n"
         "addr flush dev veth0\nlink set eth0 down\nlink set veth0 down\nlink set " +
-            iface + " up\n' | /sbin/ip -force -batch - >/dev/null 2>/tmp/ground || true",
+            iface + " up\n' | /sbin/ip -force -batch - >/dev/null 2>/dev/null || true",
         false);
   }
 
