@@ -359,14 +359,15 @@ void SerialLine::ProgramUart(unsigned int flags, unsigned int baud) {
 }
 
 void SerialLine::Flush(const TrappedCall& call) {
-  if (call.IoctlArgument() != TCOFLUSH) {
+  const auto queue = call.IoctlArgument();
+  if (queue != TCOFLUSH) {
     CarryOut();
     m_in.clear();
   }
-  if (::ioctl(m_slave.Get(), TCFLSH, call.IoctlArgument()) == -1) {
+  if (::ioctl(m_slave.Get(), TCFLSH, queue) == -1) {
     throw RequestError{errno};
   }
-  m_log.Write(m_path, "flush");
+  m_log.Write(m_path, queue == TCIFLUSH ? "flush input" : queue == TCOFLUSH ? "flush output" : "flush both");
 }
 
 void SerialLine::GetInfo(const TrappedCall& call) const {
