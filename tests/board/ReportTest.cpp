@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SerialExtended.h"
+
 namespace {
 
 constexpr unsigned int kLineControl = 0x8001100C;
@@ -74,6 +76,22 @@ TEST_F(Report, TheDriverClearsTheAccessBitWhenThePortIsOpenedAgain) {
   port.ToString();
 
   EXPECT_EQ(ReadFromPhysicalMemoryAddress(kLineControl) & kDivisorLatchAccess, 0U);
+}
+
+TEST_F(Report, ACustomSpeedStandsInTheReportAndOutlastsIt) {
+  SerialPort port(kDevice, true);
+  port.SetCustomBaudRate(250000);
+
+  const std::string text = port.ToString();
+
+  EXPECT_EQ(text,
+            std::string("Device:    /dev/ttyS2\nCustom Output Baudrate: 250000\nCustom  Baudrate:       250000\n") +
+                "Flowcontrol: None\n" + DriverLines(kDevice) +
+                "Line Register: 0x13\nDivisor Latch: 10\nReal baud rate: 244141\n");
+  const int fd = ::open(kDevice, O_RDWR | O_NOCTTY | O_NONBLOCK);
+  EXPECT_EQ(GetExtendedAttributes(fd).outputSpeed, 250000U);
+  EXPECT_EQ(GetExtendedAttributes(fd).inputSpeed, 250000U);
+  ::close(fd);
 }
 
 TEST_F(Report, TheReportOfAClosedPortHasOneLineMore) {

@@ -160,6 +160,20 @@ TEST_F(Serial, EverySpeedFrom134OnIsSetAndReadBackWithTheBoardsClock) {
   }
 }
 
+TEST_F(Serial, EveryStandardSpeedIsTheOneThatTheKernelCallsSo) {
+  tty.SetBase(kBoardBase);
+  SerialPort port(kDevice, true);
+  for (const int speed : {9600, 19200, 38400, 57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000,
+                          1500000, 2000000, 2500000, 3000000}) {
+    const SerialPort::BaudRate code = SerialPort::ConversionToBaudrateEnum(speed);
+
+    port.SetBaudRate(code);
+
+    EXPECT_EQ(GetExtendedAttributes(tty.Fd()).outputSpeed, static_cast<unsigned int>(speed));
+    EXPECT_EQ(port.GetBaudRate(), code);
+  }
+}
+
 TEST_F(Serial, SpeedZeroIsSetAndReadBackAndDropsTheLines) {
   SerialPort port(kDevice, true);
   port.SetBaudRate(SerialPort::BAUD_9600);
@@ -315,23 +329,38 @@ TEST_F(Serial, APortWithoutTerminalAttributesLeavesThoseOfTheDeviceAlone) {
 TEST_F(Serial, ACustomSpeedThatTheClockAllowsIsSetAndKeptOverClosing) {
   constexpr std::uint32_t kSpeed = 250000;
   tty.SetBase(kBoardBase);
+  const unsigned int found = GetExtendedAttributes(tty.Fd()).outputSpeed;
+  const auto expectSpeed = [&](std::uint32_t speed) {
+    const ExtendedAttributes extended = GetExtendedAttributes(tty.Fd());
+    EXPECT_EQ(extended.inputSpeed, speed);
+    EXPECT_EQ(extended.outputSpeed, speed);
+  };
   SerialPort port(kDevice, true);
   port.SetBaudRate(SerialPort::BAUD_9600);
 
   port.SetCustomBaudRate(kSpeed);
 
   EXPECT_EQ(port.GetCustomBaudRate(), kSpeed);
-  EXPECT_EQ(GetExtendedAttributes(tty.Fd()).outputSpeed, kSpeed);
-  EXPECT_EQ(GetExtendedAttributes(tty.Fd()).inputSpeed, kSpeed);
+  expectSpeed(kSpeed);
+  EXPECT_EQ(GetExtendedAttributes(tty.Fd()).controlFlags & ExtendedAttributes::kSpeedMask,
+            ExtendedAttributes::kOtherSpeed);
+
+  // The setters go through the ordinary attributes, which have no place for it.
+  port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
+  port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
   port.SetBaudRate(SerialPort::BAUD_19200);
-  EXPECT_EQ(GetExtendedAttributes(tty.Fd()).outputSpeed, kSpeed);
+  expectSpeed(kSpeed);
 
   port.Close();
+  expectSpeed(found);
   port.Open(SerialPort::BAUD_9600, SerialPort::CHAR_SIZE_8, SerialPort::PARITY_NONE, SerialPort::STOP_BITS_1,
             SerialPort::FLOW_CONTROL_NONE);
-  EXPECT_EQ(GetExtendedAttributes(tty.Fd()).outputSpeed, kSpeed);
+  expectSpeed(kSpeed);
 
+  port.SetCustomBaudRate(31250);
+  expectSpeed(31250);
   port.SetCustomBaudRate(0);
+  expectSpeed(9600);
   EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_9600);
 }
 

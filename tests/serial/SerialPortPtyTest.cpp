@@ -17,7 +17,6 @@
 #include <gtest/gtest.h>
 
 #include "PtyLine.h"
-#include "SerialExtended.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
 
@@ -299,67 +298,6 @@ TEST_F(PtyPort, AHangUpBeforeAllIsReadKeepsWhatCameBefore) {
 
   farEnd.join();
   EXPECT_EQ(buffer, "abc..");
-}
-
-TEST_F(PtyPort, ACustomSpeedIsReallySetAndLastsOverClosingAndOpening) {
-  SerialPort port(m_line.Device(), true);
-  const auto expectSpeed = [&](unsigned int speed) {
-    const ExtendedAttributes extended = GetExtendedAttributes(m_line.NearEnd());
-    EXPECT_EQ(extended.inputSpeed, speed);
-    EXPECT_EQ(extended.outputSpeed, speed);
-  };
-
-  port.SetCustomBaudRate(250000);
-  expectSpeed(250000);
-  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).controlFlags & ExtendedAttributes::kSpeedMask,
-            ExtendedAttributes::kOtherSpeed);
-
-  // The setters go through the ordinary attributes, which have no place for it.
-  port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
-  port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
-  port.SetBaudRate(SerialPort::BAUD_9600);
-  expectSpeed(250000);
-
-  port.Close();
-  expectSpeed(38400);  // as a pseudo-terminal is found
-  port.Open(SerialPort::BAUD_9600, SerialPort::CHAR_SIZE_8, SerialPort::PARITY_NONE, SerialPort::STOP_BITS_1,
-            SerialPort::FLOW_CONTROL_NONE);
-  expectSpeed(250000);
-
-  port.SetCustomBaudRate(31250);
-  expectSpeed(31250);
-  port.SetCustomBaudRate(0);
-  expectSpeed(9600);
-  EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_9600);
-}
-
-TEST_F(PtyPort, ACustomSpeedOutlastsTheReport) {
-  SerialTty tty;
-  const SerialRegisters registers(tty);
-  tty.kernel.Simulate("TIOCGSERIAL", [](const Question&) { return Fills(serial_struct{}); });
-  tty.kernel.Simulate("TIOCMGET", [](const Question&) { return Returns(0); });
-  tty.kernel.Simulate("TIOCMSET", [](const Question&) { return Returns(0); });
-  SerialPort port(m_line.Device(), true);
-  port.SetCustomBaudRate(250000);
-
-  const std::string report = port.ToString();
-
-  EXPECT_NE(report.find("\nCustom Output Baudrate: 250000\nCustom  Baudrate:       250000\n"), std::string::npos);
-  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).outputSpeed, 250000U);
-  EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).inputSpeed, 250000U);
-}
-
-TEST_F(PtyPort, EveryStandardSpeedIsTheOneThatTheKernelCallsSo) {
-  SerialPort port(m_line.Device(), true);
-  for (const int speed : {9600, 19200, 38400, 57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000,
-                          1500000, 2000000, 2500000, 3000000}) {
-    const SerialPort::BaudRate code = SerialPort::ConversionToBaudrateEnum(speed);
-
-    port.SetBaudRate(code);
-
-    EXPECT_EQ(GetExtendedAttributes(m_line.NearEnd()).outputSpeed, static_cast<unsigned int>(speed));
-    EXPECT_EQ(port.GetBaudRate(), code);
-  }
 }
 
 TEST_F(PtyPort, WithoutTheStandInsItCannotBeClosed) {
