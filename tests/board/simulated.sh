@@ -25,8 +25,9 @@ if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
   program=$folder/${program##*/}
   export LD_LIBRARY_PATH=$folder
   as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-  # What counts executed lines can't write its files then, and says so at length.
-  export GCOV_ERROR_FILE=/dev/null
+  # Where he may write what a build with counters has counted.
+  export GCOV_PREFIX=$folder/counts
+  install -d -m 777 "$GCOV_PREFIX"
   cd /
 fi
 
@@ -39,8 +40,12 @@ case "$*" in
     ;;
 esac
 
-if ! complaint=$("${as_user[@]}" "$simulator" -- true 2>&1); then
-  printf '[  SKIPPED ] The board can not be simulated here: %s\n' "$complaint"
+if [[ $* == *Network.* && ! -e /proc/sys/net/ipv6 ]]; then
+  printf '[  SKIPPED ] This machine has no IPv6.\n'
+  exit
+fi
+if ! complaint=$("${as_user[@]}" "$simulator" --net private -- true 2>&1); then
+  printf "[  SKIPPED ] The board can't be simulated here: %s\n" "$complaint"
   exit
 fi
 "${as_user[@]}" "$simulator" "${board[@]}" -- "$program" "$@"

@@ -1,0 +1,517 @@
+// The library on the simulated board: what it tells its caller, what arrives at the far ends, and all that the board's
+// log has of it, in order, compared with what was asked.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr uid_t kNobody = 65534;
+constexpr int kLongEnough = 60000;  // ms
+
+// The control flags as the kernel has them, and the log.
+constexpr unsigned int kRaw = 0x8b0;  // 8 bits, receiving, without regard to the modem lines
+constexpr unsigned int kFound = kRaw | 0xd;
+constexpr unsigned int k9600 = 0xd;
+constexpr unsigned int k115200 = 0x1002;
+constexpr unsigned int kOtherSpeed = 0x1000;
+constexpr unsigned int kTwoStopBits = 0x40;
+constexpr unsigned int kParity = 0x100;
+constexpr unsigned int kOdd = 0x200;
+constexpr unsigned int kHardware = 0x80000000;
+constexpr unsigned int kSevenBitsLess = 0x10;  // 7 instead of 8
+
+std::string Settings(unsigned int speed, unsigned int flags) {
+  std::ostringstream line;
+  line << "settings speed=" << speed << " flags=0x" << std::hex << flags;
+  return line.str();
+}
+
+Lines operator+(Lines one, const Lines& other) {
+  one.insert(one.end(), other.begin(), other.end());
+  return one;
+}
+
+Lines Of(const std::string& device, const Lines& events) {
+  Lines lines;
+  for (const std::string& event : events) {
+    lines.push_back(device + ' ' + event);
+  }
+  return lines;
+}
+
+Lines OfPort(const Lines& events) {
+  return Of("/dev/ttyS1", events);
+}
+
+Lines OfWatchdog(const Lines& events) {
+  return Of("/dev/watchdog", events);
+}
+
+const Lines kStart = {"board start"};
+const Lines kEnd = {"board end status=0"};
+const Lines kFlushes = {"flush input", "flush both", "flush input"};
+const Lines kOpening = Lines{"open", Settings(0, kRaw)} + kFlushes;
+
+/// The loop is cleared, whether it was on or not, and the attributes are put back.
+Lines Closing(const std::string& lines, const std::string& linesSet = "0x6") {
+  return {"TIOCMGET " + lines, "TIOCMSET " + linesSet, Settings(9600, kFound)};
+}
+
+std::string TextOf(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+/// A socket of this machine, in a file.
+class UnixSocket {
+ public:
+  explicit UnixSocket(const std::filesystem::path& path) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    m_address.sun_family = AF_UNIX;
+    path.string().copy(m_address.sun_path, sizeof m_address.sun_path - 1);
+  }
+  ~UnixSocket() {
+    ::close(m_socket);
+  }
+  UnixSocket(const UnixSocket&) = delete;
+  UnixSocket& operator=(const UnixSocket&) = delete;
+
+  void Listen() {
+    EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address), 0);
+    EXPECT_EQ(::chmod(m_address.sun_path, 0777), 0);
+    EXPECT_EQ(::listen(m_socket, 1), 0);
+  }
+  /// From now on it is the connection.
+  void Accept() {
+    pollfd caller{m_socket, POLLIN, 0};
+    ASSERT_EQ(::poll(&caller, 1, kLongEnough), 1) << "nobody has called";
+    const int connection = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
+    ::close(m_socket);
+    m_socket = connection;
+  }
+  void Connect() {
+    for (int waited = 0; waited < kLongEnough; waited += 10) {
+      if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) == 0) {
+        return;
+      }
+      ::usleep(10000);
+    }
+    ADD_FAILURE() << m_address.sun_path << " can't be reached";
+  }
+  void Send(const std::string& bytes) const {
+    EXPECT_EQ(::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+  std::string Receive(std::size_t count) const {
+    std::string bytes(count, '\0');
+    std::size_t received = 0;
+    pollfd more{m_socket, POLLIN, 0};
+    while (received < count && ::poll(&more, 1, kLongEnough) == 1) {
+      const ssize_t got = ::recv(m_socket, bytes.data() + received, count - received, 0);
+      if (got <= 0) {
+        break;
+      }
+      received += static_cast<std::size_t>(got);
+    }
+    return bytes.substr(0, received);
+  }
+  /// Gives a command, and returns the answer.
+  std::string Command(const std::string& command) const {
+    Send(command + '\n');
+    std::string answer;
+    for (std::string byte; answer.empty() || answer.back() != '\n'; answer += byte) {
+      byte = Receive(1);
+      if (byte.empty()) {
+        break;
+      }
+    }
+    return answer;
+  }
+
+ private:
+  int m_socket;
+  sockaddr_un m_address{};
+};
+
+enum class User { kOfTheTests, kOrdinary };
+
+std::ostream& operator<<(std::ostream& out, User user) {
+  return out << (user == User::kOrdinary ? "AnOrdinaryUser" : "TheUserOfTheTests");
+}
+
+/// One run of the simulator, by the user who runs the tests, or by an ordinary one; he may be the same.
+class LibraryOnSim : public testing::TestWithParam<User> {
+ protected:
+  LibraryOnSim() {
+    std::string folder = std::filesystem::temp_directory_path() / "library-on-sim-XXXXXX";
+    EXPECT_NE(::mkdtemp(folder.data()), nullptr);
+    m_folder = folder;
+    if (GetParam() == User::kOrdinary && ::geteuid() == 0) {
+      m_isOther = true;
+      // Where that fails, so does becoming him: SetUp() tells.
+      [[maybe_unused]] const int given = ::chown(folder.c_str(), kNobody, kNobody);
+      // Copies, for he may not look where these were built.
+      for (std::string* program : {&m_simulator, &m_steps, &m_starve}) {
+        const auto copy = m_folder / std::filesystem::path(*program).filename();
+        std::filesystem::copy_file(*program, copy);
+        *program = copy;
+      }
+      for (const auto& file : std::filesystem::directory_iterator(BOARDKIT_LIBRARY_FOLDER)) {
+        const std::string name = file.path().filename();
+        if (name.rfind("libboardkit.so.", 0) == 0) {
+          std::filesystem::copy_file(file, m_folder / name);
+        }
+      }
+    }
+  }
+
+  ~LibraryOnSim() override {
+    std::filesystem::remove_all(m_folder);
+  }
+
+  void SetUp() override {
+    // Where ordinary users do not look, but some systems keep `ip`.
+    ::setenv("PATH", (std::string(std::getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
+    if (Run({"--net", "private"}, {"true"}) != 0) {
+      GTEST_SKIP() << "The board can't be simulated here: " << Errors();
+    }
+  }
+
+  /// Begins a run; its log, its output and its errors go to files.
+  void Start(const Lines& options, const Lines& command) {
+    Lines words = {"timeout", "-k", "1", "120"};
+    if (m_isOther) {
+      // In there he may also write what a build with counters has counted.
+      words = words + Lines{"setpriv",
+                            "--reuid=65534",
+                            "--regid=65534",
+                            "--clear-groups",
+                            "env",
+                            "LD_LIBRARY_PATH=" + m_folder.string(),
+                            "GCOV_PREFIX=" + m_folder.string()};
+    }
+    words = words + Lines{m_simulator, "--log", m_folder / "log"} + options + Lines{"--"} + command;
+    std::string line;
+    for (const std::string& word : words) {
+      line += '\'' + word + "' ";
+    }
+    line += "</dev/null >" + (m_folder / "output").string() + " 2>" + (m_folder / "errors").string();
+    m_run = ::fork();
+    if (m_run == 0) {
+      ::execl("/bin/sh", "sh", "-c", ("exec " + line).c_str(), nullptr);
+      ::_exit(127);
+    }
+  }
+
+  /// @returns the exit status.
+  int Finish() {
+    int status = -1;
+    EXPECT_EQ(::waitpid(m_run, &status, 0), m_run);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  int Run(const Lines& options, const Lines& command) {
+    Start(options, command);
+    return Finish();
+  }
+
+  /// A step that ends well and without complaints.
+  void RunStep(const Lines& options, const Lines& step) {
+    EXPECT_EQ(Run(options, Lines{m_steps} + step), 0);
+    EXPECT_EQ(Errors(), "");
+  }
+
+  std::string Output() const {
+    return TextOf(m_folder / "output");
+  }
+  std::string Errors() const {
+    return TextOf(m_folder / "errors");
+  }
+  /// Without the times, which must not run backwards.
+  Lines Log() const {
+    std::ifstream file(m_folder / "log");
+    double before = 0;
+    double time = 0;
+    Lines lines;
+    for (std::string line; file >> time && file.get() == ' ' && std::getline(file, line);) {
+      EXPECT_GE(time, before) << line;
+      before = time;
+      lines.push_back(line);
+    }
+    return lines;
+  }
+
+  std::filesystem::path m_folder;
+  std::string m_simulator = BOARDKIT_BOARDSIM;
+  std::string m_steps = BOARDKIT_LIBRARY_STEPS;
+  std::string m_starve = BOARDKIT_BOARD_STARVE;
+
+ private:
+  bool m_isOther = false;
+  pid_t m_run = -1;
+};
+
+INSTANTIATE_TEST_SUITE_P(As, LibraryOnSim, testing::Values(User::kOfTheTests, User::kOrdinary),
+                         testing::PrintToStringParamName());
+
+// --- The serial port -------------------------------------------------------------------------------------------------
+
+TEST_P(LibraryOnSim, EverySettingOfAPortReachesTheDriverInTheOrderOfTheCalls) {
+  RunStep({"--tty", "/dev/ttyS1=none"}, {"settings"});
+
+  EXPECT_EQ(Output(), "4098 32 1 1\nopen, closed, open: +1 0 +1 descriptors\n");
+  constexpr unsigned int kSevenOdd = ((kRaw & ~kSevenBitsLess) | k115200 | kParity | kOdd);
+  constexpr unsigned int kAtLast = kRaw | k115200 | kOdd | kTwoStopBits | kHardware;
+  EXPECT_EQ(
+      Log(),
+      kStart +
+          OfPort(kOpening +
+                 Lines{Settings(115200, kRaw | k115200), Settings(115200, (kRaw & ~kSevenBitsLess) | k115200),
+                       Settings(115200, kSevenOdd), Settings(115200, kSevenOdd | kTwoStopBits),
+                       Settings(115200, kAtLast), "flush input", "flush output", "flush both", "flush input",
+                       Settings(250000, (kAtLast & ~k115200) | kOtherSpeed)} +
+                 Closing("0x6") + kOpening +
+                 // A custom speed outlasts the closing, and the last setting makes eight bits without parity again.
+                 Lines{Settings(250000, kRaw | kOtherSpeed), Settings(250000, (kRaw & ~kSevenBitsLess) | kOtherSpeed),
+                       Settings(250000, (kRaw & ~kSevenBitsLess) | kOtherSpeed | kParity),
+                       Settings(250000, (kRaw & ~kSevenBitsLess) | kOtherSpeed | kParity),
+                       Settings(250000, kRaw | kOtherSpeed)} +
+                 Closing("0x6")) +
+          kEnd);
+}
+
+TEST_P(LibraryOnSim, WithoutAttributesAPortIsOpenedFlushedAndTakenOutOfTheLoop) {
+  RunStep({"--tty", "/dev/ttyS1=none"}, {"without-attributes"});
+
+  EXPECT_EQ(Log(), kStart + OfPort(Lines{"open"} + kFlushes + Lines{"TIOCMGET 0x6", "TIOCMSET 0x6"}) + kEnd);
+}
+
+TEST_P(LibraryOnSim, TheLoopGoesOnAndOffAndIsOffAfterClosing) {
+  RunStep({"--tty", "/dev/ttyS1=none"}, {"loop"});
+
+  EXPECT_EQ(Output(), "loop\n");
+  EXPECT_EQ(Log(), kStart +
+                       OfPort(kOpening +
+                              Lines{Settings(115200, kRaw | k115200),
+                                    // On; in the loop, CTS and DSR are what RTS and DTR are.
+                                    "TIOCMGET 0x6", "TIOCMSET 0x8006",
+                                    // RTS off and on.
+                                    "TIOCMGET 0x8126", "TIOCMSET 0x8002", "TIOCMGET 0x8102", "TIOCMSET 0x8006",
+                                    // Off and on.
+                                    "TIOCMGET 0x8126", "TIOCMSET 0x6", "TIOCMGET 0x6", "TIOCMSET 0x8006"} +
+                              Closing("0x8126")) +
+                       kEnd);
+}
+
+TEST_P(LibraryOnSim, AConversationWithTheFarEndArrivesByteForByteInBothDirections) {
+  UnixSocket peer(m_folder / "peer");
+  peer.Listen();
+  std::string all(256, '\0');
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    all[i] = static_cast<char>(i);
+  }
+
+  Start({"--tty", "/dev/ttyS1=unix:" + (m_folder / "peer").string()}, {m_steps, "converse"});
+  peer.Accept();
+  EXPECT_EQ(peer.Receive(9), "question\n");
+  // In two pieces, so that the reading has to go on.
+  peer.Send(all.substr(0, 100));
+  ::usleep(100000);
+  peer.Send(all.substr(100));
+  EXPECT_EQ(peer.Receive(256), all);
+  peer.Send("!");
+
+  EXPECT_EQ(Finish(), 0);
+  EXPECT_EQ(Errors(), "");
+  EXPECT_EQ(Output(), "1 ! 0\n");
+  EXPECT_EQ(peer.Receive(1), "") << "nothing else";
+  // Somebody is at the other end, so CTS, DSR and CD are on.
+  EXPECT_EQ(Log(), kStart + OfPort(kOpening + Lines{Settings(115200, kRaw | k115200)} + Closing("0x166")) + kEnd);
+}
+
+TEST_P(LibraryOnSim, AHangUpEndsTheWaitingAndThePortCanNotBeClosedAnyMore) {
+  const std::string control = m_folder / "control";
+  Start({"--tty", "/dev/ttyS1=none", "--control", control}, {m_steps, "hang-up"});
+  UnixSocket technician(control);
+  technician.Connect();
+  for (int waited = 0; waited < kLongEnough && Output() != "open\n"; waited += 10) {
+    ::usleep(10000);
+  }
+  EXPECT_EQ(technician.Command("hangup /dev/ttyS1"), "ok\n");
+
+  EXPECT_EQ(Finish(), 0);
+  EXPECT_EQ(Output(),
+            "open\n1\n"
+            "read: SerialPort ReadCount 0: Success\n"
+            "write: Error writing to file descriptor: : Input/output error\n"
+            "close:  SetLoopback TIOCMGET failed!: Input/output error\n");
+  EXPECT_EQ(Log(), kStart + OfPort(kOpening + Lines{"hang-up"}) + kEnd);
+}
+
+// --- The report ------------------------------------------------------------------------------------------------------
+
+constexpr const char* kInfo =
+    "\nFlowcontrol: Hardware\nBaud Base:     3906250\nFIFO Size:     64\nFlags:       0x10000040\n";
+
+/// What a report asks for, and how it makes the line what it was.
+Lines Reporting(unsigned int speed, unsigned int code) {
+  return Lines{"TIOCGSERIAL"} + Closing("0x6") + kOpening +
+         Lines{Settings(speed, kRaw | code), Settings(speed, kRaw | code), Settings(speed, kRaw | code),
+               Settings(speed, kRaw | code), Settings(speed, kRaw | code | kHardware)};
+}
+
+TEST_P(LibraryOnSim, TheReportTellsWhatTheDriverHasProgrammedAndThePortIsOpenedAnew) {
+  struct Row {
+    unsigned int speed;
+    unsigned int code;
+    std::string registers;
+  };
+  for (const Row& row :
+       {Row{115200, k115200, "22\nReal baud rate: 114890\n"}, Row{9600, k9600, "197\nReal baud rate: 9597.67\n"}}) {
+    const std::string speed = std::to_string(row.speed);
+    RunStep({"--tty", "/dev/ttyS1=none"}, {"report", speed});
+
+    // The access bit, which reading the divisor needs, is cleared again.
+    EXPECT_EQ(Output(),
+              "Device:    /dev/ttyS1\nOutput Baudrate: " + speed + "\nInput  Baudrate: " + speed + kInfo +
+                  "IRQ:           2a\nDivisor:       0\nLine Register: 0x13\nDivisor Latch: " + row.registers + "13\n");
+    EXPECT_EQ(Log(),
+              kStart +
+                  OfPort(kOpening +
+                         Lines{Settings(row.speed, kRaw | row.code), Settings(row.speed, kRaw | row.code | kHardware)} +
+                         Reporting(row.speed, row.code) + Closing("0x6")) +
+                  kEnd);
+  }
+}
+
+TEST_P(LibraryOnSim, TheReportReadsTheRegistersThatTheBoardWasGivenAndWritesTheAccessBitAlone) {
+  RunStep({"--tty", "/dev/ttyS1=none", "--uart", "0x90000000", "--reg", "0x80011000=0x61", "--reg", "0x80011004=1",
+           "--reg", "0x8001100c=0x1b", "--serial-info", "4000000,128,0x123,7,5"},
+          {"report", "19200"});
+
+  EXPECT_EQ(Output(),
+            "Device:    /dev/ttyS1\nOutput Baudrate: 19200\nInput  Baudrate: 19200\nFlowcontrol: Hardware\n"
+            "Baud Base:     4000000\nFIFO Size:     128\nFlags:       0x123\nIRQ:           7\nDivisor:       5\n"
+            "Line Register: 0x1b\nDivisor Latch: 100000061\nReal baud rate: 0.000909495\n9b\n");
+}
+
+TEST_P(LibraryOnSim, ACustomSpeedStandsInTheReportAndOutlastsIt) {
+  RunStep({"--tty", "/dev/ttyS1=none"}, {"custom-report"});
+
+  EXPECT_EQ(Output().substr(0, Output().find("Flowcontrol")),
+            "Device:    /dev/ttyS1\nCustom Output Baudrate: 250000\nCustom  Baudrate:       250000\n");
+  const std::string custom = Settings(250000, kRaw | kOtherSpeed);
+  EXPECT_EQ(Log(), kStart +
+                       OfPort(kOpening + Lines{custom, "TIOCGSERIAL"} + Closing("0x6") + kOpening +
+                              Lines{custom, custom, custom, custom, custom} + Closing("0x6")) +
+                       kEnd);
+}
+
+// --- The watchdog ----------------------------------------------------------------------------------------------------
+
+TEST_P(LibraryOnSim, TheWatchdogIsArmedFedGivenAnotherTimeAndStoppedByTheMagicClose) {
+  RunStep({}, {"watchdog"});
+
+  EXPECT_EQ(Output(), "45\nanother one:  Could not open watchdog device!: Device or resource busy\n");
+  EXPECT_EQ(Log(),
+            kStart +
+                OfWatchdog({"open", "timeout 30", "timeout 45", "feed", "feed", "open refused: busy", "write magic",
+                            "close: stopped", "open", "timeout 20", "write magic", "close: stopped"}) +
+                kEnd);
+}
+
+TEST_P(LibraryOnSim, ARefusedTimeIsRememberedAndLeavesTheWatchdogCountingAtTheNextActivation) {
+  EXPECT_EQ(Run({}, {m_steps, "watchdog-refused"}), 86);
+
+  EXPECT_EQ(Output(), "too long: Could not set watchdog interval\n30\nagain: Could not set watchdog interval\n");
+  Lines log = Log();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 30 s, last fed "), 0U) << log.back();
+  log.pop_back();
+  EXPECT_EQ(log, kStart + OfWatchdog({"open", "timeout 30", "timeout refused: 65536", "feed", "write magic",
+                                      "close: stopped", "open", "timeout refused: 65536", "close: not stopped"}));
+}
+
+TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
+  EXPECT_EQ(Run({}, {m_starve, "starve", "/dev/watchdog", "1"}), 86);
+
+  EXPECT_EQ(Output(), "armed: 1 seconds\n");
+  EXPECT_EQ(Errors().find("boardsim: /dev/watchdog: the watchdog has reset the board: time-out 1 s, last fed 1."), 0U)
+      << Errors();
+  Lines log = Log();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 1 s, last fed 1."), 0U) << log.back();
+  log.pop_back();
+  EXPECT_EQ(log, kStart + OfWatchdog({"open", "timeout 1"}));
+}
+
+TEST_P(LibraryOnSim, AProcessThatDiesWithTheWatchdogArmedTakesTheBoardAlong) {
+  EXPECT_EQ(Run({}, {m_starve, "die", "/dev/watchdog", "30"}), 86);
+
+  Lines log = Log();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 30 s, last fed "), 0U) << log.back();
+  log.pop_back();
+  EXPECT_EQ(log, kStart + OfWatchdog({"open", "timeout 30", "close: not stopped"}));
+}
+
+// --- The network and the memory --------------------------------------------------------------------------------------
+
+TEST_P(LibraryOnSim, AddressesAndGatewaysAreSetOnceAndThePeersAnswer) {
+  if (!std::filesystem::exists("/proc/sys/net/ipv6")) {
+    GTEST_SKIP() << "This machine has no IPv6.";
+  }
+  RunStep({}, {"network"});
+
+  EXPECT_EQ(Output(),
+            "02:00:00:00:00:01 0\n"
+            "10\n"
+            "192.0.2.10/24\n"
+            "192.0.2.1 answers: 1\n"
+            "198.51.100.1 answers: 0\n"
+            // The gateway leads there.
+            "10\n"
+            "192.0.2.10/24\n"
+            "default via 192.0.2.1 dev eth0 \n"
+            "198.51.100.1 answers: 1\n"
+            "1010\n"
+            "2001:db8::10/64\n"
+            "default via 2001:db8::1 dev eth0 metric 1024 pref medium\n"
+            "2001:db8::1 answers: 1\n"
+            "11\n"
+            "192.0.2.20/25\n"
+            "nosuch0: Device \"nosuch0\" does not exist.\n\n");
+  EXPECT_EQ(Log(), kStart + kEnd);
+}
+
+TEST_P(LibraryOnSim, AWordInTheMemoryIsSeenFromOutsideAndAnswered) {
+  const std::string control = m_folder / "control";
+  Start({"--control", control}, {m_steps, "memory"});
+  UnixSocket technician(control);
+  technician.Connect();
+  for (int waited = 0; waited < kLongEnough && technician.Command("read 0x80020000") != "ok 0x5eed1e55\n";
+       waited += 10) {
+    ::usleep(10000);
+  }
+  EXPECT_EQ(technician.Command("write 0x80020004 0x0ddba115"), "ok\n");
+
+  EXPECT_EQ(Finish(), 0);
+  EXPECT_EQ(Output(), "ddba115\n");
+}
+
+}  // namespace
