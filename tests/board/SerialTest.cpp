@@ -208,19 +208,6 @@ TEST_F(Serial, EverySizeParityAndStopBitIsSetAndReadBackInEveryCombination) {
   }
 }
 
-TEST_F(Serial, SoftwareFlowControlIsSetAndNotReportedAndItsBitsButOneStay) {
-  SerialPort port(kDevice, true);
-  port.SetBaudRate(SerialPort::BAUD_9600);
-
-  port.SetFlowControl(SerialPort::FLOW_CONTROL_SOFTWARE);
-  EXPECT_EQ(tty.Attributes().c_iflag, static_cast<tcflag_t>(IXON | IXANY | IXOFF));
-  EXPECT_EQ(port.GetFlowControl(), SerialPort::FLOW_CONTROL_NONE);
-
-  port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
-  EXPECT_EQ(tty.Attributes().c_iflag, static_cast<tcflag_t>(IXANY | IXOFF));
-  EXPECT_EQ(port.GetFlowControl(), SerialPort::FLOW_CONTROL_HARDWARE);
-}
-
 TEST_F(Serial, OpenEndsWithEightBitsWithoutParityWhateverWasAskedFor) {
   SerialPort port(kDevice, true);
   port.Close();

@@ -6,8 +6,10 @@
 #include <WatchDog.h>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -64,6 +66,12 @@ void Settings() {
   port.Open(SerialPort::BAUD_9600, SerialPort::CHAR_SIZE_7, SerialPort::PARITY_EVEN, SerialPort::STOP_BITS_1,
             SerialPort::FLOW_CONTROL_SOFTWARE);
   std::cout << " +" << Descriptors() - before << " descriptors\n";
+  const int beside = ::open(kPort, O_RDWR | O_NOCTTY);
+  termios attributes{};
+  ::tcgetattr(beside, &attributes);
+  ::close(beside);
+  std::cout << "software flow control: " << ((attributes.c_iflag & IXON) != 0) << ((attributes.c_iflag & IXANY) != 0)
+            << ((attributes.c_iflag & IXOFF) != 0) << ' ' << port.GetFlowControl() << '\n';
   // The destructor closes it.
 }
 
