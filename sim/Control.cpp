@@ -1,6 +1,7 @@
 #include "Control.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -30,9 +31,11 @@ Control::Control(const std::string& path, Handler handler)
 
   int result = ::bind(m_listener.Get(), name, sizeof address);
   if (result == -1 && errno == EADDRINUSE) {
-    // What a killed simulator has left behind answers nobody any more.
+    // What a killed simulator has left behind answers nobody any more. (Nor does a file, which is not ours.)
     const Descriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::connect(probe.Get(), name, sizeof address) == -1 && errno == ECONNREFUSED) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
+        ::connect(probe.Get(), name, sizeof address) == -1 && errno == ECONNREFUSED) {
       ::unlink(path.c_str());
       result = ::bind(m_listener.Get(), name, sizeof address);
     } else {
