@@ -16,6 +16,7 @@
 #include <cstring>
 #include <memory>
 
+#include "ExitStatus.h"
 #include "PseudoTerminal.h"
 #include "SetupError.h"
 
@@ -27,6 +28,41 @@ constexpr int kCommandsTime = 500;         // milliseconds
 
 void SetNonBlocking(const Descriptor& descriptor) {
   ::fcntl(descriptor.Get(), F_SETFL, ::fcntl(descriptor.Get(), F_GETFL) | O_NONBLOCK);
+}
+
+/// The life of the process between the simulator and a command: it lives as long as the command and all that this has
+/// started, and ends them if the simulator is killed.
+[[noreturn]] void Keep(pid_t simulator, const Descriptor& stream, const std::string& command) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGCHLD);
+  ::sigaddset(&signals, SIGTERM);
+  ::sigprocmask(SIG_SETMASK, &signals, nullptr);
+  ::setpgid(0, 0);
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);  // for those that outlive the command itself
+  ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+  const pid_t shell = ::getppid() == simulator ? ::fork() : -1;
+  if (shell == 0) {
+    ::sigemptyset(&signals);
+    ::sigprocmask(SIG_SETMASK, &signals, nullptr);
+    ::dup2(stream.Get(), STDIN_FILENO);
+    ::dup2(stream.Get(), STDOUT_FILENO);
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    ::_exit(kStatusNotFound);
+  }
+  // An end of the connection that stays open here would hide the command's end, and the simulator's.
+  ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
+  int signal = 0;
+  while (shell != -1 && ::sigwait(&signals, &signal) == 0 && signal == SIGCHLD) {
+    pid_t ended = 0;
+    while ((ended = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
+    }
+    if (ended == -1) {
+      ::_exit(0);  // there is no more of them
+    }
+  }
+  ::kill(0, SIGKILL);  // the group: this process as well
+  ::_exit(0);
 }
 
 }  // namespace
@@ -190,17 +226,7 @@ void FarEnd::Execute(const std::string& command) {
     throw SetupError("the far end of " + m_device + " can't be started", errno);
   }
   if (m_command == 0) {
-    sigset_t none;
-    ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    ::setpgid(0, 0);
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() == parent) {
-      ::dup2(theirs.Get(), STDIN_FILENO);
-      ::dup2(theirs.Get(), STDOUT_FILENO);
-      ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-    }
-    ::_exit(127);
+    Keep(parent, theirs, command);
   }
   ::setpgid(m_command, m_command);  // in both: whichever comes first
 }
