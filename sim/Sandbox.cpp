@@ -395,6 +395,7 @@ Sandbox::Sandbox(const Options& options, bool namespaces, const Signals::State& 
   ::setsockopt(m_socket.Get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
 
   if (!namespaces) {
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     for (const TtyOptions& tty : options.ttys) {
       m_devices.terminals.push_back(OpenMaster("/dev/ptmx"));
       Require<SetupError>(static_cast<bool>(m_devices.terminals.back()),
@@ -562,10 +563,15 @@ bool Sandbox::ReceiveMessage() {
 
 void Sandbox::Reap(int options) {
   pid_t ended = 0;
-  while ((ended = ::waitpid(m_init, nullptr, options)) == -1 && errno == EINTR) {
+  int status = 0;
+  while ((ended = ::waitpid(m_init, &status, options)) == -1 && errno == EINTR) {
   }
   if (ended != m_init) {
     return;
+  }
+  if (!m_namespaces && WIFSIGNALED(status)) {
+    // Killed, it could not end the others: they are this process's children now.
+    EndDescendants();
   }
   m_init = -1;
   try {
