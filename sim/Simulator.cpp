@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -20,6 +21,8 @@
 #include "SetupError.h"
 
 namespace {
+
+constexpr std::size_t kMostNames = 41;  // as many links as the kernel follows, and the first one
 
 std::string ProcessFolder(const TrappedCall& call) {
   return "/proc/" + std::to_string(call.Thread()) + '/';
@@ -44,6 +47,18 @@ FileId FileOf(const TrappedCall& call, const std::filesystem::path& path) {
   how.resolve = RESOLVE_IN_ROOT;
   const Descriptor file(static_cast<int>(::syscall(SYS_openat2, root.Get(), path.c_str(), &how, sizeof how)));
   return file ? FileId::Of(file) : FileId();
+}
+
+/// The names of a file: the one that was called, and those that it links to.
+std::vector<std::string> NamesOf(const std::filesystem::path& path) {
+  std::vector<std::string> names;
+  std::filesystem::path name = path.lexically_normal();
+  std::error_code error;
+  while (!error && names.size() < kMostNames) {
+    names.push_back(name);
+    name = (name.parent_path() / std::filesystem::read_symlink(name, error)).lexically_normal();
+  }
+  return names;
 }
 
 std::uint32_t ParseNumber(const std::string& text) {
@@ -240,9 +255,12 @@ void Simulator::AnswerOpen(const TrappedCall& call) {
   const bool inject = !m_sandbox->HasNamespaces();
   const std::filesystem::path absolute = AbsolutePath(call, path);
   // A name that nobody has made: there is only the text to go by.
-  const std::string name = inject ? absolute.lexically_normal().string() : "";
+  const std::vector<std::string> names = inject ? NamesOf(absolute) : std::vector<std::string>();
+  const auto isNamed = [&](const std::string& name) {
+    return std::find(names.begin(), names.end(), name) != names.end();
+  };
   const FileId file = inject ? FileId() : FileOf(call, absolute);
-  const auto isMeant = [&](const auto& device) { return inject ? name == device.Path() : device.Is(file); };
+  const auto isMeant = [&](const auto& device) { return inject ? isNamed(device.Path()) : device.Is(file); };
   if (!call.IsWaiting()) {
     return;
   }
@@ -258,7 +276,7 @@ void Simulator::AnswerOpen(const TrappedCall& call) {
     inject ? call.ReturnDescriptor(m_watchdog->Open(call.OpenFlags())) : call.Continue();
     return;
   }
-  if (m_memory && inject && name == kMemoryPath) {
+  if (m_memory && inject && isNamed(kMemoryPath)) {
     call.ReturnDescriptor(m_memory->Open(call.OpenFlags()));
     return;
   }
