@@ -1,6 +1,7 @@
 #include "Network.h"
 
 #include <fcntl.h>
+#include <linux/if_addr.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -10,29 +11,37 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <thread>
 
 #include "ExitStatus.h"
 #include "SetupError.h"
 
 namespace {
 
+constexpr unsigned int kLinkScope = 0x20;  // as the list of addresses tells it
+
 constexpr const char* kSettings = "/proc/sys/net/ipv6/conf";
 
+/// The numbers of the two ends differ: the kernel makes those with the same one wait a second for their carrier if
+/// others have just got theirs, on the whole machine.
 struct Interface {
   const char* name;
   const char* address;  // of the hardware
   const char* peer;
+  const char* peerIndex;
   const char* peerAddress4;
   const char* peerAddress6;
   bool isUp;
 };
 constexpr Interface kInterfaces[] = {
-    {"eth0", "02:00:00:00:00:01", "peer0", "192.0.2.1/24", "2001:db8::1/64", true},
-    {"eth1", "02:00:00:00:00:02", "peer1", "198.51.100.1/24", "2001:db8:1::1/64", false}};
+    {"eth0", "02:00:00:00:00:01", "peer0", "102", "192.0.2.1/24", "2001:db8::1/64", true},
+    {"eth1", "02:00:00:00:00:02", "peer1", "103", "198.51.100.1/24", "2001:db8:1::1/64", false}};
 
 bool HasIpV6() {
   return ::access(kSettings, F_OK) == 0;
@@ -46,6 +55,28 @@ void ForgoTentativeAddresses() {
     if (setting && ::write(setting.Get(), "0", 1) == -1) {
       throw SetupError("IPv6 can't be set up", errno);
     }
+  }
+}
+
+/// Whether an interface has the address of its own that counts already.
+bool HasLinkAddress(const std::string& name) {
+  std::ifstream list("/proc/self/net/if_inet6");
+  unsigned int scope = 0;
+  unsigned int flags = 0;
+  std::string skipped;
+  for (std::string owner; list >> skipped >> skipped >> skipped >> std::hex >> scope >> flags >> owner;) {
+    if (owner == name && scope == kLinkScope && (flags & IFA_F_TENTATIVE) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+/// The kernel gives these a moment later, even where nobody has to be asked.
+void AwaitLinkAddress(const std::string& name) {
+  constexpr int kMost = 500;
+  for (int milliseconds = 0; milliseconds < kMost && !HasLinkAddress(name); ++milliseconds) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 
@@ -106,8 +137,9 @@ Descriptor MakePrivateNetwork() {
   std::string commands = farCommands;
   for (const Interface& interface : kInterfaces) {
     const std::string peer = interface.peer;
-    farCommands += "link add " + peer + " type veth peer name " + interface.name + " address " + interface.address +
-                   " netns 1\naddress add " + interface.peerAddress4 + " dev " + peer + '\n';
+    farCommands += "link add " + peer + " index " + interface.peerIndex + " type veth peer name " + interface.name +
+                   " address " + interface.address + " netns 1\naddress add " + interface.peerAddress4 + " dev " +
+                   peer + '\n';
     if (HasIpV6()) {
       farCommands += std::string("address add ") + interface.peerAddress6 + " dev " + peer + " nodad\n";
     }
@@ -118,6 +150,11 @@ Descriptor MakePrivateNetwork() {
   }
   RunIp(farCommands, [&peers] { return ::setns(peers.Get(), CLONE_NEWNET) == 0; });
   RunIp(commands);
+  for (const Interface& interface : kInterfaces) {
+    if (interface.isUp && HasIpV6()) {
+      AwaitLinkAddress(interface.name);
+    }
+  }
   return peers;
 }
 
