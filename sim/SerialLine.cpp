@@ -302,6 +302,8 @@ void SerialLine::SetSettings(const TrappedCall& call) {
   if (request == TCSETSF || request == TCSETSF2) {
     CarryOut();
     m_in.clear();
+    // The request itself leaves what is between the two sides of the terminal.
+    ::ioctl(m_slave.Get(), TCFLSH, TCIFLUSH);
   }
   termios2 before{};
   ::ioctl(m_slave.Get(), TCGETS2, &before);
