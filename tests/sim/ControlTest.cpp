@@ -1,0 +1,254 @@
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include "Board.h"
+
+namespace {
+
+class Control : public BoardTest {
+ protected:
+  /// A program that has the port open as descriptor 3.
+  void Start(const Words& options) {
+    board = Boot(options + Words{"--control", Path("control"), "--log", Path("log")}, {kProbe, "talk"});
+    ASSERT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+    client = std::make_unique<ControlClient>(Path("control"));
+  }
+  void ExpectEnd() {
+    EXPECT_EQ(board->Finish().status, 0);
+    EXPECT_NE(::access(Path("control").c_str(), F_OK), 0);
+  }
+
+  std::unique_ptr<Board> board;
+  std::unique_ptr<ControlClient> client;
+};
+
+TEST_F(Control, AHangUpEndsThePortForTheProgramUntilItIsPluggedInAndOpenedAgain) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    Start(options);
+    EXPECT_EQ(client->Ask("hangup /dev/ttyS1"), "ok");
+    EXPECT_EQ(board->Ask("read 3"), "end");
+    EXPECT_EQ(board->Ask("write 3 x"), Failed(EIO));
+    EXPECT_EQ(board->Ask("attributes 3"), Failed(EIO));
+    EXPECT_EQ(board->Ask("lines 3"), Failed(EIO));
+    EXPECT_EQ(board->Ask("open rw /dev/ttyS1").find("error: "), 0U);
+    EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "ok");
+    EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "error /dev/ttyS1 is plugged in");
+    EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok CTS DSR CD");
+    // The old descriptor stays dead.
+    EXPECT_EQ(board->Ask("write 3 x"), Failed(EIO));
+    EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "4");
+    EXPECT_EQ(board->Ask("attributes 4"), "ok");
+    EXPECT_EQ(board->Ask("lines 4"), "0x166");
+    EXPECT_EQ(board->Ask("write 4 hello"), "ok");
+    EXPECT_EQ(board->Ask("read 4"), "got hello");
+    ExpectEnd();
+    EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 hang-up\n"), std::string::npos);
+  }
+}
+
+TEST_F(Control, AHangUpCanComeTwiceAndAPlugAgain) {
+  Start({});
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(client->Ask("hangup /dev/ttyS1"), "ok");
+    EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "ok");
+  }
+  EXPECT_EQ(client->Ask("hangup /dev/ttyS1"), "ok");
+  client->Ask("hangup /dev/ttyS1");
+  client->Ask("feed /dev/ttyS1 61");
+  EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "ok");
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "4");
+  EXPECT_EQ(board->Ask("write 4 hello"), "ok");
+  EXPECT_EQ(board->Ask("read 4").substr(0, 4), "got ");
+  ExpectEnd();
+}
+
+TEST_F(Control, BytesThatAreFedReachTheProgram) {
+  Start({});
+  EXPECT_EQ(client->Ask("feed /dev/ttyS1 48654c6C6f"), "ok");
+  EXPECT_EQ(board->Ask("read 3"), "got HeLlo");
+  EXPECT_EQ(client->Ask("feed /dev/ttyS1 0g"), "error bytes are pairs of hexadecimal digits, not \"0g\"");
+  EXPECT_EQ(client->Ask("feed /dev/ttyS1 123"), "error bytes are pairs of hexadecimal digits, not \"123\"");
+  EXPECT_EQ(client->Ask("feed /dev/ttyS2 12"), "error there is no simulated port /dev/ttyS2");
+  ExpectEnd();
+}
+
+TEST_F(Control, BytesThatAreFedBeyondWhatIsKeptAreCounted) {
+  Start({});
+  const std::string bytes(30000, '0');
+  for (int i = 0; i < 7; ++i) {
+    EXPECT_EQ(client->Ask("feed /dev/ttyS1 " + bytes), "ok");
+  }
+  const std::string log = WaitForText(Path("log"), " /dev/ttyS1 overrun dropped=");
+  ExpectEnd();
+}
+
+TEST_F(Control, InputsAreSetAndClearedAndTheProgramCannotAlterThem) {
+  Start({});
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(client->Ask("clear /dev/ttyS1 CTS CD"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x106");
+  EXPECT_EQ(client->Ask("set /dev/ttyS1 RI"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x186");
+  EXPECT_EQ(board->Ask("set-lines 3 0x62"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x182");
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok DTR DSR RI");
+  // In the loop the outputs are what the inputs show; afterwards they are as before.
+  EXPECT_EQ(board->Ask("set-lines 3 0x8004"), "ok");
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS CTS LOOP");
+  EXPECT_EQ(client->Ask("set /dev/ttyS1 CD"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x8024");
+  EXPECT_EQ(board->Ask("set-lines 3 0"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x1c0");
+  EXPECT_EQ(client->Ask("clear /dev/ttyS1 CTS DSR CD RI"), "ok");
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok none");
+  EXPECT_EQ(client->Ask("set /dev/ttyS1 RTS"), "error the inputs are CTS, DSR, CD and RI, not \"RTS\"");
+  EXPECT_EQ(client->Ask("set /dev/ttyS1 CTS XYZ"), "error the inputs are CTS, DSR, CD and RI, not \"XYZ\"");
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok none");
+  ExpectEnd();
+  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 inputs DSR RI\n"), std::string::npos);
+}
+
+TEST_F(Control, RegistersAreReadAndWrittenFromBothSides) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    Start(options);
+    EXPECT_EQ(client->Ask("write 0x1000 0xcafe"), "ok");
+    EXPECT_EQ(board->Ask("peek 0x1000"), "0xcafe");
+    EXPECT_EQ(board->Ask("poke 0x80011008 0xc1"), "0xc1");
+    EXPECT_EQ(client->Ask("read 0x80011008"), "ok 0xc1");
+    EXPECT_EQ(client->Ask("read 0x8001100c"), "ok 0x13");
+    EXPECT_EQ(client->Ask("write 0xfffffffc 1"), "ok");
+    EXPECT_EQ(board->Ask("peek 0xfffffffc"), "0x1");
+    EXPECT_EQ(client->Ask("read 0x1000x"), "error \"0x1000x\" is no number of 32 bits");
+    EXPECT_EQ(client->Ask("read 0x100000000"), "error \"0x100000000\" is no number of 32 bits");
+    EXPECT_EQ(client->Ask("write 1 -1"), "error \"-1\" is no number of 32 bits");
+    ExpectEnd();
+  }
+}
+
+TEST_F(Control, ACableThatIsPulledTakesTheCarrierAndBringsItBack) {
+  Start({});
+  const auto becomes = [this](const std::string& name, const std::string& state) {
+    return Eventually([&] { return board->Ask("carrier " + name) == state; });
+  };
+  EXPECT_TRUE(becomes("eth0", "up running"));
+  EXPECT_EQ(client->Ask("link eth0 down"), "ok");
+  EXPECT_TRUE(becomes("eth0", "up without a carrier"));
+  EXPECT_EQ(board->Ask("run grep -qx 0 /sys/class/net/eth0/carrier"), "0");
+  EXPECT_EQ(client->Ask("link eth0 up"), "ok");
+  EXPECT_TRUE(becomes("eth0", "up running"));
+  EXPECT_EQ(board->Ask("run ip link set eth1 up"), "0");
+  EXPECT_TRUE(becomes("eth1", "up running"));
+  EXPECT_EQ(client->Ask("link eth1 down"), "ok");
+  EXPECT_TRUE(becomes("eth1", "up without a carrier"));
+  EXPECT_EQ(board->Ask("carrier eth0"), "up running");
+  EXPECT_EQ(client->Ask("link lo down"), "error there is no simulated interface lo");
+  EXPECT_EQ(client->Ask("link peer0 down"), "error there is no simulated interface peer0");
+  EXPECT_EQ(client->Ask("link eth0 sideways").find("error the commands are: "), 0U);
+  ExpectEnd();
+  EXPECT_NE(Contents(Path("log")).find(" eth0 link down\n"), std::string::npos);
+}
+
+TEST_F(Control, WhatTheBoardLacksCannotBeMoved) {
+  Start({"--net", "none", "--mem", "none", "--watchdog", "none"});
+  EXPECT_EQ(client->Ask("link eth0 down"), "error there is no simulated interface eth0");
+  EXPECT_EQ(client->Ask("read 0").find("error "), 0U);
+  EXPECT_EQ(client->Ask("write 0 0").find("error "), 0U);
+  EXPECT_EQ(client->Ask("watchdog").find("error "), 0U);
+  ExpectEnd();
+}
+
+TEST_F(Control, TheWatchdogsStateIsTold) {
+  Start({});
+  EXPECT_EQ(client->Ask("watchdog"), "ok stopped closed timeout=60");
+  EXPECT_EQ(board->Ask("open rw /dev/watchdog"), "4");
+  EXPECT_EQ(board->Ask("set-timeout 4 1000"), "ok");
+  const std::string armed = client->Ask("watchdog");
+  EXPECT_TRUE(std::regex_match(armed, std::regex("ok armed open timeout=1000 left=(9\\d\\d\\.\\d|1000\\.0)\\d\\d")))
+      << armed;
+  EXPECT_EQ(board->Ask("write 4 V"), "ok");
+  EXPECT_EQ(board->Ask("close 4"), "ok");
+  EXPECT_EQ(client->Ask("watchdog"), "ok stopped closed timeout=1000");
+  EXPECT_EQ(board->Ask("open rw /dev/watchdog"), "4");
+  EXPECT_EQ(board->Ask("close 4"), "ok");
+  EXPECT_EQ(client->Ask("watchdog").find("ok armed closed timeout=1000 left="), 0U);
+  EXPECT_EQ(board->Finish().status, 86);
+}
+
+TEST_F(Control, CommandsComeInPiecesOrTogetherAndFromSeveral) {
+  Start({});
+  client->Send("lin");
+  ControlClient second(Path("control"));
+  EXPECT_EQ(second.Ask("read 0x8001100c"), "ok 0x13");
+  client->Send("es /dev/ttyS1\nread 0x8001100c\nread");
+  EXPECT_EQ(client->Receive(), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(client->Receive(), "ok 0x13");
+  {
+    // One who goes in the middle of a word, and one who does not wait for the answer.
+    const ControlClient third(Path("control"));
+    third.Send("lines /dev/tty");
+    const ControlClient fourth(Path("control"));
+    fourth.Send("help\nhelp\nhelp\n");
+  }
+  EXPECT_EQ(client->Ask(" 0x8001100c"), "ok 0x13");
+  EXPECT_EQ(second.Ask("lines   /dev/ttyS1 "), "ok RTS DTR CTS DSR CD");
+  ExpectEnd();
+}
+
+TEST_F(Control, GarbageIsAnsweredByAnErrorThatNamesTheCommands) {
+  Start({});
+  const std::string commands =
+      "feed TTY HEX | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | read ADDRESS | "
+      "write ADDRESS VALUE | link INTERFACE up|down | watchdog | help";
+  EXPECT_EQ(client->Ask("help"), "ok " + commands);
+  for (const char* garbage : {"", "dance", "lines", "lines a b", "read", "write 1", "hangup", "\xff\xfe\x01", "Lines x",
+                              "set /dev/ttyS1", "watchdog now"}) {
+    EXPECT_EQ(client->Ask(garbage), "error the commands are: " + commands) << garbage;
+  }
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD");
+  ExpectEnd();
+}
+
+TEST_F(Control, ALineWithoutEndIsCutOffAndOthersAreServedStill) {
+  Start({});
+  {
+    const ControlClient endless(Path("control"));
+    const std::string piece(4096, 'x');
+    EXPECT_TRUE(Eventually([&] { return ::send(endless.Get(), piece.data(), piece.size(), MSG_NOSIGNAL) == -1; }));
+  }
+  EXPECT_EQ(client->Ask("read 0x8001100c"), "ok 0x13");
+  ExpectEnd();
+}
+
+TEST_F(Control, ASocketThatAKilledOneHasLeftIsReplacedAndOneInUseIsNot) {
+  const std::string path = Path("control");
+  const int dead = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ::close(dead);
+  Start({});
+  const Outcome second = Run({"--control", path}, {"true"});
+  EXPECT_EQ(second.status, 125);
+  EXPECT_EQ(second.errors, "boardsim: the control socket " + path + " can't be made: Address already in use\n");
+  EXPECT_EQ(client->Ask("read 0x8001100c"), "ok 0x13");
+  ControlClient late(path);
+  EXPECT_EQ(late.Ask("read 0x8001100c"), "ok 0x13");
+  ExpectEnd();
+}
+
+TEST_F(Control, AFileIsNotReplaced) {
+  Shell("echo mine >" + Path("file"));
+  const Outcome outcome = Run({"--control", Path("file")}, {"true"});
+  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.errors,
+            "boardsim: the control socket " + Path("file") + " can't be made: Address already in use\n");
+  EXPECT_EQ(Contents(Path("file")), "mine\n");
+}
+
+}  // namespace

@@ -1,0 +1,324 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <regex>
+#include <string>
+
+#include "Board.h"
+
+namespace {
+
+/// Somebody at the far end.
+class Peer {
+ public:
+  explicit Peer(int fd) : m_fd(fd) {
+    EXPECT_NE(fd, -1);
+  }
+  ~Peer() {
+    Close();
+  }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  int Get() const {
+    return m_fd;
+  }
+  void Close() {
+    if (m_fd != -1) {
+      ::close(m_fd);
+    }
+    m_fd = -1;
+  }
+  void Write(const std::string& text) const {
+    EXPECT_EQ(::write(m_fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  /// What comes next, in one piece; empty if nothing does.
+  std::string ReadSome(int milliseconds) const {
+    pollfd wait{m_fd, POLLIN, 0};
+    std::array<char, 65536> piece{};
+    const ssize_t got = ::poll(&wait, 1, milliseconds) == 1 ? ::read(m_fd, piece.data(), piece.size()) : 0;
+    return {piece.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
+  }
+  std::string Read(std::size_t size) const {
+    std::string text;
+    for (std::string piece; text.size() < size && !(piece = ReadSome(20000)).empty();) {
+      text += piece;
+    }
+    return text;
+  }
+
+ private:
+  int m_fd;
+};
+
+/// A socket that listens, for one who connects.
+class Listener {
+ public:
+  explicit Listener(int family) : m_fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+  ~Listener() {
+    ::close(m_fd);
+  }
+  Listener(const Listener&) = delete;
+  Listener& operator=(const Listener&) = delete;
+
+  template <typename Address>
+  bool Listen(Address& address) {
+    socklen_t size = sizeof address;
+    auto* name = reinterpret_cast<sockaddr*>(&address);
+    return ::bind(m_fd, name, size) == 0 && ::listen(m_fd, 1) == 0 && ::getsockname(m_fd, name, &size) == 0;
+  }
+  int Accept() const {
+    pollfd wait{m_fd, POLLIN, 0};
+    return ::poll(&wait, 1, 20000) == 1 ? ::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+  }
+
+ private:
+  int m_fd;
+};
+
+class FarEnd : public BoardTest {
+ protected:
+  /// A program that has the port open as descriptor 3, and a far end that is a UNIX socket.
+  void Connect(const Words& options, const Words& steps = {}) {
+    Listener listener(AF_UNIX);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    Path("far-end").copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_TRUE(listener.Listen(address));
+    board = Boot(options + Words{"--tty", "/dev/ttyS1=unix:" + Path("far-end"), "--log", Path("log")},
+                 Words{kProbe} + steps + Words{"talk"});
+    peer = std::make_unique<Peer>(listener.Accept());
+    ::unlink(Path("far-end").c_str());
+    ASSERT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  }
+  /// One word in each direction.
+  static void ExpectConversation(Board& board, const Peer& peer) {
+    EXPECT_EQ(board.Ask("open rw /dev/ttyS1"), "3");
+    EXPECT_EQ(board.Ask("lines 3"), "0x166");
+    EXPECT_EQ(board.Ask("write 3 question"), "ok");
+    EXPECT_EQ(peer.Read(8), "question");
+    peer.Write("answer");
+    EXPECT_EQ(board.Ask("read 3"), "got answer");
+    EXPECT_EQ(board.Ask("close 3"), "ok");
+  }
+  /// Reads the far end until no more comes, and all is accounted for.
+  void ExpectAllReceivedOrCounted(std::size_t sent) {
+    std::size_t received = 0;
+    std::size_t dropped = 0;
+    Eventually([&] {
+      received += peer->ReadSome(20).size();
+      const std::string log = Contents(Path("log"));
+      const std::regex pattern("/dev/ttyS1 overrun far-end dropped=(\\d+)\n");
+      for (std::sregex_iterator match(log.begin(), log.end(), pattern), end; match != end; ++match) {
+        dropped = std::stoul((*match)[1]);
+      }
+      return received + dropped >= sent;
+    });
+    EXPECT_EQ(received + dropped, sent);
+    EXPECT_GT(dropped, 0U);
+    EXPECT_GE(received, 65536U);
+  }
+
+  std::unique_ptr<Board> board;
+  std::unique_ptr<Peer> peer;
+};
+
+TEST_F(FarEnd, ATcpServerIsReachedByAddressesOfBothVersionsAndByName) {
+  for (const std::string& host : {std::string("127.0.0.1"), std::string("localhost")}) {
+    Listener listener(AF_INET);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_TRUE(listener.Listen(address));
+    const auto talking =
+        Boot({"--tty", "/dev/ttyS1=tcp:" + host + ':' + std::to_string(ntohs(address.sin_port))}, {kProbe, "talk"});
+    const Peer server(listener.Accept());
+    ExpectConversation(*talking, server);
+    EXPECT_EQ(talking->Finish().status, 0);
+  }
+  Listener listener(AF_INET6);
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  if (!listener.Listen(address)) {
+    GTEST_SKIP() << "There is no IPv6 here.";
+  }
+  const auto talking =
+      Boot({"--tty", "/dev/ttyS1=tcp:[::1]:" + std::to_string(ntohs(address.sin6_port))}, {kProbe, "talk"});
+  const Peer server(listener.Accept());
+  ExpectConversation(*talking, server);
+  EXPECT_EQ(talking->Finish().status, 0);
+}
+
+TEST_F(FarEnd, AUnixServerIsReachedAlsoWithoutNamespaces) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    Connect(options);
+    EXPECT_EQ(board->Ask("close 3"), "ok");
+    ExpectConversation(*board, *peer);
+    EXPECT_EQ(board->Finish().status, 0);
+  }
+}
+
+TEST_F(FarEnd, ACommandIsTalkedToByItsInputAndOutput) {
+  ExpectSteps({"--tty", "/dev/ttyS1=exec:cat"}, {kProbe, "echo", "raw", "paced"});
+}
+
+TEST_F(FarEnd, ACommandEndsWithTheBoardAndAllThatItHasStarted) {
+  ExpectSteps({"--tty", "/dev/ttyS1=exec:sleep 300 & sleep 300; :"}, {"true"});
+}
+
+TEST_F(FarEnd, ItsTerminalIsPrintedAndUsersOfItComeAndGo) {
+  board = Boot({"--tty", "/dev/ttyS1=pty"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("what"), "what?");
+  std::smatch match;
+  const std::string errors = board->Errors();
+  ASSERT_TRUE(std::regex_match(errors, match, std::regex("boardsim: the far end of /dev/ttyS1 is (/dev/pts/\\d+)\n")));
+  for (int i = 0; i < 2; ++i) {
+    const Peer user(::open(match[1].str().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ExpectConversation(*board, user);
+  }
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, ItsTerminalIsRawFromTheStart) {
+  board = Boot({"--tty", "/dev/ttyS1=pty:" + Path("link")}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  const Peer user(::open(Path("link").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  termios settings{};
+  ASSERT_EQ(::tcgetattr(user.Get(), &settings), 0);
+  EXPECT_EQ(settings.c_lflag & (ECHO | ICANON | ISIG), 0U);
+  // An echo at the far end would come back.
+  EXPECT_EQ(board->Ask("write 3 one"), "ok");
+  EXPECT_EQ(user.Read(3), "one");
+  user.Write("two");
+  EXPECT_EQ(board->Ask("read 3"), "got two");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, ItsTerminalIsLinkedForAsLongAsTheBoardRunsAndAStaleLinkIsReplaced) {
+  const std::string link = Path("link");
+  ASSERT_EQ(::symlink("/no/such/terminal", link.c_str()), 0);
+  board = Boot({"--tty", "/dev/ttyS1=pty:" + link}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("what"), "what?");
+  EXPECT_EQ(board->Errors(), "");
+  {
+    const Peer user(::open(link.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ExpectConversation(*board, user);
+  }
+  EXPECT_EQ(board->Finish().status, 0);
+  struct stat status {};
+  EXPECT_EQ(::lstat(link.c_str(), &status), -1);
+}
+
+TEST_F(FarEnd, ItsTerminalIsNotLinkedWhereAFileIs) {
+  const std::string link = Path("file");
+  Shell("echo mine >" + link);
+  const Outcome outcome = Run({"--tty", "/dev/ttyS1=pty:" + link}, {"true"});
+  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.errors, "boardsim: the far end of /dev/ttyS1 can't be linked as " + link + ": File exists\n");
+  EXPECT_EQ(Contents(link), "mine\n");
+  const std::string used = Path("used");
+  ASSERT_EQ(::symlink(link.c_str(), used.c_str()), 0);
+  EXPECT_EQ(Run({"--tty", "/dev/ttyS1=pty:" + used}, {"true"}).status, 125);
+  EXPECT_EQ(Contents(used), "mine\n");
+}
+
+TEST_F(FarEnd, OneThatGoesTakesItsModemLinesWithIt) {
+  Connect({});
+  EXPECT_EQ(board->Ask("lines 3"), "0x166");
+  peer->Write("last words");
+  peer->Close();
+  EXPECT_EQ(board->Ask("read 3"), "got last words");
+  EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x6"; }));
+  // Nobody hears it, and nothing fails.
+  EXPECT_EQ(board->Ask("write 3 hello"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x6");
+  EXPECT_EQ(board->Finish().status, 0);
+  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 far-end gone\n"), std::string::npos);
+  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 inputs none\n"), std::string::npos);
+}
+
+TEST_F(FarEnd, ACommandThatEndsTakesItsModemLinesWithIt) {
+  board = Boot({"--tty", "/dev/ttyS1=exec:exit 3"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x6"; }));
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, OneThatDoesNotReadBlocksNobodyAndWhatItMissesIsCounted) {
+  Connect({}, {"flood"});
+  WaitForText(Path("log"), "overrun far-end");
+  ExpectAllReceivedOrCounted(1048576);
+  // Then it hears again.
+  EXPECT_EQ(board->Ask("write 3 again"), "ok");
+  EXPECT_EQ(peer->Read(5), "again");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, OneThatSendsFasterThanTheProgramReadsIsMadeToWaitAndLosesNothing) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    ExpectSteps(options + Words{"--tty", "/dev/ttyS1=exec:seq -f %07.0f 1 40000; sleep 300"}, {kProbe, "late"});
+  }
+}
+
+TEST_F(FarEnd, ItIsNotHeardWhileThePortIsInTheLoopNorDoesItHear) {
+  Connect({});
+  EXPECT_EQ(board->Ask("set-lines 3 0x8000"), "ok");
+  peer->Write("line");
+  EXPECT_TRUE(Eventually([this] {
+    int waiting = -1;
+    return ::ioctl(peer->Get(), SIOCOUTQ, &waiting) == 0 && waiting == 0;
+  }));
+  EXPECT_EQ(board->Ask("write 3 own"), "ok");
+  EXPECT_EQ(board->Ask("read 3"), "got own");
+  EXPECT_EQ(board->Ask("set-lines 3 0"), "ok");
+  EXPECT_EQ(peer->ReadSome(100), "");
+  peer->Write("heard");
+  EXPECT_EQ(board->Ask("read 3"), "got heard");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, NobodyIsThereWithNone) {
+  ExpectSteps({"--tty", "/dev/ttyS1=none"}, {kProbe, "nobody"});
+}
+
+TEST_F(FarEnd, OneThatCannotBeReachedIsToldInASentence) {
+  Listener listener(AF_INET);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  {
+    // A port that was free a moment ago.
+    Listener closed(AF_INET);
+    ASSERT_TRUE(closed.Listen(address));
+  }
+  const std::string port = std::to_string(ntohs(address.sin_port));
+  const Outcome refused = Run({"--tty", "/dev/ttyS1=tcp:127.0.0.1:" + port}, {"true"});
+  EXPECT_EQ(refused.status, 125);
+  EXPECT_EQ(refused.errors,
+            "boardsim: the far end of /dev/ttyS1, 127.0.0.1:" + port + ", can't be reached: Connection refused\n");
+  const Outcome missing = Run({"--tty", "/dev/ttyS1=unix:/no/such/socket"}, {"true"});
+  EXPECT_EQ(missing.status, 125);
+  EXPECT_EQ(missing.errors,
+            "boardsim: the far end of /dev/ttyS1, /no/such/socket, can't be reached: No such file or directory\n");
+  const Outcome longest = Run({"--tty", "/dev/ttyS1=unix:/" + std::string(200, 'x')}, {"true"});
+  EXPECT_EQ(longest.status, 125);
+  EXPECT_NE(longest.errors.find("can't be reached: File name too long\n"), std::string::npos) << longest.errors;
+  const Outcome unknown = Run({"--tty", "/dev/ttyS1=tcp:host.invalid:7000"}, {"true"});
+  EXPECT_EQ(unknown.status, 125);
+  EXPECT_EQ(unknown.errors.find("boardsim: the far end of /dev/ttyS1, host.invalid:7000, can't be reached: "), 0U)
+      << unknown.errors;
+}
+
+}  // namespace

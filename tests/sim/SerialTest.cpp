@@ -1,0 +1,156 @@
+#include <regex>
+#include <string>
+
+#include "Board.h"
+
+namespace {
+
+using Serial = BoardTest;
+
+TEST_F(Serial, NotOneByteOfTenThousandIsMisroutedWhileTheLoopGoesOnAndOff) {
+  ExpectSteps({"--tty", "/dev/ttyS1=none"}, {kProbe, "loop"});
+}
+
+TEST_F(Serial, NotOneByteOfTenThousandIsMisroutedWithoutNamespacesEither) {
+  ExpectSteps(kWithoutNamespaces + Words{"--tty", "/dev/ttyS1=none"}, {kProbe, "loop"});
+}
+
+TEST_F(Serial, AThousandSignalsASecondInterruptNoCallThatIsRestarted) {
+  ExpectSteps({}, {kProbe, "signals-restart"});
+  ExpectSteps(kWithoutNamespaces, {kProbe, "signals-restart"});
+}
+
+TEST_F(Serial, AThousandSignalsASecondGiveAFewInterruptedCallsAtMostWhereNoneIsRestarted) {
+  ExpectSteps({}, {kProbe, "signals-interrupt"});
+  ExpectSteps(kWithoutNamespaces, {kProbe, "signals-interrupt"});
+}
+
+TEST_F(Serial, AMebibyteThatIsPacedComesBackWhole) {
+  ExpectSteps({}, {kProbe, "paced"});
+}
+
+/// Of a mebibyte, what did not come back is what the log tells of.
+void ExpectAllCounted(const Outcome& outcome, const std::string& log) {
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  const std::regex pattern("/dev/ttyS1 overrun dropped=(\\d+)\n");
+  std::string dropped;
+  for (std::sregex_iterator match(log.begin(), log.end(), pattern), end; match != end; ++match) {
+    dropped = (*match)[1];
+  }
+  ASSERT_NE(dropped, "");
+  ASSERT_NE(outcome.output, "");
+  EXPECT_EQ(std::stoul(outcome.output) + std::stoul(dropped), 1048576U);
+}
+
+TEST_F(Serial, AnEchoThatIsNotReadIsDroppedAndCountedAndBlocksNobody) {
+  const Outcome outcome = Run({"--log", Path("log")}, {kProbe, "overrun"});
+  ExpectAllCounted(outcome, Contents(Path("log")));
+}
+
+TEST_F(Serial, ALoopThatIsNotReadIsDroppedAndCountedAndBlocksNobody) {
+  const Outcome outcome = Run({"--tty", "/dev/ttyS1=none", "--log", Path("log")}, {kProbe, "loop-overrun"});
+  // The last word is sent in the loop, too.
+  ExpectAllCounted(outcome, Contents(Path("log")));
+}
+
+TEST_F(Serial, ItLiesInDevUnderItsNameAndIsATerminal) {
+  ExpectSteps({}, {kProbe, "nodes"});
+  const Outcome outcome = Run({}, {"sh", "-c", "stat -c '%F %a' /dev/ttyS1 /dev/watchdog /dev/mem"});
+  EXPECT_EQ(outcome.output, "character special file 620\nfifo 666\nregular file 666\n") << outcome.errors;
+}
+
+TEST_F(Serial, TheShellsToolsWorkOnIt) {
+  const Outcome outcome =
+      Run({}, {"sh", "-c",
+               "stty -F /dev/ttyS1 115200 cs7 parenb cstopb && stty -F /dev/ttyS1 -a | tr ' ' '\\n' "
+               "| grep -xE '115200|cs.|-?parenb|-?cstopb'"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output, "115200\nparenb\ncs7\ncstopb\n");
+  EXPECT_EQ(outcome.errors, "");
+}
+
+TEST_F(Serial, ADescriptorThatAShellHasOpenedIsThePort) {
+  ExpectSteps({}, {"sh", "-c", "exec 3<>/dev/ttyS1; \"$0\" inherited", kProbe});
+}
+
+TEST_F(Serial, WhatIsToldOfItIsThatOfTheOptionOrTheDefault) {
+  const auto plain = Boot({}, {kProbe, "talk"});
+  EXPECT_EQ(plain->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(plain->Ask("info 3"), "3906250,64,0x10000040,42,0");
+  EXPECT_EQ(plain->Finish().status, 0);
+
+  const auto special = Boot({"--serial-info", "115200,16,0x30,4,0xff"}, {kProbe, "talk"});
+  EXPECT_EQ(special->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(special->Ask("info 3"), "115200,16,0x30,4,255");
+  EXPECT_EQ(special->Finish().status, 0);
+}
+
+TEST_F(Serial, SeveralPortsHaveLinesAndFarEndsOfTheirOwnAndTheFirstHasTheUart) {
+  const auto board = Boot({"--tty", "/dev/ttyAMA0=none", "--tty", "/dev/bus/serial/1"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/ttyAMA0"), "3");
+  EXPECT_EQ(board->Ask("open rw /dev/bus/serial/1"), "4");
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), Failed(ENOENT));
+  EXPECT_EQ(board->Ask("lines 3"), "0x6");
+  EXPECT_EQ(board->Ask("lines 4"), "0x166");
+  EXPECT_EQ(board->Ask("set-lines 3 0x4"), "ok");
+  EXPECT_EQ(board->Ask("lines 4"), "0x166");
+  EXPECT_EQ(board->Ask("write 4 hello"), "ok");
+  EXPECT_EQ(board->Ask("read 4"), "got hello");
+  EXPECT_EQ(board->Ask("peek 0x80011000"), "0x197");
+  EXPECT_EQ(board->Ask("run stty -F /dev/bus/serial/1 115200"), "0");
+  EXPECT_EQ(board->Ask("peek 0x80011000"), "0x197");
+  EXPECT_EQ(board->Ask("run stty -F /dev/ttyAMA0 115200"), "0");
+  EXPECT_EQ(board->Ask("peek 0x80011000"), "0x22");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Serial, TheRegistersLieWhereTheOptionSays) {
+  const auto board =
+      Boot({"--uart", "0x40000100:1", "--reg", "0x40000200=0xdeadbeef", "--reg", "16=17"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("peek 0x80011000"), "0x0");
+  EXPECT_EQ(board->Ask("peek 0x8001100c"), "0x0");
+  EXPECT_EQ(board->Ask("peek 0x40000103"), "0x13");
+  EXPECT_EQ(board->Ask("peek 0x40000200"), "0xdeadbeef");
+  EXPECT_EQ(board->Ask("peek 16"), "0x11");
+  EXPECT_EQ(board->Finish().status, 0);
+
+  const auto wide = Boot({"--uart", "0x40000100:16"}, {kProbe, "talk"});
+  EXPECT_EQ(wide->Ask("peek 0x40000100"), "0x197");
+  EXPECT_EQ(wide->Ask("peek 0x40000130"), "0x13");
+  EXPECT_EQ(wide->Finish().status, 0);
+
+  const auto usual = Boot({"--uart", "0x40000100"}, {kProbe, "talk"});
+  EXPECT_EQ(usual->Ask("peek 0x4000010c"), "0x13");
+  EXPECT_EQ(usual->Finish().status, 0);
+}
+
+TEST_F(Serial, WithoutMemoryThereIsNoneAndThePortWorksAllTheSame) {
+  const auto board = Boot({"--mem", "none"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/mem"), Failed(ENOENT));
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(board->Ask("run stty -F /dev/ttyS1 1200"), "0");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Serial, TheLogTellsOfItsOpensSettingsAndRequestsInTheirOrder) {
+  const auto board = Boot({"--log", Path("log")}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(board->Ask("set-lines 3 0x8004"), "ok");
+  EXPECT_EQ(board->Ask("lines 3"), "0x8024");
+  EXPECT_EQ(board->Ask("info 3"), "3906250,64,0x10000040,42,0");
+  EXPECT_EQ(board->Ask("run stty -F /dev/ttyS1 19200 cs7"), "0");
+  EXPECT_EQ(board->Finish().status, 0);
+  const std::string log = Contents(Path("log"));
+  std::size_t at = 0;
+  for (const char* event :
+       {" board start\n", " /dev/ttyS1 open\n", " /dev/ttyS1 TIOCMSET 0x8004\n", " /dev/ttyS1 TIOCMGET 0x8024\n",
+        " /dev/ttyS1 TIOCGSERIAL\n", " /dev/ttyS1 settings speed=19200 flags=0x", " board end status=0\n"}) {
+    at = log.find(event, at);
+    ASSERT_NE(at, std::string::npos) << event << "is missing, or late:\n" << log;
+  }
+  // Each line begins with the seconds since the start.
+  EXPECT_TRUE(std::regex_match(log, std::regex("(\\d+\\.\\d{6} [^\n]+\n)+"))) << log;
+}
+
+}  // namespace

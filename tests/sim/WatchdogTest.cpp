@@ -1,0 +1,172 @@
+#include <chrono>
+#include <csignal>
+#include <regex>
+#include <string>
+
+#include "Board.h"
+
+namespace {
+
+using Watchdog = BoardTest;
+
+/// Expects the reset that a starved watchdog brings, not before its second is over.
+void ExpectBite(const Outcome& outcome, std::chrono::steady_clock::time_point start) {
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_EQ(outcome.status, 86);
+  EXPECT_EQ(outcome.output, "");
+  const std::regex pattern(
+      "boardsim: /dev/watchdog: the watchdog has reset the board: time-out 1 s, last fed (\\d+\\.\\d{3}) s ago\n");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(outcome.errors, match, pattern)) << outcome.errors;
+  EXPECT_GE(std::stod(match[1]), 1.0);
+}
+
+class StarvedWatchdog : public BoardTest {
+ protected:
+  void ExpectBitten(const Words& options, const std::string& step) {
+    const auto start = std::chrono::steady_clock::now();
+    ExpectBite(Run(options, {kProbe, step}), start);
+  }
+};
+
+TEST_F(StarvedWatchdog, EndsAllProcessesWithStatus86AndALineWithDeviceAndTimes) {
+  ExpectBitten({}, "starve");
+}
+
+TEST_F(StarvedWatchdog, BitesWhenTheMagicByteWasNotTheLastWrite) {
+  ExpectBitten({}, "starve-magic-first");
+}
+
+TEST_F(StarvedWatchdog, BitesWhenTheMagicByteWasNotTheLastOfItsWrite) {
+  ExpectBitten({}, "starve-magic-inside");
+}
+
+TEST_F(StarvedWatchdog, BitesAfterACloseWithoutTheMagicByte) {
+  ExpectBitten({}, "starve-closed");
+}
+
+TEST_F(StarvedWatchdog, BitesAfterACloseWithoutTheMagicByteAlsoWithoutNamespaces) {
+  ExpectBitten(kWithoutNamespaces, "starve-closed");
+}
+
+TEST_F(StarvedWatchdog, BitesWhenTheMagicByteBelongedToAnEarlierOpening) {
+  ExpectBitten({}, "starve-reopened");
+}
+
+TEST_F(StarvedWatchdog, BitesAgainOnceItIsStartedByRequest) {
+  ExpectBitten({}, "starve-enabled");
+}
+
+TEST_F(Watchdog, FedByRequestsAndWritesItDoesNotBiteNorOnceItIsStopped) {
+  ExpectSteps({}, {kProbe, "fed"});
+}
+
+TEST_F(Watchdog, FedByRequestsAndWritesItDoesNotBiteWithoutNamespacesEither) {
+  ExpectSteps(kWithoutNamespaces, {kProbe, "fed"});
+}
+
+TEST_F(Watchdog, WithALongerTimeItLivesLonger) {
+  ExpectSteps({}, {kProbe, "retimed"});
+}
+
+TEST_F(Watchdog, AShorterTimeBeginsWhenItIsSet) {
+  ExpectSteps({}, {kProbe, "retimed-late"});
+}
+
+TEST_F(Watchdog, StoppedByRequestItDoesNotBite) {
+  ExpectSteps({}, {kProbe, "disabled"});
+}
+
+TEST_F(Watchdog, OpenedAnewAfterACloseItGoesOnAndCanBeStopped) {
+  ExpectSteps({}, {kProbe, "reopened"});
+}
+
+TEST_F(Watchdog, AProgramThatEndsWithItCountingResetsTheBoardAtOnce) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome outcome = Run(options, {kProbe, "abandon"});
+    EXPECT_EQ(outcome.status, 86);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(std::regex_match(
+        outcome.errors, std::regex("boardsim: /dev/watchdog: the application has ended without stopping the watchdog, "
+                                   "which resets the board: time-out 60 s, last fed \\d+\\.\\d{3} s ago\n")))
+        << outcome.errors;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+  }
+}
+
+TEST_F(Watchdog, AProgramThatIsKilledWithItCountingResetsTheBoard) {
+  const Outcome outcome = Run({}, {"sh", "-c", "exec 5>/dev/watchdog; echo >&5; kill -KILL $$"});
+  EXPECT_EQ(outcome.status, 86);
+  EXPECT_NE(outcome.errors.find("has ended without stopping the watchdog"), std::string::npos) << outcome.errors;
+}
+
+TEST_F(Watchdog, AShellCanFeedAndStopIt) {
+  EXPECT_EQ(Run({}, {"sh", "-c", "printf x >/dev/watchdog; printf V >/dev/watchdog; exit 5"}).status, 5);
+  EXPECT_EQ(Run({}, {"sh", "-c", "echo V >/dev/watchdog; exit 5"}).status, 86);
+}
+
+TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
+  const auto board = Boot({"--control", Path("control")}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rwc /dev/watchdog"), "3");
+  ControlClient client(Path("control"));
+  EXPECT_EQ(client.Ask("watchdog"), "ok stopped closed timeout=60");
+  EXPECT_EQ(board->Ask("write 3 x"), "ok");
+  EXPECT_EQ(client.Ask("watchdog").find("ok armed open timeout=60 left="), 0U);
+  EXPECT_EQ(board->Ask("write 3 V"), "ok");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Watchdog, ThePortAndMemoryAreNoneOfIt) {
+  // Requests of a watchdog on a port go to the kernel, which knows no such thing.
+  const auto board = Boot({}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(board->Ask("timeout 3"), Failed(ENOTTY));
+  EXPECT_EQ(board->Ask("open rw /dev/mem"), "4");
+  EXPECT_EQ(board->Ask("timeout 4"), Failed(ENOTTY));
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Watchdog, ItLiesUnderTheNameOfTheOption) {
+  for (const Words& options :
+       {Words{"--watchdog", "/dev/misc/dog"}, kWithoutNamespaces + Words{"--watchdog", "/dev/misc/dog"}}) {
+    const auto board = Boot(options, {kProbe, "talk"});
+    EXPECT_EQ(board->Ask("open rw /dev/misc/dog"), "3");
+    EXPECT_EQ(board->Ask("open w /dev/misc/dog"), Failed(EBUSY));
+    EXPECT_EQ(board->Ask("timeout 3"), "60");
+    const Outcome outcome = board->Finish();
+    EXPECT_EQ(outcome.status, 86);
+    EXPECT_EQ(outcome.errors.find("boardsim: /dev/misc/dog: "), 0U) << outcome.errors;
+  }
+}
+
+TEST_F(Watchdog, WithNoneThereIsNone) {
+  const auto board = Boot({"--watchdog", "none"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/watchdog"), Failed(ENOENT));
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Watchdog, TheLogTellsOfItsLife) {
+  const auto board = Boot({"--log", Path("log")}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/watchdog"), "3");
+  EXPECT_EQ(board->Ask("open rw /dev/watchdog"), Failed(EBUSY));
+  EXPECT_EQ(board->Ask("set-timeout 3 30"), "ok");
+  EXPECT_EQ(board->Ask("set-timeout 3 65536"), Failed(EINVAL));
+  EXPECT_EQ(board->Ask("feed 3"), "ok");
+  EXPECT_EQ(board->Ask("write 3 xV"), "ok");
+  EXPECT_EQ(board->Ask("close 3"), "ok");
+  EXPECT_EQ(board->Ask("open w /dev/watchdog"), "3");
+  EXPECT_EQ(board->Finish().status, 86);
+  const std::string log = Contents(Path("log"));
+  std::size_t at = 0;
+  for (const char* event :
+       {" /dev/watchdog open\n", " /dev/watchdog open refused: busy\n", " /dev/watchdog timeout 30\n",
+        " /dev/watchdog timeout refused: 65536\n", " /dev/watchdog feed\n", " /dev/watchdog write magic\n",
+        " /dev/watchdog close: stopped\n", " /dev/watchdog open\n", " /dev/watchdog close: not stopped\n",
+        " /dev/watchdog reset time-out 30 s, last fed "}) {
+    at = log.find(event, at);
+    ASSERT_NE(at, std::string::npos) << event << "is missing, or late:\n" << log;
+  }
+}
+
+}  // namespace

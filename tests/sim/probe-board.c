@@ -1,0 +1,198 @@
+#define _GNU_SOURCE
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdint.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "probe.h"
+
+static volatile uint32_t* map(int mem, int protection, off_t page) {
+  volatile uint32_t* words = mmap(NULL, 8192, protection, MAP_SHARED, mem, page);
+  CHECK(words != MAP_FAILED);
+  return words;
+}
+
+/* The whole range of 32 bits, and the page behind it. */
+static void memory(void) {
+  int mem = open("/dev/mem", O_RDWR | O_SYNC);
+  CHECK(mem != -1);
+  volatile uint32_t* last = map(mem, PROT_READ | PROT_WRITE, 0xFFFFF000);
+  last[1023] = 0x12345678;
+  CHECK(last[1023] == 0x12345678 && last[1024] == 0);
+  last[1024] = 1;
+  CHECK(last[1024] == 1);
+  volatile uint32_t* first = map(mem, PROT_READ | PROT_WRITE, 0);
+  CHECK(first[0] == 0);
+  first[0] = 5;
+  CHECK(last[1023] == 0x12345678 && first[0] == 5);
+
+  int reading = open("/dev/mem", O_RDWR);
+  CHECK(reading != -1);
+  CHECK(map(reading, PROT_READ, 0)[0] == 5);
+  uint32_t word = 0;
+  CHECK(pread(reading, &word, sizeof word, 0xFFFFFFFC) == sizeof word && word == 0x12345678);
+  word = 9;
+  CHECK(pwrite(reading, &word, sizeof word, 0) == sizeof word && first[0] == 9);
+}
+
+static int answer_of(int family, const char* address) {
+  struct sockaddr_storage storage;
+  memset(&storage, 0, sizeof storage);
+  socklen_t size;
+  if (family == AF_INET) {
+    struct sockaddr_in* to = (struct sockaddr_in*)&storage;
+    to->sin_family = AF_INET;
+    to->sin_port = htons(9);
+    CHECK(inet_pton(AF_INET, address, &to->sin_addr) == 1);
+    size = sizeof *to;
+  } else {
+    struct sockaddr_in6* to = (struct sockaddr_in6*)&storage;
+    to->sin6_family = AF_INET6;
+    to->sin6_port = htons(9);
+    CHECK(inet_pton(AF_INET6, address, &to->sin6_addr) == 1);
+    size = sizeof *to;
+  }
+  int fd = socket(family, SOCK_STREAM, 0);
+  CHECK(fd != -1 && connect(fd, (struct sockaddr*)&storage, size) == -1);
+  int error = errno;
+  close(fd);
+  return error;
+}
+
+/* Nobody is asked for a second whether an address is free: the kernel only has to come to it. */
+static void counts_at_once(void) {
+  CHECK(system("cat /proc/sys/net/ipv6/conf/all/accept_dad /proc/sys/net/ipv6/conf/eth?/accept_dad | tr -d '\\n' | "
+               "grep -qx 000") == 0);
+  CHECK(system("for i in $(seq 200); do test -z \"$(ip -o -6 address show tentative)\" && exit 0; sleep 0.05; done; "
+               "exit 1") == 0);
+}
+
+/* A host that refuses a connection is there. Its addresses count at once. */
+static void peers(void) {
+  CHECK(system("ip address add 192.0.2.77/24 dev eth0 && ip address add 2001:db8::77/64 dev eth0") == 0);
+  counts_at_once();
+  CHECK(answer_of(AF_INET, "192.0.2.1") == ECONNREFUSED);
+  CHECK(answer_of(AF_INET6, "2001:db8::1") == ECONNREFUSED);
+  /* The second one is down until somebody raises it. */
+  CHECK(answer_of(AF_INET, "198.51.100.1") == ENETUNREACH);
+  CHECK(system("ip link set eth1 up && ip address add 198.51.100.77/24 dev eth1") == 0);
+  CHECK(system("ip address add 2001:db8:1::77/64 dev eth1") == 0);
+  counts_at_once();
+  CHECK(answer_of(AF_INET, "198.51.100.1") == ECONNREFUSED);
+  CHECK(answer_of(AF_INET6, "2001:db8:1::1") == ECONNREFUSED);
+}
+
+/* The kernel and the real `ip` treat it as they treat any. */
+static void administration(void) {
+  CHECK(system("ip link set eth0 down && ip link set eth0 address 02:00:00:00:00:99 && ip link set eth0 up") == 0);
+  CHECK(system("grep -q 02:00:00:00:00:99 /sys/class/net/eth0/address") == 0);
+  CHECK(system("ip address add 192.0.2.77/24 dev eth0 && ip route add default via 192.0.2.1") == 0);
+  CHECK(system("ip route | grep -q '^default via 192.0.2.1 dev eth0'") == 0);
+  CHECK(system("ip address flush dev eth0 && test -z \"$(ip -4 address show dev eth0)\"") == 0);
+  CHECK(system("ip link set eth7 up 2>&1 | grep -q 'Cannot find device'") == 0);
+}
+
+/* The program is the same process, so to speak, as without a simulator: this prints what it was given. */
+static void surroundings(void) {
+  char folder[4096];
+  CHECK(getcwd(folder, sizeof folder) != NULL);
+  mode_t mask = umask(0);
+  printf("folder %s\numask %03o\nBOARD %s\n", folder, (unsigned)mask, getenv("BOARD"));
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action;
+    if (sigaction(number, NULL, &action) == 0 && action.sa_handler == SIG_IGN) {
+      printf("ignored %d\n", number);
+    }
+  }
+  sigset_t blocked;
+  CHECK(sigprocmask(SIG_BLOCK, NULL, &blocked) == 0);
+  for (int number = 1; number < NSIG; ++number) {
+    if (sigismember(&blocked, number) == 1) {
+      printf("blocked %d\n", number);
+    }
+  }
+  for (int fd = 3; fd < 1024; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1) {
+      printf("descriptor %d\n", fd);
+    }
+  }
+}
+
+static volatile sig_atomic_t received;
+
+static void receive(int number) {
+  received = number;
+}
+
+/* Prints the signals that come; the terminating one ends it. */
+static void listen_to_signals(void) {
+  static const int kSignals[] = {SIGINT, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGTERM};
+  sigset_t blocked;
+  sigset_t before;
+  sigemptyset(&blocked);
+  for (size_t i = 0; i < sizeof kSignals / sizeof kSignals[0]; ++i) {
+    sigaddset(&blocked, kSignals[i]);
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = receive;
+    CHECK(sigaction(kSignals[i], &action, NULL) == 0);
+  }
+  CHECK(sigprocmask(SIG_BLOCK, &blocked, &before) == 0);
+  puts("ready");
+  fflush(stdout);
+  while (received != SIGTERM) {
+    sigsuspend(&before);
+    printf("%d\n", (int)received);
+    fflush(stdout);
+  }
+}
+
+/* Waits, with a daemon twice removed that waits as well. */
+static void daemons(void) {
+  pid_t child = fork();
+  CHECK(child != -1);
+  if (child == 0) {
+    setsid();
+    pid_t daemon = fork();
+    CHECK(daemon != -1);
+    if (daemon == 0) {
+      signal(SIGTERM, SIG_IGN);
+      signal(SIGHUP, SIG_IGN);
+      sleep(300);
+    }
+    _exit(0);
+  }
+  CHECK(waitpid(child, NULL, 0) == child);
+  if (fork() == 0) {
+    sleep(300);
+    _exit(0);
+  }
+  puts("ready");
+  fflush(stdout);
+  sleep(300);
+}
+
+/* As on the board. */
+static void user(void) {
+  CHECK(getuid() == 0 && geteuid() == 0 && getgid() == 0);
+}
+
+const struct step kBoardSteps[] = {{"memory", memory},
+                                   {"peers", peers},
+                                   {"administration", administration},
+                                   {"surroundings", surroundings},
+                                   {"listen-to-signals", listen_to_signals},
+                                   {"daemons", daemons},
+                                   {"user", user},
+                                   {"talk", talk},
+                                   {NULL, NULL}};

@@ -1,0 +1,265 @@
+#include <fcntl.h>
+#include <linux/watchdog.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "probe.h"
+
+static int open_watchdog(void) {
+  return open(WATCHDOG, O_RDWR);
+}
+
+static void stop(int fd) {
+  CHECK(write(fd, "V", 1) == 1 && close(fd) == 0);
+}
+
+static int timeout_of(int fd) {
+  int seconds = 0;
+  CHECK(ioctl(fd, WDIOC_GETTIMEOUT, &seconds) == 0);
+  return seconds;
+}
+
+static void set_timeout(int fd, int seconds) {
+  int granted = seconds;
+  CHECK(ioctl(fd, WDIOC_SETTIMEOUT, &granted) == 0 && granted == seconds && timeout_of(fd) == seconds);
+}
+
+static void one_owner(void) {
+  int fd = open_watchdog();
+  CHECK(fd != -1);
+  CHECK(open_watchdog() == -1 && errno == EBUSY);
+  CHECK(open(WATCHDOG, O_WRONLY) == -1 && errno == EBUSY);
+  pid_t child = fork();
+  CHECK(child != -1);
+  if (child == 0) {
+    close(fd);
+    _exit(open_watchdog() == -1 && errno == EBUSY ? 0 : 1);
+  }
+  int status = -1;
+  CHECK(waitpid(child, &status, 0) == child && status == 0);
+  /* A duplicate still has it. */
+  int copy = dup(fd);
+  CHECK(copy != -1 && close(fd) == 0 && open_watchdog() == -1 && errno == EBUSY);
+  stop(copy);
+  for (int i = 0; i < 100; ++i) {
+    fd = open(WATCHDOG, (i & 1) != 0 ? O_WRONLY : O_RDWR);
+    CHECK(fd != -1);
+    stop(fd);
+  }
+}
+
+static void timeouts(void) {
+  static const int kRefused[] = {0, -1, 65536, 0x7fffffff, (int)0x80000000U};
+  int fd = open_watchdog();
+  CHECK(fd != -1 && timeout_of(fd) == 60);
+  set_timeout(fd, 7);
+  for (size_t i = 0; i < sizeof kRefused / sizeof kRefused[0]; ++i) {
+    int seconds = kRefused[i];
+    CHECK(ioctl(fd, WDIOC_SETTIMEOUT, &seconds) == -1 && errno == EINVAL && timeout_of(fd) == 7);
+  }
+  set_timeout(fd, 1);
+  set_timeout(fd, 65535);
+  CHECK(ioctl(fd, WDIOC_SETTIMEOUT, (void*)8) == -1 && errno == EFAULT && timeout_of(fd) == 65535);
+  set_timeout(fd, 60);
+  stop(fd);
+}
+
+static void requests(void) {
+  int fd = open_watchdog();
+  CHECK(fd != -1);
+  set_timeout(fd, 30);
+  int number = 0;
+  CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number > 0 && number <= 30);
+  struct watchdog_info support;
+  CHECK(ioctl(fd, WDIOC_GETSUPPORT, &support) == 0);
+  CHECK(support.options == (WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE));
+  CHECK(strcmp((const char*)support.identity, "boardsim") == 0);
+  number = -1;
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == 0);
+  number = -1;
+  CHECK(ioctl(fd, WDIOC_GETBOOTSTATUS, &number) == 0 && number == 0);
+  CHECK(ioctl(fd, WDIOC_KEEPALIVE, 0) == 0);
+  CHECK(ioctl(fd, WDIOC_GETTEMP, &number) == -1 && errno == ENOTTY);
+  CHECK(ioctl(fd, WDIOC_SETPRETIMEOUT, &number) == -1 && errno == ENOTTY);
+  number = WDIOS_DISABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
+  CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number == 0);
+  number = WDIOS_ENABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
+  CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number > 0);
+  number = 0x100;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == -1 && errno == EINVAL);
+  CHECK(ioctl(fd, WDIOC_GETTIMEOUT, (void*)8) == -1 && errno == EFAULT);
+  set_timeout(fd, 60);
+  stop(fd);
+}
+
+static void short_open(int* fd) {
+  *fd = open_watchdog();
+  CHECK(*fd != -1);
+  set_timeout(*fd, 1);
+}
+
+static void pause_milliseconds(int milliseconds) {
+  struct timespec time = {milliseconds / 1000, (long)(milliseconds % 1000) * 1000000};
+  CHECK(nanosleep(&time, NULL) == 0);
+}
+
+/* Fed by the request and by writing it lives for longer than its time-out; stopped, it never bites. */
+static void fed(void) {
+  int fd;
+  short_open(&fd);
+  for (int i = 0; i < 7; ++i) {
+    pause_milliseconds(200);
+    CHECK((i & 1) != 0 ? ioctl(fd, WDIOC_KEEPALIVE, 0) == 0 : write(fd, "\0", 1) == 1);
+  }
+  stop(fd);
+  pause_milliseconds(1200);
+}
+
+/* Setting a longer time lets it live longer. */
+static void retimed(void) {
+  int fd;
+  short_open(&fd);
+  set_timeout(fd, 60);
+  pause_milliseconds(1300);
+  stop(fd);
+}
+
+/* Setting the time feeds it. */
+static void retimed_late(void) {
+  int fd = open_watchdog();
+  CHECK(fd != -1);
+  pause_milliseconds(1200);
+  set_timeout(fd, 1);
+  stop(fd);
+}
+
+/* Stopped by request. */
+static void disabled(void) {
+  int fd;
+  short_open(&fd);
+  int option = WDIOS_DISABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &option) == 0);
+  pause_milliseconds(1300);
+  close(fd);
+}
+
+/* Of several processes that have it open, the last close counts. */
+static void shared(void) {
+  int fd = open_watchdog();
+  CHECK(fd != -1);
+  pid_t child = fork();
+  CHECK(child != -1);
+  if (child == 0) {
+    _exit(0);
+  }
+  int status = -1;
+  CHECK(waitpid(child, &status, 0) == child && status == 0);
+  CHECK(open_watchdog() == -1 && errno == EBUSY);
+  stop(fd);
+}
+
+/* A daemon that would tell, out of the program's session and family. */
+static void leave_daemon(int fd) {
+  if (fork() == 0) {
+    setsid();
+    if (fork() == 0) {
+      close(fd);
+      sleep(3);
+      puts("the daemon lives");
+      fflush(stdout);
+      sleep(300);
+    }
+    _exit(0);
+  }
+}
+
+/* Each of these starves it; the program itself would live. */
+static void starve(void) {
+  int fd;
+  short_open(&fd);
+  leave_daemon(fd);
+  sleep(300);
+}
+
+/* The magic byte counts only as the last one before the close. */
+static void starve_magic_first(void) {
+  int fd;
+  short_open(&fd);
+  CHECK(write(fd, "V", 1) == 1 && write(fd, "x", 1) == 1 && close(fd) == 0);
+  sleep(300);
+}
+
+static void starve_magic_inside(void) {
+  int fd;
+  short_open(&fd);
+  CHECK(write(fd, "Vx", 2) == 2 && close(fd) == 0);
+  sleep(300);
+}
+
+static void starve_closed(void) {
+  int fd;
+  short_open(&fd);
+  CHECK(close(fd) == 0);
+  sleep(300);
+}
+
+/* Opened anew after such a close it is fed, and can be stopped. */
+static void reopened(void) {
+  int fd;
+  short_open(&fd);
+  CHECK(close(fd) == 0);
+  fd = open_watchdog();
+  CHECK(fd != -1 && timeout_of(fd) == 1);
+  CHECK(write(fd, "xV", 2) == 2 && close(fd) == 0);
+  pause_milliseconds(1300);
+}
+
+/* It was stopped before; the byte of that time is forgotten. */
+static void starve_reopened(void) {
+  int fd;
+  short_open(&fd);
+  stop(fd);
+  fd = open_watchdog();
+  CHECK(fd != -1 && close(fd) == 0);
+  sleep(300);
+}
+
+static void starve_enabled(void) {
+  int fd;
+  short_open(&fd);
+  int option = WDIOS_DISABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &option) == 0);
+  option = WDIOS_ENABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &option) == 0);
+  sleep(300);
+}
+
+/* Ends with it counting. */
+static void abandon(void) {
+  int fd = open_watchdog();
+  CHECK(fd != -1);
+  leave_daemon(fd);
+}
+
+const struct step kWatchdogSteps[] = {{"one-owner", one_owner},
+                                      {"timeouts", timeouts},
+                                      {"requests", requests},
+                                      {"fed", fed},
+                                      {"retimed", retimed},
+                                      {"retimed-late", retimed_late},
+                                      {"disabled", disabled},
+                                      {"shared", shared},
+                                      {"reopened", reopened},
+                                      {"starve", starve},
+                                      {"starve-magic-first", starve_magic_first},
+                                      {"starve-magic-inside", starve_magic_inside},
+                                      {"starve-closed", starve_closed},
+                                      {"starve-reopened", starve_reopened},
+                                      {"starve-enabled", starve_enabled},
+                                      {"abandon", abandon},
+                                      {NULL, NULL}};
