@@ -47,6 +47,13 @@ bool HasIpV6() {
   return ::access(kSettings, F_OK) == 0;
 }
 
+/// Whether an interface gets an address by itself: machines may have that switched off for all new ones.
+bool UsesIpV6(const std::string& name) {
+  std::ifstream setting(std::string(kSettings) + '/' + name + "/disable_ipv6");
+  int isDisabled = 1;
+  return setting >> isDisabled && isDisabled == 0;
+}
+
 /// An address counts at once, not only after a second in which nobody else claimed it.
 void ForgoTentativeAddresses() {
   for (const char* which : {"all", "default"}) {
@@ -114,7 +121,7 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
   if (status == 0) {
     return;
   }
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kStatusNotFound) {
+  if (WIFEXITED(status) && WEXITSTATUS(status) >= kStatusNotExecutable) {
     throw SetupError("There is no `ip` to make the network with: install iproute2, or give --net none.");
   }
   char text[200] = {};
@@ -151,7 +158,7 @@ Descriptor MakePrivateNetwork() {
   RunIp(farCommands, [&peers] { return ::setns(peers.Get(), CLONE_NEWNET) == 0; });
   RunIp(commands);
   for (const Interface& interface : kInterfaces) {
-    if (interface.isUp && HasIpV6()) {
+    if (interface.isUp && UsesIpV6(interface.name)) {
       AwaitLinkAddress(interface.name);
     }
   }

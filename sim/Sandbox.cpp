@@ -222,9 +222,10 @@ Descriptor MakeNamelessFifo() {
   return fifo;
 }
 
-/// Shows the interfaces of the board in /sys, not those of the machine. Where that is refused, `ip` does not mind.
+/// Shows the interfaces of the board in /sys, not those of the machine. Everything else there is the machine's, and not
+/// to be written, not even by root. Where the mount is refused, `ip` does not mind.
 void MountSystemFiles() {
-  ::mount("sysfs", "/sys", "sysfs", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
+  ::mount("sysfs", "/sys", "sysfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
 }
 
 /// @returns what has to stay open as long as the board lives.
@@ -266,8 +267,7 @@ void CloseAllBut(int one, int other) {
   const Descriptor listener = Supervisor::Install();
   if (!listener) {
     SendText(socket, Message::Kind::kFailed,
-             errno == EBUSY ? "A simulator, or another supervisor of system calls, is at work here already; there can "
-                              "be only one for a program."
+             errno == EBUSY ? "System calls are supervised here already, by another simulator perhaps."
                             : SetupError("System calls can't be supervised", errno).what());
     ::_exit(kStatusNotSetUp);
   }

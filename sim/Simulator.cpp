@@ -135,7 +135,7 @@ int Simulator::Run() {
     if (m_watchdog) {
       m_watchdog->Look();
       if (const auto deadline = m_watchdog->Deadline(); deadline && *deadline <= Watchdog::Clock::now()) {
-        return Reset("the watchdog has reset the board");
+        return Reset("");
       }
     }
     WaitForEvents();
@@ -293,11 +293,12 @@ void Simulator::HandOnSignals() {
   }
 }
 
-int Simulator::Reset(const std::string& why) {
+int Simulator::Reset(const std::string& circumstance) {
   m_sandbox->Kill();
   const std::string account = m_watchdog->Account();
   m_log.Write(m_watchdog->Path(), "reset " + account);
-  std::fprintf(stderr, "boardsim: %s: %s: %s\n", m_watchdog->Path().c_str(), why.c_str(), account.c_str());
+  std::fprintf(stderr, "boardsim: %s%s has reset the board: %s\n", m_watchdog->Path().c_str(), circumstance.c_str(),
+               account.c_str());
   return kStatusReset;
 }
 
@@ -306,7 +307,7 @@ int Simulator::EndStatus() {
   if (m_watchdog) {
     m_watchdog->Look();
     if (m_watchdog->Deadline()) {
-      return Reset("the application has ended without stopping the watchdog, which resets the board");
+      return Reset(", not stopped by the application,");
     }
   }
   const std::optional<int> ended = m_sandbox->ApplicationStatus();

@@ -35,7 +35,7 @@ class Simulator {
   void AnswerIoctl(const TrappedCall& call);
   void AnswerOpen(const TrappedCall& call);
   void HandOnSignals();
-  int Reset(const std::string& why);
+  int Reset(const std::string& circumstance);
   int EndStatus();
   void Drain();
 

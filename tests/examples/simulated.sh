@@ -32,7 +32,7 @@ printf '== watchdog-feed, killed\n'
 run 86 reset "$boardsim" --log log -- sh -c \
   '"$0" /dev/watchdog 2 > armed & until grep -q armed armed; do sleep 0.1; done; kill -KILL "$!"; sleep 90' \
   "$examples/watchdog-feed"
-expect reset "the watchdog has reset the board: time-out 2 s"
+expect reset "/dev/watchdog has reset the board: time-out 2 s"
 expect_events /dev/watchdog log <<'END'
 open
 timeout 2

@@ -88,7 +88,7 @@ END
 
 printf '== a watchdog that is not fed\n'
 run 86 page "$boardsim" --log log -- ./board-tour --watchdog /dev/watchdog --starve
-expect page "result    fed 5 times in" "not fed   for" "the watchdog has reset the board: time-out 2 s"
+expect page "result    fed 5 times in" "not fed   for" "/dev/watchdog has reset the board: time-out 2 s"
 expect_events /dev/watchdog log <<'END'
 open
 timeout 2

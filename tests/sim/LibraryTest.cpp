@@ -463,8 +463,7 @@ TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
   EXPECT_EQ(Run({}, {m_starve, "starve", "/dev/watchdog", "1"}), 86);
 
   EXPECT_EQ(Output(), "armed: 1 seconds\n");
-  EXPECT_EQ(Errors().find("boardsim: /dev/watchdog: the watchdog has reset the board: time-out 1 s, last fed 1."), 0U)
-      << Errors();
+  EXPECT_EQ(Errors().find("boardsim: /dev/watchdog has reset the board: time-out 1 s, last fed 1."), 0U) << Errors();
   Lines log = Log();
   ASSERT_FALSE(log.empty());
   EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 1 s, last fed 1."), 0U) << log.back();

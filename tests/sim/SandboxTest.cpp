@@ -151,9 +151,7 @@ TEST_P(EitherWay, TheFirstProcesssDeathIsThatOfTheProgramAndItsDaemons) {
 TEST_P(EitherWay, OneInsideAnotherIsRefusedInWords) {
   const Outcome outcome = Run(Way(), Words{kSimulator} + Way() + Words{"--", "true"});
   EXPECT_EQ(outcome.status, 125);
-  EXPECT_EQ(outcome.errors,
-            "boardsim: A simulator, or another supervisor of system calls, is at work here already; there can be only "
-            "one for a program.\n");
+  EXPECT_EQ(outcome.errors, "boardsim: System calls are supervised here already, by another simulator perhaps.\n");
 }
 
 TEST_P(EitherWay, ADebuggerStopsTheProgramInsideAndItsRequestsAreAnswered) {
