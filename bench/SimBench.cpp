@@ -40,8 +40,7 @@ void Require(bool success, const char* what) {
   }
 }
 
-// --- What a worker does, on the simulated board and beside it
-// ---------------------------------------------------------
+// --- What a worker does, on the simulated board and beside it --------------------------------------------------------
 
 /// A raw terminal. Beside the board, its other end is here, too, and sends back what comes.
 class Line {
@@ -148,8 +147,7 @@ constexpr Case kCases[] = {{"untouched: getppid", 1000, Measure::Nothing, 0, Cal
                            {"trapped: open of the port", 20, Measure::Time, kTrappedLimit, OpenForBoth},
                            {"byte to the far end and back", 20, Measure::Time, kByteLimit, SendByteAndBack}};
 
-// --- The worker as the contest sees it
-// --------------------------------------------------------------------------------
+// --- The worker as the contest sees it -------------------------------------------------------------------------------
 
 pid_t Spawn(const std::vector<std::string>& command, const std::array<int, 2>& standard) {
   std::vector<char*> arguments;

@@ -59,6 +59,7 @@ Result Try(bool namespaces, Net net, const Signals::State& signals, std::unique_
   Options options;
   options.net = net;
   options.command = {"true"};
+  options.watchdog.clear();  // takes a temporary file where there is no /dev of its own
   try {
     sandbox = std::make_unique<Sandbox>(options, namespaces, signals);
     return {};

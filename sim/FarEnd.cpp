@@ -97,7 +97,8 @@ FarEnd::~FarEnd() {
   if (!m_link.empty()) {
     ::unlink(m_link.c_str());
   }
-  if (m_command > 0) {
+  // It may have ended, and its number be somebody else's.
+  if (m_command > 0 && ::waitpid(m_command, nullptr, WNOHANG) == 0) {
     // The end of its input ends most commands. The others do not take long, with all that they have started.
     m_stream.Close();
     const Descriptor command(static_cast<int>(::syscall(SYS_pidfd_open, m_command, 0)));

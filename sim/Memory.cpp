@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "SetupError.h"
@@ -43,8 +44,9 @@ void Memory::Write(std::uint32_t address, std::uint32_t value) const {
 void Memory::ProgramUart(std::uint32_t baud, std::uint32_t lineControl) const {
   if (baud != 0) {
     // The whole divisor in one word: as words are how it is read, the sum of both comes out right.
-    const std::uint32_t clocks = kClocksPerBit * baud;
-    Write(Register(kDivisorLow), (kUartClock + clocks / 2) / clocks);
+    const std::uint64_t clocks = std::uint64_t{kClocksPerBit} * baud;
+    Write(Register(kDivisorLow),
+          static_cast<std::uint32_t>(std::max<std::uint64_t>((kUartClock + clocks / 2) / clocks, 1)));
     Write(Register(kDivisorHigh), 0);
   }
   Write(Register(kLineControl), lineControl);

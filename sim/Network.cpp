@@ -124,6 +124,9 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
   if (WIFEXITED(status) && WEXITSTATUS(status) >= kStatusNotExecutable) {
     throw SetupError("There is no `ip` to make the network with: install iproute2, or give --net none.");
   }
+  if (WIFSIGNALED(status)) {
+    throw SetupError("`ip` was ended by signal " + std::to_string(WTERMSIG(status)) + '.');
+  }
   char text[200] = {};
   const ssize_t size = ::pread(output.Get(), text, sizeof text - 1, 0);
   const std::string complaint(text, size > 0 ? static_cast<std::size_t>(size) : 0);

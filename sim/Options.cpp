@@ -2,28 +2,19 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <limits>
 #include <map>
 #include <memory>
 
+#include "Number.h"
 #include "SetupError.h"
 
 namespace {
 
-std::uint32_t ParseNumber(const std::string& option, const std::string& text) {
-  std::size_t end = 0;
-  unsigned long long number = 0;
-  try {
-    // stoull would take a sign and leading blanks.
-    number = text.empty() || text.front() < '0' || text.front() > '9' ? (end = std::string::npos, 0)
-                                                                      : std::stoull(text, &end, 0);
-  } catch (const std::exception&) {
-    end = std::string::npos;
+std::uint32_t NumberOf(const std::string& option, const std::string& text) {
+  if (const auto number = ParseNumber(text)) {
+    return *number;
   }
-  if (end != text.size() || number > std::numeric_limits<std::uint32_t>::max()) {
-    throw SetupError(option + " needs a number of 32 bits, not \"" + text + "\".");
-  }
-  return static_cast<std::uint32_t>(number);
+  throw SetupError(option + " needs a number of 32 bits, not \"" + text + "\".");
 }
 
 /// Splits at the first separator; without one, the second part is empty.
@@ -60,8 +51,11 @@ FarEndOptions ParseFarEnd(const std::string& text) {
   const auto [word, target] = Cut(text, ':');
   const auto kind = kKinds.find(word);
   const bool plain = word == "none" || word == "echo";
+  const std::string port = word == "tcp" ? target.substr(target.rfind(':') + 1) : "";
+  const bool isNumber = !port.empty() && port.find_first_not_of("0123456789") == std::string::npos;
   const bool wrong = kind == kKinds.end() || (plain && word != text) || (!plain && word != "pty" && target.empty()) ||
-                     (word == "tcp" && target.rfind(':') == std::string::npos);
+                     (word == "tcp" && (target.find(':') == std::string::npos || port.empty())) ||
+                     (isNumber && (port.size() > 5 || std::stoi(port) > 0xFFFF));
   if (wrong) {
     throw SetupError(
         "The far end of a --tty is echo, none, pty[:LINK], tcp:HOST:PORT, unix:PATH or exec:COMMAND, not \"" + text +
@@ -82,7 +76,7 @@ SerialInfo ParseSerialInfo(const std::vector<std::string>& numbers) {
     throw SetupError("--serial-info needs five numbers: BAUD_BASE,FIFO_SIZE,FLAGS,IRQ,DIVISOR.");
   }
   for (std::size_t i = 0; i < numbers.size(); ++i) {
-    *fields[i] = ParseNumber("--serial-info", numbers[i]);
+    *fields[i] = NumberOf("--serial-info", numbers[i]);
   }
   return info;
 }
@@ -203,12 +197,15 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   }
   if (!uart.empty()) {
     const auto [base, stride] = Cut(uart, ':');
-    options.uartBase = ParseNumber("--uart", base);
-    options.uartStride = base == uart ? options.uartStride : ParseNumber("--uart", stride);
+    options.uartBase = NumberOf("--uart", base);
+    options.uartStride = base == uart ? options.uartStride : NumberOf("--uart", stride);
+  }
+  if (options.uartStride == 0) {
+    throw SetupError("--uart needs a stride: the distance of the registers in bytes.");
   }
   for (const std::string& preset : registers) {
     const auto [address, value] = Cut(preset, '=');
-    options.registers.push_back({ParseNumber("--reg", address), ParseNumber("--reg", value)});
+    options.registers.push_back({NumberOf("--reg", address), NumberOf("--reg", value)});
   }
   if (!net.empty()) {
     options.net = ParseNet(net);

@@ -15,10 +15,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 
@@ -31,6 +33,7 @@ namespace {
 
 constexpr mode_t kNodeMode = 0666;
 constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kSharedFolderMode = 01777;
 
 /// What the processes inside tell the simulator.
 struct Message {
@@ -38,7 +41,7 @@ struct Message {
 
   Kind kind = Kind::kNothing;
   int status = 0;
-  char text[240] = {};
+  char text[PATH_MAX + 256] = {};  // with a path in it
 };
 
 void Send(int socket, Message message, int descriptor = -1) {
@@ -179,6 +182,8 @@ void MakeDevices(const Options& options, int socket) {
     RequireAllowed(Bind(PathOf(source.Get()), target), target + " can't be mounted");
   }
 
+  // Where the machine has none, the board has one all the same.
+  ::mkdir("/dev/shm", kSharedFolderMode);
   ::mkdir("/dev/pts", kFolderMode);
   RequireAllowed(
       ::mount("boardsim", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=620") == 0,
@@ -228,26 +233,36 @@ void MountSystemFiles() {
   ::mount("sysfs", "/sys", "sysfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
 }
 
+/// Goes to the working folder by its name: what it was may be covered now.
+void EnterFolder(const std::filesystem::path& folder) {
+  if (!folder.empty() && ::chdir(folder.c_str()) == -1 && folder.string().rfind("/dev/", 0) == 0) {
+    // Nothing but the board's devices is to be had.
+    [[maybe_unused]] const int result = ::chdir("/dev");
+  }
+}
+
 /// @returns what has to stay open as long as the board lives.
 Descriptor EnterNamespaces(const Options& options, int socket, uid_t user, gid_t group, bool mapped) {
   if (mapped) {
     MapUser(user, group);
   }
   ::umask(0);
+  std::error_code error;
+  const std::filesystem::path folder = std::filesystem::current_path(error);
   MakeDevices(options, socket);
   RequireAllowed(::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
                  "a private /proc can't be mounted");
-  if (NetworkOf(options) == Net::kHost) {
-    return Descriptor();
-  }
-  if (NetworkOf(options) == Net::kNone) {
+  Descriptor peers;
+  if (NetworkOf(options) == Net::kPrivate) {
+    peers = MakePrivateNetwork();
+    Send(socket, {Message::Kind::kNetwork}, peers.Get());
+  } else if (NetworkOf(options) == Net::kNone) {
     MakeEmptyNetwork();
-    MountSystemFiles();
-    return Descriptor();
   }
-  Descriptor peers = MakePrivateNetwork();
-  MountSystemFiles();
-  Send(socket, {Message::Kind::kNetwork}, peers.Get());
+  if (NetworkOf(options) != Net::kHost) {
+    MountSystemFiles();
+  }
+  EnterFolder(folder);
   return peers;
 }
 
@@ -263,8 +278,9 @@ void CloseAllBut(int one, int other) {
 }
 
 /// Becomes the application, once the simulator is ready.
-[[noreturn]] void RunApplication(const std::vector<std::string>& command, int socket, const Signals::State& signals) {
-  const Descriptor listener = Supervisor::Install();
+[[noreturn]] void RunApplication(const std::vector<std::string>& command, bool namespaces, int socket,
+                                 const Signals::State& signals) {
+  const Descriptor listener = Supervisor::Install(namespaces);
   if (!listener) {
     SendText(socket, Message::Kind::kFailed,
              errno == EBUSY ? "System calls are supervised here already, by another simulator perhaps."
@@ -352,7 +368,7 @@ void EndDescendants() {
     application = ::fork();
     Require<SetupError>(application != -1, "no process can be started");
     if (application == 0) {
-      RunApplication(options.command, socket, signals);
+      RunApplication(options.command, namespaces, socket, signals);
     }
     CloseAllBut(socket, peers.Release());
   } catch (const NamespacesForbidden& error) {
@@ -427,6 +443,9 @@ Sandbox::Sandbox(const Options& options, bool namespaces, const Signals::State& 
   if (m_init == 0) {
     m_socket.Close();
     RunInit(options, namespaces, mapped, theirs.Get(), user, group, signals);
+  }
+  if (errno == EAGAIN || errno == ENOMEM || !namespaces) {
+    Require<SetupError>(m_init != -1, "no process can be started");
   }
   RequireAllowed(m_init != -1, "namespaces can't be made");
   theirs.Close();

@@ -302,7 +302,6 @@ void SerialLine::SetSettings(const TrappedCall& call) {
   if (request == TCSETSF || request == TCSETSF2) {
     CarryOut();
     m_in.clear();
-    // The request itself leaves what is between the two sides of the terminal.
     ::ioctl(m_slave.Get(), TCFLSH, TCIFLUSH);
   }
   termios2 before{};
@@ -310,14 +309,15 @@ void SerialLine::SetSettings(const TrappedCall& call) {
 
   tcflag_t flags = 0;
   int result = 0;
+  // Never in the ways that wait: for a writer that itself waits, until its bytes are carried from here.
   if (request == TCSETS || request == TCSETSW || request == TCSETSF) {
     const auto settings = call.Read<termios>();
     flags = settings.c_cflag;
-    result = ::ioctl(m_slave.Get(), request, &settings);
+    result = ::ioctl(m_slave.Get(), TCSETS, &settings);
   } else {
     const auto settings = call.Read<termios2>();
     flags = settings.c_cflag;
-    result = ::ioctl(m_slave.Get(), request, &settings);
+    result = ::ioctl(m_slave.Get(), TCSETS2, &settings);
   }
   if (result == -1) {
     throw RequestError{errno};
@@ -349,7 +349,7 @@ void SerialLine::SetSettings(const TrappedCall& call) {
 bool SerialLine::CanRun(const termios2& settings) const {
   constexpr std::uint32_t kGreatestDivisor = 0xFFFF;
   constexpr std::uint32_t kTolerance = 100;  // a hundredth above the fastest is taken for it
-  const std::uint32_t base = m_info.baudBase;
+  const std::uint64_t base = m_info.baudBase;
   return (settings.c_cflag & CBAUD) == B0 ||
          (settings.c_ospeed >= base / kGreatestDivisor && settings.c_ospeed <= base + base / kTolerance);
 }

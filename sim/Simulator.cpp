@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "ExitStatus.h"
+#include "Number.h"
 #include "SetupError.h"
 
 namespace {
@@ -61,18 +62,11 @@ std::vector<std::string> NamesOf(const std::filesystem::path& path) {
   return names;
 }
 
-std::uint32_t ParseNumber(const std::string& text) {
-  std::size_t end = 0;
-  unsigned long number = 0;
-  try {
-    number = std::stoul(text, &end, 0);
-  } catch (const std::exception&) {
-    end = std::string::npos;
+std::uint32_t ParseWord(const std::string& text) {
+  if (const auto number = ParseNumber(text)) {
+    return *number;
   }
-  if (end != text.size() || number > 0xFFFFFFFF) {
-    throw SetupError("\"" + text + "\" is no number of 32 bits");
-  }
-  return static_cast<std::uint32_t>(number);
+  throw SetupError("\"" + text + "\" is no number of 32 bits");
 }
 
 std::string ParseBytes(const std::string& hex) {
@@ -130,6 +124,12 @@ Simulator::Simulator(const Options& options)
 }
 
 int Simulator::Run() {
+  // A key pressed while all this was set up has not reached the application.
+  sigset_t pending;
+  ::sigpending(&pending);
+  if (::sigismember(&pending, SIGINT) == 1) {
+    return kStatusSignal + SIGINT;
+  }
   m_sandbox->Go();
   while (!m_sandbox->HasEnded()) {
     if (m_watchdog) {
@@ -152,6 +152,7 @@ void Simulator::MakeSandbox() {
       if (m_options.net && *m_options.net != Net::kHost) {
         throw SetupError(std::string(error.what()) + ", so there can be no network of its own.");
       }
+      RefuseRootOnThisNetwork();
       std::fprintf(
           stderr, "boardsim: %s, so no device is to be seen in /dev, and the network is this machine's. See --check.\n",
           error.what());
@@ -159,12 +160,16 @@ void Simulator::MakeSandbox() {
   } else if (m_options.net && *m_options.net != Net::kHost) {
     throw SetupError("Without namespaces there is only --net host.");
   }
+  RefuseRootOnThisNetwork();
+  m_sandbox = std::make_unique<Sandbox>(m_options, false, m_signals.Before());
+}
+
+void Simulator::RefuseRootOnThisNetwork() const {
   if (::geteuid() == 0 && m_options.net != Net::kHost) {
     throw SetupError(
         "As root, and without namespaces, the application could change this machine's network: say --net host if that "
         "is meant.");
   }
-  m_sandbox = std::make_unique<Sandbox>(m_options, false, m_signals.Before());
 }
 
 void Simulator::WaitForEvents() {
@@ -246,7 +251,12 @@ void Simulator::AnswerIoctl(const TrappedCall& call) {
 }
 
 void Simulator::AnswerOpen(const TrappedCall& call) {
-  const std::string path = call.OpenPath();
+  std::string path;
+  try {
+    path = call.OpenPath();
+  } catch (const RequestError&) {
+    // Left empty: it can't be one of the devices, as far as anybody here can tell.
+  }
   if (path.empty()) {
     call.Continue();
     return;
@@ -297,6 +307,7 @@ int Simulator::Reset(const std::string& circumstance) {
   m_sandbox->Kill();
   const std::string account = m_watchdog->Account();
   m_log.Write(m_watchdog->Path(), "reset " + account);
+  m_log.Write("board", "end status=" + std::to_string(kStatusReset));
   std::fprintf(stderr, "boardsim: %s%s has reset the board: %s\n", m_watchdog->Path().c_str(), circumstance.c_str(),
                account.c_str());
   return kStatusReset;
@@ -346,7 +357,7 @@ std::string Simulator::Obey(const std::string& command) {
   const auto is = [&](const char* name, std::size_t count) { return verb == name && words.size() == count; };
   if (m_memory && is("read", 1)) {
     char text[16];
-    std::snprintf(text, sizeof text, "0x%x", m_memory->Read(ParseNumber(words[0])));
+    std::snprintf(text, sizeof text, "0x%x", m_memory->Read(ParseWord(words[0])));
     return text;
   }
   if (m_watchdog && is("watchdog", 0)) {
@@ -354,7 +365,7 @@ std::string Simulator::Obey(const std::string& command) {
     return m_watchdog->State();
   }
   if (m_memory && is("write", 2)) {
-    m_memory->Write(ParseNumber(words[0]), ParseNumber(words[1]));
+    m_memory->Write(ParseWord(words[0]), ParseWord(words[1]));
   } else if (is("link", 2) && (words[1] == "up" || words[1] == "down")) {
     m_sandbox->SetLink(words[0], words[1] == "up");
     m_log.Write(words[0], "link " + words[1]);
@@ -371,7 +382,11 @@ std::string Simulator::Obey(const std::string& command) {
 std::optional<std::string> Simulator::ObeyOnLine(const std::string& verb, const std::vector<std::string>& words) {
   const auto is = [&](const char* name, std::size_t count) { return verb == name && words.size() == count; };
   if (is("feed", 2)) {
-    LineOf(words[0]).Feed(ParseBytes(words[1]));
+    SerialLine& line = LineOf(words[0]);
+    if (line.Master() == -1) {
+      throw SetupError(words[0] + " is not plugged in");
+    }
+    line.Feed(ParseBytes(words[1]));
   } else if (is("hangup", 1)) {
     LineOf(words[0]).Unplug();
   } else if (is("plug", 1)) {

@@ -30,6 +30,7 @@ class Simulator {
 
  private:
   void MakeSandbox();
+  void RefuseRootOnThisNetwork() const;
   void WaitForEvents();
   void Answer(const TrappedCall& call);
   void AnswerIoctl(const TrappedCall& call);

@@ -100,26 +100,26 @@ Program IoctlPart() {
 
 /// Opens for writing without O_CREAT: devices are opened so, and little else. What is kept back can be interrupted by
 /// signals, which programs expect of opening a device at most.
-Program OpenPart(std::size_t flagsIndex) {
+Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
   Program part;
   part.LoadArgument(flagsIndex);
-  part.ReturnIfAnySet(O_CREAT, SECCOMP_RET_ALLOW);
+  part.ReturnIfAnySet(O_PATH | O_DIRECTORY | (devicesExist ? O_CREAT : 0), SECCOMP_RET_ALLOW);
   part.Keep(O_ACCMODE);
   part.ReturnIfEqual(O_RDONLY, SECCOMP_RET_ALLOW);
   part.Return(SECCOMP_RET_USER_NOTIF);
   return part;
 }
 
-Program Filter() {
+Program Filter(bool devicesExist) {
   Program filter;
   filter.LoadArchitecture();
   // Programs for other architectures are left alone.
   filter.ReturnUnlessEqual(kArchitecture, SECCOMP_RET_ALLOW);
   filter.LoadNumber();
   filter.Append(SYS_ioctl, IoctlPart());
-  filter.Append(SYS_openat, OpenPart(2));
+  filter.Append(SYS_openat, OpenPart(2, devicesExist));
 #ifdef SYS_open
-  filter.Append(SYS_open, OpenPart(1));
+  filter.Append(SYS_open, OpenPart(1, devicesExist));
 #endif
   filter.Return(SECCOMP_RET_ALLOW);
   return filter;
@@ -238,11 +238,11 @@ std::optional<TrappedCall> Supervisor::Receive() const {
   return TrappedCall(m_listener.Get(), call);
 }
 
-Descriptor Supervisor::Install() {
+Descriptor Supervisor::Install(bool devicesExist) {
   if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == -1) {
     return Descriptor();
   }
-  Program filter = Filter();
+  Program filter = Filter(devicesExist);
   sock_fprog program = filter.Finished();
   // A call that has been received can't be interrupted any more, where the kernel is new enough for that.
   int listener = Seccomp(SECCOMP_SET_MODE_FILTER,

@@ -35,7 +35,7 @@ class TrappedCall {
   // Of an open:
   int OpenFolder() const;
   int OpenFlags() const;
-  /// @throws RequestError EFAULT, or ENAMETOOLONG.
+  /// @throws RequestError if it can't be read: the kernel may be able to, or gives the error itself.
   std::string OpenPath() const;
 
   /// Reads what the ioctl's argument points to.
@@ -86,8 +86,10 @@ class Supervisor {
   std::optional<TrappedCall> Receive() const;
 
   /// Installs the filter in the calling process, for itself and all that it starts.
+  /// @param devicesExist whether the devices lie under their names: then nobody has to keep programs from making files
+  /// there, or from opening the machine's own.
   /// @returns the listener, or none with errno.
-  static Descriptor Install();
+  static Descriptor Install(bool devicesExist);
 
   // What kernels have come to know later:
   static bool CanKeepSignalsBack();

@@ -36,10 +36,7 @@ void Watchdog::Opened() {
     m_log.Write(m_path, "open refused: busy");
     throw RequestError{EBUSY};
   }
-  m_isOpen = true;
-  m_maySleep = false;
-  m_log.Write(m_path, "open");
-  Arm();
+  Begin();
 }
 
 Descriptor Watchdog::Open(int flags) const {
@@ -52,6 +49,9 @@ Descriptor Watchdog::Open(int flags) const {
 
 void Watchdog::Request(const TrappedCall& call) {
   Look();
+  if (!m_isOpen) {
+    Begin();
+  }
   switch (call.IoctlRequest()) {
     case WDIOC_KEEPALIVE:
       Feed("feed");
@@ -88,17 +88,14 @@ void Watchdog::Look() {
     const ssize_t got = ::read(m_reader.Get(), bytes, sizeof bytes);
     if (got > 0) {
       if (!m_isOpen) {
-        // Opened in a way that is not kept back: the first byte tells of it.
-        m_isOpen = true;
-        m_log.Write(m_path, "open");
-        Arm();
+        Begin();
       }
       m_maySleep = bytes[got - 1] == kMagic;
       Feed(m_maySleep ? "write magic" : "write");
       continue;
     }
     if (!m_isOpen) {
-      return;
+      Begin();
     }
     // All who had it open have closed it. A reader opened anew waits for the next one.
     Reopen();
@@ -124,6 +121,14 @@ std::string Watchdog::State() const {
   state += m_isOpen ? " open" : " closed";
   state += " timeout=" + std::to_string(m_timeout);
   return m_isArmed ? state + " left=" + Seconds(*Deadline() - Clock::now()) : state;
+}
+
+/// Somebody has opened it: at once, or, in a way that is not kept back, as what he does with it tells.
+void Watchdog::Begin() {
+  m_isOpen = true;
+  m_maySleep = false;
+  m_log.Write(m_path, "open");
+  Arm();
 }
 
 void Watchdog::Reopen() {

@@ -48,6 +48,7 @@ class Watchdog {
   std::string State() const;
 
  private:
+  void Begin();
   void Reopen();
   void Arm();
   void Feed(const char* how);

@@ -267,6 +267,19 @@ class LibraryOnSim : public testing::TestWithParam<User> {
     }
     return lines;
   }
+  /// What comes before a reset, which is told with this account of it, and ends everything.
+  Lines LogBeforeReset(const std::string& account) const {
+    Lines log = Log();
+    if (log.size() < 2) {
+      ADD_FAILURE() << "The log is too short.";
+      return log;
+    }
+    EXPECT_EQ(log.back(), "board end status=86");
+    log.pop_back();
+    EXPECT_EQ(log.back().find("/dev/watchdog reset " + account), 0U) << log.back();
+    log.pop_back();
+    return log;
+  }
 
   std::filesystem::path m_folder;
   std::string m_simulator = BOARDKIT_BOARDSIM;
@@ -451,12 +464,9 @@ TEST_P(LibraryOnSim, ARefusedTimeIsRememberedAndLeavesTheWatchdogCountingAtTheNe
   EXPECT_EQ(Run({}, {m_steps, "watchdog-refused"}), 86);
 
   EXPECT_EQ(Output(), "too long: Could not set watchdog interval\n30\nagain: Could not set watchdog interval\n");
-  Lines log = Log();
-  ASSERT_FALSE(log.empty());
-  EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 30 s, last fed "), 0U) << log.back();
-  log.pop_back();
-  ExpectSame(log, kStart + OfWatchdog({"open", "timeout 30", "timeout refused: 65536", "feed", "write magic",
-                                       "close: stopped", "open", "timeout refused: 65536", "close: not stopped"}));
+  ExpectSame(LogBeforeReset("time-out 30 s, last fed "),
+             kStart + OfWatchdog({"open", "timeout 30", "timeout refused: 65536", "feed", "write magic",
+                                  "close: stopped", "open", "timeout refused: 65536", "close: not stopped"}));
 }
 
 TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
@@ -464,21 +474,14 @@ TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
 
   EXPECT_EQ(Output(), "armed: 1 seconds\n");
   EXPECT_EQ(Errors().find("boardsim: /dev/watchdog has reset the board: time-out 1 s, last fed 1."), 0U) << Errors();
-  Lines log = Log();
-  ASSERT_FALSE(log.empty());
-  EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 1 s, last fed 1."), 0U) << log.back();
-  log.pop_back();
-  ExpectSame(log, kStart + OfWatchdog({"open", "timeout 1"}));
+  ExpectSame(LogBeforeReset("time-out 1 s, last fed 1."), kStart + OfWatchdog({"open", "timeout 1"}));
 }
 
 TEST_P(LibraryOnSim, AProcessThatDiesWithTheWatchdogArmedTakesTheBoardAlong) {
   EXPECT_EQ(Run({}, {m_starve, "die", "/dev/watchdog", "30"}), 86);
 
-  Lines log = Log();
-  ASSERT_FALSE(log.empty());
-  EXPECT_EQ(log.back().find("/dev/watchdog reset time-out 30 s, last fed "), 0U) << log.back();
-  log.pop_back();
-  ExpectSame(log, kStart + OfWatchdog({"open", "timeout 30", "close: not stopped"}));
+  ExpectSame(LogBeforeReset("time-out 30 s, last fed "),
+             kStart + OfWatchdog({"open", "timeout 30", "close: not stopped"}));
 }
 
 // --- The network and the memory --------------------------------------------------------------------------------------

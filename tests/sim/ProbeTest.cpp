@@ -51,8 +51,12 @@ TEST_P(Probe, BytesComeBackFromTheEchoAndInTheLoop) {
 }
 
 TEST_P(Probe, SettingsAreKeptAndProgramTheUart) {
-  ExpectPassed(
-      {}, {"fresh", "line-control", "divisors", "impossible-speeds", "speed-zero", "custom-speed", "kept", "info"});
+  ExpectPassed({}, {"fresh", "line-control", "divisors", "impossible-speeds", "speed-zero", "custom-speed", "kept",
+                    "info", "greatest-speed"});
+}
+
+TEST_P(Probe, SettingsThatWaitForTheOutputGetThroughWhileAnotherThreadWrites) {
+  ExpectPassed({"--tty", "/dev/ttyS1=none"}, {"drained"});
 }
 
 TEST_P(Probe, ThePortIsKnownHoweverItWasCalledAndItsDescriptorCame) {
@@ -65,6 +69,10 @@ TEST_P(Probe, WrongRequestsFailAsTheKernelsOwnDo) {
 
 TEST_P(Probe, TheWatchdogHasOneOwnerAndAnswersItsRequests) {
   ExpectPassed({}, {"one-owner", "timeouts", "requests", "shared"});
+}
+
+TEST_P(Probe, AProgramWhoseMemoryNobodyMayReadOpensItsFiles) {
+  ExpectPassed({}, {"secretive"});
 }
 
 TEST_P(Probe, MemoryReachesBehindTheLastAddress) {

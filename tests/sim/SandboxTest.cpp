@@ -76,6 +76,31 @@ TEST_P(EitherWay, FolderMasksEnvironmentAndDescriptorsAreThoseOfOutside) {
   EXPECT_EQ(inside.errors, "");
 }
 
+TEST_P(EitherWay, WhatAShellWritesGoesToTheDeviceAndMakesNoFile) {
+  const Outcome outcome =
+      Run(Way() + Words{"--tty", "/dev/ttyS1=exec:cat >" + Path("sent")}, {"sh", "-c", "echo hello >/dev/ttyS1"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_EQ(Contents(Path("sent")), "hello\n");
+}
+
+TEST_F(Sandbox, AWorkingFolderInDevIsTheBoards) {
+  for (const char* folder : {"/dev", "/dev/.", "/dev/pts"}) {
+    Start start;
+    start.command = {"/bin/sh", "-c", "cd /dev; ls -d ttyS1 watchdog mem; cd - >/dev/null; ls"};
+    start.prepare = [folder] { [[maybe_unused]] const int result = ::chdir(folder); };
+    const Outcome outcome = Run(start);
+    EXPECT_EQ(outcome.status, 0);
+    const std::string listed = outcome.output.substr(std::string("mem\nttyS1\nwatchdog\n").size());
+    EXPECT_EQ(outcome.output.substr(0, outcome.output.size() - listed.size()), "mem\nttyS1\nwatchdog\n");
+    if (std::string(folder) == "/dev/pts") {
+      EXPECT_EQ(listed, "0\nptmx\n");
+    } else {
+      EXPECT_NE(listed.find("\nttyS1\n"), std::string::npos) << listed;
+    }
+  }
+}
+
 TEST_P(EitherWay, SignalsAreHandedOnAndTheBoardEndsWhenTheProgramDoes) {
   const auto board = Boot(Way(), {kProbe, "listen-to-signals"});
   ASSERT_EQ(board->Listen(), "ready");

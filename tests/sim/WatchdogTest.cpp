@@ -81,6 +81,22 @@ TEST_F(Watchdog, OpenedAnewAfterACloseItGoesOnAndCanBeStopped) {
   ExpectSteps({}, {kProbe, "reopened"});
 }
 
+TEST_F(Watchdog, OpenedAsAFileIsMadeItIsArmedByTheFirstRequest) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    const auto start = std::chrono::steady_clock::now();
+    ExpectBite(Run(options, {kProbe, "starve-created"}), start);
+  }
+}
+
+TEST_F(Watchdog, OpenedAsAFileIsMadeAndClosedItCounts) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    const Outcome outcome = Run(options, {"sh", "-c", ": >/dev/watchdog"});
+    EXPECT_EQ(outcome.status, 86);
+    EXPECT_EQ(outcome.errors.find("boardsim: /dev/watchdog, not stopped by the application, has reset the board: "), 0U)
+        << outcome.errors;
+  }
+}
+
 TEST_F(Watchdog, AProgramThatEndsWithItCountingResetsTheBoardAtOnce) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     const auto start = std::chrono::steady_clock::now();

@@ -182,6 +182,13 @@ static void daemons(void) {
   sleep(300);
 }
 
+/* Of a program whose memory nobody may read, opens are as ever. */
+static void secretive(void) {
+  CHECK(prctl(PR_SET_DUMPABLE, 0) == 0);
+  CHECK(open("/dev/null", O_RDWR) != -1);
+  CHECK(open((const char*)8, O_RDWR) == -1 && errno == EFAULT);
+}
+
 /* As on the board. */
 static void user(void) {
   CHECK(getuid() == 0 && geteuid() == 0 && getgid() == 0);
@@ -193,6 +200,7 @@ const struct step kBoardSteps[] = {{"memory", memory},
                                    {"surroundings", surroundings},
                                    {"listen-to-signals", listen_to_signals},
                                    {"daemons", daemons},
+                                   {"secretive", secretive},
                                    {"user", user},
                                    {"talk", talk},
                                    {NULL, NULL}};

@@ -318,6 +318,41 @@ static void impossible_speeds(void) {
   close(fd);
 }
 
+/* A base that a program has raised itself: the greatest speeds do not wrap around. */
+static void greatest_speed(void) {
+  volatile uint32_t* registers = uart();
+  int fd = open_tty();
+  struct serial_struct got;
+  CHECK(ioctl(fd, TIOCGSERIAL, &got) == 0);
+  got.baud_base = (int)4000000000U;
+  CHECK(ioctl(fd, TIOCSSERIAL, &got) == 0);
+  struct termios2 settings = get2(fd);
+  settings.c_cflag = (settings.c_cflag & ~(tcflag_t)CBAUD) | BOTHER;
+  settings.c_ispeed = settings.c_ospeed = 268435456;
+  CHECK(ioctl(fd, TCSETS2, &settings) == 0 && get2(fd).c_ospeed == 268435456 && registers[0] == 1);
+  close(fd);
+}
+
+static void* write_on(void* argument) {
+  static const char kBlock[60000];
+  int fd = *(int*)argument;
+  while (write(fd, kBlock, sizeof kBlock) != -1) {
+  }
+  return NULL;
+}
+
+/* Settings that wait for the output, while another thread is in a write that itself waits. */
+static void drained(void) {
+  static const unsigned int kRequests[] = {TCSETSW, TCSETSF, TCSETSW2, TCSETSF2};
+  int fd = open_tty();
+  pthread_t writer;
+  CHECK(pthread_create(&writer, NULL, write_on, &fd) == 0);
+  for (int i = 0; i < 2000; ++i) {
+    struct termios2 settings = get2(fd);
+    CHECK(ioctl(fd, kRequests[i & 3], &settings) == 0);
+  }
+}
+
 /* Speed 0 hangs up: the divisor stays. Any speed after it picks up again. */
 static void speed_zero(void) {
   volatile uint32_t* registers = uart();
@@ -708,6 +743,8 @@ const struct step kSerialSteps[] = {{"modem", modem},
                                     {"line-control", line_control},
                                     {"divisors", divisors},
                                     {"impossible-speeds", impossible_speeds},
+                                    {"greatest-speed", greatest_speed},
+                                    {"drained", drained},
                                     {"speed-zero", speed_zero},
                                     {"custom-speed", custom_speed},
                                     {"kept", kept},

@@ -239,6 +239,14 @@ static void starve_enabled(void) {
   sleep(300);
 }
 
+/* Opened as a file is made, which nobody keeps back. */
+static void starve_created(void) {
+  int fd = open(WATCHDOG, O_WRONLY | O_CREAT, 0600);
+  CHECK(fd != -1);
+  set_timeout(fd, 1);
+  sleep(300);
+}
+
 /* Ends with it counting. */
 static void abandon(void) {
   int fd = open_watchdog();
@@ -261,5 +269,6 @@ const struct step kWatchdogSteps[] = {{"one-owner", one_owner},
                                       {"starve-closed", starve_closed},
                                       {"starve-reopened", starve_reopened},
                                       {"starve-enabled", starve_enabled},
+                                      {"starve-created", starve_created},
                                       {"abandon", abandon},
                                       {NULL, NULL}};
