@@ -220,7 +220,7 @@ class Worker {
 Contest MakeContest(unsigned char number) {
   const std::vector<std::string> command{std::filesystem::read_symlink("/proc/self/exe"), kSimWorkerOption};
   const Case& measured = kCases[number];
-  const auto makeBatch = [number](std::vector<std::string> started) -> Batch {
+  const auto makeBatch = [number](const std::vector<std::string>& started) -> Batch {
     return [worker = std::make_shared<Worker>(started), number] { return worker->Do(number); };
   };
   return {measured.calls, kTurns, measured.limit, makeBatch(command), makeBatch(OnBoard(command)), measured.measure};
@@ -239,8 +239,10 @@ Contest MakeStart() {
 
 void RegisterSimBench(Effort effort) {
   RegisterContest("start of `true`, with network", effort, MakeStart);
-  for (unsigned char number = 0; number < std::size(kCases); ++number) {
-    RegisterContest(kCases[number].name, effort, [number] { return MakeContest(number); });
+  unsigned char number = 0;
+  for (const Case& measured : kCases) {
+    RegisterContest(measured.name, effort, [number] { return MakeContest(number); });
+    ++number;
   }
 }
 
