@@ -127,7 +127,8 @@ void FarEnd::Flush() {
     const ssize_t written = ::write(m_stream.Get(), m_queue.data(), m_queue.size());
     if (written == -1) {
       if (errno != EAGAIN && errno != EINTR) {
-        Disconnect();
+        // Nobody hears it. Reading tells whether somebody is there still, after his last words.
+        m_queue.clear();
       }
       return;
     }

@@ -13,7 +13,9 @@
 #include <array>
 #include <chrono>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "Board.h"
 
@@ -87,6 +89,21 @@ class Listener {
   int m_fd;
 };
 
+/// The processor time that a process has had.
+long TicksOf(pid_t process) {
+  const std::string text = Contents("/proc/" + std::to_string(process) + "/stat");
+  std::istringstream fields(text.substr(text.rfind(')')));
+  constexpr int kBefore = 12;  // the bracket, the state and others
+  std::string skipped;
+  for (int i = 0; i < kBefore; ++i) {
+    fields >> skipped;
+  }
+  long user = 0;
+  long system = 0;
+  fields >> user >> system;
+  return user + system;
+}
+
 class FarEnd : public BoardTest {
  protected:
   /// A program that has the port open as descriptor 3, and a far end that is a UNIX socket.
@@ -111,6 +128,19 @@ class FarEnd : public BoardTest {
     peer.Write("answer");
     EXPECT_EQ(board.Ask("read 3"), "got answer");
     EXPECT_EQ(board.Ask("close 3"), "ok");
+  }
+  /// Whether the simulator takes all that the far end has sent.
+  bool IsTaken() const {
+    return Eventually([this] {
+      int waiting = -1;
+      return ::ioctl(peer->Get(), SIOCOUTQ, &waiting) == 0 && waiting == 0;
+    });
+  }
+  /// Whether the simulator works all the time. It gets but a part of it on a loaded machine.
+  bool IsBusy() const {
+    const long before = TicksOf(board->Process());
+    ::usleep(1000000);
+    return TicksOf(board->Process()) - before > ::sysconf(_SC_CLK_TCK) / 10;
   }
   /// Reads the far end until no more comes, and all is accounted for.
   void ExpectAllReceivedOrCounted(std::size_t sent) {
@@ -176,6 +206,18 @@ TEST_F(FarEnd, ACommandIsTalkedToByItsInputAndOutput) {
 
 TEST_F(FarEnd, ACommandEndsWithTheBoardAndAllThatItHasStarted) {
   ExpectSteps({"--tty", "/dev/ttyS1=exec:sleep 300 & sleep 300; :"}, {"true"});
+}
+
+TEST_F(FarEnd, ACommandHasTimeToFinishAfterTheLastWords) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    const std::string file = Path("heard");
+    const std::string command = "cat >" + file + "; sleep 0.05; echo ' and the end' >>" + file;
+    board = Boot(options + Words{"--tty", "/dev/ttyS1=exec:" + command}, {kProbe, "talk"});
+    EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+    EXPECT_EQ(board->Ask("write 3 last words"), "ok");
+    EXPECT_EQ(board->Finish().status, 0);
+    EXPECT_EQ(Contents(file), "last words and the end\n");
+  }
 }
 
 TEST_F(FarEnd, ItsTerminalIsPrintedAndUsersOfItComeAndGo) {
@@ -266,6 +308,70 @@ TEST_F(FarEnd, OneThatDoesNotReadBlocksNobodyAndWhatItMissesIsCounted) {
   EXPECT_EQ(board->Finish().status, 0);
 }
 
+TEST_F(FarEnd, OneThatIsSlowStillHearsWhatIsOnItsWayWhenTheProgramEnds) {
+  Connect({}, {"flood"});
+  WaitForText(Path("log"), "overrun far-end");
+  const std::vector<pid_t> inits = ChildrenOf(board->Process());
+  ASSERT_EQ(inits.size(), 1U);
+  board->EndInput();
+  EXPECT_TRUE(Eventually([&] { return ChildrenOf(inits.front()).empty(); }));
+  ExpectAllReceivedOrCounted(1048576);
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, OneThatNeverReadsDoesNotKeepTheBoardFromEnding) {
+  Connect({}, {"flood"});
+  WaitForText(Path("log"), "overrun far-end");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, OneThatGoesBeforeItHasHeardAllIsHeardToItsLastWordAndMissed) {
+  Connect({}, {"flood"});
+  WaitForText(Path("log"), "overrun far-end");
+  peer->Write("last words");
+  peer->Close();
+  EXPECT_EQ(board->Ask("read 3"), "got last words");
+  EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x6"; }));
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, WhatComesWhileThePortIsHungUpIsTakenAndLost) {
+  Connect({"--control", Path("control")});
+  ControlClient client(Path("control"));
+  EXPECT_EQ(client.Ask("hangup /dev/ttyS1"), "ok");
+  peer->Write("lost");
+  EXPECT_TRUE(IsTaken());
+  EXPECT_EQ(client.Ask("plug /dev/ttyS1"), "ok");
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "4");
+  peer->Write("heard");
+  EXPECT_EQ(board->Ask("read 4"), "got heard");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(FarEnd, WhereNothingCanMoveNoTimeIsSpent) {
+  Connect({"--control", Path("control")});
+  ControlClient client(Path("control"));
+  // The program does not read, and whoever is at the far end has sent all that he can.
+  const std::string piece(4096, 'x');
+  EXPECT_TRUE(Eventually([&] {
+    while (::send(peer->Get(), piece.data(), piece.size(), MSG_DONTWAIT) > 0) {
+    }
+    return !IsBusy() && ::send(peer->Get(), piece.data(), piece.size(), MSG_DONTWAIT) == -1;
+  }));
+  EXPECT_EQ(client.Ask("hangup /dev/ttyS1"), "ok");
+  EXPECT_TRUE(IsTaken());
+  EXPECT_FALSE(IsBusy());
+  EXPECT_EQ(client.Ask("plug /dev/ttyS1"), "ok");
+  peer->Close();
+  WaitForText(Path("log"), " /dev/ttyS1 far-end gone\n");
+  EXPECT_FALSE(IsBusy());
+  EXPECT_EQ(board->Ask("open rw /dev/watchdog"), "4");
+  EXPECT_EQ(board->Ask("close 4"), "ok");
+  WaitForText(Path("log"), " /dev/watchdog close: not stopped\n");
+  EXPECT_FALSE(IsBusy());
+  EXPECT_EQ(board->Finish().status, 86);
+}
+
 TEST_F(FarEnd, OneThatSendsFasterThanTheProgramReadsIsMadeToWaitAndLosesNothing) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     ExpectSteps(options + Words{"--tty", "/dev/ttyS1=exec:seq -f %07.0f 1 40000; sleep 300"}, {kProbe, "late"});
@@ -276,10 +382,7 @@ TEST_F(FarEnd, ItIsNotHeardWhileThePortIsInTheLoopNorDoesItHear) {
   Connect({});
   EXPECT_EQ(board->Ask("set-lines 3 0x8000"), "ok");
   peer->Write("line");
-  EXPECT_TRUE(Eventually([this] {
-    int waiting = -1;
-    return ::ioctl(peer->Get(), SIOCOUTQ, &waiting) == 0 && waiting == 0;
-  }));
+  EXPECT_TRUE(IsTaken());
   EXPECT_EQ(board->Ask("write 3 own"), "ok");
   EXPECT_EQ(board->Ask("read 3"), "got own");
   EXPECT_EQ(board->Ask("set-lines 3 0"), "ok");
