@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "SetupError.h"
 
@@ -38,6 +39,13 @@ int EventLog::TryWrite(const std::string& device, const std::string& event) cons
   std::snprintf(time, sizeof time, "%.6f ", since.count());
   // Whole lines in one call each: somebody may be reading along.
   const std::string line = time + device + ' ' + event + '\n';
-  const ssize_t written = ::write(m_file.Get(), line.data(), line.size());
-  return written == static_cast<ssize_t>(line.size()) ? 0 : written == -1 ? errno : ENOSPC;
+  for (std::string_view rest = line; !rest.empty();) {
+    const ssize_t written = ::write(m_file.Get(), rest.data(), rest.size());
+    if (written == -1) {
+      return errno;
+    }
+    // Where no more goes, the next call tells why.
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
 }

@@ -1,3 +1,4 @@
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -179,6 +180,29 @@ TEST_F(Options, ADiskThatFillsUpEndsTheLogInASentenceAndNotTheProgram) {
   const Outcome outcome = Run(start);
   EXPECT_EQ(outcome.errors, "boardsim: the log " + disk + "/log ends here: No space left on device\n");
   EXPECT_EQ(outcome.output, "0\n");
+}
+
+/// Standard error comes with the output, for files may not become longer than that.
+Start WithFilesUpTo(rlim_t size, const Words& options, const Words& command) {
+  Start start;
+  start.options = options;
+  start.command = command;
+  start.prepare = [size] {
+    ::dup2(STDOUT_FILENO, STDERR_FILENO);
+    const rlimit limit{size, size};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  };
+  return start;
+}
+
+TEST_F(Options, ALogThatMayNotGrowIsAsGoodAsAFullDisk) {
+  const Words options = {"--net", "none", "--mem", "none", "--log", Path("log")};
+  const Outcome none = Run(WithFilesUpTo(0, options, {"echo", "ran"}));
+  EXPECT_EQ(none.status, 125);
+  EXPECT_EQ(none.output, "boardsim: the log " + Path("log") + " can't be written: File too large\n");
+  const Outcome some = Run(WithFilesUpTo(512, options, {kProbe, "modem", "mirror", "modem", "mirror"}));
+  EXPECT_EQ(some.status, 0);
+  EXPECT_EQ(some.output, "boardsim: the log " + Path("log") + " ends here: File too large\n");
 }
 
 TEST_F(Options, TheLogCanBeStandardError) {
