@@ -35,6 +35,24 @@ TEST_F(Network, ItHasLoAndTwoInterfacesWithFixedAddressesAndOnlyTheFirstIsUp) {
   EXPECT_EQ(InShell({"--net", "private"}, "ls /sys/class/net"), "eth0\neth1\nlo\n");
 }
 
+TEST_F(Network, ItsSettingsInSysCanBeReadAndNotWritten) {
+  for (const char* kind : {"private", "none"}) {
+    const Outcome outcome =
+        Run({"--net", kind}, {"sh", "-c", "cat /sys/class/net/lo/mtu; echo 1280 >/sys/class/net/lo/mtu"});
+    EXPECT_NE(outcome.status, 0);
+    EXPECT_EQ(outcome.output, "65536\n");
+    EXPECT_NE(outcome.errors.find("Read-only file system"), std::string::npos) << outcome.errors;
+  }
+}
+
+TEST_F(Network, TheEndsOfACableHaveDifferentNumbers) {
+  // Those with the same ones may wait a second for their carrier.
+  EXPECT_EQ(InShell({},
+                    "for name in eth0 eth1; do cmp -s /sys/class/net/$name/ifindex /sys/class/net/$name/iflink; "
+                    "echo $?; done"),
+            "1\n1\n");
+}
+
 TEST_F(Network, NoAddressIsTentativeDirectlyAfterTheStart) {
   // The link's own address comes with the carrier.
   EXPECT_EQ(InShell({}, "ip -o -6 address show tentative; ip -o -6 address show dev eth0 scope link | cut -d ' ' -f 7"),

@@ -36,6 +36,30 @@ TEST_P(EitherWay, TheStatusIsTheProgramsOwnOrTellsOfItsSignal) {
   }
 }
 
+TEST_P(EitherWay, TheStatusIsNotLostWhereTheEndsOfChildrenAreIgnored) {
+  Start start;
+  start.options = Way() + Words{"--tty", "/dev/ttyS1=exec:cat"};
+  start.command = {"sh", "-c", "exit 3"};
+  start.prepare = [] { ::signal(SIGCHLD, SIG_IGN); };
+  EXPECT_EQ(Run(start).status, 3);
+}
+
+TEST_P(EitherWay, StandardDescriptorsThatAreClosedAreNobodysElse) {
+  for (int first = STDIN_FILENO; first <= STDERR_FILENO; ++first) {
+    Start start;
+    start.options = Way() + Words{"--tty", "/dev/ttyS1=exec:cat", "--log", Path("log")};
+    start.command = {kProbe, "raw", "abandon"};
+    start.prepare = [first] {
+      for (int fd = first; fd <= STDERR_FILENO; ++fd) {
+        ::close(fd);
+      }
+    };
+    EXPECT_EQ(Run(start).status, 86);
+    // What is said on standard error gets nowhere then, least of all into files that were opened later.
+    EXPECT_EQ(Contents(Path("log")).find("boardsim: "), std::string::npos);
+  }
+}
+
 TEST_P(EitherWay, InputAndOutputAreTheProgramsOwn) {
   const auto board = Boot(Way(), {"sh", "-c", "cat; echo wrong >&2"});
   board->Tell("first");
@@ -58,6 +82,7 @@ TEST_P(EitherWay, FolderMasksEnvironmentAndDescriptorsAreThoseOfOutside) {
     [[maybe_unused]] const int result = ::chdir(folder.c_str());
     ::signal(SIGHUP, SIG_IGN);
     ::signal(SIGUSR2, SIG_IGN);
+    ::signal(SIGCHLD, SIG_IGN);
     sigset_t blocked;
     ::sigemptyset(&blocked);
     ::sigaddset(&blocked, SIGUSR1);
@@ -251,6 +276,23 @@ TEST_F(Sandbox, DevHasWhatEveryProgramNeedsAndNothingOfTheMachines) {
                                "echo x >/dev/full"});
   EXPECT_EQ(use.output, "3\n2\n");
   EXPECT_NE(use.errors, "");
+}
+
+TEST_F(Sandbox, WhereUserNamespacesAreForbiddenRootsOwnRightsDoAndNoMountGetsOut) {
+  Start start;
+  start.bare = true;
+  start.command = {"/bin/sh", "-c",
+                   "exec unshare --user --map-root-user --mount --propagation shared sh -c 'echo 0 "
+                   ">/proc/sys/user/max_user_namespaces; cat /proc/self/mountinfo >\"$1/before\"; "
+                   "\"$2\" -- sh -c \"mount -t tmpfs inside /mnt && ls /dev/ttyS1\"; "
+                   "cat /proc/self/mountinfo >\"$1/after\"' sh \"$0\" \"$1\"",
+                   Folder(), kSimulator};
+  const Outcome outcome = Run(start);
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output, "/dev/ttyS1\n");
+  EXPECT_EQ(outcome.errors, "");
+  EXPECT_NE(Contents(Path("before")), "");
+  EXPECT_EQ(Contents(Path("after")), Contents(Path("before")));
 }
 
 TEST_F(Sandbox, SetUserIdProgramsHaveNoSpecialRights) {

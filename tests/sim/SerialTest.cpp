@@ -1,5 +1,6 @@
 #include <regex>
 #include <string>
+#include <utility>
 
 #include "Board.h"
 
@@ -86,6 +87,12 @@ TEST_F(Serial, WhatIsToldOfItIsThatOfTheOptionOrTheDefault) {
   EXPECT_EQ(special->Finish().status, 0);
 }
 
+TEST_F(Serial, ASpeedOfAHundredthAboveTheFastestIsTakenForIt) {
+  const Words command = {"sh", "-c", "stty -F /dev/ttyS1 115200 2>/dev/null; stty -F /dev/ttyS1 speed"};
+  EXPECT_EQ(Run({"--serial-info", "114500,64,0,42,0"}, command).output, "115200\n");
+  EXPECT_EQ(Run({"--serial-info", "114000,64,0,42,0"}, command).output, "9600\n");
+}
+
 TEST_F(Serial, SeveralPortsHaveLinesAndFarEndsOfTheirOwnAndTheFirstHasTheUart) {
   const auto board = Boot({"--tty", "/dev/ttyAMA0=none", "--tty", "/dev/bus/serial/1"}, {kProbe, "talk"});
   EXPECT_EQ(board->Ask("open rw /dev/ttyAMA0"), "3");
@@ -123,6 +130,17 @@ TEST_F(Serial, TheRegistersLieWhereTheOptionSays) {
   const auto usual = Boot({"--uart", "0x40000100"}, {kProbe, "talk"});
   EXPECT_EQ(usual->Ask("peek 0x4000010c"), "0x13");
   EXPECT_EQ(usual->Finish().status, 0);
+}
+
+TEST_F(Serial, AllRegistersAreThereWhenTheProgramStarts) {
+  Words registers;
+  constexpr int kCount = 20000;
+  for (int i = 1; i <= kCount; ++i) {
+    registers = std::move(registers) + Words{"--reg", std::to_string(4 * i) + "=7"};
+  }
+  const auto board = Boot(registers + Words{"--net", "none"}, {kStaticProbe, "talk"});
+  EXPECT_EQ(board->Ask("peek " + std::to_string(4 * kCount)), "0x7");
+  EXPECT_EQ(board->Finish().status, 0);
 }
 
 TEST_F(Serial, WithoutMemoryThereIsNoneAndThePortWorksAllTheSame) {
