@@ -63,7 +63,8 @@ TEST_F(Control, AHangUpCanComeTwiceAndAPlugAgain) {
   EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "ok");
   EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "4");
   EXPECT_EQ(board->Ask("write 4 hello"), "ok");
-  EXPECT_EQ(board->Ask("read 4").substr(0, 4), "got ");
+  // What was fed while nothing was plugged in is lost.
+  EXPECT_EQ(board->Ask("read 4"), "got hello");
   ExpectEnd();
 }
 

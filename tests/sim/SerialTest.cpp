@@ -1,6 +1,14 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <regex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Board.h"
 
@@ -24,6 +32,35 @@ TEST_F(Serial, AThousandSignalsASecondInterruptNoCallThatIsRestarted) {
 TEST_F(Serial, AThousandSignalsASecondGiveAFewInterruptedCallsAtMostWhereNoneIsRestarted) {
   ExpectSteps({}, {kProbe, "signals-interrupt"});
   ExpectSteps(kWithoutNamespaces, {kProbe, "signals-interrupt"});
+}
+
+TEST_F(Serial, ASignalDoesNotInterruptARequestThatHasReachedTheSimulator) {
+  if (Shell(std::string(kSimulator) + " --check").find("  yes  to keep signals from") == std::string::npos) {
+    GTEST_SKIP() << "This kernel lets signals interrupt requests.";
+  }
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    // A log that nobody reads holds the simulator up in the middle of a request.
+    ASSERT_EQ(::mkfifo(Path("log").c_str(), 0666), 0);
+    const int log = ::open(Path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const auto board = Boot(options + Words{"--log", Path("log")}, {kProbe, "held-up"});
+    const std::string call = "/proc/" + std::to_string(board->Process()) + "/syscall";
+    const std::string writing = std::to_string(SYS_write) + ' ';
+    EXPECT_TRUE(Eventually([&] { return Contents(call).rfind(writing, 0) == 0; }));
+    const std::vector<pid_t> inits = ChildrenOf(board->Process());
+    const std::vector<pid_t> programs = inits.empty() ? inits : ChildrenOf(inits.front());
+    ASSERT_EQ(programs.size(), 1U);
+    EXPECT_EQ(::kill(programs.front(), SIGUSR1), 0);
+    ::usleep(50000);
+    pollfd wait{log, POLLIN, 0};
+    char piece[4096];
+    while (::poll(&wait, 1, 20000) == 1 && ::read(log, piece, sizeof piece) > 0) {
+    }
+    const Outcome outcome = board->Finish();
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+    ::close(log);
+    ::unlink(Path("log").c_str());
+  }
 }
 
 TEST_F(Serial, AMebibyteThatIsPacedComesBackWhole) {

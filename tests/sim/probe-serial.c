@@ -718,6 +718,21 @@ static void signals_interrupt(void) {
   CHECK(interrupted_of(3000, 0) < 900);
 }
 
+/* Requests of which the last ones are held up, and a signal that comes meanwhile. */
+static void held_up(void) {
+  int fd = open_tty();
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = count;
+  CHECK(sigaction(SIGUSR1, &action, NULL) == 0);
+  for (int i = 0; i < 5000; ++i) {
+    int bits = OPENED;
+    CHECK(ioctl(fd, TIOCMSET, &bits) == 0);
+  }
+  CHECK(signals == 1);
+  close(fd);
+}
+
 /* The port is there and answers, over and over, until somebody ends this. */
 static void busy(void) {
   int fd = open_tty();
@@ -761,5 +776,6 @@ const struct step kSerialSteps[] = {{"modem", modem},
                                     {"executed", executed},
                                     {"signals-restart", signals_restart},
                                     {"signals-interrupt", signals_interrupt},
+                                    {"held-up", held_up},
                                     {"busy", busy},
                                     {NULL, NULL}};
