@@ -281,12 +281,12 @@ TEST_F(Sandbox, DevHasWhatEveryProgramNeedsAndNothingOfTheMachines) {
 TEST_F(Sandbox, WhereUserNamespacesAreForbiddenRootsOwnRightsDoAndNoMountGetsOut) {
   Start start;
   start.bare = true;
-  start.command = {"/bin/sh", "-c",
-                   "exec unshare --user --map-root-user --mount --propagation shared sh -c 'echo 0 "
-                   ">/proc/sys/user/max_user_namespaces; cat /proc/self/mountinfo >\"$1/before\"; "
-                   "\"$2\" -- sh -c \"mount -t tmpfs inside /mnt && ls /dev/ttyS1\"; "
-                   "cat /proc/self/mountinfo >\"$1/after\"' sh \"$0\" \"$1\"",
-                   Folder(), kSimulator};
+  const std::string script =
+      "exec unshare --user --map-root-user --mount --propagation shared sh -c 'echo 0 "
+      ">/proc/sys/user/max_user_namespaces; cat /proc/self/mountinfo >\"$1/before\"; "
+      "\"$2\" -- sh -c \"mount -t tmpfs inside /mnt && ls /dev/ttyS1\"; "
+      "cat /proc/self/mountinfo >\"$1/after\"' sh \"$0\" \"$1\"";
+  start.command = {"/bin/sh", "-c", script, Folder(), kSimulator};
   const Outcome outcome = Run(start);
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.output, "/dev/ttyS1\n");
