@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <regex>
 #include <string>
 #include <vector>
@@ -134,6 +135,31 @@ TEST_P(EitherWay, SignalsAreHandedOnAndTheBoardEndsWhenTheProgramDoes) {
     EXPECT_EQ(board->Listen(), std::to_string(signal));
   }
   EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_P(EitherWay, AKeyOnTheTerminalInterruptsTheProgramOnce) {
+  const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_NE(terminal, -1);
+  ASSERT_EQ(::grantpt(terminal), 0);
+  ASSERT_EQ(::unlockpt(terminal), 0);
+  const std::string name = ::ptsname(terminal);
+  Start start;
+  start.options = Way();
+  start.command = {kProbe, "listen-to-signals"};
+  start.prepare = [name] {
+    ::setsid();
+    // The first terminal that is opened becomes that of the session.
+    ::open(name.c_str(), O_RDWR);
+  };
+  const auto board = Boot(start);
+  ASSERT_EQ(board->Listen(), "ready");
+  const char key = 'C' - '@';
+  EXPECT_EQ(::write(terminal, &key, 1), 1);
+  EXPECT_EQ(board->Listen(), std::to_string(SIGINT));
+  EXPECT_EQ(::kill(board->Process(), SIGTERM), 0);
+  EXPECT_EQ(board->Listen(), std::to_string(SIGTERM));
+  EXPECT_EQ(board->Finish().status, 0);
+  ::close(terminal);
 }
 
 TEST_P(EitherWay, AProgramThatASignalEndsGivesItsStatus) {
