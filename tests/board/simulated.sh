@@ -20,7 +20,9 @@ if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
   trap 'rm -rf -- "$folder"' EXIT
   chmod 755 "$folder"
   cp -- "$simulator" "$program" "$folder/"
-  ldd "$program" | awk '$1 ~ /^libboardkit/ { print $3 }' | xargs -r cp -t "$folder" --
+  ldd "$program" | sed -n 's/^[[:blank:]]*libboardkit.* => \(.*\) (0x.*/\1/p' | while IFS= read -r library; do
+    cp -- "$library" "$folder/"
+  done
   simulator=$folder/${simulator##*/}
   program=$folder/${program##*/}
   export LD_LIBRARY_PATH=$folder

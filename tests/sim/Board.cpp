@@ -368,6 +368,10 @@ bool Eventually(const std::function<bool()>& condition) {
   return true;
 }
 
+std::string Quoted(const std::string& path) {
+  return '\'' + path + '\'';
+}
+
 std::string Shell(const std::string& command) {
   FILE* pipe = ::popen(command.c_str(), "re");
   std::string output;

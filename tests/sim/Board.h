@@ -152,6 +152,8 @@ std::string Contents(const std::string& path);
 std::string WaitForText(const std::string& path, const std::string& text);
 /// Waits until it holds.
 bool Eventually(const std::function<bool()>& condition);
+/// A path as a word of a shell command.
+std::string Quoted(const std::string& path);
 /// The output of a shell command of the machine.
 std::string Shell(const std::string& command);
 /// As the probe says it.

@@ -28,7 +28,7 @@ std::string WhereNamespacesAreForbidden() {
 }
 
 TEST_F(Check, SaysThatTheWholeBoardCanBeSimulatedAndLeavesNothing) {
-  const Outcome outcome = InShell(std::string(kSimulator) + " --check");
+  const Outcome outcome = InShell(Quoted(kSimulator) + " --check");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.output, std::string(kHeading) + kCallsAndOpens +
                                 "  yes  devices under their names, in a /dev of its own\n"
@@ -38,7 +38,7 @@ TEST_F(Check, SaysThatTheWholeBoardCanBeSimulatedAndLeavesNothing) {
 }
 
 TEST_F(Check, NamesTheSettingThatForbidsNamespaces) {
-  const Outcome outcome = InShell(WhereNamespacesAreForbidden() + kSimulator + " --check");
+  const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --check");
   EXPECT_EQ(outcome.status, 125);
   // The error number depends on the user.
   EXPECT_NE(outcome.output.find(std::string(kHeading) + kCallsAndOpens +
@@ -87,13 +87,14 @@ TEST_F(Check, SaysWhatToInstallWhereThereIsNoIp) {
 }
 
 TEST_F(Check, RunsNoCommand) {
-  const Outcome outcome = InShell(std::string(kSimulator) + " --check -- touch " + Path("ran"));
+  const Outcome outcome = InShell(Quoted(kSimulator) + " --check -- touch " + Path("ran"));
   EXPECT_EQ(outcome.status, 125);
   EXPECT_EQ(outcome.errors, "boardsim: --check runs no command.\n");
 }
 
 TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
-  const Outcome outcome = InShell(WhereNamespacesAreForbidden() + kSimulator + " --net host -- " + kProbe + " echo");
+  const Outcome outcome =
+      InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net host -- " + Quoted(kProbe) + " echo");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors.find("boardsim: namespaces can't be made: "), 0U) << outcome.errors;
@@ -103,7 +104,7 @@ TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
 }
 
 TEST_F(Check, WhereNamespacesAreForbiddenAPrivateNetworkIsRefused) {
-  const Outcome outcome = InShell(WhereNamespacesAreForbidden() + kSimulator + " --net private -- true");
+  const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net private -- true");
   EXPECT_EQ(outcome.status, 125);
   EXPECT_NE(outcome.errors.find(", so there can be no network of its own.\n"), std::string::npos) << outcome.errors;
 }

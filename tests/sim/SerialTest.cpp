@@ -35,7 +35,7 @@ TEST_F(Serial, AThousandSignalsASecondGiveAFewInterruptedCallsAtMostWhereNoneIsR
 }
 
 TEST_F(Serial, ASignalDoesNotInterruptARequestThatHasReachedTheSimulator) {
-  if (Shell(std::string(kSimulator) + " --check").find("  yes  to keep signals from") == std::string::npos) {
+  if (Shell(Quoted(kSimulator) + " --check").find("  yes  to keep signals from") == std::string::npos) {
     GTEST_SKIP() << "This kernel lets signals interrupt requests.";
   }
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
