@@ -158,7 +158,7 @@ expect page "Not shown, since nothing was named for it: serial port (--serial)" 
 expect_not page "Watchdog"
 
 printf '== on a terminal\n'
-run 0 page env TERM=xterm script -qec "$boardsim -- ./board-tour --serial /dev/ttyS1" /dev/null < /dev/null
+run 0 page env TERM=xterm script -qec "'$boardsim' -- ./board-tour --serial /dev/ttyS1" /dev/null < /dev/null
 expect page "${escape}[1m--- 1. Serial port" "${escape}[36mport.SetLoopback(true)" " of 1024 KiB  [####"
 run 0 page env TERM=xterm NO_COLOR=1 script -qec ./board-tour /dev/null < /dev/null
 expect_not page "$escape"
