@@ -7,10 +7,20 @@
 
 /// A text picture of the calling thread's stack, for logs and exception messages.
 ///
-/// Names are there for functions that the program exports to the dynamic linker (link it with `-rdynamic`), which
-/// static ones are not, and frames only where there are unwind tables (on ARM, compile with
-/// `-fasynchronous-unwind-tables`); an inlined function has neither. Any thread may call these functions; none of them
-/// is safe in a signal handler, since all allocate memory.
+/// A frame is there where the code has unwind tables (on ARM, compile with `-fasynchronous-unwind-tables`), for a
+/// function that was called: an inlined one has none of its own, and one that ended in a jump to the next has none any
+/// more (`-fno-optimize-sibling-calls` keeps the call). A name is there for a function that the program exports to the
+/// dynamic linker (link it with `-rdynamic`), which static ones are not, and that goes on behind its call. Off ARM,
+/// where a function ends in a call that never returns, the address behind it is another function's or nobody's: with
+/// g++,
+/// `-fno-reorder-blocks-and-partition` and `-fno-ipa-pure-const` keep code behind such calls, unless the called
+/// function is declared `[[noreturn]]`, and with clang++, `-mllvm -trap-unreachable`. The CMake target
+/// boardkit::traceback has all of these flags.
+///
+/// Ask for the traceback where something happens. A terminate handler is too late: on 32-bit ARM the unwinder gets no
+/// further from there than the C++ library. The example traceback-on-terminate records the stack of each throw.
+///
+/// Any thread may call these functions; none of them is safe in a signal handler, since all allocate memory.
 namespace linuxutils {
 
 /// A readable name for one line of `backtrace_symbols`, or for any text.

@@ -10,7 +10,11 @@ printf '== traceback-on-terminate\n'
 # From here, without digits in its path: they would be read as lengths of names.
 cp "$examples/traceback-on-terminate" app
 run 134 traceback ./app
-expect traceback "terminate called: the sensor does not answer" "station::ReadSensor"
+expect traceback "terminate called: the sensor does not answer"
+# The whole way from the throw to main.
+sed -n '/^Traceback:$/,$p' traceback | head -n 4 | sed 's/+0x[0-9a-f]*//' > way
+printf '%s\n' 'Traceback:' station::ReadSensor station::Measure './app(main)' | diff - way ||
+  fail "The stack at the throw is another one." traceback
 
 printf '== watchdog-feed, without a device\n'
 run 1 message "$examples/watchdog-feed" no-device 30
