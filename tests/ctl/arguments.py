@@ -1,0 +1,126 @@
+#!/usr/bin/env python3
+"""The command line of boardctl: help, options, and what is refused."""
+import re
+
+from ctl import ctl, main, TestCase
+
+# Every verb, with the arguments that it takes at least.
+VERBS = {
+    ("mem", "read"): ["0x80011000"],
+    ("mem", "write"): ["0x80011000", "1"],
+    ("mem", "watch"): ["0x80011000"],
+    ("mem", "dump"): ["0x80011000"],
+    ("run",): ["true"],
+    ("explain",): ["text"],
+}
+
+# Arguments, and what is said of them behind "boardctl: ".
+WRONG = [
+    ([], "it takes a group: "),
+    (["nope"], 'there is no group "nope"'),
+    (["meme"], 'there is no group "meme" (did you mean mem?)'),
+    (["mem"], "mem: it takes a verb: read, write, watch, dump (see boardctl mem --help)"),
+    (["mem", "reed", "0"], 'mem: there is no verb "reed" (did you mean read?)'),
+    (["mem", "read"], "mem read: ADDRESS is required (see boardctl mem read --help)"),
+    (["mem", "read", ""], 'mem read: ADDRESS: "" is no number of 32 bits'),
+    (["mem", "read", "3"], 'mem read: ADDRESS: "3" is no address of a word of 32 bits: a multiple of 4'),
+    (["mem", "read", "0x100000000"], 'mem read: ADDRESS: "0x100000000" is no number of 32 bits'),
+    (["mem", "read", "-4"], 'mem read: ADDRESS: "-4" is no number of 32 bits'),
+    (["mem", "read", "0x"], 'mem read: ADDRESS: "0x" is no number of 32 bits'),
+    (["mem", "read", "08"], 'mem read: ADDRESS: "08" is no number of 32 bits'),
+    (["mem", "read", " 8"], 'mem read: ADDRESS: " 8" is no number of 32 bits'),
+    (["mem", "read", "0", "0"], 'mem read: COUNT: "0" is no number from 1 to 1073741824'),
+    (["mem", "read", "0", "0x2"], 'mem read: COUNT: "0x2" is no number from 1 to 1073741824'),
+    (["mem", "read", "0xfffffffc", "2"], "mem read: COUNT: 2 words from 0xFFFFFFFC on reach beyond the addresses of 32"),
+    (["mem", "read", "0", "1", "2"], 'mem read: there is no argument "2"'),
+    (["mem", "read", "0", "--jsn"], 'mem read: there is no option "--jsn" (did you mean --json?)'),
+    (["mem", "write", "0"], "mem write: VALUE is required"),
+    (["mem", "write", "0", "1", "--mask", "x"], 'mem write: --mask: "x" is no number of 32 bits'),
+    (["mem", "watch", "0", "--every", "0"], 'mem watch: --every: "0" is no number from 1 to 3600000'),
+    (["mem", "watch", "0", "--changes", "99999999999999999999"], 'mem watch: --changes: "99999999999999999999" is no num'),
+    (["--dry-run", "mem", "read", "0"], "mem read: it has no dry run"),
+    (["explain", "text", "--", "more"], 'explain: it takes no command, and so no "--"'),
+    (["run"], "run: it takes one command"),
+    (["run", "a", "--", "b"], "run: it takes one command"),
+    (["run", "--"], "run: it takes one command"),
+]
+
+
+class Arguments(TestCase):
+    def test_WhatIsWrongIsCalledByItsNameWithStatus2AndNothingIsPrinted(self):
+        for arguments, words in WRONG:
+            with self.subTest(arguments=arguments):
+                result = ctl(*arguments)
+                self.assertEqual(result.status, 2, result.err)
+                self.assertEqual(result.out, "")
+                self.assertTrue(result.err.startswith("boardctl: " + words), result.err)
+                self.assertRegex(result.err, r" \(see boardctl[a-z -]* --help\)\n$")
+                self.assertEqual(result.err.count("\n"), 1, result.err)
+
+    def test_NothingIsOpenedWhenArgumentsAreWrong(self):
+        for words in (["mem", "read", "3"], ["mem", "write", "0x80011000"], ["mem", "read", "0x80011000", "--nope"]):
+            with self.subTest(words=words):
+                # Opening would fail on this memory, with status 1.
+                result = self.on_board(*words, options=["--mem", "none"])
+                self.assertEqual(result.status, 2, result.err)
+
+    def test_OptionsOfAllVerbsStandBeforeOrBehindTheVerb(self):
+        for words in (["--json", "explain", "popen failed"], ["explain", "--json", "popen failed"],
+                      ["explain", "popen failed", "--json"]):
+            result = ctl(*words)
+            self.assertEqual((result.status, result.objects[-1]["kind"]), (0, "explained"))
+
+    def test_AnArgumentThatIsCalledLikeAVerbIsAnArgument(self):
+        result = ctl("explain", "mem")
+        self.assertEqual((result.status, result.err), (0, "Nothing of that stands in the catalogue.\n"))
+        result = ctl("run", "explain")
+        self.assertEqual(result.status, 1)
+        self.assertIn("boardctl: status 127: there is no such command", result.err)
+
+    def test_TheHelpOfTheProgramFitsATerminalOf24LinesAndNamesEveryGroup(self):
+        for option in ("--help", "-h"):
+            result = ctl(option)
+            self.assertEqual((result.status, result.err), (0, ""))
+            lines = result.out.splitlines()
+            self.assertLessEqual(len(lines), 24)
+            self.assertEqual([line for line in lines if len(line) > 80], [])
+            for verb in VERBS:
+                self.assertRegex(result.out, rf"(?m)^  {verb[0]} ")
+
+    def test_TheTableOfVerbsHasEveryVerbThereIs(self):
+        groups = re.findall(r"(?m)^  (\w+)  ", ctl("--help").out)
+        there = set()
+        for group in groups:
+            text = ctl(group, "--help").out
+            verbs = re.findall(r"(?m)^  (\w+)  ", text) if " VERB --help tells" in text else []
+            there.update({(group, verb) for verb in verbs} or {(group,)})
+        self.assertEqual(there, set(VERBS))
+
+    def test_EveryVerbsHelpEndsWithWhatRemainsAndFitsTheLine(self):
+        for verb in VERBS:
+            with self.subTest(verb=verb):
+                result = ctl(*verb, "--help")
+                self.assertEqual((result.status, result.err), (0, ""))
+                self.assertEqual([line for line in result.out.splitlines() if len(line) > 80], [])
+                self.assertRegex(result.out, r"\nStatus: 0 done, 1 failed, 2 wrong usage[^.]*\.\nWhat remains: [^\n]+\n(?:[^\n]+\n)*$")
+                self.assertIn(f"\nUsage: boardctl {' '.join(verb)}", result.out)
+                self.assertIn(f"\nExample: boardctl {' '.join(verb)}", result.out)
+                self.assertIn("-h, --help", result.out)
+
+    def test_JsonIsGivenOrRefusedWithStatus2(self):
+        for verb, arguments in VERBS.items():
+            has_json = "\n  --json " in ctl(*verb, "--help").out
+            with self.subTest(verb=verb):
+                if not has_json:
+                    result = ctl("--json", *verb, *arguments)
+                    self.assertEqual(result.status, 2)
+                    self.assertIn(": it has no JSON (", result.err)
+
+    def test_TheVersionIsTold(self):
+        result = ctl("--version")
+        self.assertEqual(result.status, 0)
+        self.assertRegex(result.out, r"^boardctl \d+\.\d+\.\d+\n$")
+
+
+if __name__ == "__main__":
+    main()

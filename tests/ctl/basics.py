@@ -1,0 +1,199 @@
+#!/usr/bin/env python3
+"""The verbs without a group, and the memory."""
+import errno
+import json
+import os
+import signal
+
+from ctl import BOARDCTL, SOURCE, ctl, finish, main, shell, start, TestCase
+
+CATALOGUE = json.loads((SOURCE / "docs/errors.json").read_text())["errors"]
+
+
+class Explain(TestCase):
+    def test_EveryTextOfTheCatalogueIsExplainedByItsOwnEntry(self):
+        for error in CATALOGUE:
+            for cause in error["causes"]:
+                number = cause["errno"][0] if cause["errno"] else None
+                said = os.strerror(getattr(errno, number)) if number else "Success"
+                message = error["text"].replace("...", "x") + ": " + said
+                if error["text"] == "":
+                    message = ": Invalid argument"
+                with self.subTest(message=message):
+                    objects = ctl("--json", "explain", message).objects
+                    ids = [found["id"] for found in objects[:-1]]
+                    self.assertIn(error["id"], ids)
+                    if number:
+                        mine = objects[ids.index(error["id"])]
+                        self.assertEqual(mine["errno"], number)
+                        self.assertIn(cause, mine["causes"])
+                        self.assertTrue(all(number in other["errno"] for other in mine["causes"]), mine["causes"])
+
+    def test_TextsThatBeginAlikeAreToldApart(self):
+        for message, identity in [
+                ("Error writing to file descriptor:: Bad file descriptor", "err-write-loop"),
+                ("Error writing to file descriptor: : Input/output error", "err-serial-write"),
+                ("Error writing to file descriptor. No bytes written:", "err-write-loop-nothing"),
+                (" SetLoopback TIOCMGET failed!: Inappropriate ioctl for device", "err-serial-loop-get"),
+                ("TIOCMGET failed?: Inappropriate ioctl for device", "err-serial-lines-get"),
+                ("Could not open watchdog device!: Device or resource busy", "err-watchdog-open")]:
+            with self.subTest(message=message):
+                self.assertEqual([found.get("id") for found in ctl("--json", "explain", message).objects],
+                                 [identity, None])
+
+    def test_OfATextWithinATextBothAreExplained(self):
+        message = ("SerialPort::SetPortSettings(): Setting the attributes of the serial port '/dev/ttyS1' failed?"
+                   "Unsupported baud rate.: Invalid argument")
+        found = ctl("--json", "explain", message).objects
+        self.assertEqual([error.get("id") for error in found], ["err-serial-apply", "err-serial-speed", None])
+        self.assertEqual(found[0]["errno"], "EINVAL")
+
+    def test_AWholeLogIsReadFromStandardInputAndLinesAreNumbered(self):
+        log = b"all is well\n12:00 app: popen failed: Cannot allocate memory\n\xff\xfe\nip: not found\n"
+        result = ctl("--json", "explain", "-", given=log)
+        self.assertEqual([(found.get("line"), found.get("id")) for found in result.objects[:-1]],
+                         [(2, "err-popen"), (4, "err-ip-missing")])
+        self.assertEqual(result.objects[-1], {"schema": 1, "kind": "explained", "lines": 4, "explanations": 2})
+        result = ctl("explain", "-", given=log)
+        self.assertIn("2: 12:00 app: popen failed: Cannot allocate memory\n", result.out)
+        self.assertIn("  cause    ENOMEM, EAGAIN: Out of memory or processes.\n", result.out)
+        self.assertIn("  remedy   Look for a leak: free, ps.\n", result.out)
+
+    def test_ATextThatIsNotInTheCatalogueIsSaidSo(self):
+        result = ctl("explain", "all is well")
+        self.assertEqual((result.status, result.out, result.err), (0, "", "Nothing of that stands in the catalogue.\n"))
+        self.assertEqual(ctl("--quiet", "explain", "all is well").err, "")
+
+    def test_ItNeedsNoFileOnTheBoard(self):
+        strings = open(BOARDCTL, "rb").read()
+        for error in CATALOGUE:
+            self.assertIn(json.dumps(error["id"]).encode(), strings)
+
+
+class Run(TestCase):
+    def test_TheWholeOutputAndTheStatusAreTold(self):
+        result = ctl("run", "echo out; echo err >&2; exit 3")
+        self.assertEqual((result.status, result.out, result.err), (1, "out\nerr\n", "boardctl: status 3\n"))
+        result = ctl("run", "true")
+        self.assertEqual((result.status, result.out, result.err), (0, "", "boardctl: status 0\n"))
+
+    def test_WordsBehindTheDashesReachTheCommandAsTheyAre(self):
+        words = ["a b", "$(touch x)", "'", ";", "*", "--json", ""]
+        result = ctl("--json", "run", "--", "printf", "<%s>", *words)
+        self.assertEqual(result.objects, [{"schema": 1, "kind": "run", "output": "".join(f"<{word}>" for word in words),
+                                           "command": result.objects[0]["command"], "status": 0}])
+        self.assertFalse(os.path.exists("x"))
+
+    def test_TextsThatTheBareRunnerWouldMistakeAreRunAsTheyStand(self):
+        for text, status, output in [("false\n", 1, ""), ("echo a # comment", 0, "a\n"), ("echo 5; exit 7", 7, "5\n"),
+                                     ("printf 12", 0, "12"), ("printf 'a\\n\\n'", 0, "a\n\n"),
+                                     ("printf 'a\\0b\\n'", 0, "a"), ("printf 'a\\0b'", 0, "a"), ("kill -9 $$", 137, None),
+                                     ("nonsense-command", 127, None)]:
+            with self.subTest(text=text):
+                result = ctl("--json", "run", text)
+                self.assertEqual(result.status, 0 if status == 0 else 1)
+                self.assertEqual(result.objects[0]["status"], status)
+                if output is not None:
+                    self.assertEqual(result.objects[0]["output"], output)
+
+    def test_ASignalIsHandedOnToTheCommandAndEndsWith130Or143(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = start([BOARDCTL, "run", "echo $$ > pid; trap 'echo tidy; exit 5' INT TERM; sleep 100 > quiet 2>&1 & wait"])
+            self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the command's start")
+            process.send_signal(number)
+            result = finish(process)
+            self.assertEqual((result.status, result.out), (128 + number, "tidy\n"))
+            os.remove("pid")
+
+    def test_ACommandsClosedPipeWorksAsInAShell(self):
+        result = ctl("run", "yes | head -n 1")
+        self.assertEqual((result.status, result.out), (0, "y\n"))
+
+
+class Output(TestCase):
+    def test_NobodyReadingEndsItWithoutAWord(self):
+        read, write = os.pipe()
+        os.close(read)
+        result = finish(start([BOARDCTL, "explain", "popen failed"], stdout=write))
+        os.close(write)
+        self.assertEqual((result.status, result.err), (1, ""))
+
+    def test_AFullDiskIsToldWithItsCauseAndStatus1(self):
+        with open("/dev/full", "w") as full:
+            result = finish(start([BOARDCTL, "explain", "popen failed"], stdout=full))
+        self.assertEqual(result.status, 1)
+        self.assertEqual(result.err, "boardctl: explain: Standard output can't be written: No space left on device\n")
+
+
+class Memory(TestCase):
+    REGISTERS = ["--reg", "0x40000000=0x600dcafe", "--reg", "0x40000008=0x21676f64"]
+
+    def test_WordsAreReadOneALine(self):
+        result = self.on_board("mem", "read", "0x40000000", "3", options=self.REGISTERS)
+        self.assertEqual(result.out, "0x40000000  0x600DCAFE\n0x40000004  0x00000000\n0x40000008  0x21676F64\n")
+        self.assertEqual((result.status, result.err), (0, ""))
+        # As devmem takes addresses: decimal and octal, too.
+        for address in ("1073741824", "010000000000"):
+            self.assertEqual(self.on_board("--json", "mem", "read", address, options=self.REGISTERS).objects,
+                             [{"schema": 1, "kind": "mem_word", "address": "0x40000000", "value": "0x600DCAFE"}])
+
+    def test_AWordIsWrittenWholeOrTheBitsOfAMaskAndADryRunOnlyTells(self):
+        script = " && ".join([shell("mem", "write", "0x40000004", "0x12345678"),
+                              shell("mem", "write", "0x40000000", "0", "--mask", "0xff", "--json"),
+                              shell("--dry-run", "mem", "write", "0x40000000", "0"),
+                              shell("mem", "read", "0x40000000", "2")])
+        result = self.board("sh", "-c", script, options=self.REGISTERS)
+        self.assertEqual(result.out.splitlines(), [
+            "0x40000004  wrote 0x12345678",
+            '{"schema":1,"kind":"mem_write","address":"0x40000000","before":"0x600DCAFE","value":"0x600DCA00",'
+            '"mask":"0x000000FF","written":true}',
+            "0x40000000  would write 0x00000000",
+            "0x40000000  0x600DCA00",
+            "0x40000004  0x12345678"])
+
+    def test_ADumpShowsFourWordsALineWithTheirCharacters(self):
+        result = self.on_board("mem", "dump", "0x40000000", "5", options=self.REGISTERS)
+        self.assertEqual(result.out.splitlines(), [
+            "0x40000000  600DCAFE 00000000 21676F64 00000000  |...`....dog!....|",
+            "0x40000010  00000000                             |....|"])
+        result = self.on_board("--json", "mem", "dump", "0x40000000", "5", options=self.REGISTERS)
+        self.assertEqual([(row["address"], len(row["words"])) for row in result.objects],
+                         [("0x40000000", 4), ("0x40000010", 1)])
+
+    def test_AWatchedWordsChangesAreToldWithTheirBitsMarked(self):
+        script = (f"{shell('mem', 'watch', '0x40000000', '--every', '1', '--changes', '1')} > seen & "
+                  "until grep -q 600DCAFE seen; do sleep 0.02; done; "
+                  f"{shell('--quiet', 'mem', 'write', '0x40000000', '0x600dcafd')}; wait $!; cat seen")
+        lines = self.board("sh", "-c", script, options=self.REGISTERS).out.splitlines()
+        time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
+        self.assertEqual(len(lines), 4, lines)
+        self.assertEqual(lines[0], "0x40000000  wrote 0x600DCAFD")
+        self.assertRegex(lines[1], rf"^{time}  0x600DCAFE  0110 0000 0000 1101 1100 1010 1111 1110$")
+        self.assertRegex(lines[2], rf"^{time}  0x600DCAFD  0110 0000 0000 1101 1100 1010 1111 1101$")
+        self.assertEqual(lines[3].index("^"), lines[2].rindex("0"))
+        self.assertTrue(lines[3].endswith("^^  bits 0 1"), lines[3])
+
+    def test_AWatchEndsWithASignal(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('mem', 'watch', '0x40000000')}")
+            self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the start")
+            self.assertTrue(process.stdout.readline())
+            process.send_signal(number)
+            self.assertEqual(finish(process).status, 128 + number)
+            os.remove("pid")
+
+    def test_MemoryThatIsNotThereIsToldWithCauseAndRemedy(self):
+        result = self.on_board("mem", "read", "0", options=["--mem", "none"])
+        self.assertEqual(result.status, 1)
+        self.assertEqual(result.out, "")
+        self.assertTrue(result.err.startswith(
+            "boardctl: mem read: ReadFromMemory Open /dev/mem failed: No such file or directory\n  cause    ENOENT"))
+        self.assertIn("\n  remedy   Build the kernel with CONFIG_DEVMEM.\n", result.err)
+
+
+class MemoryAsAnOrdinaryUser(Memory):
+    user = "ordinary"
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,140 @@
+"""What the tests of boardctl share: running it, plainly or on a simulated board, as root or as an ordinary user.
+
+The environment names BOARDCTL, BOARDSIM and SOURCE, the source folder. A test is a method whose name is a sentence
+without blanks; each is a ctest of its own.
+"""
+import json
+import os
+import pathlib
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+BOARDCTL = os.environ["BOARDCTL"]
+BOARDSIM = os.environ["BOARDSIM"]
+SOURCE = pathlib.Path(os.environ["SOURCE"])
+PATIENCE = 100  # seconds, after which something hangs
+os.environ["PATH"] += ":/usr/sbin:/sbin"
+os.environ["LC_ALL"] = "C"
+os.environ.pop("NO_COLOR", None)
+os.environ.pop("TERM", None)
+
+
+class Result:
+    """What a finished program left behind."""
+
+    def __init__(self, status, out, err):
+        self.status, self.raw, self.err = status, out, err
+        self.out = (out or b"").decode(errors="replace")
+
+    @property
+    def objects(self):
+        return [json.loads(line) for line in self.out.splitlines()]
+
+
+def finish(process, given=None):
+    try:
+        out, err = process.communicate(given, timeout=PATIENCE)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        out, err = process.communicate()
+        raise AssertionError(f"{process.args} hangs:\n{out.decode()}\n{err.decode()}") from None
+    return Result(process.returncode, out, err.decode(errors="replace"))
+
+
+def start(command, **keywords):
+    keywords.setdefault("stdin", subprocess.DEVNULL)
+    keywords.setdefault("stdout", subprocess.PIPE)
+    keywords.setdefault("stderr", subprocess.PIPE)
+    return subprocess.Popen(command, **keywords)
+
+
+def ctl(*arguments, given=None, **keywords):
+    """Runs boardctl on this machine."""
+    if given is not None:
+        keywords["stdin"] = subprocess.PIPE
+    return finish(start([BOARDCTL, *arguments], **keywords), given)
+
+
+def shell(*arguments):
+    """boardctl with the arguments, as a word of a shell's text."""
+    return shlex.join([BOARDCTL, *arguments])
+
+
+class TestCase(unittest.TestCase):
+    """With a folder of its own, which is the current one."""
+
+    maxDiff = None
+    user = "root"  # or "ordinary": on the simulated board
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        before = os.getcwd()
+        os.chdir(self.folder)
+        self.addCleanup(os.chdir, before)
+
+    def board(self, *command, options=(), given=None, log=None):
+        """Runs a command on a simulated board."""
+        return finish(self.start_board(*command, options=options, given=given, log=log), given)
+
+    def start_board(self, *command, options=(), given=None, log=None):
+        """Starts it, and leaves it running."""
+        simulator, as_user = BOARDSIM, []
+        command = list(command)
+        if self.user == "ordinary" and os.geteuid() == 0:
+            # From a place where he may read them.
+            place = pathlib.Path(self.folder) / "programs"
+            if not place.exists():
+                place.mkdir(mode=0o755)
+                pathlib.Path(self.folder).chmod(0o777)
+                for program in (BOARDSIM, BOARDCTL):
+                    shutil.copy(program, place)
+                for line in subprocess.run(["ldd", BOARDCTL], capture_output=True, text=True, check=True).stdout.splitlines():
+                    if "libboardkit" in line:
+                        shutil.copy(line.split()[2], place)
+            simulator = str(place / "boardsim")
+            command = [word.replace(BOARDCTL, str(place / "boardctl")) for word in command]
+            as_user = ["env", f"LD_LIBRARY_PATH={place}", f"GCOV_PREFIX={self.folder}",
+                       "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+        if log:
+            options = [*options, "--log", log]
+        keywords = {} if given is None else {"stdin": subprocess.PIPE}
+        return start([*as_user, simulator, *options, "--", *command], **keywords)
+
+    def on_board(self, *arguments, **keywords):
+        """Runs boardctl on a simulated board."""
+        return self.board(BOARDCTL, *arguments, **keywords)
+
+    def wait_until(self, holds, what):
+        """Waits until holds() is true, whatever the machine's load."""
+        end = time.monotonic() + PATIENCE
+        while not holds():
+            self.assertLess(time.monotonic(), end, f"never seen: {what}")
+            time.sleep(0.02)
+
+    def wait_for_text(self, path, text):
+        def is_there():
+            try:
+                return text in pathlib.Path(path).read_text()
+            except FileNotFoundError:
+                return False
+        self.wait_until(is_there, f'"{text}" in {path}')
+
+
+def main():
+    """Runs the tests; a single one is named by its method alone."""
+    names = [name for name in sys.argv[1:]]
+    module = sys.modules["__main__"]
+    classes = [value for value in vars(module).values()
+               if isinstance(value, type) and issubclass(value, TestCase) and value is not TestCase]
+    suite = unittest.TestSuite(cls(method) for cls in classes for method in unittest.TestLoader().getTestCaseNames(cls)
+                               if not names or method in names)
+    if suite.countTestCases() == 0:
+        sys.exit("there is no such test")
+    result = unittest.TextTestRunner(verbosity=2).run(suite)
+    sys.exit(0 if result.wasSuccessful() and not result.skipped else 1)

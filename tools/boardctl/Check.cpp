@@ -1,0 +1,123 @@
+#include "Check.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+
+namespace {
+
+constexpr const char* kDigits = "0123456789";
+
+[[noreturn]] void Refuse(const std::string& text, const std::string& what) {
+  throw std::invalid_argument('"' + text + "\" is no " + what);
+}
+
+/// The digits of @p text read to @p base; false for none, for others, and beyond 64 bits.
+bool Read(const std::string& digits, unsigned int base, std::uint64_t& number) {
+  number = 0;
+  for (const char character : digits) {
+    const char* const all = "0123456789abcdef";
+    const char lower = character >= 'A' && character <= 'F' ? static_cast<char>(character - 'A' + 'a') : character;
+    const char* const at = lower == '\0' ? nullptr : std::strchr(all, lower);
+    if (at == nullptr || at - all >= static_cast<std::ptrdiff_t>(base)) {
+      return false;
+    }
+    const auto digit = static_cast<std::uint64_t>(at - all);
+    if (number > (std::numeric_limits<std::uint64_t>::max() - digit) / base) {
+      return false;
+    }
+    number = number * base + digit;
+  }
+  return !digits.empty();
+}
+
+bool IsLetterOrDigit(char character) {
+  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+         (character >= '0' && character <= '9');
+}
+
+}  // namespace
+
+namespace check {
+
+std::uint64_t Decimal(const std::string& text, std::uint64_t least, std::uint64_t most) {
+  std::uint64_t number = 0;
+  if (!Read(text, 10, number) || number < least || number > most) {
+    Refuse(text, "number from " + std::to_string(least) + " to " + std::to_string(most));
+  }
+  return number;
+}
+
+std::uint32_t Word(const std::string& text) {
+  std::uint64_t number = 0;
+  const bool isPrefixed = text.size() > 1 && text[0] == '0';
+  const bool isHexadecimal = isPrefixed && (text[1] == 'x' || text[1] == 'X');
+  const bool isRead = isHexadecimal ? Read(text.substr(2), 16, number) : Read(text, isPrefixed ? 8 : 10, number);
+  if (!isRead || number > std::numeric_limits<std::uint32_t>::max()) {
+    Refuse(text, "number of 32 bits (such as 0x80011000, decimal, or octal with a leading 0)");
+  }
+  return static_cast<std::uint32_t>(number);
+}
+
+std::uint32_t WordAddress(const std::string& text) {
+  const std::uint32_t address = Word(text);
+  if (address % sizeof address != 0) {
+    Refuse(text, "address of a word of 32 bits: a multiple of 4");
+  }
+  return address;
+}
+
+std::string Path(const std::string& text) {
+  if (text.empty() || text.find('\n') != std::string::npos) {
+    Refuse(text, "path");
+  }
+  return text;
+}
+
+std::string Interface(const std::string& text) {
+  constexpr std::size_t kLongest = 15;
+  bool isClean = !text.empty() && text.size() <= kLongest && text != "." && text != ".." && text[0] != '-';
+  for (const char character : text) {
+    isClean =
+        isClean && character != '\0' && (IsLetterOrDigit(character) || std::strchr("_-.:@", character) != nullptr);
+  }
+  if (!isClean) {
+    Refuse(text, "name of an interface: 1 to 15 letters, digits or _ - . : @");
+  }
+  return text;
+}
+
+Address IpAddress(const std::string& text) {
+  unsigned char bytes[sizeof(in6_addr)];
+  // A NUL in it would end the text for the C library, and not for us.
+  const bool isWhole = text.find('\0') == std::string::npos;
+  for (const int family : {AF_INET, AF_INET6}) {
+    if (isWhole && ::inet_pton(family, text.c_str(), bytes) == 1) {
+      char canonical[INET6_ADDRSTRLEN];
+      ::inet_ntop(family, bytes, canonical, sizeof canonical);
+      return {canonical, family == AF_INET6};
+    }
+  }
+  Refuse(text, "IPv4 or IPv6 address");
+}
+
+Network IpNetwork(const std::string& text) {
+  constexpr unsigned int kIpv4Bits = 32;
+  constexpr unsigned int kIpv6Bits = 128;
+  const std::size_t slash = text.find('/');
+  if (slash == std::string::npos) {
+    Refuse(text, "address with its prefix length, such as 192.0.2.10/24");
+  }
+  const Address address = IpAddress(text.substr(0, slash));
+  std::uint64_t length = 0;
+  const unsigned int most = address.ipv6 ? kIpv6Bits : kIpv4Bits;
+  if (!Read(text.substr(slash + 1), 10, length) || length > most) {
+    Refuse(text.substr(slash + 1), "prefix length from 0 to " + std::to_string(most));
+  }
+  return {address, static_cast<int>(length)};
+}
+
+}  // namespace check

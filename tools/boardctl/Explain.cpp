@@ -1,0 +1,75 @@
+#include <iostream>
+#include <memory>
+
+#include "Catalogue.h"
+#include "Groups.h"
+#include "Program.h"
+#include "Status.h"
+
+namespace {
+
+/// Tells what the catalogue has for @p line, the @p number th of a log; 0 stands for a text that is no log.
+std::size_t ExplainLine(const std::string& line, std::size_t number, Output& out) {
+  const auto explanations = catalogue::Explain(line);
+  if (!explanations.empty()) {
+    out.Line((number == 0 ? "" : std::to_string(number) + ": ") + out.Bold(line));
+  }
+  for (const catalogue::Explanation& explanation : explanations) {
+    Json causes = Json::array();
+    for (const Json* const cause : explanation.causes) {
+      causes.push_back(*cause);
+    }
+    const Json& error = *explanation.error;
+    out.Object("explanation", {{"line", number == 0 ? Json() : Json(number)},
+                               {"message", line},
+                               {"id", error["id"]},
+                               {"text", error["text"]},
+                               {"errno", explanation.name.empty() ? Json() : Json(explanation.name)},
+                               {"exception", error["exception"]},
+                               {"operations", error["operations"]},
+                               {"causes", causes},
+                               {"remains", error["remains"]}});
+    std::string operations;
+    for (const Json& operation : error["operations"]) {
+      operations += (operations.empty() ? "" : ", ") + operation.get<std::string>();
+    }
+    out.Line("  from     " + operations);
+    const std::string words = catalogue::InWords({explanation});
+    out.Line(words.substr(0, words.size() - 1));
+  }
+  return explanations.size();
+}
+
+int Explain(const std::string& text, Output& out) {
+  std::size_t lines = 0;
+  std::size_t found = 0;
+  if (text == "-") {
+    std::string line;
+    while (std::getline(std::cin, line)) {
+      found += ExplainLine(line, ++lines, out);
+    }
+  } else {
+    lines = 1;
+    found = ExplainLine(text, 0, out);
+  }
+  out.Object("explained", {{"lines", lines}, {"explanations", found}});
+  if (found == 0) {
+    out.Say("Nothing of that stands in the catalogue.");
+  }
+  return kStatusDone;
+}
+
+}  // namespace
+
+void AddExplain(Program& program) {
+  const auto text = std::make_shared<std::string>();
+  CLI::App& verb =
+      program.AddVerb(nullptr,
+                      {"explain", "Tells the causes and remedies of error texts", "TEXT|-", "",
+                       "The catalogue is built in: no file is needed. What is not in it is passed over.",
+                       "explain \"popen failed: Cannot allocate memory\"", "nothing; no device is opened."},
+                      [text](Call& call) { return Explain(*text, call.out); });
+  verb.add_option("TEXT", *text, "the text as it was printed; - reads a log from standard input")
+      ->type_name("")
+      ->required();
+}

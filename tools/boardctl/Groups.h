@@ -1,0 +1,11 @@
+#ifndef BOARDKIT_CTL_GROUPS_H
+#define BOARDKIT_CTL_GROUPS_H
+
+class Program;
+
+// Each adds its verbs to the command line; Program.h tells how a group is added.
+void AddMemory(Program& program);
+void AddRun(Program& program);
+void AddExplain(Program& program);
+
+#endif

@@ -1,0 +1,171 @@
+#include "Output.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <system_error>
+
+namespace {
+
+constexpr int kSchema = 1;
+
+bool IsSet(const char* variable) {
+  const char* const value = std::getenv(variable);
+  return value != nullptr && *value != '\0';
+}
+
+bool IsTerminal(int fd) {
+  const char* const terminal = std::getenv("TERM");
+  return ::isatty(fd) == 1 && terminal != nullptr && std::string_view(terminal) != "dumb";
+}
+
+/// "1.2 KiB", "3.4 MiB".
+std::string Amount(double bytes) {
+  static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB"};
+  constexpr double kStep = 1024;
+  std::size_t unit = 0;
+  while (bytes >= kStep && unit + 1 < std::size(kUnits)) {
+    bytes /= kStep;
+    ++unit;
+  }
+  return Fixed(bytes, unit == 0 ? 0 : 1) + ' ' + kUnits[unit];
+}
+
+}  // namespace
+
+Output::Output(Options options)
+    : m_options(options),
+      m_showsProgress(!options.quiet && IsTerminal(STDERR_FILENO)),
+      m_showsColour(IsTerminal(STDOUT_FILENO) && !IsSet("NO_COLOR")) {}
+
+void Output::Line(std::string_view line) {
+  if (!m_options.json) {
+    Write(std::string(line) + '\n');
+  }
+}
+
+void Output::Object(const char* kind, const Json& members) {
+  if (!m_options.json) {
+    return;
+  }
+  Json object = {{"schema", kSchema}, {"kind", kind}};
+  object.update(members);
+  Write(object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n');
+}
+
+void Output::Bytes(const void* data, std::size_t size) {
+  Write(std::string_view(static_cast<const char*>(data), size));
+}
+
+void Output::Say(std::string_view words) {
+  if (!m_options.quiet) {
+    Warn(words);
+  }
+}
+
+void Output::Warn(std::string_view words) {
+  EndProgress();
+  // Nothing is left to be told if this fails.
+  std::fprintf(stderr, "%.*s\n", static_cast<int>(words.size()), words.data());
+}
+
+void Output::Progress(std::uint64_t done, std::uint64_t total, const char* unit) {
+  constexpr auto kPause = std::chrono::milliseconds(100);  // what the eye follows
+  if (!m_showsProgress) {
+    return;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  if (!m_hasProgress) {
+    m_start = now;
+  } else if (now - m_shown < kPause && done != total) {
+    return;
+  }
+  m_shown = now;
+  m_hasProgress = true;
+
+  const double seconds = std::chrono::duration<double>(now - m_start).count();
+  const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
+  const bool isBytes = std::string_view(unit) == "B";
+  const auto amount = [&](double number) { return isBytes ? Amount(number) : Fixed(number, 0) + ' ' + unit; };
+  std::string line = amount(static_cast<double>(done));
+  if (total != 0) {
+    constexpr std::uint64_t kWidth = 30;
+    const auto filled = static_cast<std::size_t>(std::min(done, total) * kWidth / total);
+    line = '[' + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
+           std::to_string(std::min(done, total) * 100 / total) + " %  " + line + " of " +
+           amount(static_cast<double>(total));
+  }
+  line += "  " + amount(rate) + "/s";
+  if (total != 0 && rate > 0) {
+    line += "  " + Fixed(static_cast<double>(total - std::min(done, total)) / rate, 0) + " s left";
+  }
+  // Written over what stands there, and nothing of that is left over.
+  std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
+}
+
+void Output::EndProgress() {
+  if (m_hasProgress) {
+    std::fputs("\r\x1b[K", stderr);
+    m_hasProgress = false;
+  }
+}
+
+std::string Output::Bold(const std::string& text) const {
+  return m_showsColour ? "\x1b[1m" + text + "\x1b[0m" : text;
+}
+
+void Output::Write(std::string_view text) {
+  EndProgress();
+  // Unbuffered: a line is there as soon as it is known, in a pipe too.
+  while (!text.empty()) {
+    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+    if (written == -1) {
+      if (errno == EINTR) {
+        continue;
+      }
+      if (errno == EPIPE) {
+        throw OutputClosed();
+      }
+      throw std::system_error(errno, std::generic_category(), "Standard output can't be written");
+    }
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+}
+
+std::string Hexadecimal(std::uint32_t word) {
+  char text[sizeof "0x00000000"];
+  std::snprintf(text, sizeof text, "0x%08X", word);
+  return text;
+}
+
+std::string HexadecimalBytes(const unsigned char* data, std::size_t size) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  for (std::size_t i = 0; i < size; ++i) {
+    text += kDigits[data[i] >> 4U];
+    text += kDigits[data[i] & 0xFU];
+  }
+  return text;
+}
+
+std::string Fixed(double number, int decimals) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.*f", decimals, number);
+  return text;
+}
+
+std::string Timestamp(std::chrono::system_clock::time_point time) {
+  const auto milliseconds =
+      std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm parts{};
+  ::gmtime_r(&seconds, &parts);
+  char text[64];
+  const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(text + length, sizeof text - length, ".%03dZ", static_cast<int>(milliseconds));
+  return text;
+}

@@ -1,0 +1,77 @@
+#ifndef BOARDKIT_CTL_OUTPUT_H
+#define BOARDKIT_CTL_OUTPUT_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+/// Keys stay in the order in which they are put in.
+using Json = nlohmann::ordered_json;
+
+/// Nobody reads the results any more: the verb tidies up and ends without a word.
+class OutputClosed : public std::exception {};
+
+/// What a verb tells: results on standard output, as text or as JSON, words about them on standard error.
+class Output {
+ public:
+  struct Options {
+    bool json = false;
+    bool quiet = false;
+  };
+  explicit Output(Options options);
+
+  bool IsJson() const {
+    return m_options.json;
+  }
+
+  /// A line of the result as text, at once; nothing with --json.
+  void Line(std::string_view line);
+  /// A line of the result as JSON: {"schema":1,"kind":@p kind, and @p members}; nothing without --json. Every key is
+  /// always there, what is not known is null. Text that is no UTF-8 is replaced.
+  void Object(const char* kind, const Json& members);
+  /// Bytes of the result as they are, in both cases.
+  void Bytes(const void* data, std::size_t size);
+
+  /// A line about the result, on standard error; nothing with --quiet.
+  void Say(std::string_view words);
+  /// A line on standard error, also with --quiet: what went wrong, or may harm.
+  void Warn(std::string_view words);
+
+  /// Shows how far something has come, in one line that is written over: only on a terminal and without --quiet.
+  /// @p total 0 means that it is not known.
+  void Progress(std::uint64_t done, std::uint64_t total, const char* unit);
+  /// Takes the progress line away.
+  void EndProgress();
+  /// Whether progress is shown at all.
+  bool ShowsProgress() const {
+    return m_showsProgress;
+  }
+
+  /// @p text in bold, where standard output is a terminal that shows colours.
+  std::string Bold(const std::string& text) const;
+
+ private:
+  void Write(std::string_view text);
+
+  Options m_options;
+  bool m_showsProgress;
+  bool m_showsColour;
+  bool m_hasProgress = false;
+  std::chrono::steady_clock::time_point m_start;
+  std::chrono::steady_clock::time_point m_shown;
+};
+
+/// "0x80011000".
+std::string Hexadecimal(std::uint32_t word);
+/// Bytes as hexadecimal digits, two each, without anything between them.
+std::string HexadecimalBytes(const unsigned char* data, std::size_t size);
+/// A number with @p decimals digits behind the point.
+std::string Fixed(double number, int decimals);
+/// The time as RFC 3339 tells it, in UTC: "2026-01-31T12:00:00.000Z".
+std::string Timestamp(std::chrono::system_clock::time_point time);
+
+#endif

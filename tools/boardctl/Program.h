@@ -1,0 +1,100 @@
+#ifndef BOARDKIT_CTL_PROGRAM_H
+#define BOARDKIT_CTL_PROGRAM_H
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Output.h"
+
+/// What a verb is called with, besides its own arguments.
+struct Call {
+  Output& out;
+  bool dryRun;
+  const std::vector<std::string>& command;  // what stands behind "--"
+};
+
+/// How a verb is told of. All of it goes into its help, in this order.
+struct Verb {
+  const char* name;
+  const char* summary;       // a line; the list of the group's verbs has it, too
+  const char* usage;         // the arguments: "DEVICE [FILE] [OPTION]..."
+  const char* danger = "";   // stands first: what may be harmed, in a line or two
+  const char* details = "";  // text behind the options, wrapped by the help
+  const char* example = "";  // a command line, without "boardctl"
+  const char* remains;       // what remains on the board when the program has gone, as a sentence or more
+  bool hasJson = true;       // verbs that read have it
+  bool hasDryRun = false;
+  bool takesCommand = false;  // behind "--"
+  bool hasChanged = false;    // tells of status 3; the option itself is the verb's own
+};
+
+/// The command line: groups, their verbs and options, help, exit statuses and what failures look like.
+///
+/// A group is added so:
+/// 1. Write GROUP.cpp with one function AddGROUP(Program&); declare it in Groups.h, call it in main.cpp, list the
+/// source
+///    in CMakeLists.txt.
+/// 2. In it, `CLI::App& group = program.AddGroup("name", "summary");` and for each verb
+///    `CLI::App& verb = program.AddVerb(&group, {name, summary, usage, ...}, run);`. A verb without a group gets
+///    nullptr.
+/// 3. Its arguments are members of a struct that a shared pointer keeps, captured by @p run. AddArgument() binds them,
+///    each with its check of Check.h; nothing else reads the command line. @p run begins when all are right, and throws
+///    UsageError for those that do not go together, before it opens anything.
+/// 4. @p run tells results by Output, returns a status of Status.h, and looks at signals::Caught() where it waits. What
+///    it lets through is told with the catalogue's cause and remedy, with status 1.
+class Program {
+ public:
+  using Run = std::function<int(Call&)>;
+
+  Program();
+
+  CLI::App& AddGroup(const char* name, const char* summary);
+  CLI::App& AddVerb(CLI::App* group, const Verb& verb, Run run);
+
+  /// Parses, runs the verb and returns the exit status.
+  int Main(int argc, const char* const* argv);
+
+  const CLI::App& Tree() const {
+    return m_app;
+  }
+  /// The verb that @p app stands for; null for the program itself and for groups.
+  const Verb* VerbOf(const CLI::App* app) const;
+
+ private:
+  struct Entry {
+    Verb verb;
+    Run run;
+  };
+
+  int Parse(const std::vector<std::string>& arguments, const CLI::App*& chosen);
+  int RunVerb(const CLI::App& chosen);
+  void CheckGlobals(const CLI::App& chosen) const;
+
+  CLI::App m_app;
+  std::map<const CLI::App*, Entry> m_verbs;
+  Output::Options m_options;
+  bool m_dryRun = false;
+  bool m_hasCommand = false;
+  std::vector<std::string> m_command;
+};
+
+/// Binds an argument: an option ("--speed", with the @p type of its value) or a positional one ("DEVICE", which needs
+/// none). @p parse makes the value of the text, or throws std::invalid_argument with a phrase.
+template <typename T, typename Parse>
+CLI::Option* AddArgument(CLI::App& verb, const std::string& name, const char* type, T& target, Parse parse,
+                         const std::string& description) {
+  const auto take = [&target, parse, name](const std::string& text) {
+    try {
+      target = parse(text);
+    } catch (const std::invalid_argument& e) {
+      throw CLI::ValidationError(name, e.what());
+    }
+  };
+  return verb.add_option_function<std::string>(name, take, description)->type_name(type);
+}
+
+#endif

@@ -1,0 +1,152 @@
+#include "Signals.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <SystemCalls.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <iterator>
+#include <system_error>
+
+namespace {
+
+constexpr int kNone = -1;
+
+std::atomic<int> caught{0};
+std::atomic<int> discarded{kNone};  // the descriptor of the tty
+std::atomic<bool> isHandedOn{false};
+int wake[2] = {kNone, kNone};
+
+/// Appends @p number in decimal digits, and a NUL; with what a signal handler may call.
+char* Append(char* to, int number) {
+  char digits[12];
+  char* first = std::end(digits);
+  do {
+    *--first = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number != 0);
+  while (first != std::end(digits)) {
+    *to++ = *first++;
+  }
+  *to = '\0';
+  return to;
+}
+
+char* Append(char* to, const char* text) {
+  while (*text != '\0') {
+    *to++ = *text++;
+  }
+  *to = '\0';
+  return to;
+}
+
+/// Sends @p number to all descendants of @p process; where the kernel does not list children, to none.
+void SignalDescendants(int process, int number, int depth) {
+  constexpr int kDeepest = 16;
+  char path[64];
+  char* end = Append(path, "/proc/");
+  end = Append(end, process);
+  end = Append(end, "/task/");
+  end = Append(end, process);
+  Append(end, "/children");
+  const int fd = depth > kDeepest ? kNone : ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd == kNone) {
+    return;
+  }
+  int child = 0;
+  char character = 0;
+  while (::read(fd, &character, 1) == 1) {
+    if (character >= '0' && character <= '9') {
+      child = child * 10 + (character - '0');
+      continue;
+    }
+    SignalDescendants(child, number, depth + 1);
+    ::kill(child, number);
+    child = 0;
+  }
+  ::close(fd);
+}
+
+void Note(int number, siginfo_t* /*information*/, void* /*context*/) {
+  const int error = errno;
+  int none = 0;
+  caught.compare_exchange_strong(none, number);
+  const char byte = 0;
+  // A full pipe wakes as well.
+  [[maybe_unused]] const ssize_t written = ::write(wake[1], &byte, 1);
+  if (const int fd = discarded; fd != kNone) {
+    ::tcflush(fd, TCOFLUSH);
+  }
+  if (isHandedOn) {
+    SignalDescendants(::getpid(), number, 0);
+  }
+  errno = error;
+}
+
+void Ignore(int /*number*/, siginfo_t* /*information*/, void* /*context*/) {}
+
+}  // namespace
+
+namespace signals {
+
+void Install() {
+  if (::pipe2(wake, O_CLOEXEC | O_NONBLOCK) == -1) {
+    throw std::system_error(errno, std::generic_category(), "No pipe for signals");
+  }
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction before {};
+    ::sigaction(number, nullptr, &before);
+    // What nohup or a shell's & has switched off stays so.
+    if (before.sa_handler != SIG_IGN) {
+      InstallSignalHandler(number, Note);
+    }
+  }
+  InstallSignalHandler(SIGPIPE, Ignore);
+}
+
+int Caught() {
+  return caught;
+}
+
+bool Wait(int milliseconds) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
+  while (Caught() == 0) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    if (left <= 0) {
+      return true;
+    }
+    pollfd woken{wake[0], POLLIN, 0};
+    ::poll(&woken, 1, static_cast<int>(left));
+  }
+  return false;
+}
+
+int Descriptor() {
+  return wake[0];
+}
+
+DiscardsOutput::DiscardsOutput(int fd) {
+  discarded = fd;
+}
+
+DiscardsOutput::~DiscardsOutput() {
+  discarded = kNone;
+}
+
+HandsOn::HandsOn() {
+  isHandedOn = true;
+}
+
+HandsOn::~HandsOn() {
+  isHandedOn = false;
+}
+
+}  // namespace signals

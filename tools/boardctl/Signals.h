@@ -1,0 +1,40 @@
+#ifndef BOARDKIT_CTL_SIGNALS_H
+#define BOARDKIT_CTL_SIGNALS_H
+
+/// SIGINT, SIGTERM and SIGHUP end a verb, after it has tidied up: they are noted, and the verb looks.
+namespace signals {
+
+/// From here on they are noted. SIGPIPE is caught, too, so that writing fails instead; children get it as usual.
+void Install();
+
+/// The number of the first one that came; 0 for none.
+int Caught();
+
+/// Waits for @p milliseconds, and not longer than until a signal comes. False if one has come, now or before.
+bool Wait(int milliseconds);
+
+/// A descriptor that is readable once a signal has come, for those who wait for something else, too.
+int Descriptor();
+
+/// While it lives, a signal also discards what the tty behind @p fd has not sent yet: so a writer that the line's flow
+/// control holds up comes back.
+class DiscardsOutput {
+ public:
+  explicit DiscardsOutput(int fd);
+  ~DiscardsOutput();
+  DiscardsOutput(const DiscardsOutput&) = delete;
+  DiscardsOutput& operator=(const DiscardsOutput&) = delete;
+};
+
+/// While it lives, a signal is also handed on to the commands that this process has started, and those that they have.
+class HandsOn {
+ public:
+  HandsOn();
+  ~HandsOn();
+  HandsOn(const HandsOn&) = delete;
+  HandsOn& operator=(const HandsOn&) = delete;
+};
+
+}  // namespace signals
+
+#endif
