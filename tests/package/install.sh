@@ -1,0 +1,53 @@
+#!/bin/sh
+# What installing leaves, by itself and from a parent project, and what uninstalling leaves of that.
+# Usage: install.sh SOURCE_DIR CXX
+set -eu
+source=$(readlink -f "$1") cxx=$2
+here=$source/tests/package
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+say() { printf '== %s\n' "$*"; }
+configure() { cmake -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER="$cxx" "$@"; }
+only_library="-DBOARDKIT_TESTS=OFF -DBOARDKIT_EXAMPLES=OFF -DBOARDKIT_SIM=OFF"
+
+say "install and uninstall"
+mkdir "$work/prefix"
+touch "$work/prefix/of-somebody-else"
+# shellcheck disable=SC2086
+configure -S "$source" -B "$work/build" $only_library >/dev/null
+cmake --build "$work/build" >/dev/null
+cmake --install "$work/build" --prefix "$work/prefix" >/dev/null
+find "$work/prefix" -name 'libboardkit.so.*.*.*' | grep .
+cmake --build "$work/build" --target uninstall >/dev/null
+find "$work/prefix" ! -type d | diff - /dev/stdin <<END
+$work/prefix/of-somebody-else
+END
+if find "$work/prefix" -name boardkit | grep .; then
+  echo 'These folders of the library are still there.'
+  exit 1
+fi
+
+say "uninstall, with nothing installed"
+if cmake --build "$work/build" --target uninstall >"$work/message" 2>&1; then
+  echo 'It should have failed.'
+  exit 1
+fi
+grep 'Nothing was installed from here' "$work/message"
+
+say "a parent that installs"
+configure -S "$here/add-subdirectory" -B "$work/parent" -DBOARDKIT_SOURCE_DIR="$source" -DBOARDKIT_INSTALL=ON \
+  -DCMAKE_INSTALL_RPATH="\$ORIGIN/../lib" -DCMAKE_INSTALL_LIBDIR=lib >/dev/null
+cmake --build "$work/parent" >/dev/null
+cmake --install "$work/parent" --prefix "$work/both" >/dev/null
+mv "$work/both" "$work/moved"
+rm -r "$work/parent"
+"$work/moved/bin/app"
+
+say "a build folder with a dollar sign in its path"
+mkdir "$work/of\$great"
+# shellcheck disable=SC2086
+if configure -S "$source" -B "$work/of\$great" $only_library >"$work/message" 2>&1; then
+  echo 'It should have been refused.'
+  exit 1
+fi
+grep -o 'has a dollar sign' "$work/message"
