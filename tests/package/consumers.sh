@@ -1,6 +1,8 @@
 #!/bin/sh
-# Installs the library, moves the installed tree, and builds and runs three kinds of consumer projects on it.
+# Builds and runs a consumer project that has the library as its subproject, and two on the installed library.
 # Usage: consumers.sh SOURCE_DIR BUILD_DIR CXX SHARED    (SHARED is ON or OFF, as in BUILD_SHARED_LIBS)
+#
+# The shared library is installed from BUILD_DIR. The static one is not in there, so the subproject's is installed.
 set -eu
 source=$(readlink -f "$1") build=$2 cxx=$3 shared=$4
 here=$source/tests/package
@@ -10,11 +12,19 @@ trap 'rm -rf "$work"' EXIT
 say() { printf '== %s\n' "$*"; }
 configure() { cmake -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER="$cxx" "$@" >/dev/null; }
 
+say "add_subdirectory"
+set --
 if [ "$shared" = OFF ]; then
-  say "build of a static library"
-  configure -S "$source" -B "$work/static" -DBUILD_SHARED_LIBS=OFF -DBOARDKIT_TESTS=OFF -DBOARDKIT_EXAMPLES=OFF
-  cmake --build "$work/static"
-  build=$work/static
+  build=$work/sub
+  set -- -DBOARDKIT_INSTALL=ON
+fi
+configure -S "$here/add-subdirectory" -B "$work/sub" -DBOARDKIT_SOURCE_DIR="$source" -DBUILD_SHARED_LIBS="$shared" "$@"
+cmake --build "$work/sub"
+"$work/sub/app"
+if [ "$shared" = ON ]; then
+  # Somebody else's project installs what it wants itself.
+  cmake --install "$work/sub" --prefix "$work/unasked"
+  [ ! -e "$work/unasked" ]
 fi
 
 say "install, then move the tree"
@@ -30,11 +40,6 @@ say "find_package"
 configure -S "$here/find-package" -B "$work/find" -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/find"
 "$work/find/app"
-
-say "add_subdirectory"
-configure -S "$here/add-subdirectory" -B "$work/sub" -DBOARDKIT_SOURCE_DIR="$source" -DBUILD_SHARED_LIBS="$shared"
-cmake --build "$work/sub"
-"$work/sub/app"
 
 say "pkg-config and one compiler call"
 # A compiler line in the shell's plain words can't have blanks in its paths.
