@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "Sandbox.h"
-#include "Supervisor.h"
+#include "sandbox/Filter.h"
+#include "sandbox/Sandbox.h"
 
 namespace {
 
@@ -56,12 +56,14 @@ std::string RemedyForNetwork(const std::string& why) {
 
 /// Prepares a board, up to the start of an application, and gives it up again.
 Result Try(bool namespaces, Net net, const Signals::State& signals, std::unique_ptr<Sandbox>& sandbox) {
-  Options options;
-  options.net = net;
-  options.command = {"true"};
-  options.watchdog.clear();  // takes a temporary file where there is no /dev of its own
+  Plan plan;
+  plan.command = {"true"};
+  // No FIFO, which takes a temporary file where there is no /dev of its own.
+  plan.nodes = {{"/dev/ttyS1", Node::Kind::kTerminal}, {"/dev/mem", Node::Kind::kFile}};
+  plan.net = net;
+  plan.namespaces = namespaces;
   try {
-    sandbox = std::make_unique<Sandbox>(options, namespaces, signals);
+    sandbox = std::make_unique<Sandbox>(plan, signals);
     return {};
   } catch (const SetupError& error) {
     return {error.what(), ""};
@@ -80,11 +82,10 @@ bool PrintCheck(const Signals::State& signals) {
     std::puts("\nThe board can't be simulated here.");
     return false;
   }
-  const Result quiet =
-      IfAllowed(Supervisor::CanKeepSignalsBack(), "This kernel lets signals interrupt them, if only rarely.",
-                "Linux 5.19 or newer, or handlers with SA_RESTART");
+  const Result quiet = IfAllowed(CanKeepSignalsBack(), "This kernel lets signals interrupt them, if only rarely.",
+                                 "Linux 5.19 or newer, or handlers with SA_RESTART");
   Print("to keep signals from interrupting these calls", quiet);
-  const Result injection = IfAllowed(Supervisor::CanHandOverDescriptors(sandbox->TakeDevices().listener),
+  const Result injection = IfAllowed(CanHandOverDescriptors(sandbox->TakeListener()),
                                      "This kernel can't do it in one step.", "Linux 5.14 or newer");
   Print("to answer opens with devices, where it gets no /dev of its own", injection);
 

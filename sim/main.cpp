@@ -7,7 +7,7 @@
 #include "Check.h"
 #include "ExitStatus.h"
 #include "Options.h"
-#include "Simulator.h"
+#include "board/Board.h"
 
 int main(int argc, char** argv) {
   // Descriptors of its own must not take the places of standard ones that are closed.
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     if (options->check) {
       return PrintCheck(Signals().Before()) ? 0 : kStatusNotSetUp;
     }
-    return Simulator(*options).Run();
+    return Board(*options).Run();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "boardsim: %s\n", error.what());
     return kStatusNotSetUp;

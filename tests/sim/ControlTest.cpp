@@ -203,8 +203,8 @@ TEST_F(Control, CommandsComeInPiecesOrTogetherAndFromSeveral) {
 TEST_F(Control, GarbageIsAnsweredByAnErrorThatNamesTheCommands) {
   Start({});
   const std::string commands =
-      "feed TTY HEX | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | read ADDRESS | "
-      "write ADDRESS VALUE | link INTERFACE up|down | watchdog | help";
+      "feed TTY HEX | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | watchdog | "
+      "read ADDRESS | write ADDRESS VALUE | link INTERFACE up|down | help";
   EXPECT_EQ(client->Ask("help"), "ok " + commands);
   for (const char* garbage : {"", "dance", "lines", "lines a b", "read", "write 1", "hangup", "\xff\xfe\x01", "Lines x",
                               "set /dev/ttyS1", "watchdog now"}) {

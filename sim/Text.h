@@ -1,0 +1,19 @@
+#ifndef BOARDKIT_SIM_TEXT_H
+#define BOARDKIT_SIM_TEXT_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+
+/// A number of 32 bits in C's notation, without a sign.
+std::optional<std::uint32_t> ParseNumber(const std::string& text);
+
+/// The number that an option needs.
+/// @throws SetupError if it is none.
+std::uint32_t NumberOf(const std::string& option, const std::string& text);
+
+/// Splits at the first separator; without one, the second part is empty.
+std::pair<std::string, std::string> Cut(const std::string& text, char separator);
+
+#endif

@@ -1,0 +1,118 @@
+#include "board/Answers.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kMostNames = 41;  // as many links as the kernel follows, and the first one
+
+std::string ProcessFolder(const TrappedCall& call) {
+  return "/proc/" + std::to_string(call.Thread()) + '/';
+}
+
+/// The path that the application means, from its root on: it may begin at its folder, or at one that it has open.
+std::filesystem::path AbsolutePath(const TrappedCall& call, const std::string& path) {
+  if (path.front() == '/') {
+    return path;
+  }
+  const std::string base = call.OpenFolder() == AT_FDCWD ? "cwd" : "fd/" + std::to_string(call.OpenFolder());
+  std::error_code error;
+  return std::filesystem::read_symlink(ProcessFolder(call) + base, error) / path;
+}
+
+/// The file that the application means, as it sees it: its links lead through its own /dev.
+/// @returns no file's identity if it is not there, or only for the application itself.
+FileId FileOf(const TrappedCall& call, const std::filesystem::path& path) {
+  const Descriptor root(::open((ProcessFolder(call) + "root").c_str(), O_PATH | O_CLOEXEC));
+  open_how how{};
+  how.flags = O_PATH | O_CLOEXEC;
+  how.resolve = RESOLVE_IN_ROOT;
+  const Descriptor file(static_cast<int>(::syscall(SYS_openat2, root.Get(), path.c_str(), &how, sizeof how)));
+  return file ? FileId::Of(file) : FileId();
+}
+
+/// The names of a file: the one that was called, and those that it links to.
+std::vector<std::string> NamesOf(const std::filesystem::path& path) {
+  std::vector<std::string> names;
+  std::filesystem::path name = path.lexically_normal();
+  std::error_code error;
+  while (!error && names.size() < kMostNames) {
+    names.push_back(name);
+    name = (name.parent_path() / std::filesystem::read_symlink(name, error)).lexically_normal();
+  }
+  return names;
+}
+
+}  // namespace
+
+void Answers::Give(const TrappedCall& call) const {
+  try {
+    if (call.IsIoctl()) {
+      GiveIoctl(call);
+    } else {
+      GiveOpen(call);
+    }
+  } catch (const RequestError& refused) {
+    call.Fail(refused.error);
+  }
+}
+
+void Answers::GiveIoctl(const TrappedCall& call) const {
+  // Whichever way the descriptor came to the application, it is known by the file behind it.
+  struct stat status {};
+  const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.IoctlDescriptor());
+  if (::stat(name.c_str(), &status) == 0 && call.IsWaiting()) {
+    const FileId file = FileId::Of(status);
+    for (const auto& device : m_devices) {
+      if (device->Is(file)) {
+        device->Request(call);
+        return;
+      }
+    }
+  }
+  call.Continue();
+}
+
+void Answers::GiveOpen(const TrappedCall& call) const {
+  std::string path;
+  try {
+    path = call.OpenPath();
+  } catch (const RequestError&) {
+    // Left empty: it can't be one of the devices, as far as anybody here can tell.
+  }
+  if (path.empty()) {
+    call.Continue();
+    return;
+  }
+
+  const std::filesystem::path absolute = AbsolutePath(call, path);
+  // A name that nobody has made: there is only the text to go by.
+  const std::vector<std::string> names = m_namespaces ? std::vector<std::string>() : NamesOf(absolute);
+  const FileId file = m_namespaces ? FileOf(call, absolute) : FileId();
+  const auto isMeant = [&](const std::unique_ptr<Device>& device) {
+    return m_namespaces ? device->Is(file) : std::find(names.begin(), names.end(), device->Path()) != names.end();
+  };
+  const auto device = std::find_if(m_devices.begin(), m_devices.end(), isMeant);
+  if (!call.IsWaiting()) {
+    return;
+  }
+  if (device == m_devices.end()) {
+    call.Continue();
+    return;
+  }
+  (*device)->Opened();
+  if (m_namespaces) {
+    call.Continue();
+  } else {
+    call.ReturnDescriptor((*device)->Open(call.OpenFlags()));
+  }
+}

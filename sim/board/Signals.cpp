@@ -1,0 +1,20 @@
+#include "board/Signals.h"
+
+#include <sys/signalfd.h>
+
+Signals::Signals() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  for (const int signal : {SIGCHLD, SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2}) {
+    ::sigaddset(&signals, signal);
+  }
+  m_descriptor = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+  // Writing fails with an error then, and that is enough.
+  ::sigaddset(&signals, SIGPIPE);
+  ::sigaddset(&signals, SIGXFSZ);
+  ::sigprocmask(SIG_BLOCK, &signals, &m_before.mask);
+  // Where children's ends are ignored, nobody learns of them.
+  struct sigaction standard {};
+  standard.sa_handler = SIG_DFL;
+  ::sigaction(SIGCHLD, &standard, &m_before.child);
+}

@@ -1,0 +1,44 @@
+#ifndef BOARDKIT_SIM_DEVICES_BYTEQUEUE_H
+#define BOARDKIT_SIM_DEVICES_BYTEQUEUE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/// Bytes on their way, not more than a certain number. What is too much is dropped, and counted.
+class ByteQueue {
+ public:
+  explicit ByteQueue(std::size_t capacity) : m_capacity(capacity) {}
+
+  std::size_t Size() const {
+    return m_bytes.size() - m_sent;
+  }
+  bool IsEmpty() const {
+    return Size() == 0;
+  }
+  std::size_t Room() const {
+    return m_capacity - Size();
+  }
+  /// All that were dropped since the beginning.
+  std::uint64_t Dropped() const {
+    return m_dropped;
+  }
+
+  /// Takes as many as there is room for.
+  /// @returns whether these were all.
+  bool Append(std::string_view bytes);
+  /// Writes to a descriptor that does not block, as far as this takes it.
+  /// @returns 0, or the error number if nobody will ever take it.
+  int Deliver(int fd);
+  /// Discards what is in it. That does not count as dropped.
+  void Clear();
+
+ private:
+  std::size_t m_capacity;
+  std::string m_bytes;
+  std::size_t m_sent = 0;  // how many at the beginning have gone already
+  std::uint64_t m_dropped = 0;
+};
+
+#endif

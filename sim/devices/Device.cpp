@@ -1,0 +1,13 @@
+#include "devices/Device.h"
+
+#include "devices/Memory.h"
+#include "devices/SerialLine.h"
+#include "devices/Watchdog.h"
+
+std::vector<std::unique_ptr<DeviceKind>> AllDeviceKinds() {
+  std::vector<std::unique_ptr<DeviceKind>> kinds;
+  kinds.push_back(MakeSerialLineKind());
+  kinds.push_back(MakeWatchdogKind());
+  kinds.push_back(MakeMemoryKind());
+  return kinds;
+}

@@ -1,0 +1,60 @@
+#ifndef BOARDKIT_SIM_DEVICES_WATCHDOG_H
+#define BOARDKIT_SIM_DEVICES_WATCHDOG_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "devices/Device.h"
+
+/// A hardware watchdog: the reading end of the FIFO that the application has as its device.
+///
+/// Opening arms it, a written byte or a request feeds it, and a close stops it only if a 'V' was written last.
+class Watchdog : public Device {
+ public:
+  Watchdog(const std::string& path, const Backplane& backplane);
+
+  /// @param descriptor any one of the FIFO.
+  void Attach(Descriptor descriptor) override;
+  bool Is(const FileId& file) const override;
+  /// Arms it, or feeds it where an earlier close has not stopped it.
+  /// @throws RequestError EBUSY: somebody else has it.
+  void Opened() override;
+  Descriptor Open(int flags) const override;
+  void Request(const TrappedCall& call) override;
+  /// Resets the board if nobody has stopped it.
+  void Finish(Clock::time_point latest) override;
+
+ private:
+  /// Takes what was written, and the close after it.
+  void Look();
+  /// When it resets the board, if nothing happens before.
+  std::optional<Clock::time_point> Deadline() const;
+  void Expire();
+  void Reset(const std::string& circumstance) const;
+  std::string State() const;
+  void Begin();
+  void Reopen();
+  void Arm();
+  void Feed(const char* how);
+  void SetTimeout(const TrappedCall& call);
+  void SetOptions(const TrappedCall& call);
+  int SecondsLeft() const;
+
+  const Backplane m_backplane;
+  EventLog& m_log;
+  Descriptor m_fifo;
+  FileId m_id;
+  Descriptor m_reader;
+  bool m_isOpen = false;
+  bool m_isArmed = false;
+  bool m_maySleep = false;  // the last byte was the magic one
+  int m_timeout = 60;       // seconds
+  Clock::time_point m_fed;
+  EventLoop::Registration m_readerRegistration;
+  EventLoop::Registration m_deadlineRegistration;
+};
+
+std::unique_ptr<DeviceKind> MakeWatchdogKind();
+
+#endif

@@ -1,0 +1,158 @@
+#include "sandbox/Filter.h"
+
+#include <fcntl.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+
+#if defined(__x86_64__)
+constexpr unsigned int kArchitecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr unsigned int kArchitecture = AUDIT_ARCH_AARCH64;
+#else
+#error "boardsim knows the system calls of amd64 and arm64 only."
+#endif
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the filter looks at the low words of arguments");
+
+namespace {
+
+constexpr unsigned int kTypeShift = 8;  // of an ioctl's request
+constexpr unsigned int kTypeBits = 0xFFU << kTypeShift;
+
+/// Writes a filter: tests one after the other, each with its verdict directly behind it.
+class Program {
+ public:
+  void LoadArchitecture() {
+    Load(offsetof(seccomp_data, arch));
+  }
+  void LoadNumber() {
+    Load(offsetof(seccomp_data, nr));
+  }
+  void LoadArgument(std::size_t index) {
+    Load(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
+  }
+  void Keep(unsigned int bits) {
+    m_code.push_back(BPF_STMT(BPF_ALU | BPF_AND | BPF_K, bits));
+  }
+  void Return(unsigned int verdict) {
+    m_code.push_back(BPF_STMT(BPF_RET | BPF_K, verdict));
+  }
+  void ReturnIfEqual(unsigned int value, unsigned int verdict) {
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1));
+    Return(verdict);
+  }
+  void ReturnUnlessEqual(unsigned int value, unsigned int verdict) {
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 1, 0));
+    Return(verdict);
+  }
+  void ReturnIfAnySet(unsigned int bits, unsigned int verdict) {
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, bits, 0, 1));
+    Return(verdict);
+  }
+  /// The part that follows, for one system call. It must end with Return().
+  void Append(int systemCall, const Program& part) {
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0,
+                              static_cast<unsigned char>(part.m_code.size())));
+    m_code.insert(m_code.end(), part.m_code.begin(), part.m_code.end());
+  }
+  sock_fprog Finished() {
+    return {static_cast<unsigned short>(m_code.size()), m_code.data()};
+  }
+
+ private:
+  void Load(std::size_t offset) {
+    m_code.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned int>(offset)));
+  }
+
+  std::vector<sock_filter> m_code;
+};
+
+Program IoctlPart(const TrappedRequests& requests) {
+  Program part;
+  part.LoadArgument(1);
+  for (const unsigned int request : requests.numbers) {
+    part.ReturnIfEqual(request, SECCOMP_RET_USER_NOTIF);
+  }
+  part.Keep(kTypeBits);
+  for (const unsigned int type : requests.types) {
+    part.ReturnIfEqual(type << kTypeShift, SECCOMP_RET_USER_NOTIF);
+  }
+  part.Return(SECCOMP_RET_ALLOW);
+  return part;
+}
+
+/// Opens for writing without O_CREAT: devices are opened so, and little else. What is kept back can be interrupted by
+/// signals, which programs expect of opening a device at most.
+Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
+  Program part;
+  part.LoadArgument(flagsIndex);
+  part.ReturnIfAnySet(O_PATH | O_DIRECTORY | (devicesExist ? O_CREAT : 0), SECCOMP_RET_ALLOW);
+  part.Keep(O_ACCMODE);
+  part.ReturnIfEqual(O_RDONLY, SECCOMP_RET_ALLOW);
+  part.Return(SECCOMP_RET_USER_NOTIF);
+  return part;
+}
+
+Program Filter(const TrappedRequests& requests, bool devicesExist) {
+  Program filter;
+  filter.LoadArchitecture();
+  // Programs for other architectures are left alone.
+  filter.ReturnUnlessEqual(kArchitecture, SECCOMP_RET_ALLOW);
+  filter.LoadNumber();
+  filter.Append(SYS_ioctl, IoctlPart(requests));
+  filter.Append(SYS_openat, OpenPart(2, devicesExist));
+#ifdef SYS_open
+  filter.Append(SYS_open, OpenPart(1, devicesExist));
+#endif
+  filter.Return(SECCOMP_RET_ALLOW);
+  return filter;
+}
+
+int Seccomp(unsigned int operation, unsigned long flags, void* argument) {
+  return static_cast<int>(::syscall(SYS_seccomp, operation, flags, argument));
+}
+
+}  // namespace
+
+void TrappedRequests::Add(const TrappedRequests& others) {
+  numbers.insert(numbers.end(), others.numbers.begin(), others.numbers.end());
+  types.insert(types.end(), others.types.begin(), others.types.end());
+}
+
+Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist) {
+  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == -1) {
+    return Descriptor();
+  }
+  Program filter = Filter(requests, devicesExist);
+  sock_fprog program = filter.Finished();
+  // A call that has been received can't be interrupted any more, where the kernel is new enough for that.
+  int listener = Seccomp(SECCOMP_SET_MODE_FILTER,
+                         SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV, &program);
+  if (listener == -1 && errno == EINVAL) {
+    listener = Seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
+  }
+  return Descriptor(listener);
+}
+
+bool CanKeepSignalsBack() {
+  // Without a filter nothing is installed: the kernel complains of that, or of the flag before.
+  return Seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV,
+                 nullptr) == -1 &&
+         errno == EFAULT;
+}
+
+bool CanHandOverDescriptors(const Descriptor& listener) {
+  // For a call that does not wait: the kernel complains of that, or of the flag before.
+  seccomp_notif_addfd addition{};
+  addition.flags = SECCOMP_ADDFD_FLAG_SEND;
+  addition.srcfd = static_cast<std::uint32_t>(listener.Get());
+  return ::ioctl(listener.Get(), SECCOMP_IOCTL_NOTIF_ADDFD, &addition) == -1 && errno == ENOENT;
+}

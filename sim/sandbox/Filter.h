@@ -1,0 +1,27 @@
+#ifndef BOARDKIT_SIM_SANDBOX_FILTER_H
+#define BOARDKIT_SIM_SANDBOX_FILTER_H
+
+#include <vector>
+
+#include "Descriptor.h"
+
+/// The requests, by ioctl, that the simulator has to answer.
+struct TrappedRequests {
+  std::vector<unsigned int> numbers;
+  std::vector<unsigned char> types;  // all requests of a type, as the kernel's _IO() takes it
+
+  void Add(const TrappedRequests& others);
+};
+
+/// Keeps back system calls of the calling process, and of all that it starts: those requests, and opens that may be
+/// of a device.
+/// @param devicesExist whether the devices lie under their names: then nobody has to keep programs from making files
+/// there, or from opening the machine's own.
+/// @returns where the calls arrive, or none with errno.
+Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist);
+
+// What kernels have come to know later:
+bool CanKeepSignalsBack();
+bool CanHandOverDescriptors(const Descriptor& listener);
+
+#endif

@@ -1,0 +1,19 @@
+#ifndef BOARDKIT_SIM_SANDBOX_FIRSTPROCESS_H
+#define BOARDKIT_SIM_SANDBOX_FIRSTPROCESS_H
+
+#include <sys/types.h>
+
+#include "board/Signals.h"
+#include "sandbox/Channel.h"
+#include "sandbox/Namespaces.h"
+#include "sandbox/Plan.h"
+
+/// The life of the first process inside, after the simulator has made it: it makes the application's surroundings,
+/// starts it, waits for its end, and ends all others with it.
+[[noreturn]] void RunFirstProcess(const Plan& plan, const UserMap& users, const Channel& channel,
+                                  const Signals::State& signals);
+
+/// Ends every process below this one. Those whose parents die become children of this one.
+void EndDescendants();
+
+#endif

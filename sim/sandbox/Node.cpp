@@ -1,0 +1,100 @@
+#include "sandbox/Node.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "sandbox/Errors.h"
+#include "sandbox/Files.h"
+
+namespace {
+
+/// A master whose slave can be opened.
+Descriptor OpenMaster(const char* ptmx) {
+  Descriptor master(::open(ptmx, O_RDWR | O_NOCTTY | O_CLOEXEC));
+  int unlocked = 0;
+  if (!master || ::ioctl(master.Get(), TIOCSPTLCK, &unlocked) == -1) {
+    return Descriptor();
+  }
+  return master;
+}
+
+/// A terminal of the private /dev, under a name there.
+Descriptor MakeTerminal(const std::string& path) {
+  Descriptor master = OpenMaster("/dev/pts/ptmx");
+  Require(static_cast<bool>(master), "the terminal for " + path + " can't be opened");
+  unsigned int number = 0;
+  ::ioctl(master.Get(), TIOCGPTN, &number);
+  Require(Bind("/dev/pts/" + std::to_string(number), path), path + " can't be mounted");
+  return master;
+}
+
+/// A FIFO's reading end.
+Descriptor OpenReader(const std::string& path) {
+  return Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+/// A FIFO without a name. (Not a pipe: only a FIFO tells a reader of each time that the last writer has gone.)
+Descriptor MakeNamelessFifo() {
+  const char* folder = std::getenv("TMPDIR");
+  std::string place = std::string(folder == nullptr ? "/tmp" : folder) + "/boardsim-XXXXXX";
+  Require(::mkdtemp(place.data()) != nullptr, place + " can't be made");
+  const std::string name = place + "/watchdog";
+  const bool made = ::mkfifo(name.c_str(), kNodeMode) == 0;
+  Descriptor fifo = OpenReader(name);
+  const int error = errno;
+  ::unlink(name.c_str());
+  ::rmdir(place.c_str());
+  errno = error;
+  Require(made && fifo, name + " can't be made");
+  return fifo;
+}
+
+void SetSize(const Descriptor& file, const Node& node) {
+  Require(file && ::ftruncate(file.Get(), node.size) == 0, node.path + " can't be made");
+}
+
+}  // namespace
+
+Descriptor MakeNode(const Node& node) {
+  if (node.kind == Node::Kind::kTerminal) {
+    MakeEmptyFile(node.path);
+    return MakeTerminal(node.path);
+  }
+  MakeFoldersFor(node.path);
+  if (node.kind == Node::Kind::kFifo) {
+    Require(::mkfifo(node.path.c_str(), kNodeMode) == 0, node.path + " can't be made");
+    return OpenReader(node.path);
+  }
+  Descriptor file(::open(node.path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kNodeMode));
+  SetSize(file, node);
+  return file;
+}
+
+Descriptor RenewNode(const std::string& path) {
+  ::umount2(path.c_str(), MNT_DETACH);
+  return MakeTerminal(path);
+}
+
+Descriptor MakeNamelessNode(const Node& node) {
+  switch (node.kind) {
+    case Node::Kind::kTerminal: {
+      Descriptor master = OpenMaster("/dev/ptmx");
+      Require(static_cast<bool>(master), "the terminal for " + node.path + " can't be opened");
+      return master;
+    }
+    case Node::Kind::kFifo:
+      return MakeNamelessFifo();
+    case Node::Kind::kFile:
+      break;
+  }
+  Descriptor file(::memfd_create("node", MFD_CLOEXEC));
+  SetSize(file, node);
+  return file;
+}

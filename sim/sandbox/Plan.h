@@ -1,0 +1,20 @@
+#ifndef BOARDKIT_SIM_SANDBOX_PLAN_H
+#define BOARDKIT_SIM_SANDBOX_PLAN_H
+
+#include <string>
+#include <vector>
+
+#include "sandbox/Filter.h"
+#include "sandbox/Network.h"
+#include "sandbox/Node.h"
+
+/// What an application is to find.
+struct Plan {
+  std::vector<std::string> command;
+  std::vector<Node> nodes;
+  TrappedRequests requests;
+  Net net = Net::kPrivate;
+  bool namespaces = true;
+};
+
+#endif

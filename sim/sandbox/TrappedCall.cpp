@@ -1,0 +1,104 @@
+#include "sandbox/TrappedCall.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+bool TrappedCall::IsIoctl() const {
+  return m_call.data.nr == SYS_ioctl;
+}
+
+int TrappedCall::IoctlDescriptor() const {
+  return static_cast<int>(m_call.data.args[0]);
+}
+
+unsigned int TrappedCall::IoctlRequest() const {
+  // Some callers extend the sign of a request: the kernel looks at the low word only, too.
+  return static_cast<unsigned int>(m_call.data.args[1]);
+}
+
+int TrappedCall::OpenFolder() const {
+  return m_call.data.nr == SYS_openat ? static_cast<int>(m_call.data.args[0]) : AT_FDCWD;
+}
+
+int TrappedCall::OpenFlags() const {
+  return static_cast<int>(m_call.data.args[m_call.data.nr == SYS_openat ? 2 : 1]);
+}
+
+std::string TrappedCall::OpenPath() const {
+  const std::uint64_t address = m_call.data.args[m_call.data.nr == SYS_openat ? 1 : 0];
+  std::string path;
+  constexpr std::uint64_t kPiece = 256;
+  // Piece by piece up to the next boundary: behind the text, there need not be any memory.
+  while (path.size() < PATH_MAX) {
+    char piece[kPiece];
+    const std::size_t size = kPiece - (address + path.size()) % kPiece;
+    ReadMemory(address + path.size(), piece, size);
+    char* const end = std::find(piece, piece + size, '\0');
+    path.append(piece, end);
+    if (end != piece + size) {
+      return path;
+    }
+  }
+  throw RequestError{ENAMETOOLONG};
+}
+
+bool TrappedCall::IsWaiting() const {
+  return ::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ID_VALID, &m_call.id) == 0;
+}
+
+void TrappedCall::Return(std::int64_t value) const {
+  Answer(value, 0, 0);
+}
+
+void TrappedCall::Fail(int error) const {
+  Answer(0, -error, 0);
+}
+
+void TrappedCall::Continue() const {
+  Answer(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
+}
+
+void TrappedCall::ReturnDescriptor(const Descriptor& descriptor) const {
+  seccomp_notif_addfd addition{};
+  addition.id = m_call.id;
+  addition.flags = SECCOMP_ADDFD_FLAG_SEND;
+  addition.srcfd = static_cast<std::uint32_t>(descriptor.Get());
+  addition.newfd_flags = static_cast<std::uint32_t>(OpenFlags() & O_CLOEXEC);
+  if (::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ADDFD, &addition) == -1 && errno != ENOENT) {
+    Fail(errno);
+  }
+}
+
+void TrappedCall::ReadMemory(std::uint64_t address, void* to, std::size_t size) const {
+  const iovec here{to, size};
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): it comes from the kernel as a number
+  const iovec there{reinterpret_cast<void*>(address), size};
+  if (::process_vm_readv(Thread(), &here, 1, &there, 1, 0) != static_cast<ssize_t>(size)) {
+    throw RequestError{EFAULT};
+  }
+}
+
+void TrappedCall::WriteMemory(std::uint64_t address, const void* from, std::size_t size) const {
+  const iovec here{const_cast<void*>(from), size};  // NOLINT(cppcoreguidelines-pro-type-const-cast): only read
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): it comes from the kernel as a number
+  const iovec there{reinterpret_cast<void*>(address), size};
+  if (::process_vm_writev(Thread(), &here, 1, &there, 1, 0) != static_cast<ssize_t>(size)) {
+    throw RequestError{EFAULT};
+  }
+}
+
+void TrappedCall::Answer(std::int64_t value, int error, std::uint32_t flags) const {
+  seccomp_notif_resp answer{};
+  answer.id = m_call.id;
+  answer.val = value;
+  answer.error = error;
+  answer.flags = flags;
+  // Fails only if the caller has gone: nobody is left to be told.
+  ::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
+}
