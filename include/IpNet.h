@@ -3,7 +3,6 @@
 
 #include <initializer_list>
 #include <map>
-#include <sstream>
 #include <string>
 
 class OpSystem;
@@ -124,7 +123,7 @@ class IpNet {
 
   OpSystem& m_opSystem;
   bool m_debugActive = false;
-  std::stringstream m_debugOutput;
+  std::string m_debugOutput;
 };
 
 #pragma GCC visibility pop

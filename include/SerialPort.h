@@ -202,7 +202,8 @@ class SerialPort {
   /// True if the receive buffer holds something; the device is not asked.
   bool IsDataAvailable() const;
   /// Moves @p count bytes, or all if @p count is 0, from the receive buffer into @p out, whose content is replaced.
-  /// @throws std::out_of_range if fewer than @p count bytes are buffered; they stay, and @p out is empty.
+  /// @throws std::invalid_argument "SerialPort::Read: more bytes asked for than are buffered."; they stay, and @p out is
+  /// empty.
   void Read(std::vector<unsigned char>& out, unsigned int count);
 
   // --- What the driver holds; none of these checks for open

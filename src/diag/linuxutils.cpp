@@ -28,7 +28,7 @@ struct Free {
 
 /// Appends the nested name in @p symbol to @p name; false if the text does not read like one.
 ///
-/// Kept: this knows lengths and the final 'E' and nothing else; names in logs look as it makes them.
+/// By contract: this knows lengths and the final 'E' and nothing else; names in logs look as it makes them.
 bool ReadNestedName(const char* symbol, std::string& name) {
   while (*symbol != '\0') {
     if (std::isdigit(static_cast<unsigned char>(*symbol)) == 0) {

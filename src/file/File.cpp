@@ -10,8 +10,11 @@
 #include <exception>
 #include <fstream>
 
-#include "../sys/Loops.h"
+#include "../sys/DataPath.h"
 #include "../sys/SystemError.h"
+#include "SystemCalls.h"
+
+using boardkit::ThrowSystemError;
 
 namespace {
 
@@ -21,22 +24,6 @@ constexpr std::size_t kProcNameSize = 100;
 
 bool HasMetEnd(std::FILE* stream) {
   return stream != nullptr && std::feof(stream) != 0;
-}
-
-/// Throws what a failed loop has thrown once more, as a system error with the current errno and the file's name.
-///
-/// Kept: the texts stand together without a separator, and a failure without an errno of its own gets whatever is
-/// there.
-[[noreturn, gnu::noinline]] void ThrowTransferError(const std::exception& failure, const char* attempt,
-                                                    const std::string& name) {
-  const int error = errno;
-  ThrowSystemError(error, failure.what() + (attempt + name) + "' failed.");
-}
-
-/// Apart from ReadBytes(), which is the faster for having no text to compose.
-[[noreturn, gnu::noinline]] void ThrowEndOfFile(const std::string& name) {
-  const int error = errno;
-  ThrowSystemError(error, "End of file reached for '" + name + "'.");
 }
 
 }  // namespace
@@ -73,16 +60,15 @@ File::File(int fd) : m_fd(fd, kNoDescriptor, ::close), m_flags(0), m_mode(0), m_
   Init();
 }
 
-// Kept: the members go in this order: the name, the stream with fclose, and then the descriptor with close, although
-// fclose has closed it already.
+// By contract: the members go in this order: the name, the stream with fclose, and then the descriptor with close,
+// although fclose has closed it already.
 File::~File() = default;
 
 void File::Init() {
   if (m_fd.Get() == kNoDescriptor) {
     m_fd.Replace(::open(m_name.c_str(), m_flags, m_mode));
     if (m_fd.Get() == kNoDescriptor) {
-      const int error = errno;
-      ThrowSystemError(error, "Open for '" + m_name + "' failed.");
+      ThrowSystemError({"Open for '", m_name, "' failed."});
     }
   }
 
@@ -93,7 +79,7 @@ void File::Init() {
   }
 
   if (m_stream.Get() == nullptr) {
-    // Kept: for reading, whatever the descriptor was opened for; where that is refused, there is no stream.
+    // By contract: for reading, whatever the descriptor was opened for; where that is refused, there is no stream.
     m_stream.Replace(::fdopen(m_fd.Get(), "rb"));
   }
 }
@@ -112,9 +98,11 @@ bool File::EndOfFile() const {
 
 void File::WriteBytes(const unsigned char* data, unsigned int length) const {
   try {
-    WriteAll(m_fd.Get(), data, length);
+    WriteLoop(m_fd.Get(), data, length);
   } catch (const std::exception& e) {
-    ThrowTransferError(e, "WriteBytes to '", m_name);
+    // By contract: the two texts stand together without a separator, and a failure that has no error number of its own
+    // gets the one that errno happens to hold.
+    ThrowSystemError({e.what(), "WriteBytes to '", m_name, "' failed."});
   }
 }
 
@@ -122,26 +110,26 @@ void File::PutString(const std::string& text) const {
   WriteBytes(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
 }
 
-// From the start of a cache line on: what the system call has left of the caches counts in a short read.
-[[gnu::aligned(64)]] void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
-  // Kept: the stream's indicator is looked at, while the bytes come through the descriptor.
+void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
+  // By contract: the stream's indicator is looked at, while the bytes come through the descriptor; it is an end that
+  // was met earlier, so the error number is whatever errno happens to hold.
   if (HasMetEnd(m_stream.Get())) {
-    ThrowEndOfFile(m_name);
+    ThrowSystemError({"End of file reached for '", m_name, "'."});
   }
 
   try {
-    ReadAll(m_fd.Get(), buffer, length);
+    ReadLoop(m_fd.Get(), buffer, length);
   } catch (const std::exception& e) {
-    ThrowTransferError(e, "ReadBytes from '", m_name);
+    // By contract: put together as in WriteBytes().
+    ThrowSystemError({e.what(), "ReadBytes from '", m_name, "' failed."});
   }
 }
 
 std::string File::ReadLink(const std::string& path) {
   char target[kLinkSize] = {};
   if (::readlink(path.c_str(), target, sizeof target) == -1) {
-    const int error = errno;
-    // Kept: the word "failed" stands twice.
-    ThrowSystemError(error, "ReadLink failed for '" + path + "' failed.");
+    // By contract: the word "failed" stands twice.
+    ThrowSystemError({"ReadLink failed for '", path, "' failed."});
   }
   // A target as long as the buffer ends without a NUL.
   return std::string(target, ::strnlen(target, sizeof target));
@@ -152,8 +140,7 @@ long File::Seek(long offset, int whence) const {
   // Where off_t is the wider one, an offset that does not fit fails as it does in an lseek with a narrow one.
   const auto told = static_cast<long>(position);
   if (position == -1 || told != position) {
-    const int error = position == -1 ? errno : EOVERFLOW;
-    ThrowSystemError(error, "Seeking failed for '" + m_name + "' failed.");
+    ThrowSystemError(position == -1 ? errno : EOVERFLOW, {"Seeking failed for '", m_name, "' failed."});
   }
   return told;
 }
@@ -161,13 +148,12 @@ long File::Seek(long offset, int whence) const {
 int File::Ioctl(int request, ...) const {
   std::va_list arguments;
   va_start(arguments, request);
-  // Kept: the list itself is handed on, not the first argument in it.
+  // By contract: the list itself is handed on, not the first argument in it.
   const int result = ::ioctl(m_fd.Get(), static_cast<unsigned int>(request), arguments);
   va_end(arguments);
 
   if (result == -1) {
-    const int error = errno;
-    ThrowSystemError(error, "IO Control failed for '" + m_name + "' failed.");
+    ThrowSystemError({"IO Control failed for '", m_name, "' failed."});
   }
   return result;
 }

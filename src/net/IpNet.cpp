@@ -11,10 +11,14 @@
 #include <initializer_list>
 #include <iterator>
 #include <locale>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 
+#include "../sys/Join.h"
 #include "OpSystem.h"
+
+using boardkit::Join;
 
 namespace {
 
@@ -34,14 +38,14 @@ std::size_t FindValue(std::string_view text, std::string_view key, std::size_t s
   }
 
   if (wholeWord) {
-    // Kept: a first occurrence that fails here is final, a later one that would pass is not looked for.
+    // By contract: a first occurrence that fails here is final, a later one that would pass is not looked for.
     const std::size_t end = found + key.size();
     if (end >= text.size() || (found > 0 && text[found - 1] != kBlank) || text[end] != kBlank) {
       return std::string_view::npos;
     }
   }
 
-  // Kept: the word's end is searched from the key's first character, so a key with a blank in it ends there.
+  // By contract: the word's end is searched from the key's first character, so a key with a blank in it ends there.
   const std::size_t blank = text.find(kBlank, found);
   return blank == std::string_view::npos ? blank : text.find_first_not_of(kBlank, blank);
 }
@@ -51,26 +55,16 @@ std::string_view WordAt(std::string_view text, std::size_t position) {
   return text.substr(position, text.find(kBlank, position) - position);
 }
 
-/// One text out of its pieces. (A chain of + would be a chain of temporaries, each with its code.)
-std::string Join(std::initializer_list<std::string_view> pieces) {
-  std::string text;
-  for (const std::string_view piece : pieces) {
-    text += piece;
-  }
-  return text;
-}
-
 /// Adds the address and the prefix length that stand after @p key, if both do.
-void InsertAddress(IpNet::Record& info, std::string_view text, const char* key, const char* addressKey,
+void InsertAddress(IpNet::Record& info, const std::string& text, const char* key, const char* addressKey,
                    const char* prefixKey) {
-  const std::size_t position = FindValue(text, key, 0, true);
-  if (position == std::string_view::npos) {
+  std::string word;
+  if (IpNet::GetValue(text, key, 0, word, true) == IpNet::npos) {
     return;
   }
 
-  const std::string_view word = WordAt(text, position);
   const std::size_t slash = word.find('/');
-  if (slash != std::string_view::npos) {
+  if (slash != std::string::npos) {
     info[addressKey] = word.substr(0, slash);
     info[prefixKey] = word.substr(slash + 1);
   }
@@ -88,9 +82,9 @@ IpNet::Record IpNet::GetIfaceInfo(std::string iface) {
   const std::string output = Run("ip addr show dev " + iface);
 
   Record info;
-  const std::size_t link = FindValue(output, "link/", 0, false);
-  if (link != std::string_view::npos) {
-    info["link"] = WordAt(output, link);
+  std::string link;
+  if (GetValue(output, "link/", 0, link, false) != npos) {
+    info["link"] = link;
   }
   InsertAddress(info, output, "inet", "ipv4", "ipv4pflen");
   InsertAddress(info, output, "inet6", "ipv6", "ipv6pflen");
@@ -127,7 +121,7 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
     prefix = kLinkLocalPrefix;
   }
   if (!addr.empty() && (ipv6 || addr != "0.0.0.0")) {
-    // Kept: the newline stands here also when nothing is removed; the shell skips the empty line.
+    // By contract: the newline stands here also when nothing is removed; the shell skips the empty line.
     const char* const broadcast = ipv6 ? "" : " brd +";
     command += Join({"\nip ", family, " addr add ", addr, "/", prefix, broadcast, " dev ", iface});
   }
@@ -156,7 +150,7 @@ bool IpNet::SetGw(std::string iface, std::string gw, bool ipv6, bool flush) {
   }
 
   if (!gw.empty() && gw != (ipv6 ? "::" : "0.0.0.0")) {
-    // Kept: with the newline in any case, as in SetAddr.
+    // By contract: with the newline in any case, as in SetAddr.
     command += Join({"\nip ", family, " route add default via ", gw, " dev ", iface});
   }
 
@@ -173,12 +167,11 @@ bool IpNet::IsDebugActive() const {
 }
 
 void IpNet::ClearDebug() {
-  m_debugOutput.str("");
   m_debugOutput.clear();
 }
 
 std::string IpNet::GetDebugOutput() const {
-  return m_debugActive ? m_debugOutput.str() : std::string();
+  return m_debugActive ? m_debugOutput : std::string();
 }
 
 std::string IpNet::GetIpV4NetAddr(std::string address, int prefixLength) {
@@ -188,7 +181,7 @@ std::string IpNet::GetIpV4NetAddr(std::string address, int prefixLength) {
 
   in_addr net{};
   if (::inet_pton(AF_INET, address.c_str(), &net) != 1) {
-    // Kept: a malformed address leaves errno alone, so the message tells of whatever failed before.
+    // By contract: a malformed address leaves errno alone, so the message tells of whatever failed before.
     throw std::invalid_argument(std::strerror(errno));
   }
 
@@ -271,8 +264,9 @@ bool IpNet::FoundInMap(Record& map, Record& entries, bool keysOnly) {
 
 std::string IpNet::Run(const std::string& command) {
   if (m_debugActive) {
-    m_debugOutput << command << '\n';
+    // In one piece: where memory runs out, the trace stays as it was.
+    m_debugOutput += command + '\n';
   }
-  // Kept: bound to OpSystem's own command runner, whatever a derived class makes of it.
+  // By contract: bound to OpSystem's own command runner, whatever a derived class makes of it.
   return m_opSystem.OpSystem::ExecCmd(command, false);
 }

@@ -5,6 +5,8 @@
 
 #include "../sys/SystemError.h"
 
+using boardkit::ThrowSystemError;
+
 namespace {
 
 constexpr int kPieceSize = 512;  // bytes, the terminating NUL included
@@ -14,17 +16,19 @@ constexpr int kPieceSize = 512;  // bytes, the terminating NUL included
 OpSystem::~OpSystem() = default;
 
 std::string OpSystem::ExecCmd(std::string command, bool /*unused*/) {
-  // Kept: only the last command of the text is redirected, as the suffix is appended textually.
+  // By contract: only the last command of the text is redirected, as the suffix is appended textually.
   command += " 2>&1";
   std::FILE* const pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) {
     ThrowSystemError("popen failed");
   }
 
-  // Kept: no guard closes the pipe. Should memory run out here it stays open; closing it would wait for the command.
+  // By contract: no guard closes the pipe. Should memory run out here it stays open; closing it would wait for the
+  // command.
   std::string output;
   char piece[kPieceSize];
-  // Kept: a NUL byte cuts the piece in which it stands, and an error ends the reading like the end of the output.
+  // By contract: a NUL byte cuts the piece in which it stands, and an error ends the reading like the end of the
+  // output.
   while (std::fgets(piece, kPieceSize, pipe) != nullptr) {
     output += piece;
   }

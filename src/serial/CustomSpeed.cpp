@@ -4,7 +4,7 @@
 #include <asm/termbits.h>
 #include <sys/ioctl.h>
 
-int SetCustomSpeed(int fd, std::uint32_t bitsPerSecond) {
+int boardkit::SetCustomSpeed(int fd, std::uint32_t bitsPerSecond) {
   termios2 settings{};
   if (::ioctl(fd, TCGETS2, &settings) == -1) {
     return -1;

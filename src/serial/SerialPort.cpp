@@ -1,29 +1,22 @@
 #include "SerialPort.h"
 
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "../sys/SystemError.h"
 
-namespace {
+using boardkit::ThrowSystemError;
 
-constexpr const char* kSharedFionreadMessage = "SerialPort::ReadAllAvailableData: FIONREAD failed!";
+namespace {
 
 /// Gives up a descriptor that opening could not complete; errno stays that of the failed call.
 [[noreturn]] void CloseAndThrow(int fd, const char* message) {
   const int error = errno;
   ::close(fd);
 
-  ThrowSystemError(error, message);
-}
-
-/// Reports a failed call with the device's name in the text; errno is read before that is composed.
-[[noreturn]] void ThrowNaming(const std::string& device, const char* before, const std::string& behind) {
-  const int error = errno;
-  ThrowSystemError(error, before + device + behind);
+  ThrowSystemError(error, {message});
 }
 
 termios RawAttributes() {
@@ -60,12 +53,13 @@ SerialPort::~SerialPort() {
 
 void SerialPort::OpenSerialPortDevice() {
   if (IsOpen()) {
+    // By contract: no call has failed, so the error number is whatever errno happens to hold.
     ThrowSystemError("Serial port already open.");
   }
 
   const int fd = ::open(m_device.c_str(), O_RDWR | O_NOCTTY);
   if (fd == -1) {
-    ThrowNaming(m_device, "Open Serial Port '", "' failed?");
+    ThrowSystemError({"Open Serial Port '", m_device, "' failed?"});
   }
 
   ::fcntl(fd, F_SETFL, 0);
@@ -81,7 +75,7 @@ void SerialPort::OpenSerialPortDevice() {
     }
   }
 
-  // Kept: the flush is made on devices without terminal attributes too.
+  // By contract: the flush is made on devices without terminal attributes too.
   if (::tcflush(fd, TCIFLUSH) < 0) {
     CloseAndThrow(fd, "Flush of the input buffer failed?");
   }
@@ -104,7 +98,7 @@ void SerialPort::Open(BaudRate baudRate, CharacterSize charSize, Parity parity, 
   SetCharSize(charSize);
   SetParity(parity);
   SetNumOfStopBits(stopBits);
-  // Kept: as the last one it makes the line raw again, so the device runs with 8 bits and no parity.
+  // By contract: as the last one it makes the line raw again, so the device runs with 8 bits and no parity.
   SetFlowControl(flowControl);
 }
 
@@ -118,10 +112,11 @@ void SerialPort::Close() {
   SetLoopback(false);
 
   if (m_termiosSupported && ::tcsetattr(m_fd, TCSANOW, &m_savedSettings) < 0) {
-    ThrowNaming(m_device, "SerialPort::Close(): Setting the attributes of the serial port '", "' failed?");
+    ThrowSystemError({"SerialPort::Close(): Setting the attributes of the serial port '", m_device, "' failed?"});
   }
 
-  // Retried on EINTR alone; other failures are ignored.
+  // By contract: repeated on EINTR, although Linux has released the number by then, so that in a program with several
+  // threads the next call may close a file that is somebody else's. Other failures are ignored.
   while (::close(m_fd) == -1 && errno == EINTR) {
   }
 
@@ -129,62 +124,9 @@ void SerialPort::Close() {
   m_fd = -1;
 }
 
-void SerialPort::GetTheCurrentPortSettings(termios& settings) const {
-  if (m_termiosSupported && ::tcgetattr(m_fd, &settings) < 0) {
-    ThrowSystemError("Get the current port settings failed?");
-  }
-}
-
-void SerialPort::SetPortSettings(const termios& settings, const std::string& context) {
-  if (m_termiosSupported && ::tcsetattr(m_fd, TCSANOW, &settings) < 0) {
-    const int error = errno;
-    // Kept: the context follows without a separator.
-    ThrowSystemError(error, "SerialPort::SetPortSettings(): Setting the attributes of the serial port '" + m_device +
-                                "' failed?" + context);
-  }
-}
-
-int SerialPort::AvailableBytesToRead() const {
-  int count = 0;
-  if (::ioctl(m_fd, FIONREAD, &count) < 0) {
-    // Kept: the message names the other operation; both share it.
-    ThrowSystemError(kSharedFionreadMessage);
-  }
-  return count;
-}
-
-void SerialPort::ReadAllAvailableData() {
-  for (int count = AvailableBytesToRead(); count > 0; --count) {
-    // Byte by byte, so that what comes in meanwhile waits for the next call.
-    std::uint8_t byte = 0;
-    if (::read(m_fd, &byte, 1) < 1) {
-      return;
-    }
-    m_rxBuffer.push_back(byte);
-  }
-}
-
-void SerialPort::FlushInput() const {
-  if (::tcflush(m_fd, TCIFLUSH) < 0) {
-    ThrowSystemError("SerialPort::FlushInput: tcflush() failed!");
-  }
-}
-
-void SerialPort::FlushOutput() const {
-  if (::tcflush(m_fd, TCOFLUSH) < 0) {
-    ThrowSystemError("SerialPort::FlushOutput: tcflush() failed!");
-  }
-}
-
-void SerialPort::FlushInputAndOutput() const {
-  // Kept: the second flush drops what arrived between the two.
-  if (::tcflush(m_fd, TCIOFLUSH) < 0 || ::tcflush(m_fd, TCIFLUSH) < 0) {
-    ThrowSystemError("SerialPort::FlushInputAndOutput: tcflush() failed!");
-  }
-}
-
 void SerialPort::RequireOpen() const {
   if (!m_isOpen) {
+    // By contract: no call has failed here either, so the error number is a stray one.
     ThrowSystemError("Serial port not open.");
   }
 }

@@ -1,3 +1,5 @@
+#include "SerialPort.h"
+
 #include <linux/serial.h>
 #include <sys/ioctl.h>
 
@@ -7,9 +9,10 @@
 #include <sstream>
 
 #include "../sys/SystemError.h"
-#include "SerialPort.h"
 #include "SpeedCodes.h"
 #include "SystemCalls.h"
+
+using boardkit::ThrowSystemError;
 
 // Another board's values may be given at build time; see the options BOARDKIT_UART_*.
 #ifndef BOARDKIT_UART_PHYS_BASE
@@ -38,59 +41,59 @@ const char* FlowControlName(SerialPort::FlowControl flowControl) {
 }
 
 unsigned int PrintableSpeed(speed_t speed) {
-  return SerialPort::BaudRateToPrintableNumber(static_cast<unsigned int>(speedcodes::ToCode(speed)));
+  return SerialPort::BaudRateToPrintableNumber(static_cast<unsigned int>(boardkit::speedcodes::ToCode(speed)));
 }
 
 }  // namespace
 
 std::string SerialPort::ToString() {
-  std::string report = "Device:    " + m_device + "\n";
+  std::ostringstream report;
+  // Memory that runs out is told, not swallowed as the streams do.
+  report.exceptions(std::ios::badbit);
+  report << "Device:    " << m_device << '\n';
   if (!m_isOpen) {
-    return report + "not opened yet!\n";
+    report << "not opened yet!\n";
+    return report.str();
   }
 
   termios settings{};
   GetTheCurrentPortSettings(settings);
-  std::ostringstream speeds;
   if (m_customBaudRate != 0) {
-    speeds << "Custom Output Baudrate: " << m_customBaudRate << '\n';
-    speeds << "Custom  Baudrate:       " << m_customBaudRate << '\n';
+    report << "Custom Output Baudrate: " << m_customBaudRate << '\n';
+    report << "Custom  Baudrate:       " << m_customBaudRate << '\n';
   } else {
-    speeds << "Output Baudrate: " << PrintableSpeed(::cfgetospeed(&settings)) << '\n';
-    speeds << "Input  Baudrate: " << PrintableSpeed(::cfgetispeed(&settings)) << '\n';
+    report << "Output Baudrate: " << PrintableSpeed(::cfgetospeed(&settings)) << '\n';
+    report << "Input  Baudrate: " << PrintableSpeed(::cfgetispeed(&settings)) << '\n';
   }
-  report += speeds.str();
 
-  std::ostringstream details;
-  details << "Flowcontrol: " << FlowControlName(GetFlowControl()) << '\n';
+  report << "Flowcontrol: " << FlowControlName(GetFlowControl()) << '\n';
   serial_struct info{};
   if (::ioctl(m_fd, TIOCGSERIAL, &info) == -1) {
     ThrowSystemError(" TIOCGSERIAL failed!");
   }
 
-  details << "Baud Base:     " << info.baud_base << '\n';
-  details << "FIFO Size:     " << info.xmit_fifo_size << '\n';
-  // Kept: the stream stays hexadecimal from here on, for the interrupt, the divisor and the registers too.
-  details << "Flags:       0x" << std::hex << info.flags << '\n';
-  details << "IRQ:           " << info.irq << '\n';
-  details << "Divisor:       " << info.custom_divisor << '\n';
+  report << "Baud Base:     " << info.baud_base << '\n';
+  report << "FIFO Size:     " << info.xmit_fifo_size << '\n';
+  // By contract: the stream stays hexadecimal from here on, for the interrupt, the divisor and the registers too.
+  report << "Flags:       0x" << std::hex << info.flags << '\n';
+  report << "IRQ:           " << info.irq << '\n';
+  report << "Divisor:       " << info.custom_divisor << '\n';
   if (!m_termiosSupported) {
-    details << "Terminal Attributes are NOT supported!\n";
+    report << "Terminal Attributes are NOT supported!\n";
   }
 
   const unsigned int lineControl = ReadFromPhysicalMemoryAddress(kLineControl);
-  details << "Line Register: 0x" << lineControl << '\n';
+  report << "Line Register: 0x" << lineControl << '\n';
   WriteToPhysicalMemoryAddress(kLineControl, lineControl | kDivisorLatchAccess);
   const std::uint64_t low = ReadFromPhysicalMemoryAddress(kDivisorLatchLow);
   const std::uint64_t high = ReadFromPhysicalMemoryAddress(kDivisorLatchHigh);
-  // Kept: the two are put together as words, not as the bytes that they are.
+  // By contract: the two are put together as words, not as the bytes that they are.
   const std::uint64_t latch = high << 32U | low;
-  details << "Divisor Latch: " << latch << '\n';
-  details << "Real baud rate: " << kClock / (static_cast<double>(latch) * kClocksPerBit) << '\n';
-  report += details.str();
+  report << "Divisor Latch: " << latch << '\n';
+  report << "Real baud rate: " << kClock / (static_cast<double>(latch) * kClocksPerBit) << '\n';
 
-  // Kept: opening has the driver program the line again; the access bit is cleared in no other way.
+  // By contract: opening has the driver program the line again; the access bit is cleared in no other way.
   Close();
   Open(m_baudRate, m_charSize, m_parity, m_stopBits, m_flowControl);
-  return report;
+  return report.str();
 }

@@ -1,11 +1,16 @@
+#include "SerialPort.h"
+
 #include <sys/ioctl.h>
+#include <termios.h>
 
 #include <stdexcept>
 
 #include "../sys/SystemError.h"
 #include "CustomSpeed.h"
-#include "SerialPort.h"
 #include "SpeedCodes.h"
+
+namespace speedcodes = boardkit::speedcodes;
+using boardkit::ThrowSystemError;
 
 namespace {
 
@@ -13,7 +18,6 @@ namespace {
 constexpr int kModemLoopback = 0x8000;
 
 constexpr const char* kUnsupportedBaudRate = "Unsupported baud rate.";
-constexpr const char* kInvalidCharSize = "Invalid character size setting.";
 constexpr const char* kInvalidParity = "Invalid parity setting.";
 constexpr const char* kInvalidStopBits = "Invalid number of stop bits.";
 constexpr const char* kInvalidFlowControl = "Invalid flow control.";
@@ -62,7 +66,7 @@ static_assert(SerialPort::FLOW_CONTROL_NONE == 2, "interface");
 }  // namespace
 
 void SerialPort::SetBaudRate(BaudRate baudRate) {
-  // Kept: a custom speed comes before everything, the check for an open port included.
+  // By contract: a custom speed comes before everything, the check for an open port included.
   if (m_customBaudRate != 0) {
     return;
   }
@@ -96,9 +100,9 @@ void SerialPort::SetCharSize(CharacterSize charSize) {
   RequireOpen();
   termios settings{};
   GetTheCurrentPortSettings(settings);
-  // Kept: the value is not checked.
+  // By contract: the value is not checked.
   settings.c_cflag = (settings.c_cflag & ~static_cast<tcflag_t>(CSIZE)) | static_cast<tcflag_t>(charSize);
-  SetPortSettings(settings, kInvalidCharSize);
+  SetPortSettings(settings, "Invalid character size setting.");
   m_charSize = charSize;
 }
 
@@ -124,7 +128,7 @@ void SerialPort::SetParity(Parity parity) {
       settings.c_iflag |= INPCK;
       break;
     case PARITY_NONE:
-      // Kept: PARODD and INPCK stay as they are.
+      // By contract: PARODD and INPCK stay as they are.
       settings.c_cflag &= ~static_cast<tcflag_t>(PARENB);
       settings.c_iflag |= IGNPAR;
       break;
@@ -174,18 +178,18 @@ void SerialPort::SetFlowControl(FlowControl flowControl) {
   RequireOpen();
   termios settings{};
   GetTheCurrentPortSettings(settings);
-  // Kept: this resets the character size and the parity of the device, while the remembered ones stay.
+  // By contract: this resets the character size and the parity of the device, while the remembered ones stay.
   ::cfmakeraw(&settings);
   switch (flowControl) {
     case FLOW_CONTROL_HARDWARE:
       settings.c_cflag |= CRTSCTS;
       break;
     case FLOW_CONTROL_SOFTWARE:
-      // Kept: CRTSCTS stays as it is.
+      // By contract: CRTSCTS stays as it is.
       settings.c_iflag |= IXON | IXANY | IXOFF;
       break;
     case FLOW_CONTROL_NONE:
-      // Kept: IXOFF and IXANY stay as they are; IXON has just been cleared.
+      // By contract: IXOFF and IXANY stay as they are; IXON has just been cleared.
       settings.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
       break;
     default:
@@ -199,7 +203,7 @@ SerialPort::FlowControl SerialPort::GetFlowControl() const {
   RequireOpen();
   termios settings{};
   GetTheCurrentPortSettings(settings);
-  // Kept: software flow control is never reported.
+  // By contract: software flow control is never reported.
   return (settings.c_cflag & CRTSCTS) != 0 ? FLOW_CONTROL_HARDWARE : FLOW_CONTROL_NONE;
 }
 
@@ -229,7 +233,7 @@ void SerialPort::ReadyForReceive(bool ready) {
 }
 
 SerialPort::BaudRate SerialPort::ConversionToBaudrateEnum(int bitsPerSecond) {
-  // Kept: the standard speeds below this one are not converted.
+  // By contract: the standard speeds below this one are not converted.
   constexpr int kSlowest = 9600;
   for (const speedcodes::Speed& speed : speedcodes::kSpeeds) {
     if (bitsPerSecond >= kSlowest && speed.bitsPerSecond == static_cast<unsigned int>(bitsPerSecond)) {
@@ -240,7 +244,7 @@ SerialPort::BaudRate SerialPort::ConversionToBaudrateEnum(int bitsPerSecond) {
 }
 
 unsigned int SerialPort::BaudRateToPrintableNumber(unsigned int code) {
-  // Kept: the two fastest codes print as the speeds of the two before them.
+  // By contract: the two fastest codes print as the speeds of the two before them.
   constexpr unsigned int kShown2500000 = 1500000;
   constexpr unsigned int kShown3000000 = 2000000;
   if (code == BAUD_2500000) {
@@ -258,6 +262,21 @@ unsigned int SerialPort::BaudRateToPrintableNumber(unsigned int code) {
   return 0;
 }
 
+// By contract: neither this nor SetPortSettings() checks for open; on a closed port the call fails with descriptor -1.
+void SerialPort::GetTheCurrentPortSettings(termios& settings) const {
+  if (m_termiosSupported && ::tcgetattr(m_fd, &settings) < 0) {
+    ThrowSystemError("Get the current port settings failed?");
+  }
+}
+
+void SerialPort::SetPortSettings(const termios& settings, const std::string& context) {
+  if (m_termiosSupported && ::tcsetattr(m_fd, TCSANOW, &settings) < 0) {
+    // By contract: the context follows without a separator.
+    ThrowSystemError(
+        {"SerialPort::SetPortSettings(): Setting the attributes of the serial port '", m_device, "' failed?", context});
+  }
+}
+
 void SerialPort::ApplyBaudRate(BaudRate baudRate) {
   termios settings{};
   GetTheCurrentPortSettings(settings);
@@ -268,7 +287,7 @@ void SerialPort::ApplyBaudRate(BaudRate baudRate) {
 }
 
 void SerialPort::ApplyCustomBaudRate(std::uint32_t bitsPerSecond) {
-  if (m_termiosSupported && SetCustomSpeed(m_fd, bitsPerSecond) == -1) {
+  if (m_termiosSupported && boardkit::SetCustomSpeed(m_fd, bitsPerSecond) == -1) {
     ThrowSystemError(kUnsupportedBaudRate);
   }
 }

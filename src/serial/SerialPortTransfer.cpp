@@ -1,13 +1,23 @@
+#include "SerialPort.h"
+
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <stdexcept>
 
+#include "../sys/DataPath.h"
+#include "../sys/Retry.h"
 #include "../sys/SystemError.h"
-#include "SerialPort.h"
 
+using boardkit::IsTemporary;
+using boardkit::ThrowSystemError;
+
+// Not WriteLoop(): the port's texts end in a blank or name the port, a transfer without progress is a system error too,
+// and only 0 counts as one.
 void SerialPort::Write(const void* data, unsigned int count) {
   RequireOpen();
 
@@ -20,6 +30,7 @@ void SerialPort::Write(const void* data, unsigned int count) {
       }
       ThrowSystemError("Error writing to file descriptor: ");
     }
+    // By contract: a negative result but -1 steps back. For 0 no call has failed, and the error number is a stray one.
     if (written == 0) {
       ThrowSystemError("Error writing to file descriptor. writtenCount <= 0.");
     }
@@ -34,7 +45,8 @@ void SerialPort::Write(const std::string& text) {
 }
 
 void SerialPort::Read(const void* buffer, unsigned int count) {
-  // Kept: the buffer's type says that it is only read, and it is written through all the same.
+  // By contract: the buffer's type says that it is only read, and it is written through all the same; and there is no
+  // check for open, so that a closed port fails in the system call.
   ReadExactly(m_fd, const_cast<void*>(buffer), count);  // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface
 }
 
@@ -70,8 +82,7 @@ void SerialPort::Read(std::vector<unsigned char>& out, unsigned int count) {
 
   out.clear();
   if (count > m_rxBuffer.size()) {
-    throw std::out_of_range("SerialPort::Read: " + std::to_string(count) + " bytes asked for, " +
-                            std::to_string(m_rxBuffer.size()) + " buffered.");
+    throw std::invalid_argument("SerialPort::Read: more bytes asked for than are buffered.");
   }
 
   std::size_t remaining = count == 0 ? m_rxBuffer.size() : count;
@@ -82,6 +93,46 @@ void SerialPort::Read(std::vector<unsigned char>& out, unsigned int count) {
   }
 }
 
+int SerialPort::AvailableBytesToRead() const {
+  int count = 0;
+  if (::ioctl(m_fd, FIONREAD, &count) < 0) {
+    // By contract: the message names the other operation; both share it.
+    ThrowSystemError("SerialPort::ReadAllAvailableData: FIONREAD failed!");
+  }
+  return count;
+}
+
+void SerialPort::ReadAllAvailableData() {
+  for (int count = AvailableBytesToRead(); count > 0; --count) {
+    // Byte by byte, so that what comes in meanwhile waits for the next call.
+    std::uint8_t byte = 0;
+    if (::read(m_fd, &byte, 1) < 1) {
+      return;
+    }
+    m_rxBuffer.push_back(byte);
+  }
+}
+
+void SerialPort::FlushInput() const {
+  if (::tcflush(m_fd, TCIFLUSH) < 0) {
+    ThrowSystemError("SerialPort::FlushInput: tcflush() failed!");
+  }
+}
+
+void SerialPort::FlushOutput() const {
+  if (::tcflush(m_fd, TCOFLUSH) < 0) {
+    ThrowSystemError("SerialPort::FlushOutput: tcflush() failed!");
+  }
+}
+
+void SerialPort::FlushInputAndOutput() const {
+  // By contract: the second flush drops what arrived between the two.
+  if (::tcflush(m_fd, TCIOFLUSH) < 0 || ::tcflush(m_fd, TCIFLUSH) < 0) {
+    ThrowSystemError("SerialPort::FlushInputAndOutput: tcflush() failed!");
+  }
+}
+
+// Not ReadLoop(): the port's texts are others, and the end of the line is a system error too.
 void SerialPort::ReadExactly(int fd, void* buffer, unsigned int count) {
   auto* position = static_cast<char*>(buffer);
   while (count != 0) {
@@ -92,6 +143,7 @@ void SerialPort::ReadExactly(int fd, void* buffer, unsigned int count) {
       }
       ThrowSystemError("Error reading from file descriptor: ");
     }
+    // By contract: as in Write(), a negative result but -1 steps back, and the end of file has a stray error number.
     if (got == 0) {
       ThrowSystemError("SerialPort ReadCount 0");
     }

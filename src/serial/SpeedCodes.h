@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <iterator>
 
+#include "SerialPort.h"
+
 /// Speeds travel as the kernel's codes (B9600 is 13) through this library, and so they do through older C libraries.
 /// Newer ones (glibc from 2.42 on) take and give plain bits per second instead. Here is the one place that knows both.
-namespace speedcodes {
+namespace boardkit::speedcodes {
 
 struct Speed {
   int code;
@@ -17,11 +19,35 @@ struct Speed {
 };
 
 constexpr Speed kSpeeds[] = {
-    {0, 0},          {1, 50},         {2, 75},         {3, 110},        {4, 134},        {5, 150},
-    {6, 200},        {7, 300},        {8, 600},        {9, 1200},       {10, 1800},      {11, 2400},
-    {12, 4800},      {13, 9600},      {14, 19200},     {15, 38400},     {4097, 57600},   {4098, 115200},
-    {4099, 230400},  {4100, 460800},  {4101, 500000},  {4102, 576000},  {4103, 921600},  {4104, 1000000},
-    {4105, 1152000}, {4106, 1500000}, {4107, 2000000}, {4108, 2500000}, {4109, 3000000},
+    {SerialPort::BAUD_0, 0},
+    {SerialPort::BAUD_50, 50},
+    {SerialPort::BAUD_75, 75},
+    {SerialPort::BAUD_110, 110},
+    {SerialPort::BAUD_134, 134},
+    {SerialPort::BAUD_150, 150},
+    {SerialPort::BAUD_200, 200},
+    {SerialPort::BAUD_300, 300},
+    {SerialPort::BAUD_600, 600},
+    {SerialPort::BAUD_1200, 1200},
+    {SerialPort::BAUD_1800, 1800},
+    {SerialPort::BAUD_2400, 2400},
+    {SerialPort::BAUD_4800, 4800},
+    {SerialPort::BAUD_9600, 9600},
+    {SerialPort::BAUD_19200, 19200},
+    {SerialPort::BAUD_38400, 38400},
+    {SerialPort::BAUD_57600, 57600},
+    {SerialPort::BAUD_115200, 115200},
+    {SerialPort::BAUD_230400, 230400},
+    {SerialPort::BAUD_460800, 460800},
+    {SerialPort::BAUD_500000, 500000},
+    {SerialPort::BAUD_576000, 576000},
+    {SerialPort::BAUD_921600, 921600},
+    {SerialPort::BAUD_1000000, 1000000},
+    {SerialPort::BAUD_1152000, 1152000},
+    {SerialPort::BAUD_1500000, 1500000},
+    {SerialPort::BAUD_2000000, 2000000},
+    {SerialPort::BAUD_2500000, 2500000},
+    {SerialPort::BAUD_3000000, 3000000},
 };
 
 /// The kernel's code for a speed that has none of its own.
@@ -58,6 +84,6 @@ int ToCode(speed_t given) {
   return static_cast<int>(given);
 }
 
-}  // namespace speedcodes
+}  // namespace boardkit::speedcodes
 
 #endif

@@ -9,14 +9,19 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <iterator>
 #include <stdexcept>
 #include <string>
 
-#include "Loops.h"
+#include "DataPath.h"
+#include "Retry.h"
 #include "SystemError.h"
+
+using boardkit::IsTemporary;
+using boardkit::ThrowSystemError;
 
 namespace {
 
@@ -32,7 +37,7 @@ class PhysicalWord {
   explicit PhysicalWord(unsigned int address)
       : m_offset(address % static_cast<unsigned int>(::getpagesize())), m_fd(::open("/dev/mem", O_RDWR)) {
     if (m_fd == -1) {
-      // Kept: writing reports the text of reading too.
+      // By contract: writing reports the text of reading too.
       ThrowSystemError("ReadFromMemory Open /dev/mem failed");
     }
 
@@ -72,11 +77,47 @@ class PhysicalWord {
 }  // namespace
 
 void WriteLoop(int fd, const void* data, unsigned int length) {
-  WriteAll(fd, data, length);
+  const auto* position = static_cast<const char*>(data);
+  std::size_t remaining = length;
+
+  while (remaining != 0) {
+    const ssize_t written = ::write(fd, position, remaining);
+    if (written == -1) {
+      if (IsTemporary(errno)) {
+        continue;
+      }
+      ThrowSystemError("Error writing to file descriptor:");
+    }
+    // By contract: every negative result but -1 counts as no progress here.
+    if (written <= 0) {
+      throw std::logic_error("Error writing to file descriptor. No bytes written:");
+    }
+
+    position += written;
+    remaining -= static_cast<std::size_t>(written);
+  }
 }
 
 void ReadLoop(int fd, void* buffer, unsigned int length) {
-  ReadAll(fd, buffer, length);
+  auto* position = static_cast<char*>(buffer);
+  std::size_t remaining = length;
+
+  while (remaining != 0) {
+    const ssize_t got = ::read(fd, position, remaining);
+    if (got == -1) {
+      if (IsTemporary(errno)) {
+        continue;
+      }
+      ThrowSystemError("Error reading from file descriptor:");
+    }
+    // By contract: only the end of the file counts as no progress here; a negative result but -1 steps back.
+    if (got == 0) {
+      throw std::logic_error("Error reading from file descriptor. No bytes read:");
+    }
+
+    position += got;
+    remaining -= static_cast<std::size_t>(got);
+  }
 }
 
 void DebugSleep(int milliseconds) {
@@ -124,7 +165,7 @@ void DeactivateSignalP(int signal) {
   }
 
   if (::sigprocmask(SIG_BLOCK, &deactivatedSignals, nullptr) != 0) {
-    // Kept: this failure has no message of its own.
+    // By contract: this failure has no message of its own.
     ThrowSystemError("");
   }
 }
@@ -171,7 +212,7 @@ int munmap_a(void* address, unsigned int length) {
 }
 
 void* dlsym_e(void* handle, const char* symbol) {
-  // Kept: the null pseudo-handle of the default search order is refused too.
+  // By contract: the null pseudo-handle of the default search order is refused too.
   if (handle == nullptr) {
     throw std::invalid_argument("dlsym_e: handle");
   }
@@ -186,8 +227,7 @@ void* dlsym_e(void* handle, const char* symbol) {
     throw std::logic_error(std::string("Error looking up symbol \"") + symbol + "\": " + text);
   }
   if (address == nullptr) {
-    const int error = errno;
-    ThrowSystemError(error, std::string("Cannot find symbol \"") + symbol + "\".");
+    ThrowSystemError({"Cannot find symbol \"", symbol, "\"."});
   }
   return address;
 }

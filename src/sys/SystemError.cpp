@@ -3,13 +3,20 @@
 #include <cerrno>
 #include <system_error>
 
+#include "Join.h"
+
+namespace boardkit {
+
 void ThrowSystemError(const char* message) {
-  // Saved first: building the text allocates, which may change errno.
-  const int error = errno;
-
-  ThrowSystemError(error, message);
+  ThrowSystemError(errno, {message});
 }
 
-void ThrowSystemError(int error, const std::string& message) {
-  throw std::system_error(error, std::system_category(), message);
+void ThrowSystemError(std::initializer_list<std::string_view> message) {
+  ThrowSystemError(errno, message);
 }
+
+void ThrowSystemError(int error, std::initializer_list<std::string_view> message) {
+  throw std::system_error(error, std::system_category(), Join(message));
+}
+
+}  // namespace boardkit

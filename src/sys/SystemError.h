@@ -1,20 +1,23 @@
 #ifndef BOARDKIT_SYS_SYSTEMERROR_H
 #define BOARDKIT_SYS_SYSTEMERROR_H
 
-#include <cerrno>
-#include <string>
+#include <initializer_list>
+#include <string_view>
 
-/// Throws std::system_error with the current errno and @p message: the one way in which a failed system call is
-/// reported.
+/// @file
+/// The one way in which a failed system call is reported: std::system_error with the call's errno and a message.
+
+namespace boardkit {
+
+/// Throws with the current errno.
 [[noreturn]] void ThrowSystemError(const char* message);
 
-/// The same with an errno that was saved before, by a caller that has to tidy up or to compose its message first.
-/// (Taking a composed message alone would read errno too late: composing may change it.)
-[[noreturn]] void ThrowSystemError(int error, const std::string& message);
+/// The same with a message in pieces: errno is read before they are joined, as joining may change it.
+[[noreturn]] void ThrowSystemError(std::initializer_list<std::string_view> message);
 
-/// Whether a transfer that failed with @p error is repeated at once, as often as it takes.
-inline bool IsTemporary(int error) {
-  return error == EINTR || error == EAGAIN;
-}
+/// The same with an errno that was saved by a caller that had something to tidy up first.
+[[noreturn]] void ThrowSystemError(int error, std::initializer_list<std::string_view> message);
+
+}  // namespace boardkit
 
 #endif

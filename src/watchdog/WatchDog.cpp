@@ -10,6 +10,8 @@
 
 #include "../sys/SystemError.h"
 
+using boardkit::ThrowSystemError;
+
 namespace {
 
 constexpr char kMagicClose = 'V';
@@ -25,13 +27,13 @@ WatchDog::~WatchDog() {
 }
 
 void WatchDog::Activate() {
-  // Kept: an active object opens the device again.
+  // By contract: an active object opens the device again.
   m_fd = ::open(m_device.c_str(), O_RDWR);
   if (m_fd == -1) {
     ThrowSystemError(" Could not open watchdog device!");
   }
 
-  // Kept: if this throws, the device stays open.
+  // By contract: if this throws, the device stays open.
   SetInterval(m_interval);
   m_active = true;
 }
@@ -42,7 +44,7 @@ void WatchDog::Feed() {
   }
 
   if (::ioctl(m_fd, WDIOC_KEEPALIVE, 0) == -1) {
-    // Kept: a failed feed reports the text of a failed close.
+    // By contract: a failed feed reports the text of a failed close.
     ThrowSystemError(" Could not close watchdog device!");
   }
 }
@@ -73,7 +75,7 @@ void WatchDog::Deactivate() {
   }
 
   if (::write(m_fd, &kMagicClose, 1) == -1) {
-    // Kept: the word "not" is missing from this text.
+    // By contract: the word "not" is missing from this text.
     ThrowSystemError(" Could write watchdog device!");
   }
 

@@ -16,6 +16,7 @@ inline const char* const kNotOpen = "Serial port not open.";
 inline const char* const kGetFailed = "Get the current port settings failed?";
 inline const char* const kSetFailed =
     "SerialPort::SetPortSettings(): Setting the attributes of the serial port '/dev/ttyS1' failed?";
+inline const char* const kTooFewBuffered = "SerialPort::Read: more bytes asked for than are buffered.";
 inline const char* const kFionreadFailed = "SerialPort::ReadAllAvailableData: FIONREAD failed!";
 
 inline const Calls kOpening = {"open(\"/dev/ttyS1\", 0x102)", "fcntl(70, F_SETFL, 0)", "tcgetattr(70)",

@@ -21,19 +21,19 @@ Calls CallsOfSetting(int code) {
   ScriptedKernel kernel;
   kernel.Script("cfsetispeed", {Returns(0)}).Script("cfsetospeed", {Returns(0)});
   termios settings{};
-  EXPECT_EQ(speedcodes::SetSpeeds<rates>(settings, code), 0);
+  EXPECT_EQ(boardkit::speedcodes::SetSpeeds<rates>(settings, code), 0);
   return kernel.Seen();
 }
 
 TEST(SpeedCodes, GoToALibraryThatTakesCodesAsTheyAre) {
-  for (const speedcodes::Speed& speed : speedcodes::kSpeeds) {
+  for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
     const std::string argument = "(" + std::to_string(speed.code) + ")";
     EXPECT_EQ(CallsOfSetting<false>(speed.code), (Calls{"cfsetispeed" + argument, "cfsetospeed" + argument}));
   }
 }
 
 TEST(SpeedCodes, GoToALibraryThatTakesRatesAsBitsPerSecond) {
-  for (const speedcodes::Speed& speed : speedcodes::kSpeeds) {
+  for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
     const std::string argument = "(" + std::to_string(speed.bitsPerSecond) + ")";
     EXPECT_EQ(CallsOfSetting<true>(speed.code), (Calls{"cfsetispeed" + argument, "cfsetospeed" + argument}));
   }
@@ -46,7 +46,7 @@ TEST(SpeedCodes, WhatIsNoCodeDoesNotGetToALibraryThatTakesRates) {
     termios settings{};
     errno = 0;
 
-    EXPECT_EQ(speedcodes::SetSpeeds<true>(settings, code), -1) << code;
+    EXPECT_EQ(boardkit::speedcodes::SetSpeeds<true>(settings, code), -1) << code;
 
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(kernel.Seen(), Calls{});
@@ -58,7 +58,7 @@ TEST(SpeedCodes, WhatIsNoCodeIsForTheLibraryThatTakesCodesToRefuse) {
   kernel.Script("cfsetispeed", {Fails(EINVAL)}).Watch("cfsetospeed");
   termios settings{};
 
-  EXPECT_EQ(speedcodes::SetSpeeds<false>(settings, 4110), -1);
+  EXPECT_EQ(boardkit::speedcodes::SetSpeeds<false>(settings, 4110), -1);
 
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(kernel.Seen(), Calls{"cfsetispeed(4110)"});
@@ -69,41 +69,41 @@ TEST(SpeedCodes, AFailingInputOrOutputSpeedIsTheResult) {
   {
     ScriptedKernel kernel;
     kernel.Script("cfsetispeed", {Fails(EINVAL)}).Watch("cfsetospeed");
-    EXPECT_EQ(speedcodes::SetSpeeds<true>(settings, 13), -1);
+    EXPECT_EQ(boardkit::speedcodes::SetSpeeds<true>(settings, 13), -1);
     EXPECT_EQ(kernel.Seen(), Calls{"cfsetispeed(9600)"});
   }
   {
     ScriptedKernel kernel;
     kernel.Script("cfsetispeed", {Returns(0)}).Script("cfsetospeed", {Fails(EINVAL)});
-    EXPECT_EQ(speedcodes::SetSpeeds<true>(settings, 13), -1);
+    EXPECT_EQ(boardkit::speedcodes::SetSpeeds<true>(settings, 13), -1);
   }
 }
 
 TEST(SpeedCodes, ComeFromALibraryThatGivesCodesAsTheyAre) {
   for (const unsigned int given : {0U, 13U, 4096U, 4098U, 4110U, 9600U}) {
-    EXPECT_EQ(speedcodes::ToCode<false>(given), static_cast<int>(given));
+    EXPECT_EQ(boardkit::speedcodes::ToCode<false>(given), static_cast<int>(given));
   }
 }
 
 TEST(SpeedCodes, ComeFromALibraryThatGivesRatesByTheirNumber) {
-  for (const speedcodes::Speed& speed : speedcodes::kSpeeds) {
-    EXPECT_EQ(speedcodes::ToCode<true>(speed.bitsPerSecond), speed.code);
+  for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
+    EXPECT_EQ(boardkit::speedcodes::ToCode<true>(speed.bitsPerSecond), speed.code);
   }
 }
 
 TEST(SpeedCodes, ARateThatHasNoneComesAsTheKernelsCodeForOthers) {
   for (const unsigned int given : {1U, 13U, 250000U, 4098U, 4000000U, UINT_MAX}) {
-    EXPECT_EQ(speedcodes::ToCode<true>(given), 4096) << given;
+    EXPECT_EQ(boardkit::speedcodes::ToCode<true>(given), 4096) << given;
   }
 }
 
 TEST(SpeedCodes, TheWayOfThisLibraryIsThatOfItsHeader) {
-  EXPECT_EQ(speedcodes::kSpeedsAreRates, B9600 != 13);
+  EXPECT_EQ(boardkit::speedcodes::kSpeedsAreRates, B9600 != 13);
   termios settings{};
-  for (const speedcodes::Speed& speed : speedcodes::kSpeeds) {
-    ASSERT_EQ(speedcodes::SetSpeeds(settings, speed.code), 0);
-    EXPECT_EQ(speedcodes::ToCode(::cfgetispeed(&settings)), speed.code);
-    EXPECT_EQ(speedcodes::ToCode(::cfgetospeed(&settings)), speed.code);
+  for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
+    ASSERT_EQ(boardkit::speedcodes::SetSpeeds(settings, speed.code), 0);
+    EXPECT_EQ(boardkit::speedcodes::ToCode(::cfgetispeed(&settings)), speed.code);
+    EXPECT_EQ(boardkit::speedcodes::ToCode(::cfgetospeed(&settings)), speed.code);
     EXPECT_EQ(settings.c_cflag & CBAUD, static_cast<tcflag_t>(speed.code));
   }
 }
