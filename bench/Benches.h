@@ -14,6 +14,9 @@ void RegisterLinuxutilsBench(Effort effort);
 void RegisterOpSystemBench(Effort effort);
 void RegisterIpNetBench(Effort effort);
 
+/// What the library adds to the start of a program.
+void RegisterStartBench();
+
 /// The simulator's cases, where it is built.
 void RegisterSimBench(Effort effort);
 

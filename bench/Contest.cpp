@@ -22,17 +22,17 @@ double Median(std::vector<double> values) {
 }
 
 /// What the limit is compared with.
-double Judged(Measure measure, double bareSeconds, double boardkitSeconds) {
+double Judged(Measure measure, double bare, double boardkit) {
   switch (measure) {
     case Measure::Difference:
-      return boardkitSeconds - bareSeconds;
+      return boardkit - bare;
     case Measure::Time:
-      return boardkitSeconds;
+      return boardkit;
     case Measure::Ratio:
     case Measure::Nothing:
       break;
   }
-  return boardkitSeconds / bareSeconds;
+  return boardkit / bare;
 }
 
 /// Whether the median of all the turns that could be taken lies on a known side of @p limit, with 95 % confidence.
@@ -84,8 +84,9 @@ void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
   }
 
   state.SetIterationTime(Median(boardkitSeconds));
-  state.counters["bare_seconds"] = Median(bareSeconds);
-  state.counters["boardkit_seconds"] = Median(boardkitSeconds);
+  state.counters["bare"] = Median(bareSeconds);
+  state.counters["boardkit"] = Median(boardkitSeconds);
+  state.counters["unit"] = static_cast<double>(Unit::Second);
   state.counters["ratio"] = Median(ratios);
   state.counters["judged"] = Median(judged);
   state.counters["limit"] = contest.limit;
@@ -116,15 +117,16 @@ void RegisterContest(const std::string& name, Effort effort, std::function<Conte
   });
 }
 
-void RegisterSizes(const std::string& name, std::function<Sizes()> measure) {
+void RegisterAmounts(const std::string& name, std::function<Amounts()> measure) {
   Register(name, [measure = std::move(measure)](benchmark::State& state) {
-    const Sizes sizes = measure();
+    const Amounts amounts = measure();
     state.SetIterationTime(0);
-    state.counters["bare_bytes"] = sizes.bareBytes;
-    state.counters["boardkit_bytes"] = sizes.boardkitBytes;
-    state.counters["ratio"] = sizes.boardkitBytes / sizes.bareBytes;
-    state.counters["judged"] = sizes.boardkitBytes / sizes.bareBytes;
-    state.counters["limit"] = sizes.limit;
-    state.counters["measure"] = static_cast<double>(Measure::Ratio);
+    state.counters["bare"] = amounts.bare;
+    state.counters["boardkit"] = amounts.boardkit;
+    state.counters["unit"] = static_cast<double>(amounts.unit);
+    state.counters["ratio"] = amounts.boardkit / amounts.bare;
+    state.counters["judged"] = Judged(amounts.measure, amounts.bare, amounts.boardkit);
+    state.counters["limit"] = amounts.limit;
+    state.counters["measure"] = static_cast<double>(amounts.measure);
   });
 }

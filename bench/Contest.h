@@ -20,8 +20,8 @@ using Batch = std::function<Seconds()>;
 
 /// What a contest's limit is a limit of.
 enum class Measure {
-  Ratio,       ///< the time's, library to bare
-  Difference,  ///< the seconds that a call takes longer than the bare one
+  Ratio,       ///< library to bare
+  Difference,  ///< what the library takes more than bare code: seconds a call, or another amount
   Time,        ///< the seconds that a call takes
   Nothing      ///< there is no limit: the numbers are for information
 };
@@ -36,11 +36,15 @@ struct Contest {
   Measure measure = Measure::Ratio;
 };
 
-/// Two sizes, of which the second may be at most the first times the limit.
-struct Sizes {
-  double limit;
-  double bareBytes;
-  double boardkitBytes;
+enum class Unit { Second, Byte, Instruction };
+
+/// Two amounts that are the same whenever they are measured.
+struct Amounts {
+  Unit unit;
+  Measure measure;
+  double limit;  ///< of the measure
+  double bare;
+  double boardkit;
 };
 
 enum class Effort {
@@ -52,8 +56,8 @@ enum class Effort {
 /// once afterwards: what a contest needs, the batches own.
 void RegisterContest(const std::string& name, Effort effort, std::function<Contest()> makeContest);
 
-/// Registers a comparison of sizes under @p name.
-void RegisterSizes(const std::string& name, std::function<Sizes()> measure);
+/// Registers a comparison of amounts under @p name.
+void RegisterAmounts(const std::string& name, std::function<Amounts()> measure);
 
 /// The time that @p calls calls of @p call take.
 template <typename Call>

@@ -112,7 +112,7 @@ Contest MakeLongContest() {
 ///
 /// The process begins anew: a mere fork would inherit what the earlier cases left behind, pages as well as the
 /// allocator's habits.
-Sizes MeasureMemory() {
+Amounts MeasureMemory() {
   const LogFile file;
   int ends[2] = {-1, -1};
   if (::pipe(ends) == -1) {
@@ -140,7 +140,7 @@ Sizes MeasureMemory() {
   if (status != 0 || !(result >> peak >> size) || size != static_cast<double>(kOutputSize)) {
     throw std::runtime_error("the process whose memory is measured failed");
   }
-  return {kMemoryLimit, size, peak};
+  return {Unit::Byte, Measure::Ratio, kMemoryLimit, size, peak};
 }
 
 /// The most memory that this process has had at once so far, in bytes.
@@ -161,7 +161,7 @@ double PeakMemory() {
 void RegisterOpSystemBench(Effort effort) {
   RegisterContest("ExecCmd/true", effort, MakeShortContest);
   RegisterContest("ExecCmd/64MiB", effort, MakeLongContest);
-  RegisterSizes("ExecCmd/64MiB/memory", MeasureMemory);
+  RegisterAmounts("ExecCmd/64MiB/memory", MeasureMemory);
 }
 
 int PrintPeakMemory(const char* command) {

@@ -10,24 +10,38 @@
 
 namespace {
 
-struct Unit {
+struct Scale {
   double size;
   const char* name;
 };
 
 // Largest first.
-constexpr Unit kTimes[] = {{1, "s"}, {1e-3, "ms"}, {1e-6, "us"}, {1e-9, "ns"}};
-constexpr Unit kSizes[] = {{1024.0 * 1024.0, "MiB"}, {1024, "KiB"}, {1, "B"}};
+constexpr Scale kTimes[] = {{1, "s"}, {1e-3, "ms"}, {1e-6, "us"}, {1e-9, "ns"}};
+constexpr Scale kSizes[] = {{1024.0 * 1024.0, "MiB"}, {1024, "KiB"}, {1, "B"}};
 
-/// @p value in the largest unit that leaves a digit before the point.
+/// @p value on the largest scale that leaves a digit before the point.
 template <std::size_t count>
-std::string Format(double value, const Unit (&units)[count]) {
+std::string Format(double value, const Scale (&scales)[count]) {
   std::size_t i = 0;
-  while (i + 1 < count && value < units[i].size) {
+  while (i + 1 < count && value < scales[i].size) {
     ++i;
   }
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f %s", value / units[i].size, units[i].name);
+  std::snprintf(text, sizeof text, "%.1f %s", value / scales[i].size, scales[i].name);
+  return text;
+}
+
+std::string Format(double value, Unit unit) {
+  switch (unit) {
+    case Unit::Second:
+      return Format(value, kTimes);
+    case Unit::Byte:
+      return Format(value, kSizes);
+    case Unit::Instruction:
+      break;
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, "%.0f", value);
   return text;
 }
 
@@ -37,12 +51,12 @@ std::string FormatRatio(double ratio) {
   return text;
 }
 
-std::string FormatLimit(Measure measure, double limit) {
+std::string FormatLimit(Measure measure, Unit unit, double limit) {
   switch (measure) {
     case Measure::Difference:
-      return '+' + Format(limit, kTimes);
+      return '+' + Format(limit, unit);
     case Measure::Time:
-      return Format(limit, kTimes);
+      return Format(limit, unit);
     case Measure::Nothing:
       return "-";
     case Measure::Ratio:
@@ -102,11 +116,8 @@ void TableReporter::PrintRow(const Run& run) {
   const bool exceeded = hasVerdict && number("judged") > number("limit");
   m_limitExceeded = m_limitExceeded || exceeded;
   const char* const verdict = !hasVerdict ? "-" : exceeded ? "EXCEEDED" : "ok";
-  const bool isTime = run.counters.count("bare_seconds") != 0;
-  const std::string bare = isTime ? Format(number("bare_seconds"), kTimes) : Format(number("bare_bytes"), kSizes);
-  const std::string boardkit =
-      isTime ? Format(number("boardkit_seconds"), kTimes) : Format(number("boardkit_bytes"), kSizes);
-  GetOutputStream() << FormatRow(name, bare, boardkit, FormatRatio(number("ratio")),
-                                 FormatLimit(measure, number("limit")), verdict)
+  const auto unit = static_cast<Unit>(number("unit"));
+  GetOutputStream() << FormatRow(name, Format(number("bare"), unit), Format(number("boardkit"), unit),
+                                 FormatRatio(number("ratio")), FormatLimit(measure, unit, number("limit")), verdict)
                     << std::flush;
 }

@@ -61,6 +61,7 @@ int Run(int argc, char** argv) {
     RegisterLinuxutilsBench(effort);
     RegisterOpSystemBench(effort);
     RegisterIpNetBench(effort);
+    RegisterStartBench();
   }
 
   TableReporter reporter(ofSim ? "boardsim" : "boardkit", effort == Effort::Verdict);
