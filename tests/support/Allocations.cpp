@@ -11,6 +11,9 @@
 namespace {
 
 std::atomic<std::size_t> allocations{0};
+constexpr long kNone = -1;
+std::atomic<long> untilFailing{kNone};  // how many succeed before the one that fails
+std::atomic<bool> hasFailed{false};
 std::atomic<std::size_t> largestAllocation{SIZE_MAX};
 std::atomic<bool> allocationsChangeErrno{false};
 
@@ -19,7 +22,12 @@ std::atomic<bool> allocationsChangeErrno{false};
 // Not inlined: the compiler would see malloc() behind a new, free() behind a delete, and warn of the mixture.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
-  void* const memory = size > largestAllocation ? nullptr : std::malloc(size);
+  bool fails = size > largestAllocation;
+  if (untilFailing != kNone && untilFailing-- == 0) {
+    hasFailed = true;
+    fails = true;
+  }
+  void* const memory = fails ? nullptr : std::malloc(size);
   if (allocationsChangeErrno) {
     errno = ENOMEM;
   }
@@ -46,6 +54,19 @@ CountedAllocations::CountedAllocations() : m_before(allocations) {}
 
 std::size_t CountedAllocations::Count() const {
   return allocations - m_before;
+}
+
+FailingAllocation::FailingAllocation(std::size_t which) {
+  hasFailed = false;
+  untilFailing = static_cast<long>(which);
+}
+
+FailingAllocation::~FailingAllocation() {
+  untilFailing = kNone;
+}
+
+bool FailingAllocation::HasFailed() const {
+  return hasFailed;
 }
 
 LimitedAllocations::LimitedAllocations(std::size_t largest) {

@@ -20,6 +20,18 @@ class CountedAllocations {
   std::size_t m_before;
 };
 
+/// Lets one allocation fail: of those that follow, the one with the number @p which, counted from 0.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(std::size_t which);
+  ~FailingAllocation();
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+  /// Whether there were as many, so that one has failed.
+  bool HasFailed() const;
+};
+
 /// Lets allocations of more than @p largest bytes fail.
 class LimitedAllocations {
  public:

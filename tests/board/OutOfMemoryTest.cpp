@@ -1,0 +1,262 @@
+// Every allocation of every operation fails in turn. Whoever called must be told; a result with parts missing would
+// look like a whole one.
+#include <File.h>
+#include <IpNet.h>
+#include <OpSystem.h>
+#include <SerialPort.h>
+#include <SystemCalls.h>
+#include <WatchDog.h>
+#include <linuxutils.h>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <termios.h>
+
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <new>
+#include <ostream>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Allocations.h"
+#include "ScriptedIp.h"
+
+namespace {
+
+// Long enough to need an allocation, as texts of no more than 15 characters do not.
+const std::string kMissing = "/tmp/there-is-no-file-of-this-name-here";
+
+/// What an operation came to: its result, or how it failed.
+std::string OutcomeOf(const std::function<std::string()>& operation) {
+  try {
+    return operation();
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+}
+
+/// Runs @p operation again and again, each time with the next one of its allocations failing, until none is left.
+/// @returns how many there were.
+std::size_t FailEachAllocation(const std::string& name, const std::function<std::string()>& operation) {
+  // Not counted: what is allocated once in a process.
+  const std::string outcome = OutcomeOf(operation);
+  for (std::size_t which = 0;; ++which) {
+    SCOPED_TRACE(name + ", allocation " + std::to_string(which));
+    std::string got;
+    bool hasFailed = false;
+    bool isTold = false;
+    {
+      const FailingAllocation failing(which);
+      try {
+        got = OutcomeOf(operation);
+      } catch (const std::bad_alloc&) {
+        isTold = true;
+      }
+      hasFailed = failing.HasFailed();
+    }
+    if (!hasFailed) {
+      EXPECT_EQ(got, outcome);
+      return which;
+    }
+    // A file's transfers tell every failure in their own way, and so this one.
+    if (!isTold && got.rfind("std::bad_alloc", 0) != 0) {
+      ADD_FAILURE() << "nobody was told; the operation came to \"" << got << '"';
+    }
+  }
+}
+
+struct Operation {
+  const char* name;
+  std::function<std::string()> run;
+};
+
+void PrintTo(const Operation& operation, std::ostream* stream) {
+  *stream << operation.name;
+}
+
+SerialPort& Port() {
+  static SerialPort port("/dev/ttyS2", true);
+  return port;
+}
+
+std::string Setting(const std::function<void()>& set) {
+  set();
+  return "done";
+}
+
+const Operation kOperations[] = {
+    {"FailedWriteLoop", [] { return Setting([] { WriteLoop(-1, "x", 1); }); }},
+    {"FailedReadLoop",
+     [] {
+       char byte = 0;
+       ReadLoop(-1, &byte, 1);
+       return std::string(1, byte);
+     }},
+    {"FailedDebugSleep", [] { return Setting([] { DebugSleep(-1); }); }},
+    {"FailedInstallSignalHandler", [] { return Setting([] { InstallSignalHandler(-1, nullptr); }); }},
+    {"FailedDeactivateSignal", [] { return Setting([] { DeactivateSignalP(-1); }); }},
+    {"FailedMmap", [] { return Setting([] { mmap_e(nullptr, 0, 0, 0, -1, 0); }); }},
+    {"FailedDlsym", [] { return Setting([] { dlsym_e(RTLD_NEXT, "there_is_no_symbol_of_this_name"); }); }},
+    {"DlsymWithoutHandle", [] { return Setting([] { dlsym_e(nullptr, "symbol"); }); }},
+    {"ReadFromPhysicalMemory", [] { return std::to_string(ReadFromPhysicalMemoryAddress(0x8001100C)); }},
+
+    {"FileOpening", [] { return Setting([] { const File file("/dev/zero", O_RDONLY, 0); }); }},
+    {"FileOpeningOfNone", [] { return Setting([] { const File file(kMissing, O_RDONLY, 0); }); }},
+    {"FileAdopting", [] { return Setting([] { const File file(::open("/dev/zero", O_RDONLY)); }); }},
+    {"FileExists", [] { return std::to_string(static_cast<int>(File::Exists("/dev/zero"))); }},
+    {"FileReadLink", [] { return File::ReadLink("/proc/self/exe"); }},
+    {"FileReadLinkOfNone", [] { return File::ReadLink(kMissing); }},
+    {"FileFailedWrite", [] { return Setting([] { File("/dev/full", O_WRONLY, 0).PutString("x"); }); }},
+    {"FileFailedRead",
+     [] {
+       unsigned char byte = 0;
+       File("/dev/null", O_RDONLY, 0).ReadBytes(&byte, 1);
+       return std::string();
+     }},
+    {"FileFailedSeek", [] { return std::to_string(File("/dev/null", O_RDONLY, 0).Seek(0, -1)); }},
+    {"FileFailedIoctl", [] { return std::to_string(File("/dev/null", O_RDONLY, 0).Ioctl(0)); }},
+
+    {"WatchDogWithoutDevice", [] { return Setting([] { WatchDog(30, kMissing).Activate(); }); }},
+    {"WatchDogFeedingWhileInactive", [] { return Setting([] { WatchDog(30, kMissing).Feed(); }); }},
+    {"WatchDogRefusedInterval", [] { return Setting([] { WatchDog(30, kMissing).SetInterval(0); }); }},
+
+    {"SerialPortOpening", [] { return Setting([] { const SerialPort port("/dev/ttyS2", true); }); }},
+    {"SerialPortOpeningOfNone", [] { return Setting([] { const SerialPort port(kMissing, true); }); }},
+    {"SerialPortReport", [] { return Port().ToString(); }},
+    {"SerialPortReportWithACustomSpeed",
+     [] {
+       Port().SetCustomBaudRate(115200);
+       const std::string report = Port().ToString();
+       Port().SetCustomBaudRate(0);
+       return report;
+     }},
+    {"SerialPortReportOfAClosedPort",
+     [] {
+       SerialPort port("/dev/ttyS0", true);
+       port.Close();
+       return port.ToString();
+     }},
+    {"SerialPortRefusedParity", [] { return Setting([] { Port().SetParity(static_cast<SerialPort::Parity>(3)); }); }},
+    {"SerialPortFailedSettings",
+     [] {
+       SerialPort port("/dev/ttyS0", true);
+       port.Close();
+       return Setting([&] { port.SetPortSettings(termios{}, "Invalid something or other."); });
+     }},
+    {"SerialPortBufferedRead",
+     [] {
+       SerialPort port("/dev/ttyS0", true);
+       port.Write("a text that comes back from the other end");
+       std::vector<unsigned char> out;
+       while (out.size() < 41) {
+         port.IsDataReceived(-1);
+         port.ReadAllAvailableData();
+         std::vector<unsigned char> more;
+         port.Read(more, 0);
+         out.insert(out.end(), more.begin(), more.end());
+       }
+       return std::string(out.begin(), out.end());
+     }},
+    {"SerialPortReadOfTooMuch",
+     [] {
+       std::vector<unsigned char> out;
+       Port().Read(out, 1);
+       return std::string();
+     }},
+
+    {"ExecCmd", [] { return OpSystem().ExecCmd("echo a line that needs memory", false); }},
+    {"FailedExecCmd", [] { return OpSystem().ExecCmd("echo a line that needs memory; false", false); }},
+
+    {"TracebackText", [] { return linuxutils::Traceback().empty() ? "nothing" : "something"; }},
+    {"DemangledNestedName", [] { return linuxutils::Demangle("(_ZN10linuxutils9TracebackEi+0x1c)"); }},
+    {"DemangledSignature", [] { return linuxutils::Demangle("./program(_Z9WriteLoopiPKvj+0x1c) [0x1234]"); }},
+    {"RecursionNote",
+     [] {
+       std::string text(15, 'x');
+       linuxutils::AppendRecurionNote(text, 7);
+       return text;
+     }},
+};
+
+class OutOfMemory : public testing::TestWithParam<Operation> {};
+
+TEST_P(OutOfMemory, IsToldWhicheverAllocationFails) {
+  EXPECT_GT(FailEachAllocation(GetParam().name, GetParam().run), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, OutOfMemory, testing::ValuesIn(kOperations),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+class OutOfMemoryNetwork : public testing::Test {
+ protected:
+  OutOfMemoryNetwork() {
+    m_ip.Answer(
+        "addr show dev eth0",
+        "2: eth0: <UP> mtu 1500\n    link/ether 02:00:00:00:00:01 brd ff:ff:ff:ff:ff:ff\n    inet 192.0.2.10/24 x\n");
+    m_ip.Answer("-4 route show", "default via 192.0.2.100 dev eth0 \n");
+  }
+
+  static std::string Text(const IpNet::Record& record) {
+    std::string text;
+    for (const auto& [key, value] : record) {
+      text += key + '=' + value + ' ';
+    }
+    return text;
+  }
+
+  ScriptedIp m_ip;
+  OpSystem m_opSystem;
+};
+
+TEST_F(OutOfMemoryNetwork, IsToldWhicheverAllocationOfAQueryOrAChangeFails) {
+  const Operation operations[] = {
+      {"GetIfaceInfo", [&] { return Text(IpNet(m_opSystem).GetIfaceInfo("eth0")); }},
+      {"GetGwInfo", [&] { return Text(IpNet(m_opSystem).GetGwInfo(false)); }},
+      {"SetAddr",
+       [&] {
+         return std::to_string(static_cast<int>(IpNet(m_opSystem).SetAddr("eth0", "192.0.2.77", 24, false, false)));
+       }},
+      {"SetAddrToLinkLocal",
+       [&] { return std::to_string(static_cast<int>(IpNet(m_opSystem).SetAddr("eth0", "::", 64, true, true))); }},
+      {"SetGw",
+       [&] { return std::to_string(static_cast<int>(IpNet(m_opSystem).SetGw("eth0", "192.0.2.177", false, false))); }},
+      {"GetLinkLocalAddr", [] { return IpNet::GetLinkLocalAddr("02:00:00:00:00:01"); }},
+      {"GetIpV4NetAddr", [] { return IpNet::GetIpV4NetAddr("192.0.2.10.and.much.more", 24); }},
+  };
+  for (const Operation& operation : operations) {
+    EXPECT_GT(FailEachAllocation(operation.name, operation.run), 0U) << operation.name;
+  }
+}
+
+TEST_F(OutOfMemoryNetwork, LeavesTheDebugTraceWholeAndAlive) {
+  const std::string name = "eth0-with-a-long-name-behind-it";
+  const std::string line = "ip addr show dev " + name + '\n';
+  bool hasFailed = true;
+  for (std::size_t which = 0; hasFailed; ++which) {
+    SCOPED_TRACE("allocation " + std::to_string(which));
+    IpNet net(m_opSystem);
+    net.SetDebugState(true);
+    net.GetIfaceInfo(name);
+    {
+      const FailingAllocation failing(which);
+      try {
+        net.GetIfaceInfo(name);
+      } catch (const std::bad_alloc&) {
+      }
+      hasFailed = failing.HasFailed();
+    }
+    const std::string trace = net.GetDebugOutput();
+    EXPECT_TRUE(trace == line || trace == line + line) << trace;
+    net.GetIfaceInfo(name);
+    EXPECT_EQ(net.GetDebugOutput(), trace + line);
+  }
+}
+
+}  // namespace
