@@ -12,7 +12,7 @@ import sys
 VARIES = "..."
 LITERAL = r'"((?:[^"\\\n]|\\.)*)"'
 EXCEPTIONS = {"std::" + name for name in
-              ("system_error", "logic_error", "runtime_error", "invalid_argument", "out_of_range")}
+              ("system_error", "logic_error", "runtime_error", "invalid_argument")}
 KEYS = ["id", "subsystem", "origin", "text", "operations", "exception", "causes", "remains"]
 
 
