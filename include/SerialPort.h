@@ -27,6 +27,8 @@
 /// the descriptor).
 /// @warning A device that knows no modem lines (an ordinary pseudo-terminal), and a line that was hung up (an unplugged
 /// adapter), cannot be closed: Close() throws, and the destructor, which closes an open port, then ends the process.
+/// @warning Close() repeats an interrupted `close`, although Linux has released the descriptor's number by then: in a
+/// program with several threads, that number may belong to somebody else.
 class SerialPort {
  public:
   /// Line speeds; the values are the kernel's speed codes.

@@ -28,7 +28,7 @@ struct Free {
 
 /// Appends the nested name in @p symbol to @p name; false if the text does not read like one.
 ///
-/// By contract: this knows lengths and the final 'E' and nothing else; names in logs look as it makes them.
+/// By contract: this understands lengths and the final 'E' and nothing else. Names in logs look the way it makes them.
 bool ReadNestedName(const char* symbol, std::string& name) {
   while (*symbol != '\0') {
     if (std::isdigit(static_cast<unsigned char>(*symbol)) == 0) {
@@ -110,7 +110,7 @@ void AppendRecurionNote(std::string& text, int count) {
 
 [[gnu::noinline]] std::string Traceback() {
   std::string text = Traceback(1);
-  // Something is left to do after the call, so that it is no jump.
+  // Something is left to do after the call, so that the compiler can't turn it into a jump.
   asm volatile("" ::: "memory");
   return text;
 }

@@ -60,8 +60,8 @@ File::File(int fd) : m_fd(fd, kNoDescriptor, ::close), m_flags(0), m_mode(0), m_
   Init();
 }
 
-// By contract: the members go in this order: the name, the stream with fclose, and then the descriptor with close,
-// although fclose has closed it already.
+// By contract: the members are destroyed in this order: the name, the stream with fclose, and then the descriptor with
+// close, although fclose has closed it already.
 File::~File() = default;
 
 void File::Init() {
@@ -79,7 +79,7 @@ void File::Init() {
   }
 
   if (m_stream.Get() == nullptr) {
-    // By contract: for reading, whatever the descriptor was opened for; where that is refused, there is no stream.
+    // By contract: for reading, whatever the descriptor was opened for; if that is refused, there is no stream.
     m_stream.Replace(::fdopen(m_fd.Get(), "rb"));
   }
 }
@@ -100,8 +100,8 @@ void File::WriteBytes(const unsigned char* data, unsigned int length) const {
   try {
     WriteLoop(m_fd.Get(), data, length);
   } catch (const std::exception& e) {
-    // By contract: the two texts stand together without a separator, and a failure that has no error number of its own
-    // gets the one that errno happens to hold.
+    // By contract: no separator between the two texts, and a failure without an error number of its own gets the one
+    // that errno happens to hold.
     ThrowSystemError({e.what(), "WriteBytes to '", m_name, "' failed."});
   }
 }
@@ -111,8 +111,8 @@ void File::PutString(const std::string& text) const {
 }
 
 void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
-  // By contract: the stream's indicator is looked at, while the bytes come through the descriptor; it is an end that
-  // was met earlier, so the error number is whatever errno happens to hold.
+  // By contract: the stream's indicator is tested, although the bytes come through the descriptor. The end was met
+  // earlier, so the error number is whatever errno happens to hold.
   if (HasMetEnd(m_stream.Get())) {
     ThrowSystemError({"End of file reached for '", m_name, "'."});
   }
@@ -120,7 +120,7 @@ void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
   try {
     ReadLoop(m_fd.Get(), buffer, length);
   } catch (const std::exception& e) {
-    // By contract: put together as in WriteBytes().
+    // By contract: composed as in WriteBytes().
     ThrowSystemError({e.what(), "ReadBytes from '", m_name, "' failed."});
   }
 }
@@ -128,7 +128,7 @@ void File::ReadBytes(unsigned char* buffer, unsigned int length) const {
 std::string File::ReadLink(const std::string& path) {
   char target[kLinkSize] = {};
   if (::readlink(path.c_str(), target, sizeof target) == -1) {
-    // By contract: the word "failed" stands twice.
+    // By contract: the word "failed" appears twice.
     ThrowSystemError({"ReadLink failed for '", path, "' failed."});
   }
   // A target as long as the buffer ends without a NUL.
@@ -137,7 +137,7 @@ std::string File::ReadLink(const std::string& path) {
 
 long File::Seek(long offset, int whence) const {
   const off_t position = ::lseek(m_fd.Get(), offset, whence);
-  // Where off_t is the wider one, an offset that does not fit fails as it does in an lseek with a narrow one.
+  // Where off_t is wider than long, an offset that does not fit fails as it does in an lseek with a narrow off_t.
   const auto told = static_cast<long>(position);
   if (position == -1 || told != position) {
     ThrowSystemError(position == -1 ? errno : EOVERFLOW, {"Seeking failed for '", m_name, "' failed."});
@@ -148,7 +148,7 @@ long File::Seek(long offset, int whence) const {
 int File::Ioctl(int request, ...) const {
   std::va_list arguments;
   va_start(arguments, request);
-  // By contract: the list itself is handed on, not the first argument in it.
+  // By contract: the argument list itself is passed on, not the first argument in it.
   const int result = ::ioctl(m_fd.Get(), static_cast<unsigned int>(request), arguments);
   va_end(arguments);
 

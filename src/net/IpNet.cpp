@@ -38,7 +38,7 @@ std::size_t FindValue(std::string_view text, std::string_view key, std::size_t s
   }
 
   if (wholeWord) {
-    // By contract: a first occurrence that fails here is final, a later one that would pass is not looked for.
+    // By contract: if the first occurrence fails here, later ones are not tried.
     const std::size_t end = found + key.size();
     if (end >= text.size() || (found > 0 && text[found - 1] != kBlank) || text[end] != kBlank) {
       return std::string_view::npos;
@@ -121,7 +121,7 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
     prefix = kLinkLocalPrefix;
   }
   if (!addr.empty() && (ipv6 || addr != "0.0.0.0")) {
-    // By contract: the newline stands here also when nothing is removed; the shell skips the empty line.
+    // By contract: the newline is there even if nothing is removed; the shell skips the empty line.
     const char* const broadcast = ipv6 ? "" : " brd +";
     command += Join({"\nip ", family, " addr add ", addr, "/", prefix, broadcast, " dev ", iface});
   }
@@ -150,7 +150,7 @@ bool IpNet::SetGw(std::string iface, std::string gw, bool ipv6, bool flush) {
   }
 
   if (!gw.empty() && gw != (ipv6 ? "::" : "0.0.0.0")) {
-    // By contract: with the newline in any case, as in SetAddr.
+    // By contract: the newline is always there, as in SetAddr().
     command += Join({"\nip ", family, " route add default via ", gw, " dev ", iface});
   }
 
@@ -264,9 +264,9 @@ bool IpNet::FoundInMap(Record& map, Record& entries, bool keysOnly) {
 
 std::string IpNet::Run(const std::string& command) {
   if (m_debugActive) {
-    // In one piece: where memory runs out, the trace stays as it was.
+    // In one piece: if memory runs out, the trace stays as it was.
     m_debugOutput += command + '\n';
   }
-  // By contract: bound to OpSystem's own command runner, whatever a derived class makes of it.
+  // By contract: this is OpSystem's own command runner, even if a derived class overrides it.
   return m_opSystem.OpSystem::ExecCmd(command, false);
 }

@@ -16,7 +16,7 @@ constexpr int kPieceSize = 512;  // bytes, the terminating NUL included
 OpSystem::~OpSystem() = default;
 
 std::string OpSystem::ExecCmd(std::string command, bool /*unused*/) {
-  // By contract: only the last command of the text is redirected, as the suffix is appended textually.
+  // By contract: the suffix is appended to the text, so it redirects the last command only.
   command += " 2>&1";
   std::FILE* const pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) {

@@ -10,7 +10,7 @@ int boardkit::SetCustomSpeed(int fd, std::uint32_t bitsPerSecond) {
     return -1;
   }
 
-  // No input code of its own: then the output's holds for both, and none is left behind for the codes that follow.
+  // No separate input speed: the output's holds for both, and none is left for settings that follow.
   settings.c_cflag &= ~static_cast<tcflag_t>(CBAUD | CBAUD << IBSHIFT);
   settings.c_cflag |= BOTHER;
   settings.c_ispeed = bitsPerSecond;

@@ -11,7 +11,7 @@ using boardkit::ThrowSystemError;
 
 namespace {
 
-/// Gives up a descriptor that opening could not complete; errno stays that of the failed call.
+/// Closes a descriptor whose setup failed and throws with the errno of the failed call.
 [[noreturn]] void CloseAndThrow(int fd, const char* message) {
   const int error = errno;
   ::close(fd);
@@ -45,7 +45,7 @@ SerialPort::SerialPort(const std::string& device, bool termiosSupported)
 }
 
 SerialPort::~SerialPort() {
-  // By contract, an exception ends the process here: a line that could not be put back is not passed over in silence.
+  // By contract: an exception ends the process here. A line that could not be restored does not go unnoticed.
   if (IsOpen()) {
     Close();
   }
@@ -75,7 +75,7 @@ void SerialPort::OpenSerialPortDevice() {
     }
   }
 
-  // By contract: the flush is made on devices without terminal attributes too.
+  // By contract: devices without terminal attributes are flushed, too.
   if (::tcflush(fd, TCIFLUSH) < 0) {
     CloseAndThrow(fd, "Flush of the input buffer failed?");
   }
@@ -98,7 +98,7 @@ void SerialPort::Open(BaudRate baudRate, CharacterSize charSize, Parity parity, 
   SetCharSize(charSize);
   SetParity(parity);
   SetNumOfStopBits(stopBits);
-  // By contract: as the last one it makes the line raw again, so the device runs with 8 bits and no parity.
+  // By contract: called last, this makes the line raw again, so the device runs with 8 bits and no parity.
   SetFlowControl(flowControl);
 }
 
@@ -115,8 +115,8 @@ void SerialPort::Close() {
     ThrowSystemError({"SerialPort::Close(): Setting the attributes of the serial port '", m_device, "' failed?"});
   }
 
-  // By contract: repeated on EINTR, although Linux has released the number by then, so that in a program with several
-  // threads the next call may close a file that is somebody else's. Other failures are ignored.
+  // By contract: repeated on EINTR, although Linux has released the number by then: in a program with several threads
+  // the next call may close somebody else's file. Other failures are ignored.
   while (::close(m_fd) == -1 && errno == EINTR) {
   }
 

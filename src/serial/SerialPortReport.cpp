@@ -48,7 +48,7 @@ unsigned int PrintableSpeed(speed_t speed) {
 
 std::string SerialPort::ToString() {
   std::ostringstream report;
-  // Memory that runs out is told, not swallowed as the streams do.
+  // Without this, a stream that runs out of memory says nothing, and the report lacks parts.
   report.exceptions(std::ios::badbit);
   report << "Device:    " << m_device << '\n';
   if (!m_isOpen) {
@@ -87,12 +87,12 @@ std::string SerialPort::ToString() {
   WriteToPhysicalMemoryAddress(kLineControl, lineControl | kDivisorLatchAccess);
   const std::uint64_t low = ReadFromPhysicalMemoryAddress(kDivisorLatchLow);
   const std::uint64_t high = ReadFromPhysicalMemoryAddress(kDivisorLatchHigh);
-  // By contract: the two are put together as words, not as the bytes that they are.
+  // By contract: the two are joined as words, although each is one byte of the divisor.
   const std::uint64_t latch = high << 32U | low;
   report << "Divisor Latch: " << latch << '\n';
   report << "Real baud rate: " << kClock / (static_cast<double>(latch) * kClocksPerBit) << '\n';
 
-  // By contract: opening has the driver program the line again; the access bit is cleared in no other way.
+  // By contract: reopening makes the driver program the line again; nothing else clears the access bit.
   Close();
   Open(m_baudRate, m_charSize, m_parity, m_stopBits, m_flowControl);
   return report.str();

@@ -22,7 +22,7 @@ constexpr const char* kInvalidParity = "Invalid parity setting.";
 constexpr const char* kInvalidStopBits = "Invalid number of stop bits.";
 constexpr const char* kInvalidFlowControl = "Invalid flow control.";
 
-/// Whether the C library agrees; one that calls speeds by their rates has no opinion.
+/// Whether the C library uses the same code; one that takes plain rates has no codes.
 constexpr bool IsKernelCode(SerialPort::BaudRate code, speed_t constant) {
   return speedcodes::kSpeedsAreRates || static_cast<speed_t>(code) == constant;
 }
@@ -66,7 +66,7 @@ static_assert(SerialPort::FLOW_CONTROL_NONE == 2, "interface");
 }  // namespace
 
 void SerialPort::SetBaudRate(BaudRate baudRate) {
-  // By contract: a custom speed comes before everything, the check for an open port included.
+  // By contract: with a custom speed this does nothing, not even check for open.
   if (m_customBaudRate != 0) {
     return;
   }
@@ -77,6 +77,7 @@ void SerialPort::SetBaudRate(BaudRate baudRate) {
 }
 
 SerialPort::BaudRate SerialPort::GetBaudRate() const {
+  // By contract: no check for open; on a closed port the read fails.
   termios settings{};
   GetTheCurrentPortSettings(settings);
   return static_cast<BaudRate>(speedcodes::ToCode(::cfgetispeed(&settings)));
@@ -221,6 +222,7 @@ void SerialPort::SetLoopback(bool on) {
 }
 
 void SerialPort::ReadyForReceive(bool ready) {
+  // By contract: no check for open; on a closed port the request fails.
   int bits = 0;
   if (::ioctl(m_fd, TIOCMGET, &bits) < 0) {
     ThrowSystemError("TIOCMGET failed?");
@@ -262,7 +264,7 @@ unsigned int SerialPort::BaudRateToPrintableNumber(unsigned int code) {
   return 0;
 }
 
-// By contract: neither this nor SetPortSettings() checks for open; on a closed port the call fails with descriptor -1.
+// By contract: neither this nor SetPortSettings() checks for open; on a closed port the calls fail.
 void SerialPort::GetTheCurrentPortSettings(termios& settings) const {
   if (m_termiosSupported && ::tcgetattr(m_fd, &settings) < 0) {
     ThrowSystemError("Get the current port settings failed?");

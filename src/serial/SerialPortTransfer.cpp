@@ -16,8 +16,8 @@
 using boardkit::IsTemporary;
 using boardkit::ThrowSystemError;
 
-// Not WriteLoop(): the port's texts end in a blank or name the port, a transfer without progress is a system error too,
-// and only 0 counts as one.
+// Unlike WriteLoop(), it has texts of its own, treats only a result of 0 as no progress, and reports that as a system
+// error, too.
 void SerialPort::Write(const void* data, unsigned int count) {
   RequireOpen();
 
@@ -30,7 +30,8 @@ void SerialPort::Write(const void* data, unsigned int count) {
       }
       ThrowSystemError("Error writing to file descriptor: ");
     }
-    // By contract: a negative result but -1 steps back. For 0 no call has failed, and the error number is a stray one.
+    // By contract: a negative result other than -1 steps back. No call has failed if the result is 0, so the error
+    // number is whatever errno happens to hold.
     if (written == 0) {
       ThrowSystemError("Error writing to file descriptor. writtenCount <= 0.");
     }
@@ -45,8 +46,8 @@ void SerialPort::Write(const std::string& text) {
 }
 
 void SerialPort::Read(const void* buffer, unsigned int count) {
-  // By contract: the buffer's type says that it is only read, and it is written through all the same; and there is no
-  // check for open, so that a closed port fails in the system call.
+  // By contract: the buffer is written to in spite of its type. And there is no check for open: on a closed port the
+  // system call fails.
   ReadExactly(m_fd, const_cast<void*>(buffer), count);  // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface
 }
 
@@ -66,7 +67,7 @@ bool SerialPort::IsDataReceived(int timeoutMs) const {
   pollfd wanted{m_fd, POLLIN, 0};
   const int ready = ::poll(&wanted, 1, timeoutMs);
   if (ready < 0) {
-    // Not retried, EINTR included: the time already waited is not known.
+    // EINTR is not retried either: how long the call has waited is not known.
     ThrowSystemError("SerialPort::IsDataReceived: poll() failed!");
   }
   return ready > 0;
@@ -93,10 +94,11 @@ void SerialPort::Read(std::vector<unsigned char>& out, unsigned int count) {
   }
 }
 
+// By contract: from here to the last flush nothing checks for open; on a closed port the system calls fail.
 int SerialPort::AvailableBytesToRead() const {
   int count = 0;
   if (::ioctl(m_fd, FIONREAD, &count) < 0) {
-    // By contract: the message names the other operation; both share it.
+    // By contract: the message names the operation below, which shares it.
     ThrowSystemError("SerialPort::ReadAllAvailableData: FIONREAD failed!");
   }
   return count;
@@ -104,7 +106,7 @@ int SerialPort::AvailableBytesToRead() const {
 
 void SerialPort::ReadAllAvailableData() {
   for (int count = AvailableBytesToRead(); count > 0; --count) {
-    // Byte by byte, so that what comes in meanwhile waits for the next call.
+    // Byte by byte and no further, so that what arrives meanwhile waits for the next call.
     std::uint8_t byte = 0;
     if (::read(m_fd, &byte, 1) < 1) {
       return;
@@ -132,7 +134,7 @@ void SerialPort::FlushInputAndOutput() const {
   }
 }
 
-// Not ReadLoop(): the port's texts are others, and the end of the line is a system error too.
+// Unlike ReadLoop(), it has texts of its own and reports the end of file as a system error, too.
 void SerialPort::ReadExactly(int fd, void* buffer, unsigned int count) {
   auto* position = static_cast<char*>(buffer);
   while (count != 0) {
@@ -143,7 +145,7 @@ void SerialPort::ReadExactly(int fd, void* buffer, unsigned int count) {
       }
       ThrowSystemError("Error reading from file descriptor: ");
     }
-    // By contract: as in Write(), a negative result but -1 steps back, and the end of file has a stray error number.
+    // By contract: as in Write(), a negative result other than -1 steps back, and the end of file gets a stray errno.
     if (got == 0) {
       ThrowSystemError("SerialPort ReadCount 0");
     }

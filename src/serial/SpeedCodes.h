@@ -9,8 +9,8 @@
 
 #include "SerialPort.h"
 
-/// Speeds travel as the kernel's codes (B9600 is 13) through this library, and so they do through older C libraries.
-/// Newer ones (glibc from 2.42 on) take and give plain bits per second instead. Here is the one place that knows both.
+/// This library uses the kernel's codes for speeds (B9600 is 13), and so do older C libraries. Newer ones (glibc
+/// from 2.42 on) take and return plain bits per second. This is the one place that knows both.
 namespace boardkit::speedcodes {
 
 struct Speed {
@@ -55,8 +55,8 @@ constexpr int kOtherSpeed = 4096;
 
 constexpr bool kSpeedsAreRates = B9600 != 13;
 
-/// Sets both speeds with cfsetispeed() and cfsetospeed(). Those that take codes refuse what is none; those that take
-/// rates refuse nothing, so what is no code does not get to them, but fails with EINVAL here.
+/// Sets both speeds with cfsetispeed() and cfsetospeed(). C libraries that take codes refuse anything else. Those that
+/// take rates refuse nothing, so an unknown code fails with EINVAL here.
 template <bool speedsAreRates = kSpeedsAreRates>
 int SetSpeeds(termios& settings, int code) {
   auto given = static_cast<speed_t>(code);
@@ -73,7 +73,7 @@ int SetSpeeds(termios& settings, int code) {
   return result < 0 ? result : ::cfsetospeed(&settings, given);
 }
 
-/// The code for what cfgetispeed() gives; kOtherSpeed for a rate that has none.
+/// The code for what cfgetispeed() returns; kOtherSpeed for a rate that has none.
 template <bool speedsAreRates = kSpeedsAreRates>
 int ToCode(speed_t given) {
   if (speedsAreRates) {

@@ -11,9 +11,9 @@
 #include "SystemCalls.h"
 
 /// @file
-/// The functions on the data paths, called without the linkage table where the compiler can: a transfer of a byte takes
-/// little longer than its system call, so that a jump less shows. Such names are bound when a program starts; all
-/// others wait for their first call, which keeps the start short.
+/// The functions on the data paths, called without the linkage table where the compiler can: the transfer of a single
+/// byte takes little longer than its system call, so saving a jump shows. These names are bound when a program starts;
+/// all others are bound at their first call, which keeps the start short.
 
 #ifdef __has_attribute
 #if __has_attribute(noplt)

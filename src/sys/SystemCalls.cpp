@@ -37,7 +37,7 @@ class PhysicalWord {
   explicit PhysicalWord(unsigned int address)
       : m_offset(address % static_cast<unsigned int>(::getpagesize())), m_fd(::open("/dev/mem", O_RDWR)) {
     if (m_fd == -1) {
-      // By contract: writing reports the text of reading too.
+      // By contract: a write reports the text of a read.
       ThrowSystemError("ReadFromMemory Open /dev/mem failed");
     }
 
@@ -88,7 +88,7 @@ void WriteLoop(int fd, const void* data, unsigned int length) {
       }
       ThrowSystemError("Error writing to file descriptor:");
     }
-    // By contract: every negative result but -1 counts as no progress here.
+    // By contract: any negative result other than -1 counts as no progress, too.
     if (written <= 0) {
       throw std::logic_error("Error writing to file descriptor. No bytes written:");
     }
@@ -110,7 +110,7 @@ void ReadLoop(int fd, void* buffer, unsigned int length) {
       }
       ThrowSystemError("Error reading from file descriptor:");
     }
-    // By contract: only the end of the file counts as no progress here; a negative result but -1 steps back.
+    // By contract: only the end of the file counts as no progress here; any negative result other than -1 steps back.
     if (got == 0) {
       throw std::logic_error("Error reading from file descriptor. No bytes read:");
     }
@@ -179,7 +179,7 @@ int LinuxGetThreadId() {
   return static_cast<int>(::syscall(SYS_gettid));
 }
 
-// An address that is no multiple of 4 is accessed as it is asked for; the hardware answers, not the sanitizer.
+// An address that is not a multiple of 4 is accessed as it stands: the hardware decides, not the sanitizer.
 __attribute__((no_sanitize("alignment"))) unsigned int ReadFromPhysicalMemoryAddress(unsigned int address) {
   const PhysicalWord word(address);
   return *word.Get();
@@ -212,7 +212,7 @@ int munmap_a(void* address, unsigned int length) {
 }
 
 void* dlsym_e(void* handle, const char* symbol) {
-  // By contract: the null pseudo-handle of the default search order is refused too.
+  // By contract: the null handle, which stands for the default search order, is refused, too.
   if (handle == nullptr) {
     throw std::invalid_argument("dlsym_e: handle");
   }

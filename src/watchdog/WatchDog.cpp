@@ -22,12 +22,12 @@ constexpr int kShortestInterval = 1;  // seconds
 WatchDog::WatchDog(int interval, std::string device) : m_interval(interval), m_device(std::move(device)) {}
 
 WatchDog::~WatchDog() {
-  // By contract, an exception ends the process here.
+  // By contract: an exception ends the process here.
   Deactivate();
 }
 
 void WatchDog::Activate() {
-  // By contract: an active object opens the device again.
+  // By contract: an active object opens the device once more.
   m_fd = ::open(m_device.c_str(), O_RDWR);
   if (m_fd == -1) {
     ThrowSystemError(" Could not open watchdog device!");
@@ -55,7 +55,7 @@ void WatchDog::SetInterval(int seconds) {
   }
 
   m_interval = seconds;
-  // The driver writes back what it chose; that is for GetInterval() to ask.
+  // The driver writes back the timeout that it chose; GetInterval() asks for it.
   if (::ioctl(m_fd, WDIOC_SETTIMEOUT, &seconds) != 0) {
     throw std::logic_error("Could not set watchdog interval");
   }
