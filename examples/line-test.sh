@@ -1,0 +1,51 @@
+#!/bin/sh
+# A test of an application on a simulated board: line-test.sh BOARDSIM APPLICATION
+#
+# The application here is serial-echo. The test plays the far end, looks at what the application did with its line, and
+# pulls the cable.
+set -eu
+boardsim=$(readlink -f "$1") application=$(readlink -f "$2")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+fail() {
+  printf 'FAILED: %s\n' "$1"
+  cat output log
+  exit 1
+}
+
+# wait_for TEXT FILE: until TEXT stands in FILE, but no longer than 10 seconds.
+wait_for() {
+  for _ in $(seq 100); do
+    if grep -qs -e "$1" "$2"; then
+      return
+    fi
+    sleep 0.1
+  done
+  fail "no \"$1\" in $2"
+}
+
+# [start]
+"$boardsim" --tty /dev/ttyS1=none --log log --control control -- "$application" /dev/ttyS1 115200 > output 2>&1 &
+board=$!
+wait_for 'ttyS1 settings speed=115200' log
+# [start]
+
+# [control]
+ask() {
+  printf '%s\n' "$*" | socat -t 5 - UNIX-CONNECT:control
+}
+
+[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing" # "one" and a newline
+wait_for one output
+[ "$(ask hangup /dev/ttyS1)" = ok ] || fail "the cable can't be pulled"
+# [control]
+
+# [verdict]
+status=0
+wait "$board" || status=$?
+[ "$status" -ne 0 ] || fail "the application took the hang-up for success"
+wait_for 'serial-echo: ' output # it said why
+# [verdict]
+printf 'passed\n'

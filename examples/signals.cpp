@@ -1,0 +1,34 @@
+// Handles one signal and blocks another: signals
+#include <SystemCalls.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <iostream>
+
+// [use]
+namespace {
+
+volatile sig_atomic_t stop = 0;
+
+void RequestStop(int, siginfo_t*, void*) {
+  stop = 1;  // nothing but a flag: hardly any function is safe in a handler
+}
+
+}  // namespace
+
+int main() {
+  DeactivateSignalP(SIGUSR1);  // before there are threads, which inherit it
+  InstallSignalHandler(SIGTERM, RequestStop);
+  // [use]
+  ::raise(SIGUSR1);
+  ::raise(SIGTERM);
+
+  sigset_t pending;
+  ::sigpending(&pending);
+  std::cout << "stop: " << stop << ", SIGUSR1 is " << (::sigismember(&pending, SIGUSR1) == 1 ? "waiting" : "gone")
+            << '\n'
+            << "policy: " << GetProcSchedPolicyName(0) << '\n'
+            << "the first thread has the process's id: " << (LinuxGetThreadId() == ::getpid() ? "yes" : "no") << '\n';
+  return 0;
+}

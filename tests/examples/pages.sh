@@ -1,0 +1,99 @@
+#!/bin/sh
+# Runs the examples that the handbook's pages show, and compares what they print.
+# Usage: pages.sh EXAMPLES_DIR [BOARDSIM]    (without BOARDSIM, only those that need no board)
+set -eu
+examples=$1 boardsim=${2:-}
+here=$(dirname "$(readlink -f "$0")")
+# shellcheck source=tests/examples/expect.sh
+. "$here/expect.sh"
+
+# prints STATUS COMMAND...: COMMAND ends with STATUS and prints the standard input.
+prints() {
+  wanted=$1
+  shift
+  cat > expected
+  run "$wanted" printed "$@"
+  diff expected printed || fail "$* prints something else." printed
+}
+
+prints 0 "$examples/descriptors" <<'END'
+hello
+Error reading from file descriptor. No bytes read:
+END
+
+prints 0 "$examples/signals" <<'END'
+stop: 1, SIGUSR1 is waiting
+policy: other
+the first thread has the process's id: yes
+END
+
+run 0 printed "$examples/files"
+expect printed 21.5 "Error reading from file descriptor. No bytes read:ReadBytes from 'example.txt' failed.: " "exists: no"
+
+run 0 printed "$examples/commands"
+expect printed hello "it said: ls: " "No such file or directory"
+
+run 0 printed "$examples/ip-configuration" lo
+expect printed "link = 00:00:00:00:00:00"
+
+# From here, without digits in its path: they would be read as lengths of names.
+cp "$examples/tracebacks" app
+run 0 printed ./app
+expect printed "here:" "Traceback:" "station::Measure" "done"
+
+run 0 printed "$examples/files-by-threads" 2 200
+expect printed "of 200 files, "
+run 0 printed "$examples/fork-beside-commands"
+expect printed "commands waited for a child that was not theirs"
+
+[ -n "$boardsim" ] || exit 0
+
+prints 0 "$boardsim" --reg 0x40000000=0x10 -- "$examples/memory" 0x40000000 <<'END'
+0x10 -> 0x11
+some memory is in use
+END
+
+prints 0 "$boardsim" --log log -- "$examples/watchdog" /dev/watchdog <<'END'
+disarmed
+END
+expect_events /dev/watchdog log <<'END'
+open
+timeout 30
+feed
+write magic
+close: stopped
+END
+
+prints 0 "$boardsim" --log log -- "$examples/serial-port" /dev/ttyS1 <<'END'
+first byte: s
+END
+expect log "settings speed=115200"
+
+prints 0 "$here/../../examples/line-test.sh" "$boardsim" "$examples/serial-echo" <<'END'
+passed
+END
+
+# What the pages say of a forgotten watchdog, of locales, and of an address that is set over ssh.
+# shellcheck disable=SC2016  # the inner shell's own
+run 86 printed "$boardsim" -- sh -c '"$0" /dev/watchdog 2 & sleep 1; kill -KILL $!; sleep 9' "$examples/watchdog-feed"
+expect printed "has reset the board"
+
+run 0 printed "$boardsim" -- "$examples/report-in-a-locale" /dev/ttyS1
+expect printed "Output Baudrate: 115.200" "Real baud rate: 114.890"
+
+if ! "$boardsim" --net private -- true 2> /dev/null; then
+  printf 'Left out, for want of a network of its own: an address that is set over ssh.\n'
+  exit 0
+fi
+# shellcheck disable=SC2016  # the inner shell's own
+run 0 printed "$boardsim" -- sh -c '
+  ip addr add 192.0.2.10/24 dev eth0
+  ip route add default via 192.0.2.1
+  (sleep 2; ip addr replace 192.0.2.10/24 dev eth0; ip route replace default via 192.0.2.1) </dev/null >/dev/null 2>&1 &
+  rescue=$!
+  "$0" eth0 192.0.2.20 24
+  [ -z "$(ip route show default)" ] && echo "the default route has gone"
+  wait "$rescue"
+  ip addr show dev eth0
+  ip route show default' "$examples/set-address"
+expect printed "the default route has gone" "inet 192.0.2.20/24" "inet 192.0.2.10/24" "default via 192.0.2.1 dev eth0"
