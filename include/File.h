@@ -1,6 +1,19 @@
 #ifndef BOARDKIT_FILE_H
 #define BOARDKIT_FILE_H
 
+/// @file
+/// An open file whose failures tell its name.
+///
+/// @code{.cpp}
+/// const File file("example.txt", O_RDWR | O_CREAT | O_TRUNC, 0644);
+/// file.PutString("21.5");
+///
+/// unsigned char text[4];
+/// file.Seek(0, SEEK_SET);
+/// file.ReadBytes(text, sizeof text);  // exactly four bytes, or an exception that names the file
+/// @endcode
+/// This is a part of `examples/files.cpp`. The handbook has more: @ref files.
+
 #include <cstdio>
 #include <string>
 
@@ -8,12 +21,14 @@
 
 /// An open file: a descriptor, a stream on the same file, and the file's name, which every failure tells.
 ///
+/// @snippet files.cpp use
+///
 /// Made from a path (which it opens) or from a descriptor or a stream (which it adopts, learning the name from the
 /// kernel), and complete from then on; what it holds is closed with it. Bytes go through the descriptor; the stream is
-/// there for those who want to read with it, and knows nothing of what went through the descriptor.
+/// there for reading with it, and knows nothing of what went through the descriptor.
 ///
-/// Every failure is a `std::system_error`. The members are const, but move the file's offset: callers that share an
-/// object between threads serialise their calls.
+/// Every failure is a `std::system_error`. The members are const, but move the file's offset: one object is used by one
+/// thread at a time.
 ///
 /// @warning The destructor closes the stream and then the descriptor, whose number the stream has just closed: in a
 /// program with several threads, that number may belong to somebody else by then.
@@ -38,15 +53,15 @@ class File {
   File(const File&) = delete;
   File& operator=(const File&) = delete;
 
-  /// Completes the object: called by every constructor. Later on it only tries again for a stream, or a name, that was
-  /// not to be had.
+  /// Completes the object; every constructor calls it. A later call only tries again to get a stream or a name that
+  /// could not be had before.
   void Init();
 
-  /// True if @p path can be opened for reading, which it is: a folder exists, a file that may not be read does not
-  /// exist here, and a FIFO without a writer blocks.
+  /// True if @p path can be opened for reading, which the function tries: a folder exists, a file that the caller may
+  /// not read does not, and a FIFO without a writer blocks.
   static bool Exists(const std::string& path);
 
-  /// The stream, which the object keeps; null if none could be made for reading, as on a write-only descriptor.
+  /// The stream, which the object keeps; null if there is none, as on a write-only descriptor.
   std::FILE* GetFileHandle() const;
 
   /// True if a read through the stream has met the end; false without a stream. Reads through the descriptor never set

@@ -1,6 +1,18 @@
 #ifndef BOARDKIT_IPNET_H
 #define BOARDKIT_IPNET_H
 
+/// @file
+/// Addresses and default gateways through the ip tool.
+///
+/// @code{.cpp}
+/// OpSystem system;
+/// IpNet net(system);
+/// for (const auto& entry : net.GetIfaceInfo(argv[1])) {
+///   std::cout << entry.first << " = " << entry.second << '\n';
+/// }
+/// @endcode
+/// This is a part of `examples/ip-configuration.cpp`. The handbook has more: @ref ip-configuration.
+
 #include <initializer_list>
 #include <map>
 #include <string>
@@ -11,12 +23,14 @@ class OpSystem;
 
 /// The addresses of network interfaces and the default gateways, read and changed through the `ip` tool.
 ///
+/// @snippet ip-configuration.cpp use
+///
 /// Queries run one command and pick words out of its output; changes query first, do nothing if the state already is
 /// as asked, and otherwise run one shell text of up to two commands. There is no rollback: if the second command fails,
 /// the first may have taken effect; if the first fails and the second does not, only standard error tells. Names and
 /// addresses go into the commands as they are given, without quoting or checks.
 ///
-/// One object is used by one thread at a time, and callers that change the same interface or route serialise their
+/// One object is used by one thread at a time, and callers that change the same interface or route must serialise their
 /// calls. Every query and change throws what OpSystem::ExecCmd() throws: `std::logic_error` with the tool's own words
 /// if `ip` fails, `std::system_error` if it cannot be run.
 class IpNet {
@@ -42,8 +56,8 @@ class IpNet {
   /// prefix length that `ip addr show dev` lists for @p iface. What is not listed has no key.
   ///
   /// Only the first occurrence of "inet" and of "inet6" counts: on an interface whose name contains "inet", or that has
-  /// IPv6 addresses alone, there are no IPv4 keys. An address with a peer has no keys
-  /// either where `ip` prints it without a prefix length.
+  /// IPv6 addresses alone, there are no IPv4 keys. An address with a peer has no keys either where `ip` prints it
+  /// without a prefix length.
   Record GetIfaceInfo(std::string iface);
 
   /// The words after "default", "via" and "dev" in the routes that `ip route show` lists, of IPv6 or of IPv4.
@@ -95,8 +109,8 @@ class IpNet {
   /// number on, all bytes count as 0 (one of more than 32 bits as ff); nothing is thrown.
   static std::string GetLinkLocalAddr(std::string mac);
 
-  // Parsing. A text may have several lines, but only the space character separates words: a word that ends a line runs
-  // on through the newline. Positions are byte offsets; texts are shorter than 4 GiB.
+  // Parsing. A text may have several lines, but only the space character separates words: newlines do not end a word.
+  // Positions are byte offsets; texts are shorter than 4 GiB.
 
   /// The position of the word after the first occurrence of @p key in @p text at or after @p start, or npos.
   ///

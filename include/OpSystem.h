@@ -1,11 +1,27 @@
 #ifndef BOARDKIT_OPSYSTEM_H
 #define BOARDKIT_OPSYSTEM_H
 
+/// @file
+/// A shell command's whole output.
+///
+/// @code{.cpp}
+/// OpSystem system;
+/// std::cout << system.ExecCmd("echo hello", false);
+/// try {
+///   system.ExecCmd("ls /nowhere", false);
+/// } catch (const std::logic_error& failure) {  // the command's status was not 0
+///   std::cout << "it said: " << failure.what();
+/// }
+/// @endcode
+/// This is a part of `examples/commands.cpp`. The handbook has more: @ref commands.
+
 #include <string>
 
 #pragma GCC visibility push(default)
 
 /// Runs shell commands and returns what they print.
+///
+/// @snippet commands.cpp use
 ///
 /// Stateless: one object may serve any number of users and threads, and may be copied freely.
 ///

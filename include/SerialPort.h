@@ -1,6 +1,22 @@
 #ifndef BOARDKIT_SERIALPORT_H
 #define BOARDKIT_SERIALPORT_H
 
+/// @file
+/// A serial line in raw mode, restored on close.
+///
+/// @code{.cpp}
+/// SerialPort port(argv[1], true);  // opens the device
+/// port.SetBaudRate(SerialPort::BAUD_115200);
+/// port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);  // makes the line raw: 8 data bits, no parity
+/// port.SetParity(SerialPort::PARITY_EVEN);             // so this comes afterwards
+/// port.Write("status?\n");
+/// if (port.IsDataReceived(1000)) {  // milliseconds
+///   std::cout << "first byte: " << port.ReadOneByte() << '\n';
+/// }
+/// port.Close();  // here a failure can be caught; in the destructor it ends the process
+/// @endcode
+/// This is a part of `examples/serial-port.cpp`. The handbook has more: @ref serial-port.
+
 #include <termios.h>
 
 #include <cstdint>
@@ -10,13 +26,16 @@
 
 #pragma GCC visibility push(default)
 
-/// A serial port over a tty device: raw, blocking, and put back as it was found when it is closed.
+/// A serial line in raw mode, whose settings are restored on close. Transfers block.
 ///
-/// Open from construction on; Close() and Open() may follow each other. Opening saves the device's terminal attributes,
-/// closing restores them, and the line settings last applied are remembered for ToString(), which reopens the port.
+/// @snippet serial-port.cpp use
+///
+/// The port is open from construction on; Close() and Open() may follow each other. Opening saves the device's terminal
+/// attributes, closing restores them. The object remembers the line settings last applied for ToString(), which reopens
+/// the port.
 ///
 /// For a device without terminal attributes the constructor's second argument is false: then none are read or written,
-/// setters only remember, and getters see zeros. Such a device must all the same accept a flush of its input, and the
+/// setters only remember, and getters see zeros. Such a device must still accept a flush of its input, and the
 /// modem-control requests for closing: a regular file cannot be opened this way.
 ///
 /// Every failure is a `std::system_error` with the current `errno`, unless an operation says otherwise. Operations that
@@ -79,7 +98,7 @@ class SerialPort {
   /// Opens @p device as OpenSerialPortDevice() does; if that fails, nothing stays open, but the line may stay raw.
   SerialPort(const std::string& device, bool termiosSupported);
 
-  /// Closes an open port. A failure of Close() ends the process: it means that the line was left in a wrong state.
+  /// Closes an open port. A failure of Close() ends the process: the line was left in a wrong state.
   ~SerialPort();
 
   SerialPort(const SerialPort&) = delete;
@@ -175,7 +194,8 @@ class SerialPort {
 
   // --- Data, straight to and from the device
 
-  /// Writes all @p count bytes; repeats at once what is interrupted or refused for now, and may block without limit.
+  /// Writes all @p count bytes. Repeats at once what was interrupted or refused for the moment; may block without
+  /// limit.
   /// @throws std::system_error "Error writing to file descriptor: " or "Error writing to file descriptor. writtenCount
   /// <= 0."; bytes written before stay written.
   void Write(const void* data, unsigned int count);

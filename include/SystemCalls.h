@@ -1,16 +1,25 @@
 #ifndef BOARDKIT_SYSTEMCALLS_H
 #define BOARDKIT_SYSTEMCALLS_H
 
-#include <signal.h>
-
 /// @file
 /// System calls as free functions that do the whole job or throw.
 ///
-/// Unless its comment says otherwise, a failed system call becomes a `std::system_error` with the call's `errno`,
-/// `std::system_category()` and a fixed message, so that `what()` is the message, ": " and the error's text. Messages
-/// that end in a colon therefore show two of them.
+/// @code{.cpp}
+/// char buffer[5];
+/// WriteLoop(writing, "hello", 5);            // all five bytes, or an exception
+/// ReadLoop(reading, buffer, sizeof buffer);  // exactly five bytes, or an exception
+/// DebugSleep(20);                            // milliseconds; signals do not shorten it
+/// @endcode
+/// This is a part of `examples/descriptors.cpp`. The handbook has more: @ref descriptors, @ref signals, @ref memory.
 ///
-/// But for DeactivateSignalP(), the functions keep no state and may be called from any thread.
+/// Unless its comment says otherwise, a function turns a failed system call into a `std::system_error` with the call's
+/// `errno`, `std::system_category()` and a fixed message: `what()` is the message, ": " and the error's words. A
+/// message that ends in a colon is therefore followed by a second one.
+///
+/// The functions keep no state, except DeactivateSignalP(), and any thread may call them. The suffix `_e` marks
+/// wrappers that throw on an error, `_a` those that return the call's own result.
+
+#include <signal.h>
 
 struct sysinfo;
 
@@ -23,7 +32,7 @@ struct sysinfo;
 /// @throws std::system_error "Error writing to file descriptor:" if `write` fails otherwise.
 /// @throws std::logic_error "Error writing to file descriptor. No bytes written:" if `write` makes no progress: 0, or a
 /// negative result other than -1.
-/// Bytes written before a failure stay written; how many is not told.
+/// Bytes written before a failure stay written; the caller does not learn how many.
 void WriteLoop(int fd, const void* data, unsigned int length);
 
 /// Reads exactly @p length bytes from @p fd into @p buffer.
@@ -32,10 +41,10 @@ void WriteLoop(int fd, const void* data, unsigned int length);
 /// of 0 does not touch the descriptor.
 /// @throws std::system_error "Error reading from file descriptor:" if `read` fails otherwise.
 /// @throws std::logic_error "Error reading from file descriptor. No bytes read:" if the file ends first.
-/// Bytes read before a failure stay in @p buffer; how many is not told.
+/// Bytes read before a failure stay in @p buffer; the caller does not learn how many.
 void ReadLoop(int fd, void* buffer, unsigned int length);
 
-/// Suspends the calling thread for @p milliseconds; signals do not shorten the sleep.
+/// Suspends the calling thread for @p milliseconds. Signals do not shorten the sleep.
 /// @throws std::system_error "Error sleeping: " if `nanosleep` refuses: EINVAL for a negative time.
 void DebugSleep(int milliseconds);
 
@@ -47,12 +56,12 @@ void InstallSignalHandler(int signal, void (*handler)(int, siginfo_t*, void*));
 
 /// Blocks @p signal in the calling thread until the application unblocks it; no other signal is affected.
 ///
-/// Works on one signal set of the whole process: callers serialise their calls, best at the start before there are
-/// threads, which then inherit the blocking.
+/// Works on one signal set of the whole process: callers must serialise their calls. Call it at the start, before there
+/// are threads, which then inherit the blocking.
 /// @throws std::runtime_error "Error setting deactivation signal mask." or "Error adding to terminate signal mask." (no
 /// such signal).
 /// @throws std::system_error with an empty message if `sigprocmask` fails. SIGKILL and SIGSTOP cannot be blocked: for
-/// them nothing happens, and nothing is said.
+/// them nothing happens, and no error is reported.
 void DeactivateSignalP(int signal);
 
 /// The name of a scheduling policy: "other", "fifo", "rrobin" or "batch", and "<ukwn>" for all others.
@@ -61,12 +70,10 @@ const char* GetProcSchedPolicyName(int policy);
 /// The calling thread's id in the kernel.
 int LinuxGetThreadId();
 
-// The suffix _e marks wrappers that throw on an error, _a those that hand on the call's result.
-
 /// The 32-bit word at the physical byte address @p address, read through /dev/mem in one access.
 ///
-/// The address is not checked for alignment. Every call opens and maps the device afresh: meant for registers now and
-/// then, not for fast paths.
+/// The address is not checked for alignment. Every call opens and maps the device anew: use it for a register now and
+/// then, not in a fast path.
 /// @throws std::system_error "ReadFromMemory Open /dev/mem failed" (EACCES, EPERM: not privileged) or "Error from mmap"
 /// (EPERM: the kernel guards this range). Where nothing answers at the address, the access itself ends the process with
 /// SIGBUS.

@@ -1,11 +1,27 @@
 #ifndef BOARDKIT_WATCHDOG_H
 #define BOARDKIT_WATCHDOG_H
 
+/// @file
+/// A hardware watchdog: arm, feed and disarm it.
+///
+/// @code{.cpp}
+/// WatchDog dog(30, argv[1]);  // seconds, device; nothing is opened yet
+/// dog.Activate();             // from here on the board resets unless Feed() comes in time
+/// for (int round = 0; round < 3; ++round) {
+///   DoOneRound();
+///   dog.Feed();
+/// }
+/// dog.Deactivate();
+/// @endcode
+/// This is a part of `examples/watchdog.cpp`. The handbook has more: @ref watchdog.
+
 #include <string>
 
 #pragma GCC visibility push(default)
 
 /// A hardware watchdog, driven through the kernel's watchdog device.
+///
+/// @snippet watchdog.cpp use
 ///
 /// Inactive until Activate() has opened the device and set the timeout; from then on the board resets unless Feed() is
 /// called in time. Deactivate(), and the destructor, write the magic close character first, so that a driver that
@@ -22,7 +38,7 @@ class WatchDog {
   /// Keeps both for Activate(): the timeout in seconds and the path of the device. Nothing is checked or opened.
   WatchDog(int interval, std::string device);
 
-  /// Deactivates. A failure ends the process: a watchdog that could not be stopped is not passed over in silence.
+  /// Deactivates. A failure ends the process, so that a watchdog which could not be stopped does not go unnoticed.
   ~WatchDog();
 
   WatchDog(const WatchDog&) = delete;

@@ -1,21 +1,33 @@
 #ifndef BOARDKIT_LINUXUTILS_H
 #define BOARDKIT_LINUXUTILS_H
 
+/// @file
+/// The calling thread's stack as text.
+///
+/// @code{.cpp}
+/// std::cout << "here:" << linuxutils::Traceback();
+/// @endcode
+/// This is a part of `examples/tracebacks.cpp`. The handbook has more: @ref tracebacks.
+
 #include <string>
 
 #pragma GCC visibility push(default)
 
-/// A text picture of the calling thread's stack, for logs and exception messages.
+/// The calling thread's stack as text, for logs and exception messages.
+///
+/// @snippet tracebacks.cpp use
 ///
 /// A frame is there where the code has unwind tables (on ARM, compile with `-fasynchronous-unwind-tables`), for a
 /// function that was called: an inlined one has none of its own, and one that ended in a jump to the next has none any
-/// more (`-fno-optimize-sibling-calls` keeps the call). A name is there for a function that the program exports to the
-/// dynamic linker (link it with `-rdynamic`), which static ones are not, and that goes on behind its call. Off ARM,
-/// where a function ends in a call that never returns, the address behind it is another function's or nobody's: with
-/// g++,
-/// `-fno-reorder-blocks-and-partition` and `-fno-ipa-pure-const` keep code behind such calls, unless the called
-/// function is declared `[[noreturn]]`, and with clang++, `-mllvm -trap-unreachable`. The CMake target
-/// boardkit::traceback has all of these flags.
+/// more (`-fno-optimize-sibling-calls` keeps the call).
+///
+/// A function has a name if the program exports it to the dynamic linker (link with `-rdynamic`; static functions are
+/// never exported) and if it goes on behind its call. Where it ends in a call that never returns, the address behind
+/// that call belongs to another function or to nobody, except on ARM. With g++, `-fno-reorder-blocks-and-partition` and
+/// `-fno-ipa-pure-const` keep code behind such calls, unless the called function is declared `[[noreturn]]`; with
+/// clang++, `-mllvm -trap-unreachable` does.
+///
+/// The CMake target boardkit::traceback has all of these flags.
 ///
 /// Ask for the traceback where something happens. A terminate handler is too late: on 32-bit ARM the unwinder gets no
 /// further from there than the C++ library. The example traceback-on-terminate records the stack of each throw.

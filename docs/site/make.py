@@ -1,0 +1,114 @@
+"""Writes what the site needs beyond the pages: its HTML header, the error catalogue and the drawings of states.
+
+Usage: make.py OUTPUT_FOLDER, from the top folder; scripts/docs calls it.
+"""
+
+import html
+import json
+import pathlib
+import re
+import subprocess
+import sys
+import textwrap
+
+FOLDER = pathlib.Path(__file__).parent
+
+SUBSYSTEMS = {
+    "sys": ("Descriptors, signals, memory", "SystemCalls.h"),
+    "file": ("Files", "File.h"),
+    "watchdog": ("Watchdog", "WatchDog.h"),
+    "serial": ("Serial port", "SerialPort.h"),
+    "os": ("Commands", "OpSystem.h"),
+    "net": ("IP configuration", "IpNet.h"),
+    "diag": ("Tracebacks", "linuxutils.h"),
+}
+
+
+def header():
+    """Doxygen's own header with the theme's scripts and ours."""
+    made = subprocess.run(["doxygen", "-w", "html", "/dev/stdout", "/dev/null", "/dev/null"],
+                          check=True, capture_output=True, text=True).stdout
+    names = ["doxygen-awesome-darkmode-toggle", "doxygen-awesome-fragment-copy-button", "doxygen-awesome-paragraph-link",
+             "filter"]
+    scripts = "".join(f'<script type="text/javascript" src="$relpath^{name}.js"></script>\n' for name in names)
+    scripts += ("<script type=\"text/javascript\">\nDoxygenAwesomeDarkModeToggle.init();\n"
+                "DoxygenAwesomeFragmentCopyButton.init();\nDoxygenAwesomeParagraphLink.init();\n</script>\n")
+    before, after = made.split("$treeview", 1)
+    # The page says its language, which screen readers and hyphenation want to know.
+    before = before.replace("<html xmlns=", '<html lang="en" xmlns=', 1)
+    return before + scripts + "$treeview" + after
+
+
+def operations(names):
+    return ", ".join(f"@ref {name} \"{name}\"" if "::" in name else f"@ref {name}" for name in names)
+
+
+def causes(entry):
+    for cause in entry["causes"]:
+        numbers = ", ".join(cause["errno"])
+        yield (f"<b>{numbers}:</b> " if numbers else "") + html.escape(cause["cause"]), html.escape(cause["remedy"])
+
+
+def catalogue(errors):
+    """The page of all fixed texts, with an anchor for each."""
+    page = ["# Error catalogue {#error-catalogue}\n",
+            "@tableofcontents\n",
+            "Every fixed text of the library, what causes it, what to do, and what remains. Type a part of the text into "
+            "the field; @ref failures tells how to read a message. `boardctl explain` has the same catalogue at the "
+            "command line. Three dots stand for what varies.\n",
+            '<div id="filter-place"></div>\n']
+    for subsystem, (title, _) in SUBSYSTEMS.items():
+        entries = [entry for entry in errors if entry["subsystem"] == subsystem]
+        if not entries:
+            continue
+        page.append(f"## {title} {{#errors-{subsystem}}}\n")
+        for entry in entries:
+            text = html.escape(entry["text"]) or "(an empty text)"
+            rows = "".join(f"<li>{cause} <i>What to do:</i> {remedy}</li>" for cause, remedy in causes(entry))
+            # What users may search for is not read as Markdown; the names of the operations are links.
+            page.append(f'@htmlonly[block]<div class="entry"><div class="text"><code>{text}</code></div>@endhtmlonly\n'
+                        f"@anchor {entry['id']} {entry['exception']} from {operations(entry['operations'])}\n\n"
+                        f"@htmlonly[block]<ul>{rows}</ul><p>Remains: {html.escape(entry['remains'])}</p></div>"
+                        "@endhtmlonly\n")
+    return "\n".join(page)
+
+
+def drawing(source):
+    """A drawing that takes the page's colour and width."""
+    svg = subprocess.run(["dot", "-Tsvg", str(source)], check=True, capture_output=True, text=True).stdout
+    svg = svg[svg.index("<svg"):]
+    width = re.search(r'width="(\d+)pt"', svg).group(1)
+    svg = re.sub(r'<svg width="\d+pt" height="\d+pt"', f'<svg role="img" style="width: {width}pt"', svg, count=1)
+    svg = re.sub(r'<polygon fill="white" stroke="transparent"[^>]*/>\n', "", svg)
+    svg = svg.replace('"black"', '"currentColor"').replace(' xmlns:xlink="http://www.w3.org/1999/xlink"', "")
+    # Ids are unique in a page, and the tool numbers them anew in each drawing.
+    svg = re.sub(r'id="', f'id="{source.stem}-', svg)
+    return f'<div class="states">{svg}</div>\n'
+
+
+SNIPPET = re.compile(r"(?ms)^[^\n]*\[(\w+)\]$\n(.*?)^[^\n]*\[\1\]$")
+
+
+def snippets(path):
+    """The parts of an example that pages show, by name, without the indentation that they have in common."""
+    return {name: textwrap.dedent(part) for name, part in SNIPPET.findall(path.read_text())}
+
+
+def main(output):
+    output = pathlib.Path(output)
+    output.mkdir(parents=True, exist_ok=True)
+    errors = json.loads(pathlib.Path("docs/errors.json").read_text())["errors"]
+    (output / "header.html").write_text(header())
+    (output / "catalogue.md").write_text(catalogue(errors))
+    for example in pathlib.Path("examples").glob("*.*"):
+        parts = snippets(example)
+        if parts:
+            comment = "#" if example.suffix == ".sh" else "//"
+            (output / example.name).write_text("".join(
+                f"{comment} [{name}]\n{part}{comment} [{name}]\n" for name, part in parts.items()))
+    for source in FOLDER.glob("*.dot"):
+        (output / f"{source.stem}.svg").write_text(drawing(source))
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])

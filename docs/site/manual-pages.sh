@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Checks the manual pages: by mandoc, by man, and that the project's pages that they refer to exist. Run from the top folder.
+set -euo pipefail
+
+mapfile -t pages < <(find docs/man sim tools -name '*.[137]' -o -name '*.3boardkit' 2>/dev/null | sort)
+failed=0
+for page in "${pages[@]}"; do
+  mandoc -Tlint -W warning "$page" || failed=1
+  complaints=$(man --warnings -l "$page" 2>&1 >/dev/null)
+  if [[ -n $complaints ]]; then
+    printf '%s: %s\n' "$page" "$complaints"
+    failed=1
+  fi
+  # "boardsim (1)" in a line of references; the system's own pages are the system's matter.
+  while read -r name section; do
+    if ! compgen -G "docs/man/$name.$section" "sim/$name.$section" >/dev/null &&
+      [[ -z $(find tools sim docs/man -name "$name.$section" 2>/dev/null) ]]; then
+      printf '%s refers to %s(%s), which is not there.\n' "$page" "$name" "$section"
+      failed=1
+    fi
+  done < <(sed -nE 's/^\.BR (board[a-z]+|[A-Za-z]+) \((1|7|3boardkit)\).*/\1 \2/p' "$page" | grep -E '^board| 3boardkit$')
+done
+printf '%s manual pages.\n' "${#pages[@]}"
+((${#pages[@]} >= 9 && !failed))

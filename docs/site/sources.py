@@ -1,0 +1,88 @@
+"""Compares what the documentation shows with what it is taken from. Run from the top folder; ends with 1 at a difference.
+
+- Every public header begins with the example of its page of the handbook.
+- Every example that a page of the handbook or the README shows or names exists; the README's programs are those files.
+- The handbook names no file, and the site's pages no script, that is not there.
+- The synopsis of each manual page in section 3 is what its header declares, and its ERRORS section is the catalogue's.
+"""
+
+import pathlib
+import re
+import sys
+
+import make
+import manual
+
+complaints = []
+compared = 0
+
+
+def compare(what, shown, source):
+    global compared
+    compared += 1
+    if shown != source:
+        complaints.append(f"{what} differs. Shown:\n{shown}\nIn the source:\n{source}")
+
+
+def check_headers():
+    for header in sorted(pathlib.Path("include").glob("*.h")):
+        text = header.read_text()
+        found = re.search(r"\A#ifndef \w+\n#define \w+\n\n/// @file\n.*?/// @code\{\.cpp\}\n(.*?)/// @endcode\n"
+                          r"/// This is a part of `(examples/[\w-]+\.cpp)`", text, re.S)
+        if not found:
+            complaints.append(f"{header} does not begin with an example.")
+            continue
+        shown = "".join(line[4:] + "\n" for line in found.group(1).splitlines())
+        compare(f"The example of {header}", shown, make.snippets(pathlib.Path(found.group(2)))["use"])
+
+
+def check_readme():
+    text = pathlib.Path("README.md").read_text()
+    programs = re.findall(r"```cpp\n// .*?: ([\w-]+)[^\n]*\n(.*?)```\n", text, re.S)
+    if len(programs) < 2:
+        complaints.append("README.md shows fewer than two programs.")
+    for block in re.findall(r"```cpp\n(.*?)```\n", text, re.S):
+        name = re.search(r": ([\w-]+)", block.splitlines()[0]).group(1)
+        compare(f"The program {name} of README.md", block, pathlib.Path(f"examples/{name}.cpp").read_text())
+    for target in re.findall(r"\]\(([^)#]+)", text):
+        if not re.match(r"https?:", target) and not pathlib.Path(target).exists():
+            complaints.append(f"README.md links to {target}, which is not there.")
+
+
+FILES = r"`((?:examples|tests|scripts|src|cmake|docs|packaging|tools)/[\w./-]+)[ `]"
+
+
+def check_names():
+    global compared
+    for page in [pathlib.Path("README.md"), *sorted(pathlib.Path("docs").glob("*.md"))]:
+        for name in re.findall(FILES, page.read_text()):
+            compared += 1
+            if not pathlib.Path(name).exists():
+                complaints.append(f"{page} names {name}, which is not there.")
+    for header in pathlib.Path("include").glob("*.h"):
+        for name in re.findall(r"`(examples/[\w./-]+)`", header.read_text()):
+            if not pathlib.Path(name).exists():
+                complaints.append(f"{header} names {name}, which is not there.")
+
+
+def check_manual():
+    version = re.search(r"project\(boardkit VERSION ([\d.]+)", pathlib.Path("CMakeLists.txt").read_text()).group(1)
+    for header in sorted(pathlib.Path("include").glob("*.h")):
+        page = manual.page_of(header)
+        if not page.exists():
+            complaints.append(f"There is no manual page {page}.")
+            continue
+        text = page.read_text()
+        compare(f"The version of {page}", re.search(r'"boardkit ([\d.]+)"', text).group(1), version)
+        compare(f"The synopsis of {page}", manual.synopsis_in(text), manual.synopsis_of(header))
+        compare(f"The section ERRORS of {page}", manual.errors_in(text), manual.errors_of(header))
+
+
+check_headers()
+check_readme()
+check_names()
+check_manual()
+for complaint in complaints:
+    print(complaint)
+print(f"{compared} comparisons, {len(complaints)} complaints.")
+sys.exit(1 if complaints or compared < 30 else 0)
