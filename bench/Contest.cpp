@@ -24,12 +24,12 @@ double Median(std::vector<double> values) {
 /// What the limit is compared with.
 double Judged(Measure measure, double bare, double boardkit) {
   switch (measure) {
-    case Measure::Difference:
+    case Measure::kDifference:
       return boardkit - bare;
-    case Measure::Time:
+    case Measure::kTime:
       return boardkit;
-    case Measure::Ratio:
-    case Measure::Nothing:
+    case Measure::kRatio:
+    case Measure::kNothing:
       break;
   }
   return boardkit / bare;
@@ -74,9 +74,9 @@ void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
     judged.push_back(Judged(contest.measure, bareSeconds.back(), boardkitSeconds.back()));
   };
 
-  const bool isSmoke = effort == Effort::Smoke;
+  const bool isSmoke = effort == Effort::kSmoke;
   const long turns = isSmoke ? kSmokeTurns : contest.turns;
-  const int rounds = isSmoke || contest.measure == Measure::Nothing ? 1 : kMostRounds;
+  const int rounds = isSmoke || contest.measure == Measure::kNothing ? 1 : kMostRounds;
   for (int round = 0; round < rounds && !(round > 0 && IsDecided(judged, contest.limit)); ++round) {
     for (long turn = 0; turn < turns; ++turn) {
       takeTurn(turn % 2 == 0);
@@ -86,7 +86,7 @@ void Hold(benchmark::State& state, const Contest& contest, Effort effort) {
   state.SetIterationTime(Median(boardkitSeconds));
   state.counters["bare"] = Median(bareSeconds);
   state.counters["boardkit"] = Median(boardkitSeconds);
-  state.counters["unit"] = static_cast<double>(Unit::Second);
+  state.counters["unit"] = static_cast<double>(Unit::kSecond);
   state.counters["ratio"] = Median(ratios);
   state.counters["judged"] = Median(judged);
   state.counters["limit"] = contest.limit;

@@ -20,10 +20,10 @@ using Batch = std::function<Seconds()>;
 
 /// What a contest's limit is a limit of.
 enum class Measure {
-  Ratio,       ///< library to bare
-  Difference,  ///< what the library takes more than bare code: seconds a call, or another amount
-  Time,        ///< the seconds that a call takes
-  Nothing      ///< there is no limit: the numbers are for information
+  kRatio,       ///< library to bare
+  kDifference,  ///< what the library takes more than bare code: seconds a call, or another amount
+  kTime,        ///< the seconds that a call takes
+  kNothing      ///< there is no limit: the numbers are for information
 };
 
 /// Bare code against the library. Both batches do the same work in the same number of calls.
@@ -33,10 +33,10 @@ struct Contest {
   double limit;  ///< of the measure
   Batch bare;
   Batch boardkit;
-  Measure measure = Measure::Ratio;
+  Measure measure = Measure::kRatio;
 };
 
-enum class Unit { Second, Byte, Instruction };
+enum class Unit { kSecond, kByte, kInstruction };
 
 /// Two amounts that are the same whenever they are measured.
 struct Amounts {
@@ -48,8 +48,8 @@ struct Amounts {
 };
 
 enum class Effort {
-  Smoke,   ///< a few turns, which show that everything works: too few for a verdict
-  Verdict  ///< as many turns as the verdict takes
+  kSmoke,   ///< a few turns, which show that everything works: too few for a verdict
+  kVerdict  ///< as many turns as the verdict takes
 };
 
 /// Registers a contest under @p name. @p makeContest is called when its time has come, and the contest destroyed at

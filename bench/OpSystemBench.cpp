@@ -140,7 +140,7 @@ Amounts MeasureMemory() {
   if (status != 0 || !(result >> peak >> size) || size != static_cast<double>(kOutputSize)) {
     throw std::runtime_error("the process whose memory is measured failed");
   }
-  return {Unit::Byte, Measure::Ratio, kMemoryLimit, size, peak};
+  return {Unit::kByte, Measure::kRatio, kMemoryLimit, size, peak};
 }
 
 /// The most memory that this process has had at once so far, in bytes.

@@ -138,14 +138,14 @@ void SendByteAndBack(const Line& line) {
 }
 
 // Each call costs some ten nanoseconds more, whatever it does: that is the kernel's own price for a filter.
-constexpr Case kCases[] = {{"untouched: getppid", 1000, Measure::Nothing, 0, CallNothing},
-                           {"untouched: pread, 64 bytes", 500, Measure::Nothing, 0, Read<kSmall>},
-                           {"untouched: pread, 64 KiB", 50, Measure::Ratio, kUntouchedLimit, Read<kLarge>},
-                           {"looked at: open for reading", 50, Measure::Nothing, 0, OpenForReading},
-                           {"looked at: TIOCGWINSZ", 200, Measure::Nothing, 0, AskForSize},
-                           {"trapped: TIOCMGET", 50, Measure::Time, kTrappedLimit, AskForModemLines},
-                           {"trapped: open of the port", 20, Measure::Time, kTrappedLimit, OpenForBoth},
-                           {"byte to the far end and back", 20, Measure::Time, kByteLimit, SendByteAndBack}};
+constexpr Case kCases[] = {{"untouched: getppid", 1000, Measure::kNothing, 0, CallNothing},
+                           {"untouched: pread, 64 bytes", 500, Measure::kNothing, 0, Read<kSmall>},
+                           {"untouched: pread, 64 KiB", 50, Measure::kRatio, kUntouchedLimit, Read<kLarge>},
+                           {"looked at: open for reading", 50, Measure::kNothing, 0, OpenForReading},
+                           {"looked at: TIOCGWINSZ", 200, Measure::kNothing, 0, AskForSize},
+                           {"trapped: TIOCMGET", 50, Measure::kTime, kTrappedLimit, AskForModemLines},
+                           {"trapped: open of the port", 20, Measure::kTime, kTrappedLimit, OpenForBoth},
+                           {"byte to the far end and back", 20, Measure::kTime, kByteLimit, SendByteAndBack}};
 
 // --- The worker as the contest sees it -------------------------------------------------------------------------------
 
@@ -232,7 +232,7 @@ Contest MakeStart() {
       return TimeCalls(1, [&command] { WaitFor(Spawn(command, {STDIN_FILENO, STDOUT_FILENO}), command.front()); });
     };
   };
-  return {1, kStartTurns, kStartLimit, makeBatch({"true"}), makeBatch(OnBoard({"true"})), Measure::Difference};
+  return {1, kStartTurns, kStartLimit, makeBatch({"true"}), makeBatch(OnBoard({"true"})), Measure::kDifference};
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ double CountInstructions(const std::string& program) {
 
 /// What a program's start costs that has the C++ library, and what it costs with this library besides.
 Amounts MeasureStart() {
-  return {Unit::Instruction, Measure::Difference, kLimit, CountInstructions(BOARDKIT_BENCH_START_BARE),
+  return {Unit::kInstruction, Measure::kDifference, kLimit, CountInstructions(BOARDKIT_BENCH_START_BARE),
           CountInstructions(BOARDKIT_BENCH_START)};
 }
 

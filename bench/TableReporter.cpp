@@ -33,11 +33,11 @@ std::string Format(double value, const Scale (&scales)[count]) {
 
 std::string Format(double value, Unit unit) {
   switch (unit) {
-    case Unit::Second:
+    case Unit::kSecond:
       return Format(value, kTimes);
-    case Unit::Byte:
+    case Unit::kByte:
       return Format(value, kSizes);
-    case Unit::Instruction:
+    case Unit::kInstruction:
       break;
   }
   char text[32];
@@ -53,13 +53,13 @@ std::string FormatRatio(double ratio) {
 
 std::string FormatLimit(Measure measure, Unit unit, double limit) {
   switch (measure) {
-    case Measure::Difference:
+    case Measure::kDifference:
       return '+' + Format(limit, unit);
-    case Measure::Time:
+    case Measure::kTime:
       return Format(limit, unit);
-    case Measure::Nothing:
+    case Measure::kNothing:
       return "-";
-    case Measure::Ratio:
+    case Measure::kRatio:
       break;
   }
   return FormatRatio(limit);
@@ -112,7 +112,7 @@ void TableReporter::PrintRow(const Run& run) {
   }
 
   const auto measure = static_cast<Measure>(number("measure"));
-  const bool hasVerdict = m_judge && measure != Measure::Nothing;
+  const bool hasVerdict = m_judge && measure != Measure::kNothing;
   const bool exceeded = hasVerdict && number("judged") > number("limit");
   m_limitExceeded = m_limitExceeded || exceeded;
   const char* const verdict = !hasVerdict ? "-" : exceeded ? "EXCEEDED" : "ok";

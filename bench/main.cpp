@@ -40,7 +40,7 @@ int Run(int argc, char** argv) {
   }
 #endif
 
-  const Effort effort = Take(kSmokeOption, argc, argv) ? Effort::Smoke : Effort::Verdict;
+  const Effort effort = Take(kSmokeOption, argc, argv) ? Effort::kSmoke : Effort::kVerdict;
   const bool ofSim = Take(kSimOption, argc, argv);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
@@ -64,7 +64,7 @@ int Run(int argc, char** argv) {
     RegisterStartBench();
   }
 
-  TableReporter reporter(ofSim ? "boardsim" : "boardkit", effort == Effort::Verdict);
+  TableReporter reporter(ofSim ? "boardsim" : "boardkit", effort == Effort::kVerdict);
   if (benchmark::RunSpecifiedBenchmarks(&reporter) == 0 || reporter.HasFailed()) {
     return kExitFailed;
   }

@@ -50,7 +50,7 @@ const Family kFamily6 = {kIpV6,         "-6",          "2001:db8::10",  "2001:db
                          " metric 1024"};
 
 std::ostream& operator<<(std::ostream& out, Tool tool) {
-  return out << (tool == Tool::IpRoute2 ? "iproute2" : "BusyBox");
+  return out << (tool == Tool::kIpRoute2 ? "iproute2" : "BusyBox");
 }
 
 std::ostream& operator<<(std::ostream& out, const Family& family) {
@@ -65,7 +65,7 @@ void RealIpTest::SetUp() {
   if (PathOf("ip").empty()) {
     GTEST_SKIP() << "iproute2's tool ip is not installed";
   }
-  if (m_tool == Tool::BusyBox && PathOf("busybox").empty()) {
+  if (m_tool == Tool::kBusyBox && PathOf("busybox").empty()) {
     GTEST_SKIP() << "BusyBox is not installed";
   }
   const std::string whyNot = EnterFreshNetwork();
@@ -94,7 +94,7 @@ link set peer1 up
 end
 })",
                  false);
-  if (m_tool == Tool::BusyBox) {
+  if (m_tool == Tool::kBusyBox) {
     UseBusyBox();
   }
   net.SetDebugState(true);

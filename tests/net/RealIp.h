@@ -21,7 +21,7 @@ constexpr bool kNoFlush = false;
 constexpr bool kFlush = true;
 
 /// Which `ip` the library finds in the PATH.
-enum class Tool { IpRoute2, BusyBox };
+enum class Tool { kIpRoute2, kBusyBox };
 std::ostream& operator<<(std::ostream& out, Tool tool);
 
 /// Two networks of one family, as an interface's addresses and its gateways need them.

@@ -13,7 +13,7 @@ namespace {
 
 class RealIpBusyBox : public RealIpTest {
  protected:
-  RealIpBusyBox() : RealIpTest(Tool::BusyBox) {}
+  RealIpBusyBox() : RealIpTest(Tool::kBusyBox) {}
 
   /// That of the tool, which begins its help with "BusyBox v1.35.0 ".
   std::pair<int, int> Version() {

@@ -20,7 +20,7 @@ class RealIp : public RealIpTest, public testing::WithParamInterface<Tool> {
   RealIp() : RealIpTest(GetParam()) {}
 };
 
-INSTANTIATE_TEST_SUITE_P(With, RealIp, testing::Values(Tool::IpRoute2, Tool::BusyBox),
+INSTANTIATE_TEST_SUITE_P(With, RealIp, testing::Values(Tool::kIpRoute2, Tool::kBusyBox),
                          testing::PrintToStringParamName());
 
 /// With either tool, in either family.
@@ -74,7 +74,7 @@ class RealIpFamily : public RealIpTest, public testing::WithParamInterface<std::
 };
 
 INSTANTIATE_TEST_SUITE_P(With, RealIpFamily,
-                         testing::Combine(testing::Values(Tool::IpRoute2, Tool::BusyBox),
+                         testing::Combine(testing::Values(Tool::kIpRoute2, Tool::kBusyBox),
                                           testing::Values(kFamily4, kFamily6)),
                          [](const auto& test) {
                            return testing::PrintToString(std::get<Tool>(test.param)) + "_" +
@@ -84,7 +84,7 @@ INSTANTIATE_TEST_SUITE_P(With, RealIpFamily,
 /// With iproute2's tool alone: what the other one does not show or does not know.
 class RealIpRoute2 : public RealIpTest {
  protected:
-  RealIpRoute2() : RealIpTest(Tool::IpRoute2) {}
+  RealIpRoute2() : RealIpTest(Tool::kIpRoute2) {}
 };
 
 // --- The network itself ----------------------------------------------------------------------------------------------
@@ -219,7 +219,7 @@ TEST_P(RealIp, TheCarrierDoesNotMatterToTheRecord) {
 TEST_P(RealIp, AnUnknownInterfaceThrowsTheToolsWords) {
   const std::string words = Complaint("addr show dev nope0");
   EXPECT_EQ(words,
-            GetParam() == Tool::IpRoute2 ? "Device \"nope0\" does not exist.\n" : "ip: can't find device 'nope0'\n");
+            GetParam() == Tool::kIpRoute2 ? "Device \"nope0\" does not exist.\n" : "ip: can't find device 'nope0'\n");
 
   EXPECT_EXACT_THROW(net.GetIfaceInfo("nope0"), std::logic_error, words);
   EXPECT_EXACT_THROW(net.GetIfaceInfo("nope0"), std::logic_error, words);
@@ -312,7 +312,7 @@ TEST_P(RealIpFamily, ADefaultRouteThroughANexthopObjectGivesItsGatewayAndInterfa
 
   const Record record = net.GetGwInfo(family.ipv6);
 
-  EXPECT_EQ(record.at("default"), std::get<Tool>(GetParam()) == Tool::IpRoute2 ? "nhid" : "via");
+  EXPECT_EQ(record.at("default"), std::get<Tool>(GetParam()) == Tool::kIpRoute2 ? "nhid" : "via");
   EXPECT_EQ(record.at("via"), family.gateway);
   EXPECT_EQ(record.at("dev"), "eth0");
 }
@@ -682,7 +682,7 @@ class RealIpGateway : public RealIpFamily {
 };
 
 INSTANTIATE_TEST_SUITE_P(With, RealIpGateway,
-                         testing::Combine(testing::Values(Tool::IpRoute2, Tool::BusyBox),
+                         testing::Combine(testing::Values(Tool::kIpRoute2, Tool::kBusyBox),
                                           testing::Values(kFamily4, kFamily6)),
                          [](const auto& test) {
                            return testing::PrintToString(std::get<Tool>(test.param)) + "_" +
