@@ -135,7 +135,7 @@ const Operation kOperations[] = {
     {"SerialPortReportWithACustomSpeed",
      [] {
        Port().SetCustomBaudRate(115200);
-       const std::string report = Port().ToString();
+       std::string report = Port().ToString();
        Port().SetCustomBaudRate(0);
        return report;
      }},
