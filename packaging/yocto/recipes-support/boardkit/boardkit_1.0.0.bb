@@ -1,0 +1,36 @@
+SUMMARY = "Linux platform services for an embedded ARM board"
+DESCRIPTION = "A small shared C++ library that reaches the operating system and the hardware: \
+descriptors, files, signals, physical memory, the watchdog, serial ports, commands, IP \
+configuration and tracebacks."
+HOMEPAGE = "https://boardkit.example"
+SECTION = "libs"
+LICENSE = "MIT"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
+
+SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
+SRC_URI[sha256sum] = "0000000000000000000000000000000000000000000000000000000000000000"
+
+inherit cmake pkgconfig
+
+EXTRA_OECMAKE = " \
+    -DBOARDKIT_TESTS=OFF \
+    -DBOARDKIT_EXAMPLES=OFF \
+    -DBOARDKIT_SIM=OFF \
+    -DBOARDKIT_BENCH=OFF \
+"
+
+# boardctl. The two header libraries are in meta-oe, so it is not on by default.
+PACKAGECONFIG ??= ""
+PACKAGECONFIG[tools] = "-DBOARDKIT_TOOLS=ON,-DBOARDKIT_TOOLS=OFF,cli11 nlohmann-json"
+
+# Empty without the tools, and then not written.
+PACKAGES =+ "${PN}-tools"
+FILES:${PN}-tools = " \
+    ${bindir}/boardctl \
+    ${datadir}/bash-completion \
+    ${datadir}/fish \
+    ${datadir}/zsh \
+"
+SUMMARY:${PN}-tools = "boardkit at the command line"
+RRECOMMENDS:${PN} = "iproute2-ip"
+RRECOMMENDS:${PN}-tools = "iproute2-ip"

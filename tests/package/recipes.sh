@@ -1,0 +1,43 @@
+#!/bin/sh
+# Compares what the recipes and the packages repeat with the original.
+# Usage: recipes.sh SOURCE_DIR VERSION
+set -eu
+cd "$1"
+version=$2
+failed=0
+complain() {
+  printf '%s\n' "$*"
+  failed=1
+}
+
+recipe=packaging/yocto/recipes-support/boardkit/boardkit_$version.bb
+[ -e "$recipe" ] || complain "There is no $recipe."
+sum=$(md5sum LICENSE | cut -c 1-32)
+grep -q "md5=$sum\"" "$recipe" || complain "$recipe has another sum of LICENSE than $sum."
+sum=$(sha256sum LICENSE | cut -c 1-64)
+grep -q "^sha256  $sum  LICENSE$" packaging/buildroot/package/boardkit/boardkit.hash ||
+  complain "boardkit.hash has another sum of LICENSE than $sum."
+grep -q "^BOARDKIT_VERSION = $version$" packaging/buildroot/package/boardkit/boardkit.mk ||
+  complain "boardkit.mk has another version than $version."
+# What either names of options is one.
+options=$(grep -ho 'DBOARDKIT_[A-Z]*' "$recipe" packaging/buildroot/package/boardkit/boardkit.mk | sort -u)
+for option in $options; do
+  grep -q "option(${option#D} " CMakeLists.txt || complain "There is no option ${option#D}."
+done
+# What buildroot's own checks look at first.
+if grep -nE '[[:blank:]]$' -r packaging; then complain 'These lines end in blanks.'; fi
+awk 'length($0) > 80 { print FILENAME ": " $0; long = 1 } END { exit long }' packaging/buildroot/package/boardkit/[Cb]*[nk] ||
+  complain 'These lines are too long.'
+
+# The symbols of the Debian package are the exported ones.
+LC_ALL=C
+export LC_ALL
+grep -v '^#' src/exported-symbols.txt | c++filt | sort -u > "${TMPDIR:-/tmp}/exported.$$"
+sed -n 's/^ (c++)"\(.*\)@Base" [0-9.]*$/\1/p' debian/libboardkit*.symbols | sort -u |
+  diff "${TMPDIR:-/tmp}/exported.$$" - || complain 'debian/*.symbols (>) differs from src/exported-symbols.txt (<).'
+rm "${TMPDIR:-/tmp}/exported.$$"
+case $(sed -n '1s/.*(\(.*\)-[^-]*).*/\1/p' debian/changelog) in
+  "$version") ;;
+  *) complain "debian/changelog begins with another version than $version." ;;
+esac
+exit $failed
