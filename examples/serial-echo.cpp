@@ -48,7 +48,7 @@ int main(int argc, char* argv[]) {
       port.Close();
       return 0;
     } catch (const std::exception& e) {
-      // Told before the port goes: a line that was hung up can't be closed, and ends the program there.
+      // Report it before the port goes: a line that was hung up can't be closed, which ends the program.
       std::cerr << "serial-echo: " << e.what() << '\n';
       return 1;
     }

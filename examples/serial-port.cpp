@@ -1,4 +1,4 @@
-// Sends a line and waits for an answer of one line: serial-port /dev/ttyS1
+// Sends a line and waits a second for an answer: serial-port /dev/ttyS1
 //
 // Needs access to the device (the group dialout). Without a board: boardsim -- serial-port /dev/ttyS1
 #include <SerialPort.h>
@@ -15,13 +15,13 @@ int main(int argc, char* argv[]) {
     // [use]
     SerialPort port(argv[1], true);  // opens the device
     port.SetBaudRate(SerialPort::BAUD_115200);
-    port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);  // makes the line raw: 8 data bits, no parity
-    port.SetParity(SerialPort::PARITY_EVEN);             // so this comes afterwards
+    port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);  // makes the line raw,
+    port.SetParity(SerialPort::PARITY_EVEN);             // so this comes later
     port.Write("status?\n");
     if (port.IsDataReceived(1000)) {  // milliseconds
       std::cout << "first byte: " << port.ReadOneByte() << '\n';
     }
-    port.Close();  // here a failure can be caught; in the destructor it ends the process
+    port.Close();  // in the destructor, a failure ends the process
     // [use]
     return 0;
   } catch (const std::exception& e) {

@@ -20,7 +20,7 @@ int main(int argc, char* argv[]) {
       std::cout << port.ToString();
       return 0;
     } catch (const std::exception& e) {
-      // Told before the port goes: a line that can't be closed ends the program there.
+      // Report it before the port goes: a line that can't be closed ends the program.
       std::cerr << "serial-report: " << e.what() << '\n';
       return 1;
     }

@@ -1,6 +1,6 @@
 // Arms a watchdog, feeds it once a second, and disarms it at SIGTERM or SIGINT: watchdog-feed /dev/watchdog 30
 //
-// Killed in another way, it leaves the watchdog armed, and the board resets: that is what a watchdog is for.
+// If it ends in any other way, the watchdog stays armed and the board resets: that is what a watchdog is for.
 #include <SystemCalls.h>
 #include <WatchDog.h>
 
@@ -27,7 +27,7 @@ int main(int argc, char* argv[]) {
   }
   const int timeout = static_cast<int>(std::strtol(argv[2], nullptr, 10));
   if (timeout < 1) {
-    // Found out before the device is opened, which starts the timer.
+    // Checked before the device is opened, which starts the timer.
     std::cerr << "watchdog-feed: " << argv[2] << " is no time-out in seconds\n";
     return 2;
   }

@@ -23,8 +23,8 @@ int main(int argc, char* argv[]) {
   }
   try {
     // [use]
-    WatchDog dog(30, argv[1]);  // seconds, device; nothing is opened yet
-    dog.Activate();             // from here on the board resets unless Feed() comes in time
+    WatchDog dog(30, argv[1]);  // seconds, device
+    dog.Activate();             // now the board resets unless it is fed
     for (int round = 0; round < 3; ++round) {
       DoOneRound();
       dog.Feed();

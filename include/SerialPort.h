@@ -7,13 +7,13 @@
 /// @code{.cpp}
 /// SerialPort port(argv[1], true);  // opens the device
 /// port.SetBaudRate(SerialPort::BAUD_115200);
-/// port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);  // makes the line raw: 8 data bits, no parity
-/// port.SetParity(SerialPort::PARITY_EVEN);             // so this comes afterwards
+/// port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);  // makes the line raw,
+/// port.SetParity(SerialPort::PARITY_EVEN);             // so this comes later
 /// port.Write("status?\n");
 /// if (port.IsDataReceived(1000)) {  // milliseconds
 ///   std::cout << "first byte: " << port.ReadOneByte() << '\n';
 /// }
-/// port.Close();  // here a failure can be caught; in the destructor it ends the process
+/// port.Close();  // in the destructor, a failure ends the process
 /// @endcode
 /// This is a part of `examples/serial-port.cpp`. The handbook has more: @ref serial-port.
 
@@ -224,8 +224,8 @@ class SerialPort {
   /// True if the receive buffer holds something; the device is not asked.
   bool IsDataAvailable() const;
   /// Moves @p count bytes, or all if @p count is 0, from the receive buffer into @p out, whose content is replaced.
-  /// @throws std::invalid_argument "SerialPort::Read: more bytes asked for than are buffered."; they stay, and @p out is
-  /// empty.
+  /// @throws std::invalid_argument "SerialPort::Read: more bytes asked for than are buffered."; they stay, and @p out
+  /// is empty.
   void Read(std::vector<unsigned char>& out, unsigned int count);
 
   // --- What the driver holds; none of these checks for open

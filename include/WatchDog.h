@@ -5,8 +5,8 @@
 /// A hardware watchdog: arm, feed and disarm it.
 ///
 /// @code{.cpp}
-/// WatchDog dog(30, argv[1]);  // seconds, device; nothing is opened yet
-/// dog.Activate();             // from here on the board resets unless Feed() comes in time
+/// WatchDog dog(30, argv[1]);  // seconds, device
+/// dog.Activate();             // now the board resets unless it is fed
 /// for (int round = 0; round < 3; ++round) {
 ///   DoOneRound();
 ///   dog.Feed();
@@ -23,7 +23,7 @@
 ///
 /// @snippet watchdog.cpp use
 ///
-/// Inactive until Activate() has opened the device and set the timeout; from then on the board resets unless Feed() is
+/// Inactive until Activate() has opened the device and set the time-out; from then on the board resets unless Feed() is
 /// called in time. Deactivate(), and the destructor, write the magic close character first, so that a driver that
 /// honours it stops the timer. One object is used by one thread at a time.
 ///
@@ -35,7 +35,7 @@
 /// @warning The device is not opened close-on-exec: a child that inherits it keeps the timer running.
 class WatchDog {
  public:
-  /// Keeps both for Activate(): the timeout in seconds and the path of the device. Nothing is checked or opened.
+  /// Keeps both for Activate(): the time-out in seconds and the path of the device. Nothing is checked or opened.
   WatchDog(int interval, std::string device);
 
   /// Deactivates. A failure ends the process, so that a watchdog which could not be stopped does not go unnoticed.
@@ -54,7 +54,7 @@ class WatchDog {
   /// @throws std::system_error " Could not close watchdog device!" if the driver refuses.
   void Feed();
 
-  /// Asks the driver for a timeout of @p seconds.
+  /// Asks the driver for a time-out of @p seconds.
   ///
   /// The value is remembered before the driver is asked and kept if the driver refuses. The driver may round it:
   /// GetInterval() tells what it really uses.
@@ -62,7 +62,7 @@ class WatchDog {
   /// watchdog interval", which a new object gets always.
   void SetInterval(int seconds);
 
-  /// The timeout in seconds that the driver uses.
+  /// The time-out in seconds that the driver uses.
   /// @throws std::logic_error "Could not retrieve watchdog interval", which a new object gets always.
   int GetInterval() const;
 
