@@ -67,13 +67,15 @@ def check_names():
 
 def check_manual():
     version = re.search(r"project\(boardkit VERSION ([\d.]+)", pathlib.Path("CMakeLists.txt").read_text()).group(1)
+    for page in [*pathlib.Path("docs/man").iterdir(), *pathlib.Path("sim").glob("*.1"),
+                 *pathlib.Path("tools").rglob("*.1")]:
+        compare(f"The version of {page}", re.search(r'"boardkit ([\d.]+)"', page.read_text()).group(1), version)
     for header in sorted(pathlib.Path("include").glob("*.h")):
         page = manual.page_of(header)
         if not page.exists():
             complaints.append(f"There is no manual page {page}.")
             continue
         text = page.read_text()
-        compare(f"The version of {page}", re.search(r'"boardkit ([\d.]+)"', text).group(1), version)
         compare(f"The synopsis of {page}", manual.synopsis_in(text), manual.synopsis_of(header))
         compare(f"The section ERRORS of {page}", manual.errors_in(text), manual.errors_of(header))
 
