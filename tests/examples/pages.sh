@@ -97,3 +97,15 @@ run 0 printed "$boardsim" -- sh -c '
   ip addr show dev eth0
   ip route show default' "$examples/set-address"
 expect printed "the default route has gone" "inet 192.0.2.20/24" "inet 192.0.2.10/24" "default via 192.0.2.1 dev eth0"
+
+# What the page on security says of names that ip reports: the shell runs what stands behind the semicolon.
+# shellcheck disable=SC2016  # the inner shell's own
+run 0 printed "$boardsim" -- sh -c '
+  ip link set eth1 down
+  ip link set eth1 name "e;id>x"
+  ip link set "e;id>x" up
+  ip addr add 198.51.100.10/24 dev "e;id>x"
+  ip route add default via 198.51.100.1 dev "e;id>x"
+  "$0" eth0 192.0.2.1
+  cat x' "$examples/set-gateway"
+expect printed "uid="
