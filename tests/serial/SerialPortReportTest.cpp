@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "SerialExtended.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
 
@@ -100,9 +101,11 @@ TEST_F(Report, ShowsTheSpeedsThatTheDeviceHasAsPrintableNumbers) {
   // Just constructed, no speed is set yet.
   EXPECT_EQ(port.ToString().substr(22, 38), "Output Baudrate: 0\nInput  Baudrate: 0\n");
 
-  m_tty.attributes.c_cflag = CS8 | B3000000;
+  ::cfsetspeed(&m_tty.attributes, B3000000);
   EXPECT_EQ(port.ToString().substr(22, 50), "Output Baudrate: 2000000\nInput  Baudrate: 2000000\n");
-  m_tty.attributes.c_cflag = CS8 | 4096;
+  // A speed without a code, which some C libraries tell by its number.
+  m_tty.attributes.c_cflag = CS8 | ExtendedAttributes::kOtherSpeed;
+  m_tty.attributes.c_ispeed = m_tty.attributes.c_ospeed = 250000;
   EXPECT_EQ(port.ToString().substr(22, 38), "Output Baudrate: 0\nInput  Baudrate: 0\n");
 }
 
@@ -261,7 +264,7 @@ TEST_F(Report, ALatchOfOneIsAFastSpeedInSixDigits) {
 
 TEST_F(Report, WithoutAttributesTheSpeedsAreZeroAndALineSaysSo) {
   SerialPort port(SerialTty::kDevice, false);
-  m_tty.attributes.c_cflag = B115200 | CRTSCTS;
+  m_tty.attributes.c_cflag = SerialPort::BAUD_115200 | CRTSCTS;
 
   EXPECT_EQ(port.ToString(),
             "Device:    /dev/ttyS1\n"
@@ -333,7 +336,7 @@ TEST_F(Report, AMappingThatCannotBeReleasedIsLetBe) {
 }
 
 TEST_F(Report, ThePortIsOpenAfterwardsWithTheRememberedSettings) {
-  m_tty.attributes.c_cflag = CS7 | B300;
+  m_tty.attributes.c_cflag = CS7 | SerialPort::BAUD_300;
   SerialPort port(SerialTty::kDevice, true);
   port.SetBaudRate(SerialPort::BAUD_115200);
   port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
@@ -345,10 +348,10 @@ TEST_F(Report, ThePortIsOpenAfterwardsWithTheRememberedSettings) {
 
   EXPECT_TRUE(port.IsOpen());
   // Making the line raw leaves the bit for odd parity, which means nothing without parity.
-  EXPECT_EQ(m_tty.attributes.c_cflag, CLOCAL | CREAD | CS8 | PARODD | CSTOPB | CRTSCTS | B115200);
+  EXPECT_EQ(ControlFlags(m_tty.attributes), CLOCAL | CREAD | CS8 | PARODD | CSTOPB | CRTSCTS | SerialPort::BAUD_115200);
   // What was found first is what closing puts back, now as before.
   port.Close();
-  EXPECT_EQ(m_tty.attributes.c_cflag, static_cast<tcflag_t>(CS7 | B300));
+  EXPECT_EQ(m_tty.attributes.c_cflag, static_cast<tcflag_t>(CS7 | SerialPort::BAUD_300));
 }
 
 TEST_F(Report, TheRememberedSettingsSurviveSeveralReports) {

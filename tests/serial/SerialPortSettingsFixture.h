@@ -81,7 +81,7 @@ class SettingsTest : public SerialTtyTest {
   void ExpectFlags(tcflag_t input, tcflag_t control) {
     EXPECT_EQ(m_tty.attributes.c_iflag, kOtherInput | input);
     EXPECT_EQ(m_tty.attributes.c_oflag, kOtherOutput);
-    EXPECT_EQ(m_tty.attributes.c_cflag, kOtherControl | control);
+    EXPECT_EQ(ControlFlags(m_tty.attributes), kOtherControl | control);
     EXPECT_EQ(m_tty.attributes.c_lflag, kOtherLocal);
     EXPECT_EQ(m_tty.attributes.c_cc[VTIME], 12);
   }

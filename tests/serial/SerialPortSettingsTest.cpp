@@ -180,7 +180,7 @@ TEST_F(Settings, AGetterThatCannotReadThrows) {
 
 TEST_F(Settings, WithoutAttributesSettersSucceedWithoutTheDeviceAndGettersSeeZeros) {
   SerialPort port(SerialTty::kDevice, false);
-  m_tty.attributes.c_cflag = B115200 | CS8 | PARENB | PARODD | CSTOPB | CRTSCTS;
+  m_tty.attributes.c_cflag = SerialPort::BAUD_115200 | CS8 | PARENB | PARODD | CSTOPB | CRTSCTS;
   m_tty.kernel.SeenNow();
   for (const Setter& setter : Setters()) {
     setter.apply(port);
@@ -233,11 +233,11 @@ TEST_F(CharSize, EveryOneReplacesTheOldOneAndNothingElse) {
   for (const auto size :
        {SerialPort::CHAR_SIZE_5, SerialPort::CHAR_SIZE_6, SerialPort::CHAR_SIZE_7, SerialPort::CHAR_SIZE_8}) {
     for (const tcflag_t before : {CS5, CS6, CS7, CS8}) {
-      SetFlags(IXON | INPCK, before | PARENB | CSTOPB | CRTSCTS | B9600);
+      SetFlags(IXON | INPCK, before | PARENB | CSTOPB | CRTSCTS | SerialPort::BAUD_9600);
 
       port.SetCharSize(size);
 
-      ExpectFlags(IXON | INPCK, static_cast<tcflag_t>(size) | PARENB | CSTOPB | CRTSCTS | B9600);
+      ExpectFlags(IXON | INPCK, static_cast<tcflag_t>(size) | PARENB | CSTOPB | CRTSCTS | SerialPort::BAUD_9600);
       EXPECT_EQ(port.GetCharSize(), size);
     }
     EXPECT_EQ(RememberedBy(port).charSize, size);
@@ -368,13 +368,13 @@ termios MadeRaw(termios attributes) {
 TEST_F(FlowControl, HardwareMakesTheLineRawAndSetsCrtscts) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {tcflag_t{0}, tcflag_t{CRTSCTS}}) {
-    SetFlags(IXON | IXANY | IXOFF | ICRNL, before | CS7 | PARENB | CSTOPB | B9600);
+    SetFlags(IXON | IXANY | IXOFF | ICRNL, before | CS7 | PARENB | CSTOPB | SerialPort::BAUD_9600);
     const termios raw = MadeRaw(m_tty.attributes);
 
     port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
 
     EXPECT_EQ(m_tty.attributes.c_cflag, raw.c_cflag | CRTSCTS);
-    EXPECT_EQ(m_tty.attributes.c_cflag, kOtherControl | CS8 | CSTOPB | B9600 | CRTSCTS);
+    EXPECT_EQ(m_tty.attributes.c_cflag, kOtherControl | CS8 | CSTOPB | SerialPort::BAUD_9600 | CRTSCTS);
     EXPECT_EQ(m_tty.attributes.c_iflag, raw.c_iflag);
     EXPECT_EQ(m_tty.attributes.c_oflag, raw.c_oflag);
     EXPECT_EQ(m_tty.attributes.c_lflag, raw.c_lflag);

@@ -46,11 +46,11 @@ TEST_F(BaudRate, EveryOneIsSetInBothDirectionsAndReadBack) {
 
 TEST_F(BaudRate, TheOtherAttributesStay) {
   SerialPort port(SerialTty::kDevice, true);
-  SetFlags(IXON | INPCK, CS7 | PARENB | CSTOPB | B300);
+  SetFlags(IXON | INPCK, CS7 | PARENB | CSTOPB | SerialPort::BAUD_300);
 
   port.SetBaudRate(SerialPort::BAUD_9600);
 
-  ExpectFlags(IXON | INPCK, CS7 | PARENB | CSTOPB | B9600);
+  ExpectFlags(IXON | INPCK, CS7 | PARENB | CSTOPB | SerialPort::BAUD_9600);
 }
 
 TEST_F(BaudRate, WhatIsNoCodeThrowsEinvalAndChangesNothing) {
@@ -152,7 +152,7 @@ TEST_F(BaudRate, OfThePortIsItsInputSpeed) {
 
 TEST_F(CustomBaudRate, IsSetInBothDirectionsThroughTheExtendedAttributes) {
   SerialPort port(SerialTty::kDevice, true);
-  SetFlags(IXON, CS7 | PARENB | CRTSCTS | B9600);
+  SetFlags(IXON, CS7 | PARENB | CRTSCTS | SerialPort::BAUD_9600);
   m_tty.kernel.SeenNow();
 
   port.SetCustomBaudRate(kCustom);
@@ -168,7 +168,7 @@ TEST_F(CustomBaudRate, IsSetInBothDirectionsThroughTheExtendedAttributes) {
 TEST_F(CustomBaudRate, ZeroWithoutACustomSpeedAppliesTheRememberedBaudRateToo) {
   SerialPort port(SerialTty::kDevice, true);
   port.SetBaudRate(SerialPort::BAUD_115200);
-  m_tty.attributes.c_cflag = B1200;
+  m_tty.attributes.c_cflag = SerialPort::BAUD_1200;
 
   port.SetCustomBaudRate(0);
 
@@ -178,7 +178,7 @@ TEST_F(CustomBaudRate, ZeroWithoutACustomSpeedAppliesTheRememberedBaudRateToo) {
 TEST_F(CustomBaudRate, LeavesNoInputSpeedOfItsOwnInTheFlags) {
   SerialPort port(SerialTty::kDevice, true);
   constexpr unsigned int kInput9600 = 13U << ExtendedAttributes::kInputShift;
-  m_tty.attributes.c_cflag |= kInput9600 | B9600;
+  m_tty.attributes.c_cflag |= kInput9600 | SerialPort::BAUD_9600;
 
   port.SetCustomBaudRate(kCustom);
 
@@ -250,7 +250,7 @@ TEST_F(CustomBaudRate, ZeroForgetsItAndAppliesTheRememberedBaudRate) {
   EXPECT_EQ(port.GetCustomBaudRate(), 0U);
   EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_115200);
   // No input speed of its own is left in the flags.
-  EXPECT_EQ(m_tty.attributes.c_cflag & static_cast<tcflag_t>(CIBAUD), 0U);
+  EXPECT_EQ(ControlFlags(m_tty.attributes) & CIBAUD, 0U);
   port.SetBaudRate(SerialPort::BAUD_4800);
   EXPECT_EQ(port.GetBaudRate(), SerialPort::BAUD_4800);
 }

@@ -41,7 +41,7 @@ termios AsFound() {
   termios attributes{};
   attributes.c_iflag = ICRNL | IXON;
   attributes.c_oflag = OPOST | ONLCR;
-  attributes.c_cflag = CS7 | PARENB | CREAD | HUPCL | B19200;
+  attributes.c_cflag = CS7 | PARENB | CREAD | HUPCL | SerialPort::BAUD_19200;
   attributes.c_lflag = ISIG | ICANON | ECHO;
   attributes.c_line = 5;
   for (cc_t& character : attributes.c_cc) {
@@ -286,11 +286,11 @@ TEST_F(OpeningWithSettings, TheFiveSettersFollowTheOpeningInOrder) {
   EXPECT_EQ(m_tty.kernel.SeenNow(), kOpening + kSpeedSetter + kSetter + kSetter + kSetter + kSetter);
   ASSERT_EQ(m_tty.written.size(), 6U);
   constexpr tcflag_t kRaw = CLOCAL | CREAD;
-  EXPECT_EQ(m_tty.written[1].c_cflag, static_cast<tcflag_t>(kRaw | CS8 | B115200));
-  EXPECT_EQ(m_tty.written[2].c_cflag, static_cast<tcflag_t>(kRaw | CS7 | B115200));
-  EXPECT_EQ(m_tty.written[3].c_cflag, static_cast<tcflag_t>(kRaw | CS7 | PARENB | B115200));
-  EXPECT_EQ(m_tty.written[4].c_cflag, static_cast<tcflag_t>(kRaw | CS7 | PARENB | CSTOPB | B115200));
-  EXPECT_EQ(m_tty.written[5].c_cflag, static_cast<tcflag_t>(kRaw | CS8 | CSTOPB | CRTSCTS | B115200));
+  EXPECT_EQ(ControlFlags(m_tty.written[1]), kRaw | CS8 | SerialPort::BAUD_115200);
+  EXPECT_EQ(ControlFlags(m_tty.written[2]), kRaw | CS7 | SerialPort::BAUD_115200);
+  EXPECT_EQ(ControlFlags(m_tty.written[3]), kRaw | CS7 | PARENB | SerialPort::BAUD_115200);
+  EXPECT_EQ(ControlFlags(m_tty.written[4]), kRaw | CS7 | PARENB | CSTOPB | SerialPort::BAUD_115200);
+  EXPECT_EQ(ControlFlags(m_tty.written[5]), kRaw | CS8 | CSTOPB | CRTSCTS | SerialPort::BAUD_115200);
 }
 
 TEST_F(OpeningWithSettings, SevenDataBitsAndEvenParityEndAsEightBitsWithoutParity) {
@@ -400,7 +400,7 @@ TEST_F(Closing, OfTheModemBitsOnlyTheLoopbackIsCleared) {
 }
 
 TEST_F(Closing, EveryOpeningSavesTheAttributesAnew) {
-  m_tty.attributes.c_cflag = CS5 | B1200;
+  m_tty.attributes.c_cflag = CS5 | SerialPort::BAUD_1200;
   SerialPort port(SerialTty::kDevice, true);
   port.Close();
   const termios found = AsFound();

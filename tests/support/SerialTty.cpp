@@ -24,6 +24,12 @@ Value FromBytes(const std::string& bytes) {
 
 }  // namespace
 
+tcflag_t ControlFlags(const termios& attributes) {
+  const tcflag_t flags = attributes.c_cflag;
+  const bool same = (flags & CIBAUD) >> ExtendedAttributes::kInputShift == (flags & CBAUD);
+  return same ? flags & ~static_cast<tcflag_t>(CIBAUD) : flags;
+}
+
 SerialTty::SerialTty() {
   kernel.Simulate("open", [this](const Question& question) {
     if (question.bytes == kDevice) {

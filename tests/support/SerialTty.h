@@ -10,6 +10,10 @@
 
 #include "ScriptedKernel.h"
 
+/// The control flags of @p attributes. Some C libraries set the input's speed there even if it is that of the output,
+/// others leave it out: it is left out here.
+tcflag_t ControlFlags(const termios& attributes);
+
 /// A tty that exists only in this process: every call on its descriptor is noted, and answered from the members.
 ///
 /// A script of the kernel goes first, so that `tty.kernel.Script("tcflush", {Real(), Fails(EIO)})` lets the second
