@@ -26,7 +26,7 @@ def thrown_texts(source):
     text = re.sub(r"^\s*#.*$", "", text, flags=re.M)
     constants = dict(re.findall(r"const char\* (k\w+) = " + LITERAL, text))
     texts = set()
-    for statement in re.findall(r"(?:\bthrow\b|\bThrow\w+\(|\bCloseAndThrow\(|\bSetPortSettings\()[^;{]*[;{]", text):
+    for statement in re.findall(r"(?:\bthrow\b|\bThrow\w+\(|\bCloseAndThrow\(|\bSetPortSettings\()[^;]*;", text):
         texts.update(unescaped(literal) for literal in re.findall(LITERAL, statement))
         texts.update(unescaped(constants[name]) for name in re.findall(r"\bk\w+", statement) if name in constants)
     return texts

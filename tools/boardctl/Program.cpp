@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "Catalogue.h"
+#include "Completion.h"
 #include "Signals.h"
 #include "Status.h"
 
@@ -150,7 +151,7 @@ class HelpFormatter : public CLI::Formatter {
   std::string HelpOfVerb(const CLI::App* app, const Verb& verb) const {
     std::string help;
     if (*verb.danger != '\0') {
-      help += std::string(verb.danger) + '\n';
+      help += Wrapped(verb.danger, 0);
     }
     help += std::string(verb.summary) + ".\n";
     help += "Usage: " + NameOf(app) + (*verb.usage == '\0' ? "" : ' ' + std::string(verb.usage)) + "\n";
@@ -220,8 +221,9 @@ const Verb* Program::VerbOf(const CLI::App* app) const {
 int Program::Main(int argc, const char* const* argv) {
   std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
   // What a command of the user's own is given stays its own.
+  const bool isCompleting = !arguments.empty() && arguments.front() == kCompletionWord;
   const auto separator = std::find(arguments.begin(), arguments.end(), "--");
-  m_hasCommand = separator != arguments.end();
+  m_hasCommand = !isCompleting && separator != arguments.end();
   if (m_hasCommand) {
     m_command.assign(separator + 1, arguments.end());
     arguments.erase(separator, arguments.end());
@@ -231,6 +233,12 @@ int Program::Main(int argc, const char* const* argv) {
   const CLI::App* chosen = &m_app;
   std::string wrong;
   try {
+    if (isCompleting) {
+      for (const std::string& word : Complete(*this, {arguments.begin() + 1, arguments.end()})) {
+        words.Line(word);
+      }
+      return kStatusDone;
+    }
     const int status = Parse(arguments, chosen);
     if (chosen == nullptr) {
       return status;

@@ -13,8 +13,10 @@ int main(int argc, char** argv) {
   ::close(fd);
 
   Program program;
+  AddSerial(program);
   AddMemory(program);
   AddRun(program);
   AddExplain(program);
+  AddCompletion(program);
   return program.Main(argc, argv);
 }

@@ -1,0 +1,306 @@
+#!/usr/bin/env python3
+"""The group serial, on a simulated board."""
+import os
+import pathlib
+import pty
+import re
+import signal
+import subprocess
+import termios
+import xml.etree.ElementTree
+
+from ctl import BOARDCTL, ctl, finish, main, shell, TestCase
+
+PORT = "/dev/ttyS1"
+
+
+class Serial(TestCase):
+    def events(self):
+        """The log's events of the port, without times and flags."""
+        lines = pathlib.Path("log").read_text().splitlines()
+        return [re.sub(r" flags=.*", "", line.split(PORT + " ", 1)[1]) for line in lines if f" {PORT} " in line]
+
+    def expect_put_back(self):
+        """The last settings are those that the port had before."""
+        settings = [event for event in self.events() if event.startswith("settings ")]
+        self.assertEqual(settings[-1], "settings speed=9600")
+        self.assertGreater(len(settings), 2)
+
+    def test_EveryPortIsListedWithDriverAndHolder(self):
+        script = f"exec 3<>{PORT}; {shell('serial', 'list')}; {shell('serial', 'list', '--json')}; true"
+        result = self.board("bash", "-c", script, options=["--tty", PORT, "--tty", "/dev/ttyS10=none"])
+        self.assertEqual((result.status, result.err), (0, ""))
+        lines = result.out.splitlines()
+        self.assertRegex(lines[0], rf"^{PORT}      driver not told, open by bash \(\d+\)$")
+        self.assertEqual(lines[1], "/dev/ttyS10     driver not told, open by nobody")
+        self.assertRegex(lines[2], rf'^{{"schema":1,"kind":"serial_port","device":"{PORT}","driver":null,'
+                                   r'"has_uart":null,"held_by":\[{"pid":\d+,"name":"bash"}\]}$')
+        self.assertEqual(len(lines), 4)
+
+    def test_AWholeSetOfSettingsIsShownAndNothingIsChanged(self):
+        script = f"stty -F {PORT} 57600 cs7 parenb parodd cstopb crtscts raw; {shell('--json', 'serial', 'show', PORT)}"
+        result = self.board("sh", "-c", script, log="log")
+        self.assertEqual(result.status, 0, result.err)
+        shown = result.objects[0]
+        self.assertEqual((shown["speed_bps"], shown["input_speed_bps"], shown["stop_bits"], shown["flow"]),
+                         (57600, 57600, 2, "hardware"))
+        self.assertEqual(shown["lines"], {"DTR": True, "RTS": True, "CTS": True, "DSR": True, "CD": True, "RI": False,
+                                          "LOOP": False})
+        self.assertEqual(shown["uart"], {"baud_base_bps": 3906250, "fifo_bytes": 64, "irq": 42})
+        settings = [event for event in self.events() if event.startswith("settings ")]
+        self.assertEqual(set(settings), {"settings speed=57600"})
+        self.assertIn("  speed        9600 bit/s\n", self.on_board("serial", "show", PORT).out)
+
+    def test_TheLibrarysReportIsPrintedAndTheLineIsPutBack(self):
+        result = self.on_board("serial", "report", PORT, log="log")
+        self.assertEqual((result.status, result.err), (0, ""))
+        self.assertRegex(result.out, rf"^Device:    {PORT}\nOutput Baudrate: 115200\n")
+        self.assertIn("\nReal baud rate: 114890\n", result.out)
+        self.expect_put_back()
+
+    def test_AFileIsSentWholeWithEverySettingAskedForAndTheLineIsPutBack(self):
+        sent = os.urandom(20000)
+        pathlib.Path("file").write_bytes(sent)
+        result = self.on_board("serial", "send", PORT, "file", "--speed", "57600", "--parity", "even", "--stop", "2",
+                               options=["--tty", PORT + "=exec:cat > got"], log="log")
+        self.assertEqual(result.status, 0, result.err)
+        self.assertRegex(result.out, r"^sent 20000 bytes in \d+\.\d\d s, \d+ B/s\n$")
+        self.wait_until(lambda: pathlib.Path("got").stat().st_size == len(sent), "all bytes at the far end")
+        self.assertEqual(pathlib.Path("got").read_bytes(), sent)
+        self.assertIn("settings speed=57600", self.events())
+        self.expect_put_back()
+
+    def test_StandardInputIsSentToItsEndAlsoInHexadecimal(self):
+        for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello")]:
+            result = self.on_board("--json", "serial", "send", PORT, *words, given=given,
+                                   options=["--tty", PORT + "=exec:cat > got"])
+            self.assertEqual((result.status, result.objects[0]["size_bytes"], result.objects[0]["ended"]),
+                             (0, len(got), "whole"), result.err)
+            self.wait_until(lambda: pathlib.Path("got").read_bytes() == got, "the bytes at the far end")
+        for given in (b"4 8", b"xy", b"486"):
+            result = self.on_board("serial", "send", PORT, "--hex", given=given)
+            self.assertEqual(result.status, 1)
+            self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
+
+    def test_ASpeedThatTheUartCannotMakeIsRefusedAndAnyOtherIsTaken(self):
+        result = self.on_board("serial", "send", PORT, "--speed", "123456", given=b"x", log="log")
+        self.assertEqual(result.status, 0, result.err)
+        self.assertIn("settings speed=123456", self.events())
+        result = self.on_board("serial", "send", PORT, "--speed", "3000000", given=b"x", log="log",
+                               options=["--serial-info", "115200,16,0,4,0"])
+        self.assertEqual(result.status, 1)
+        self.assertIn("The port cannot run at 3000000 bits per second", result.err)
+        self.expect_put_back()
+
+    def receive(self, *words, sent=b"", options=()):
+        """Runs serial receive, and lets the far end send when the port is set up."""
+        pathlib.Path("far-end").write_text("#!/bin/sh\nuntil grep -q speed=115200 log; do sleep 0.02; done\n"
+                                           "sleep 0.2\ncat to-send\nexec sleep 100\n")
+        pathlib.Path("far-end").chmod(0o755)
+        pathlib.Path("to-send").write_bytes(sent)
+        pathlib.Path("log").unlink(missing_ok=True)
+        return self.on_board("serial", "receive", PORT, *words, log="log",
+                             options=["--tty", PORT + "=exec:./far-end", *options])
+
+    def test_ReceivingEndsAtTheCountAtTheTextOrWhenTheFarEndIsSilentAndSaysAtWhich(self):
+        sent = b"one\ntwo login: three"
+        for words, out, why in [(("--count", "5"), b"one\nt", "all bytes have come"),
+                                (("--until", "login:"), b"one\ntwo login:", "the text has come"),
+                                (("--idle", "2000"), sent, "the far end was silent for 2000 ms")]:
+            with self.subTest(words=words):
+                result = self.receive(*words, sent=sent)
+                self.assertEqual((result.status, result.raw), (0, out), result.err)
+                self.assertRegex(result.err, rf"^boardctl: received {len(out)} bytes in \d+\.\d\d s: {why}\n$")
+                self.expect_put_back()
+
+    def test_ASilentPeerIsAFailureWhereSomethingWasWaitedFor(self):
+        for words, told in [(("--count", "5"), "after 3 bytes of 5"), (("--until", "x"), "after 3 bytes, and the text did not come")]:
+            result = self.receive(*words, "--idle", "2000", sent=b"abc")
+            self.assertEqual((result.status, result.raw), (1, b"abc"))
+            self.assertIn(f"boardctl: serial receive: the far end was silent for 2000 ms {told}", result.err)
+            self.expect_put_back()
+
+    def test_WhatComesIsShownInHexadecimalWithTimesAndAsJson(self):
+        result = self.receive("--hex", "--count", "18", sent=bytes(range(18)))
+        self.assertEqual(result.out, "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F\n10 11\n")
+        result = self.receive("--timestamps", "relative", "--count", "8", sent=b"one\ntwo\n")
+        self.assertRegex(result.out, r"^\+\d+\.\d{6}  one\n\+\d+\.\d{6}  two\n$")
+        result = self.receive("--timestamps", "absolute", "--count", "8", sent=b"one\ntwo\n")
+        self.assertRegex(result.out, r"^\d{4}-\d\d-\d\dT[\d:.]+Z  one\n\d{4}-[\dT:.-]+Z  two\n$")
+        result = self.receive("--json", "--count", "3", sent=b"\xffab")
+        self.assertEqual("".join(piece.get("hex", "") for piece in result.objects), "FF6162")
+        self.assertEqual((result.objects[-1]["kind"], result.objects[-1]["ended"]), ("serial_receive", "count"))
+
+    def test_AFullDiskBehindReceivePutsTheLineBackAndIsTold(self):
+        process = self.start_board("sh", "-c", f"{shell('serial', 'receive', PORT)} > /dev/full", log="log",
+                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; echo x; sleep 100"])
+        result = finish(process)
+        self.assertEqual(result.status, 1)
+        self.assertIn("Standard output can't be written: No space left on device", result.err)
+        self.expect_put_back()
+
+    def test_APortThatIsUnpluggedInTheMiddleIsAFailureWithItsCause(self):
+        for words in (["receive", PORT], ["send", PORT, "/dev/zero"]):
+            with self.subTest(words=words):
+                process = self.start_board("sh", "-c", f"{shell('serial', *words)}; echo status $?", log="log",
+                                           options=["--tty", PORT + "=none", "--control", "socket"])
+                self.wait_for_text("log", "speed=115200")
+                subprocess.run(["python3", "-c", "import socket; s = socket.socket(socket.AF_UNIX); s.connect('socket');"
+                                f"s.sendall(b'hangup {PORT}\\n'); s.recv(99)"], check=True)
+                result = finish(process)
+                self.assertIn("status 1\n", result.out)
+                self.assertRegex(result.err, rf"boardctl: serial {words[0]}: ")
+                self.assertIn("  cause    ", result.err)
+                self.assertIn("unplugged", result.err)
+                os.remove("log")
+
+    def test_ASignalWhileReceivingPutsTheLineBack(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('serial', 'receive', PORT)}", log="log")
+            self.wait_for_text("log", "speed=115200")
+            process.send_signal(number)
+            result = finish(process)
+            self.assertEqual(result.status, 128 + number)
+            self.assertIn("a signal came; the line's settings are put back", result.err)
+            self.expect_put_back()
+            os.remove("log")
+
+    def test_ASignalAtEveryStageOfSendingPutsTheLineBackOrFindsItUntouched(self):
+        # Stages: waiting for input; the far end takes nothing (flow control); before and after the opening.
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = self.start_board(BOARDCTL, "serial", "send", PORT, given=b"", log="log")
+            self.wait_for_text("log", "speed=115200")
+            process.send_signal(number)
+            result = finish(process)
+            self.assertEqual(result.status, 128 + number)
+            self.expect_put_back()
+            os.remove("log")
+        for step in range(12):
+            # However far it has come: the time until the signal grows.
+            script = (f"{shell('serial', 'send', PORT, '/dev/zero')} & sleep 0.00{step}; kill -TERM $!; wait $!; echo $?; "
+                      f"stty -F {PORT} speed")
+            result = self.board("bash", "-c", script)
+            self.assertEqual(result.out.splitlines()[-1], "9600", result.out + result.err)
+            self.assertIn("\n143\n", "\n" + result.out)
+
+    def test_WhatCannotBeOpenedIsToldWithCauseAndRemedy(self):
+        result = self.on_board("serial", "show", "/dev/ttyS7")
+        self.assertEqual(result.status, 1)
+        self.assertEqual(result.err.splitlines()[:3], [
+            "boardctl: serial show: Open Serial Port '/dev/ttyS7' failed?: No such file or directory",
+            "  cause    ENOENT: There is no such device.",
+            "  remedy   Look at what is there: boardctl serial list."])
+        for verb in ("send", "receive", "test", "report"):
+            result = self.on_board("serial", verb, "/dev/ttyS7")
+            self.assertEqual(result.status, 1)
+            self.assertIn("Open Serial Port '/dev/ttyS7' failed?: No such file or directory\n  cause", result.err)
+            result = self.on_board("serial", verb, "/dev/null")
+            self.assertEqual(result.status, 1)
+            self.assertIn("Save the current settings for serial port failed?: Inappropriate ioctl for device\n", result.err)
+        result = self.on_board("serial", "send", PORT, "missing")
+        self.assertEqual((result.status, result.err),
+                         (1, "boardctl: serial send: missing can't be read: No such file or directory\n"))
+
+    def test_APortWithoutModemLinesIsPutBackAllTheSame(self):
+        far, near = pty.openpty()
+        before = termios.tcgetattr(near)
+        result = ctl("serial", "send", os.ttyname(near), given=b"bytes")
+        self.assertEqual((result.status, result.err), (0, ""))
+        self.assertEqual(termios.tcgetattr(near), before)
+        os.close(near)
+        os.close(far)
+
+
+class SerialAsAnOrdinaryUser(Serial):
+    user = "ordinary"
+
+
+class LineTest(TestCase):
+    def test_AGoodLineIsFoundGoodOverTheLoopAndAnEcho(self):
+        for words, options in ((["--loop"], ["--tty", PORT + "=none"]), ([], ["--tty", PORT + "=echo"])):
+            result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "9600,115200,250000",
+                                   "--size", "3000", "--turns", "10", *words, options=options, log="log")
+            self.assertEqual((result.status, result.err), (0, ""), result.out)
+            for measured, speed in zip(result.objects, (9600, 115200, 250000)):
+                self.assertEqual((measured["speed_bps"], measured["verdict"], measured["sent_bytes"],
+                                  measured["received_bytes"], measured["bit_errors"], measured["lost_bytes"],
+                                  measured["doubled_bytes"], measured["turnaround_us"]["count"]),
+                                 (speed, "good", 3000, 3000, 0, 0, 0, 10))
+            verdict = result.objects[-1]
+            self.assertEqual((verdict["passed"], verdict["speeds_good"], verdict["fastest_good_bps"]), (True, 3, 250000))
+            self.assertEqual(self.loop_events(), words != [])
+
+    def loop_events(self):
+        return any("TIOCMSET 0x8" in line for line in pathlib.Path("log").read_text().splitlines())
+
+    def test_AllStandardSpeedsFrom9600OnAreTriedAndThoseThatTheUartLacksArePassedOver(self):
+        result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--size", "100", "--turns", "1",
+                               options=["--serial-info", "1843200,64,0,4,0"])
+        self.assertEqual(result.status, 0, result.out)
+        speeds = [measured["speed_bps"] for measured in result.objects[:-1]]
+        self.assertEqual(speeds, [9600, 19200, 38400, 57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000,
+                                  1152000, 1500000, 2000000, 2500000, 3000000])
+        verdicts = {measured["speed_bps"]: measured["verdict"] for measured in result.objects[:-1]}
+        self.assertEqual((verdicts[9600], verdicts[115200], verdicts[3000000]), ("good", "good", "not possible"))
+
+    def test_BitErrorsLostAndDoubledBytesAreToldApart(self):
+        far_end = ("import os\n"
+                   "n = 0\n"
+                   "while True:\n"
+                   "    data = os.read(0, 1)\n"
+                   "    if not data: break\n"
+                   "    n += 1\n"
+                   "    if n == {lost}: continue\n"
+                   "    if n == {changed}: data = bytes([data[0] ^ 5])\n"
+                   "    if n == {doubled}: data = data * 2\n"
+                   "    os.write(1, data)\n")
+        for faults, counted in [(dict(lost=100, changed=0, doubled=0), (0, 1, 0)),
+                                (dict(lost=0, changed=100, doubled=0), (2, 0, 0)),
+                                (dict(lost=0, changed=0, doubled=100), (0, 0, 1)),
+                                (dict(lost=300, changed=100, doubled=200), (2, 1, 1))]:
+            pathlib.Path("far.py").write_text(far_end.format(**faults))
+            result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "1000",
+                                   "--turns", "2", options=["--tty", PORT + "=exec:python3 far.py"])
+            measured = result.objects[0]
+            self.assertEqual((measured["bit_errors"], measured["lost_bytes"], measured["doubled_bytes"]), counted)
+            self.assertEqual((result.status, measured["verdict"], result.objects[-1]["passed"]), (1, "errors", False))
+
+    def test_ASilentFarEndIsFoundSilentWithTheRemedy(self):
+        result = self.on_board("serial", "test", PORT, "--speeds", "115200", "--size", "50",
+                               options=["--tty", PORT + "=none"])
+        self.assertEqual(result.status, 1)
+        self.assertIn("silent", result.out)
+        self.assertIn("\nVerdict: not good at 0 of 1 speeds\n", result.out)
+        self.assertIn("connect TX with RX, or a far end that echoes at that speed", result.err)
+
+    def test_TheTableAndTheHistogramStandInTheTextAndThePictureIsWellFormed(self):
+        result = self.on_board("serial", "test", PORT, "--speeds", "9600,115200", "--size", "1000", "--svg", "line.svg")
+        self.assertEqual(result.status, 0, result.err)
+        self.assertRegex(result.out, r"(?m)^115200 bit/s: turn-around of 50 single bytes\n +\d+ to \d+ us  #+ \d+$")
+        self.assertRegex(result.out, r"(?m)^   bit/s   bytes  bits  lost doubled      B/s  limit  turn us   max us")
+        self.assertRegex(result.out, r"(?m)^  115200    1000     0     0       0 +\d+ +\d+ % +\d+ +\d+  good$")
+        self.assertTrue(result.out.endswith("Verdict: good at 2 of 2 speeds, the fastest good one is 115200 bit/s\n"))
+        picture = xml.etree.ElementTree.parse("line.svg").getroot()
+        self.assertEqual(picture.tag, "{http://www.w3.org/2000/svg}svg")
+        words = "".join(picture.itertext())
+        for expected in ("Line test of " + PORT, "Throughput", "Turn-around", "9600", "115200", "the line's own limit"):
+            self.assertIn(expected, words)
+
+    def test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack(self):
+        process = self.start_board(BOARDCTL, "serial", "test", PORT, "--loop", "--turns", "100000", log="log")
+        self.wait_for_text("log", "TIOCMSET 0x8")
+        process.send_signal(signal.SIGTERM)
+        result = finish(process)
+        self.assertEqual(result.status, 143)
+        lines = pathlib.Path("log").read_text().splitlines()
+        self.assertIn("settings speed=9600", [line for line in lines if "settings" in line][-1])
+        self.assertIn("TIOCMSET 0x6", [line for line in lines if "TIOCMSET" in line][-1])
+        self.assertIn("Verdict: not good", result.out)
+
+
+class LineTestAsAnOrdinaryUser(LineTest):
+    user = "ordinary"
+
+
+if __name__ == "__main__":
+    main()

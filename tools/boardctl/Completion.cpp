@@ -1,0 +1,235 @@
+#include "Completion.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <stdexcept>
+
+#include "Check.h"
+#include "Groups.h"
+#include "Program.h"
+#include "SerialPorts.h"
+#include "Status.h"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+constexpr const char* kFiles = ":files";
+
+constexpr const char* kBash = R"(# Completion of boardctl for bash: . <(boardctl completion bash)
+_boardctl() {
+  local word
+  COMPREPLY=()
+  while IFS= read -r word; do
+    if [[ $word == :files ]]; then
+      compopt -o filenames
+      while IFS= read -r word; do COMPREPLY+=("$word"); done < <(compgen -f -- "$2")
+    else
+      COMPREPLY+=("$word")
+    fi
+  done < <("$1" __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
+}
+complete -F _boardctl boardctl)";
+
+constexpr const char* kZsh = R"(#compdef boardctl
+# Completion of boardctl for zsh: as _boardctl in a folder of $fpath, or . <(boardctl completion zsh)
+_boardctl() {
+  local -a found
+  found=("${(@f)$("${words[1]}" __complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+  if (( ${found[(I):files]} )); then
+    found=("${(@)found:#:files}")
+    _files
+  fi
+  compadd -- "${(@)found:#}"
+}
+if [[ ${funcstack[1]} == _boardctl ]]; then _boardctl "$@"; else compdef _boardctl boardctl; fi)";
+
+constexpr const char* kFish = R"(# Completion of boardctl for fish: boardctl completion fish | source
+function __boardctl_complete
+  set -l words (commandline -opc)
+  set -l current (commandline -ct)
+  for word in ($words[1] __complete $words[2..-1] "$current" 2>/dev/null)
+    if test "$word" = :files
+      __fish_complete_path "$current"
+    else
+      echo $word
+    end
+  end
+end
+complete -c boardctl -f -a '(__boardctl_complete)')";
+
+/// The values of options that have a few; a wrong one would be refused when it is used.
+const std::map<std::string, Words>& Values() {
+  static const std::map<std::string, Words> kValues = {
+      {"--bits", {"5", "6", "7", "8"}},
+      {"--parity", {"none", "even", "odd"}},
+      {"--stop", {"1", "2"}},
+      {"--flow", {"none", "hardware", "software"}},
+      {"--timestamps", {"relative", "absolute"}},
+      {"--speed", {"9600", "19200", "38400", "57600", "115200", "230400", "460800", "921600"}},
+      {"--svg", {kFiles}},
+      {"--alive", {kFiles}}};
+  return kValues;
+}
+
+Words NamesIn(const std::string& folder, const std::string& begin) {
+  Words names;
+  const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), ::closedir);
+  for (const dirent* entry = open ? ::readdir(open.get()) : nullptr; entry != nullptr; entry = ::readdir(open.get())) {
+    const std::string name = entry->d_name;
+    if (name[0] != '.' && name.rfind(begin, 0) == 0) {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+Words Interfaces() {
+  Words names;
+  for (const std::string& name : NamesIn("/sys/class/net", "")) {
+    try {
+      names.push_back(check::Interface(name));
+    } catch (const std::invalid_argument&) {
+      // The kernel allows it, and it would be refused.
+    }
+  }
+  return names;
+}
+
+/// What a positional argument of this name may be, below the group @p group.
+Words Arguments(const std::string& name, const std::string& group) {
+  Words found;
+  if (name == "DEVICE" && group == "watchdog") {
+    for (const std::string& node : NamesIn("/dev", "watchdog")) {
+      found.push_back("/dev/" + node);
+    }
+  } else if (name == "DEVICE") {
+    for (const SerialDevice& device : SerialDevices()) {
+      found.push_back(device.path);
+    }
+  } else if (name == "IFACE") {
+    found = Interfaces();
+  } else if (name == "FILE") {
+    found = {kFiles};
+  } else if (name == "SHELL") {
+    found = {"bash", "zsh", "fish"};
+  }
+  return found;
+}
+
+std::vector<const CLI::App*> Below(const CLI::App* app) {
+  return app->get_subcommands([](const CLI::App*) { return true; });
+}
+
+const CLI::App* Below(const CLI::App* app, const std::string& name) {
+  for (const CLI::App* const below : Below(app)) {
+    if (below->get_name() == name) {
+      return below;
+    }
+  }
+  return nullptr;
+}
+
+const CLI::Option* OptionOf(const CLI::App* app, const std::string& name) {
+  for (; app != nullptr; app = app->get_parent()) {
+    for (const CLI::Option* const option : app->get_options()) {
+      if (option->check_name(name)) {
+        return option;
+      }
+    }
+  }
+  return nullptr;
+}
+
+Words OptionsOf(const Program& program, const CLI::App* app) {
+  const Verb* const verb = program.VerbOf(app);
+  Words names;
+  for (const CLI::App* level = app; level != nullptr; level = level->get_parent()) {
+    for (const CLI::Option* const option : level->get_options()) {
+      const std::string name = option->get_name();
+      const bool isRefused = verb != nullptr && ((name == "--json" && !verb->hasJson) ||
+                                                 (name == "--dry-run" && !verb->hasDryRun) || name == "--version");
+      if (!option->get_positional() && !isRefused && std::find(names.begin(), names.end(), name) == names.end()) {
+        names.push_back(name);
+      }
+    }
+  }
+  return names;
+}
+
+}  // namespace
+
+Words Complete(const Program& program, const Words& words) {
+  const std::string current = words.empty() ? "" : words.back();
+  const CLI::App* app = &program.Tree();
+  const CLI::Option* open = nullptr;  // waits for its value
+  std::size_t position = 0;
+  for (std::size_t i = 0; i + 1 < words.size(); ++i) {
+    if (words[i] == "--") {
+      return {kFiles};  // the words of a command
+    }
+    if (open != nullptr) {
+      open = nullptr;
+    } else if (words[i].rfind('-', 0) == 0) {
+      const CLI::Option* const option = OptionOf(app, words[i]);
+      open = option != nullptr && option->get_type_size() != 0 ? option : nullptr;
+    } else if (const CLI::App* const below = Below(app, words[i]); below != nullptr) {
+      app = below;
+    } else {
+      ++position;
+    }
+  }
+
+  Words all;
+  if (open != nullptr) {
+    const auto found = Values().find(open->get_name());
+    all = found == Values().end() ? Words() : found->second;
+  } else if (current.rfind('-', 0) == 0) {
+    all = OptionsOf(program, app);
+  } else {
+    for (const CLI::App* const below : Below(app)) {
+      all.push_back(below->get_name());
+    }
+    for (const CLI::Option* const option : app->get_options()) {
+      if (option->get_positional() && position-- == 0) {
+        all = Arguments(option->get_name(), app->get_parent()->get_name());
+        break;
+      }
+    }
+  }
+
+  Words fitting;
+  for (const std::string& word : all) {
+    if (word == kFiles || word.rfind(current, 0) == 0) {
+      fitting.push_back(word);
+    }
+  }
+  return fitting;
+}
+
+void AddCompletion(Program& program) {
+  const auto script = std::make_shared<const char*>();
+  CLI::App& verb =
+      program.AddVerb(nullptr,
+                      {"completion", "Prints a shell's completion of this program", "bash|zsh|fish", "",
+                       "The names of devices and interfaces are completed, too, and none of them is opened.",
+                       "completion bash > /etc/bash_completion.d/boardctl", "nothing; no device is opened.", false},
+                      [script](Call& call) {
+                        call.out.Line(*script);
+                        return kStatusDone;
+                      });
+  AddArgument(
+      verb, "SHELL", "", *script,
+      [](const std::string& shell) {
+        const std::map<std::string, const char*> scripts = {{"bash", kBash}, {"zsh", kZsh}, {"fish", kFish}};
+        const auto found = scripts.find(shell);
+        return found != scripts.end() ? found->second
+                                      : throw std::invalid_argument('"' + shell + "\" is none of bash, zsh, fish");
+      },
+      "bash, zsh or fish")
+      ->required();
+}

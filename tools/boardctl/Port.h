@@ -1,0 +1,78 @@
+#ifndef BOARDKIT_CTL_PORT_H
+#define BOARDKIT_CTL_PORT_H
+
+#include <SerialPort.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "Output.h"
+#include "Program.h"
+#include "Signals.h"
+#include "Tty.h"
+
+/// How a line is to be set up, as the options say.
+struct LineOptions {
+  std::string device;
+  std::uint32_t speedBps = 115200;
+  SerialPort::CharacterSize bits = SerialPort::CHAR_SIZE_8;
+  SerialPort::Parity parity = SerialPort::PARITY_NONE;
+  SerialPort::StopBits stop = SerialPort::STOP_BITS_1;
+  SerialPort::FlowControl flow = SerialPort::FLOW_CONTROL_NONE;
+
+  /// Bits on the line for each byte: start, data, parity, stop.
+  unsigned int BitsPerByte() const;
+};
+
+/// Adds DEVICE, which is required.
+void AddDevice(CLI::App& verb, std::string& device);
+/// Adds --speed.
+void AddSpeed(CLI::App& verb, LineOptions& line);
+/// Adds --bits, --parity, --stop, --flow.
+void AddFormat(CLI::App& verb, LineOptions& line);
+/// Adds DEVICE, --speed and the format.
+void AddLine(CLI::App& verb, LineOptions& line);
+/// A speed in bits per second, standard or not.
+std::uint32_t ParseSpeed(const std::string& text);
+
+/// Adds the verb test to the group serial.
+void AddSerialTest(Program& program, CLI::App& group);
+
+/// The library's port, and a way out of it whatever happens: what it cannot close (an unplugged adapter, a line without
+/// modem lines) is put back by the side door and left to the kernel, for its destructor would end the process.
+class Port {
+ public:
+  /// Opens the device and sets the line up. @throws what the library does.
+  Port(const LineOptions& line, Output& out);
+  /// Discards what is not sent yet, and closes; what fails is told.
+  ~Port();
+  Port(const Port&) = delete;
+  Port& operator=(const Port&) = delete;
+
+  SerialPort* operator->() const {
+    return m_port.get();
+  }
+  const Tty& Side() const {
+    return m_side;
+  }
+
+  /// Sets the speed; false if the line does not run at it then.
+  bool SetSpeed(std::uint32_t bitsPerSecond);
+
+  /// Waits until something can be read, for @p milliseconds at most, and not longer than until a signal comes.
+  bool WaitForData(int milliseconds) const;
+  /// What the driver has received. If it said that there is something, and there is nothing, the line was hung up.
+  /// @throws what the library does then.
+  std::vector<unsigned char> Read();
+
+ private:
+  void Close();
+
+  Output& m_out;
+  Tty m_side;
+  std::unique_ptr<SerialPort> m_port;
+  signals::DiscardsOutput m_discards;
+};
+
+#endif

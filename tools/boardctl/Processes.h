@@ -1,0 +1,27 @@
+#ifndef BOARDKIT_CTL_PROCESSES_H
+#define BOARDKIT_CTL_PROCESSES_H
+
+#include <string>
+#include <vector>
+
+#include "Output.h"
+
+/// Who has a device open, as /proc tells: other users' processes show to root alone.
+namespace processes {
+
+struct Holder {
+  int process;
+  std::string name;
+};
+
+/// The other processes that have @p device open, in the order of their numbers.
+std::vector<Holder> HoldersOf(const std::string& device);
+
+/// The same as [{"pid":1,"name":"init"}].
+Json InJson(const std::vector<Holder>& holders);
+/// "init (1), getty (812)"; "nobody" for none.
+std::string InWords(const std::vector<Holder>& holders);
+
+}  // namespace processes
+
+#endif

@@ -1,0 +1,523 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <system_error>
+
+#include "Check.h"
+#include "Groups.h"
+#include "Port.h"
+#include "Processes.h"
+#include "SerialPorts.h"
+#include "Status.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* kPutBack =
+    "nothing: the line's settings are put back when the program ends, also by a signal. A driver may drop DTR and RTS "
+    "then.";
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+std::string Rate(double perSecond) {
+  return Fixed(perSecond, 0) + " B/s";
+}
+
+// --- list
+
+int List(Call& call) {
+  std::string bare;
+  const std::vector<SerialDevice> devices = SerialDevices();
+  for (const SerialDevice& device : devices) {
+    const auto holders = processes::HoldersOf(device.path);
+    call.out.Object("serial_port", {{"device", device.path},
+                                    {"driver", device.driver.empty() ? Json() : Json(device.driver)},
+                                    {"has_uart", device.hasUart ? Json(*device.hasUart) : Json()},
+                                    {"held_by", processes::InJson(holders)}});
+    if (device.hasUart == false) {
+      bare += ' ' + device.path;
+      continue;
+    }
+    call.out.Line(device.path + std::string(device.path.size() < 16 ? 16 - device.path.size() : 1, ' ') +
+                  (device.driver.empty() ? "driver not told" : device.driver) + ", open by " +
+                  processes::InWords(holders));
+  }
+  if (!bare.empty()) {
+    call.out.Say("Nodes without a UART behind them:" + bare);
+  }
+  if (devices.empty()) {
+    call.out.Say("There is no serial port in /dev.");
+  }
+  return kStatusDone;
+}
+
+// --- show
+
+std::string Names(const Json& flags) {
+  std::string names;
+  for (const auto& [name, isUp] : flags.items()) {
+    names += isUp.get<bool>() ? ' ' + name : "";
+  }
+  return flags.is_null() ? " not told" : names.empty() ? " none" : names;
+}
+
+std::string Numbers(const Json& numbers) {
+  std::string text;
+  for (const auto& [name, number] : numbers.items()) {
+    text += ' ' + name + '=' + number.dump();
+  }
+  return numbers.is_null() ? " not told" : text;
+}
+
+int Show(const std::string& device, Call& call) {
+  const Tty tty(device);
+  const Tty::Settings settings = tty.Read();
+  const Json lines = tty.ModemLines();
+  const Json counters = tty.Counters();
+  const Json uart = tty.Uart();
+  const auto holders = processes::HoldersOf(device);
+
+  std::string speed = std::to_string(settings.speedBps);
+  if (settings.inputSpeedBps != settings.speedBps) {
+    speed += " out, " + std::to_string(settings.inputSpeedBps) + " in";
+  }
+  call.out.Line(device);
+  call.out.Line("  speed        " + speed + " bit/s");
+  call.out.Line("  format       " + std::to_string(settings.dataBits) + " data bits, parity " + settings.parity + ", " +
+                std::to_string(settings.stopBits) + " stop bit" + (settings.stopBits == 1 ? "" : "s") +
+                (settings.isRaw ? ", raw" : ", not raw: lines are edited and echoed by the kernel"));
+  call.out.Line("  flow         " + settings.flow);
+  call.out.Line("  lines up    " + Names(lines));
+  call.out.Line("  counted     " + Numbers(counters));
+  call.out.Line("  UART        " + Numbers(uart));
+  call.out.Line("  open by      " + processes::InWords(holders));
+  call.out.Object("serial_settings", {{"device", device},
+                                      {"speed_bps", settings.speedBps},
+                                      {"input_speed_bps", settings.inputSpeedBps},
+                                      {"data_bits", settings.dataBits},
+                                      {"parity", settings.parity},
+                                      {"stop_bits", settings.stopBits},
+                                      {"flow", settings.flow},
+                                      {"raw", settings.isRaw},
+                                      {"lines", lines},
+                                      {"counters", counters},
+                                      {"uart", uart},
+                                      {"held_by", processes::InJson(holders)}});
+  return kStatusDone;
+}
+
+// --- report
+
+int Report(const LineOptions& line, Call& call) {
+  Port port(line, call.out);
+  const std::string report = port->ToString();
+  call.out.Line(report.substr(0, report.find_last_not_of('\n') + 1));
+  call.out.Object("serial_report", {{"device", line.device}, {"report", report}});
+  return kStatusDone;
+}
+
+// --- send
+
+struct SendArguments {
+  LineOptions line;
+  std::string file = "-";
+  bool isHex = false;
+};
+
+/// Bytes from hexadecimal digits, two each; blanks may stand between bytes. It keeps half a byte for the next piece.
+class HexReader {
+ public:
+  std::vector<unsigned char> Read(const std::vector<unsigned char>& text) {
+    std::vector<unsigned char> bytes;
+    for (const unsigned char character : text) {
+      const int digit = DigitOf(character);
+      const bool isBlank = character == ' ' || character == '\t' || character == '\n' || character == '\r';
+      if (digit < 0 && (!isBlank || m_half != kNone)) {
+        throw std::runtime_error(
+            "The input is not hexadecimal: two digits a byte, with or without blanks between bytes");
+      }
+      if (isBlank) {
+        continue;
+      }
+      if (m_half != kNone) {
+        bytes.push_back(static_cast<unsigned char>(m_half * 16 + digit));
+        m_half = kNone;
+      } else {
+        m_half = digit;
+      }
+    }
+    return bytes;
+  }
+  void End() const {
+    if (m_half != kNone) {
+      throw std::runtime_error("The input is not hexadecimal: its last byte has one digit");
+    }
+  }
+
+ private:
+  static constexpr int kNone = -1;
+
+  static int DigitOf(unsigned char character) {
+    if (character >= '0' && character <= '9') {
+      return character - '0';
+    }
+    const int lower = character | 0x20;
+    return lower >= 'a' && lower <= 'f' ? lower - 'a' + 10 : kNone;
+  }
+
+  int m_half = kNone;  // the first digit of a byte
+};
+
+/// A file, or standard input, that a signal does not leave waiting.
+class Source {
+ public:
+  explicit Source(const std::string& path)
+      : m_fd(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)), m_path(path) {
+    struct stat file {};
+    if (m_fd == -1 || ::fstat(m_fd, &file) == -1) {
+      throw std::system_error(errno, std::generic_category(), path + " can't be read");
+    }
+    if (S_ISREG(file.st_mode)) {
+      const off_t at = ::lseek(m_fd, 0, SEEK_CUR);
+      m_size = static_cast<std::uint64_t>(file.st_size - std::min(at, file.st_size));
+    }
+  }
+  ~Source() {
+    if (m_fd != STDIN_FILENO) {
+      ::close(m_fd);
+    }
+  }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+  /// Of a file; 0 if nobody knows.
+  std::uint64_t Size() const {
+    return m_size;
+  }
+
+  /// What is there next; nothing at the end, or when a signal comes.
+  std::vector<unsigned char> Read() {
+    constexpr std::size_t kPiece = 1024;  // less than the driver's queue holds
+    std::vector<unsigned char> bytes(kPiece);
+    while (signals::Caught() == 0) {
+      pollfd ready[] = {{m_fd, POLLIN, 0}, {signals::Descriptor(), POLLIN, 0}};
+      if (::poll(ready, std::size(ready), -1) == -1 || ready[1].revents != 0) {
+        continue;
+      }
+      const ssize_t got = ::read(m_fd, bytes.data(), bytes.size());
+      if (got >= 0) {
+        bytes.resize(static_cast<std::size_t>(got));
+        return bytes;
+      }
+      if (errno != EINTR && errno != EAGAIN) {
+        throw std::system_error(errno, std::generic_category(), m_path + " can't be read");
+      }
+    }
+    return {};
+  }
+
+ private:
+  int m_fd;
+  std::string m_path;
+  std::uint64_t m_size = 0;
+};
+
+/// Waits until what was written is on the line, and shows how far it has come.
+void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total, Output& out) {
+  constexpr int kLookMs = 20;
+  constexpr double kPatience = 5;  // seconds without a byte going out
+  std::uint32_t last = 0;
+  auto since = Clock::now();
+  bool isTold = false;
+  while (signals::Caught() == 0) {
+    const std::uint32_t waiting = port.Side().Waiting().value_or(0);
+    if (waiting == 0) {
+      port.Side().Drain();
+      return;
+    }
+    out.Progress(written - std::min<std::uint64_t>(waiting, written), total, "B");
+    if (waiting != last) {
+      last = waiting;
+      since = Clock::now();
+    } else if (!isTold && SecondsSince(since) > kPatience) {
+      out.Say("boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up");
+      isTold = true;
+    }
+    signals::Wait(kLookMs);
+  }
+}
+
+int Send(const SendArguments& arguments, Call& call) {
+  Source source(arguments.file);
+  HexReader hex;
+  const std::uint64_t total = arguments.isHex ? 0 : source.Size();
+  std::uint64_t written = 0;
+  Port port(arguments.line, call.out);
+  const auto start = Clock::now();
+  for (;;) {
+    std::vector<unsigned char> bytes = source.Read();
+    if (bytes.empty()) {
+      break;
+    }
+    if (arguments.isHex) {
+      bytes = hex.Read(bytes);
+    }
+    port->Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    written += bytes.size();
+    call.out.Progress(written, total, "B");
+  }
+  if (arguments.isHex && signals::Caught() == 0) {
+    hex.End();
+  }
+  WaitUntilSent(port, written, total, call.out);
+
+  const double seconds = SecondsSince(start);
+  const std::uint64_t waiting = signals::Caught() == 0 ? 0 : port.Side().Waiting().value_or(0);
+  const double rate = seconds > 0 ? static_cast<double>(written) / seconds : 0;
+  const bool isWhole = signals::Caught() == 0;
+  call.out.Line((isWhole ? "sent " : "stopped: sent at most ") + std::to_string(written - std::min(waiting, written)) +
+                " bytes" + (isWhole || total == 0 ? "" : " of " + std::to_string(total)) + " in " + Fixed(seconds, 2) +
+                " s, " + Rate(rate));
+  call.out.Object("serial_send", {{"device", arguments.line.device},
+                                  {"speed_bps", arguments.line.speedBps},
+                                  {"size_bytes", written},
+                                  {"t_s", seconds},
+                                  {"ended", isWhole ? "whole" : "signal"}});
+  if (!isWhole) {
+    call.out.Warn("boardctl: what was not sent yet was discarded; the line's settings are put back");
+  }
+  return kStatusDone;
+}
+
+// --- receive
+
+enum class Stamps { kNone, kRelative, kAbsolute };
+
+struct ReceiveArguments {
+  LineOptions line;
+  std::uint64_t count = 0;
+  std::string until;
+  std::uint64_t idleMs = 0;
+  bool isHex = false;
+  Stamps stamps = Stamps::kNone;
+};
+
+/// Shows received bytes: as they are, or in lines with their time, or as hexadecimal digits.
+class Printer {
+ public:
+  Printer(const ReceiveArguments& arguments, Output& out) : m_arguments(arguments), m_out(out), m_start(Clock::now()) {}
+
+  void Print(const std::vector<unsigned char>& bytes) {
+    if (m_out.IsJson()) {
+      m_out.Object("serial_data", {{"time", Timestamp(std::chrono::system_clock::now())},
+                                   {"t_s", SecondsSince(m_start)},
+                                   {"hex", HexadecimalBytes(bytes.data(), bytes.size())},
+                                   {"text", std::string(bytes.begin(), bytes.end())}});
+      return;
+    }
+    constexpr std::size_t kInLine = 16;
+    std::string text;
+    for (const unsigned char byte : bytes) {
+      if (m_inLine == 0) {
+        text += Stamp();
+      }
+      text += m_arguments.isHex ? (m_inLine == 0 ? "" : " ") + HexadecimalBytes(&byte, 1)
+                                : std::string(1, static_cast<char>(byte));
+      ++m_inLine;
+      if (m_arguments.isHex ? m_inLine == kInLine : byte == '\n') {
+        text += m_arguments.isHex ? "\n" : "";
+        m_inLine = 0;
+      }
+    }
+    m_out.Bytes(text.data(), text.size());
+  }
+
+  /// Ends a line that has not ended; bytes as they are stay so.
+  void End() {
+    const bool isPlain = !m_arguments.isHex && m_arguments.stamps == Stamps::kNone;
+    if (m_inLine != 0 && !isPlain) {
+      m_out.Line("");
+    }
+  }
+
+ private:
+  std::string Stamp() const {
+    constexpr int kMicroseconds = 6;
+    switch (m_arguments.stamps) {
+      case Stamps::kRelative:
+        return '+' + Fixed(SecondsSince(m_start), kMicroseconds) + "  ";
+      case Stamps::kAbsolute:
+        return Timestamp(std::chrono::system_clock::now()) + "  ";
+      default:
+        return "";
+    }
+  }
+
+  const ReceiveArguments& m_arguments;
+  Output& m_out;
+  Clock::time_point m_start;
+  std::size_t m_inLine = 0;
+};
+
+int Receive(const ReceiveArguments& arguments, Call& call) {
+  Port port(arguments.line, call.out);
+  Printer printer(arguments, call.out);
+  const auto start = Clock::now();
+  const bool showsProgress = ::isatty(STDOUT_FILENO) == 0;  // else it would stand in the midst of what is received
+  std::uint64_t received = 0;
+  std::string last;  // as much as the text that is waited for can begin in
+  std::string ended;
+  while (ended.empty()) {
+    const int wait = arguments.idleMs == 0 ? INT_MAX : static_cast<int>(arguments.idleMs);
+    if (!port.WaitForData(wait)) {
+      ended = signals::Caught() != 0 ? "signal" : "idle";
+      break;
+    }
+    std::vector<unsigned char> bytes = port.Read();
+    if (arguments.count != 0 && bytes.size() >= arguments.count - received) {
+      bytes.resize(static_cast<std::size_t>(arguments.count - received));
+      ended = "count";
+    }
+    if (!arguments.until.empty()) {
+      const std::size_t before = last.size();
+      last.append(bytes.begin(), bytes.end());
+      const std::size_t at = last.find(arguments.until);
+      if (at != std::string::npos) {
+        bytes.resize(at + arguments.until.size() - before);
+        ended = "until";
+      }
+      last.erase(0, last.size() - std::min(last.size(), arguments.until.size() - 1));
+    }
+    received += bytes.size();
+    printer.Print(bytes);
+    if (showsProgress) {
+      call.out.Progress(received, arguments.count, "B");
+    }
+  }
+  printer.End();
+
+  const double seconds = SecondsSince(start);
+  call.out.Object("serial_receive", {{"device", arguments.line.device},
+                                     {"speed_bps", arguments.line.speedBps},
+                                     {"size_bytes", received},
+                                     {"t_s", seconds},
+                                     {"ended", ended}});
+  const bool isMissed = ended == "idle" && (arguments.count != 0 || !arguments.until.empty());
+  const std::string silent = "the far end was silent for " + std::to_string(arguments.idleMs) + " ms";
+  if (isMissed) {
+    throw std::runtime_error(
+        silent + " after " + std::to_string(received) + " bytes" +
+        (arguments.count == 0 ? ", and the text did not come" : " of " + std::to_string(arguments.count)));
+  }
+  const std::string why = ended == "idle"    ? silent
+                          : ended == "count" ? "all bytes have come"
+                          : ended == "until" ? "the text has come"
+                                             : "a signal came; the line's settings are put back";
+  call.out.Say("boardctl: received " + std::to_string(received) + " bytes in " + Fixed(seconds, 2) + " s: " + why);
+  return kStatusDone;
+}
+
+constexpr const char* kNoTerminal = "For a conversation by keyboard, use a terminal program such as picocom or tio.";
+
+void AddSend(Program& program, CLI::App& group) {
+  const auto arguments = std::make_shared<SendArguments>();
+  static const std::string kDetails =
+      std::string("It ends when all has gone out on the line. A signal discards what has not, and says so. ") +
+      kNoTerminal;
+  CLI::App& verb = program.AddVerb(&group,
+                                   {"send", "Sends a file, or standard input", "DEVICE [FILE] [OPTION]...", "",
+                                    kDetails.c_str(), "serial send /dev/ttyS1 firmware.bin --speed 921600", kPutBack},
+                                   [arguments](Call& call) { return Send(*arguments, call); });
+  AddDevice(verb, arguments->line.device);
+  AddArgument(verb, "FILE", "", arguments->file, check::Path, "the bytes; - or nothing for standard input");
+  AddSpeed(verb, arguments->line);
+  AddFormat(verb, arguments->line);
+  verb.add_flag("--hex", arguments->isHex, "FILE has hexadecimal digits, two a byte: 48 65 6C");
+}
+
+void AddReceive(Program& program, CLI::App& group) {
+  constexpr std::uint64_t kLongestMs = 24 * 3600 * 1000;
+  const auto arguments = std::make_shared<ReceiveArguments>();
+  static const std::string kDetails =
+      std::string(
+          "It ends at the first of --count, --until and --idle, or at a signal, and says at which. If the far end "
+          "falls "
+          "silent (--idle) before what --count or --until asks for has come, the status is 1. ") +
+      kNoTerminal;
+  CLI::App& verb = program.AddVerb(&group,
+                                   {"receive", "Prints what comes in", "DEVICE [OPTION]...", "", kDetails.c_str(),
+                                    "serial receive /dev/ttyS1 --until login: --idle 5000", kPutBack},
+                                   [arguments](Call& call) { return Receive(*arguments, call); });
+  AddLine(verb, arguments->line);
+  AddArgument(
+      verb, "--count", "N", arguments->count,
+      [](const std::string& text) { return check::Decimal(text, 1, std::numeric_limits<std::uint64_t>::max()); },
+      "end after N bytes");
+  AddArgument(
+      verb, "--until", "TEXT", arguments->until,
+      [](const std::string& text) { return text.empty() ? throw std::invalid_argument("it is empty") : text; },
+      "end when TEXT has come");
+  AddArgument(
+      verb, "--idle", "MS", arguments->idleMs,
+      [](const std::string& text) { return check::Decimal(text, 1, kLongestMs); },
+      "end when nothing has come for MS milliseconds");
+  verb.add_flag("--hex", arguments->isHex, "as hexadecimal digits, 16 bytes a line");
+  AddArgument(
+      verb, "--timestamps", "KIND", arguments->stamps,
+      [](const std::string& text) {
+        if (text != "relative" && text != "absolute") {
+          throw std::invalid_argument('"' + text + "\" is neither relative nor absolute");
+        }
+        return text == "relative" ? Stamps::kRelative : Stamps::kAbsolute;
+      },
+      "before each line the time its first byte came: relative (seconds since the start) or absolute");
+}
+
+}  // namespace
+
+void AddSerial(Program& program) {
+  CLI::App& group = program.AddGroup("serial", "serial ports: list, show, report, send, receive, test");
+  program.AddVerb(
+      &group,
+      {"list", "Lists the serial ports, their drivers and who has them open", "[OPTION]...", "",
+       "No port is opened. Other users' programs show to root alone.", "serial list", "nothing; no device is opened."},
+      List);
+
+  const auto device = std::make_shared<std::string>();
+  CLI::App& show = program.AddVerb(
+      &group,
+      {"show", "Shows a port's settings, modem lines and counters", "DEVICE [OPTION]...", "",
+       "The settings stay as they are, but opening a port raises DTR and RTS, which some devices take for a reset.",
+       "serial show /dev/ttyS1", "nothing. A driver may drop DTR and RTS when the program ends."},
+      [device](Call& call) { return Show(*device, call); });
+  AddDevice(show, *device);
+
+  const auto line = std::make_shared<LineOptions>();
+  CLI::App& report = program.AddVerb(
+      &group,
+      {"report", "Prints the library's diagnostic report of a port", "DEVICE [OPTION]...",
+       "IT TOUCHES THE REGISTERS OF THE BOARD'S UART, whichever port DEVICE is; what that UART receives meanwhile is "
+       "lost.",
+       "It needs root and /dev/mem. From the flags on, numbers are hexadecimal, but for the last line.",
+       "serial report /dev/ttyS1",
+       "nothing: the line's settings are put back. But if DEVICE is not on the board's own UART, that UART's access "
+       "bit stays set, and its data registers are hidden until its driver sets the line up anew."},
+      [line](Call& call) { return Report(*line, call); });
+  AddLine(report, *line);
+
+  AddSend(program, group);
+  AddReceive(program, group);
+  AddSerialTest(program, group);
+}

@@ -1,0 +1,59 @@
+#ifndef BOARDKIT_CTL_TTY_H
+#define BOARDKIT_CTL_TTY_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Output.h"
+
+/// A tty looked at beside the library's port, by a descriptor of its own: opening it leaves the settings as they are,
+/// while a SerialPort makes the line raw and drops its speed to 0.
+class Tty {
+ public:
+  /// What the line is set to.
+  struct Settings {
+    std::uint32_t speedBps = 0;
+    std::uint32_t inputSpeedBps = 0;
+    int dataBits = 0;
+    std::string parity;  // none, even, odd, mark, space
+    int stopBits = 0;
+    std::string flow;  // none, hardware, software, both
+    bool isRaw = false;
+  };
+
+  /// @throws std::system_error "Open Serial Port '<device>' failed?", the library's text for it.
+  explicit Tty(const std::string& device);
+  ~Tty();
+  Tty(const Tty&) = delete;
+  Tty& operator=(const Tty&) = delete;
+
+  int Descriptor() const {
+    return m_fd;
+  }
+
+  /// @throws std::system_error "Get the current port settings failed?", as the library does: no tty, or hung up.
+  Settings Read() const;
+  /// The lines that are up, by their names, or null where there are none.
+  Json ModemLines() const;
+  /// What the driver has counted since it was loaded, or null where it does not count.
+  Json Counters() const;
+  /// What the serial driver tells of the UART, or null.
+  Json Uart() const;
+
+  /// The number of bytes that wait to be sent; nothing where that is not told.
+  std::optional<std::uint32_t> Waiting() const;
+  /// Waits until all is sent; false if a signal came first, or the line was hung up.
+  bool Drain() const;
+  /// Discards what is not sent yet.
+  void Discard() const;
+
+  /// Puts back what the settings were when this object was made; false if that is refused.
+  bool PutBack() const;
+
+ private:
+  int m_fd;
+  std::string m_before;  // the bytes of the attributes
+};
+
+#endif
