@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -47,13 +48,14 @@ int main(int argc, char* argv[]) {
     std::cerr << "Usage: files-by-threads THREADS FILES\nWrites into the current folder.\n";
     return 2;
   }
-  const int threads = std::atoi(argv[1]);
-  const int files = std::atoi(argv[2]);
+  const int threads = static_cast<int>(std::strtol(argv[1], nullptr, 10));
+  const int files = static_cast<int>(std::strtol(argv[2], nullptr, 10));
   if (threads < 1 || files < threads) {
     std::cerr << "files-by-threads: at least one thread, and a file for each\n";
     return 2;
   }
   std::vector<std::thread> running;
+  running.reserve(static_cast<std::size_t>(threads));
   for (int thread = 0; thread < threads; ++thread) {
     running.emplace_back(WriteAndReadBack, thread, files / threads);
   }

@@ -22,7 +22,7 @@ int main(int argc, char* argv[]) {
     // [use]
     std::cout << std::hex << "0x" << before << " -> 0x" << ReadFromPhysicalMemoryAddress(address) << '\n';
 
-    struct sysinfo info;
+    struct sysinfo info = {};
     sysinfo_e(&info);
     std::cout << (info.totalram > info.freeram ? "some" : "no") << " memory is in use\n";
     return 0;
