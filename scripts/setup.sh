@@ -45,22 +45,27 @@ is_there() {
   fi
 }
 
+# become_root SENTENCE: sets as_root to the words that make the command behind them root's, or gives up with SENTENCE.
+become_root() {
+  as_root=()
+  ((EUID != 0)) || return 0
+  # Without a terminal nobody could answer a question for the password.
+  if ! is_there sudo || ! { [[ -t 0 ]] || sudo -n true 2>/dev/null; }; then
+    die "$1"
+  fi
+  as_root=(sudo)
+}
+
 # install_missing PACKAGE=PROBE...: installs the packages whose probe is not there, and says nothing if there are none.
 install_missing() {
-  local need missing=() as_root=()
+  local need missing=() as_root
   for need in "$@"; do
     is_there "${need#*=}" || missing+=("${need%%=*}")
   done
   ((${#missing[@]})) || return 0
 
   is_there apt-get || die "There is no apt-get here; please install these packages by other means: ${missing[*]}."
-  if ((EUID != 0)); then
-    # Without a terminal nobody could answer a question for the password.
-    if ! is_there sudo || ! { [[ -t 0 ]] || sudo -n true 2>/dev/null; }; then
-      die "These packages are missing, and installing them takes root or sudo: ${missing[*]}."
-    fi
-    as_root=(sudo)
-  fi
+  become_root "These packages are missing, and installing them takes root or sudo: ${missing[*]}."
 
   local log apt
   log=$(mktemp)
