@@ -7,10 +7,8 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,24 +31,11 @@ using Clock = std::chrono::steady_clock;
 constexpr int kNobody = 65534;
 constexpr int kNoSuchUser = 99;  // exit status
 
-constexpr const char* kNothing = "(nothing)";
-
 /// Waits for something to read.
 bool WaitForInput(int fd, Clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
   pollfd wait{fd, POLLIN, 0};
   return left.count() > 0 && ::poll(&wait, 1, static_cast<int>(left.count())) == 1;
-}
-
-/// Cuts the first line off.
-bool TakeLine(std::string& pending, std::string& line) {
-  const std::size_t end = pending.find('\n');
-  if (end == std::string::npos) {
-    return false;
-  }
-  line = pending.substr(0, end);
-  pending.erase(0, end + 1);
-  return true;
 }
 
 void WriteFile(const char* path, const std::string& text) {
@@ -123,6 +108,25 @@ bool ReapAll() {
   while (::waitpid(-1, &status, WNOHANG) > 0) {
   }
   return ::waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
+}
+
+/// The mounts that a simulator could have left behind. Others come and go on a machine.
+std::string OwnMounts() {
+  std::istringstream all(Contents("/proc/self/mountinfo"));
+  std::string own;
+  for (std::string line; std::getline(all, line);) {
+    std::istringstream fields(line);
+    std::string place;
+    for (int i = 0; i < 5; ++i) {
+      fields >> place;
+    }
+    const std::string top = place.substr(0, place.find('/', 1));
+    if (top == "/dev" || top == "/proc" || top == "/run" || top == "/sys" ||
+        line.find(" boardsim ") != std::string::npos) {
+      own += line + '\n';
+    }
+  }
+  return own;
 }
 
 }  // namespace
@@ -226,85 +230,42 @@ bool Board::Read(Clock::time_point deadline) {
   return got > 0;
 }
 
-ControlClient::ControlClient(const std::string& path) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const bool connected =
-      Eventually([&] { return ::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0; });
-  EXPECT_TRUE(connected) << path;
-}
-
-ControlClient::~ControlClient() {
-  ::close(m_socket);
-}
-
-void ControlClient::Send(std::string_view bytes) const {
-  EXPECT_EQ(::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-}
-
-std::string ControlClient::Receive() {
-  const auto deadline = Clock::now() + kLongest;
-  std::string line;
-  while (!TakeLine(m_pending, line)) {
-    std::array<char, 4096> piece{};
-    const ssize_t got = WaitForInput(m_socket, deadline) ? ::recv(m_socket, piece.data(), piece.size(), 0) : 0;
-    if (got <= 0) {
-      return kNothing;
-    }
-    m_pending.append(piece.data(), static_cast<std::size_t>(got));
-  }
-  return line;
-}
-
-std::string ControlClient::Ask(const std::string& command) {
-  Send(command + '\n');
-  return Receive();
-}
-
-BoardTest::BoardTest() : m_folder(testing::TempDir() + "boardsim-test-XXXXXX") {
+SimulatorTest::SimulatorTest() : m_folder(testing::TempDir() + "boardsim-test-XXXXXX") {
   EXPECT_NE(::mkdtemp(m_folder.data()), nullptr) << m_folder;
   EXPECT_EQ(::mkdir(Temporary().c_str(), 0777), 0);
   // For the ordinary user.
   EXPECT_EQ(::chmod(m_folder.c_str(), 0777) | ::chmod(Temporary().c_str(), 0777), 0);
   // Whatever outlives a simulator becomes a child of this process and is found.
   EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-  m_mounts = Contents("/proc/self/mountinfo");
+  m_mounts = OwnMounts();
 }
 
-BoardTest::~BoardTest() {
+SimulatorTest::~SimulatorTest() {
   std::error_code error;
   std::filesystem::remove_all(m_folder, error);
 }
 
-void BoardTest::SetUp() {
-  const std::string namespaces = "--mount --pid --net --fork true 2>/dev/null";
-  if (Shell("(unshare --user --map-root-user " + namespaces + " || unshare " + namespaces + ") && echo yes").empty()) {
-    GTEST_SKIP() << "Namespaces are forbidden here.";
-  }
-}
-
-void BoardTest::TearDown() {
+void SimulatorTest::TearDown() {
   EXPECT_TRUE(Eventually(ReapAll)) << "a process has been left behind";
   for (const pid_t child : ChildrenOf(::getpid())) {
     ADD_FAILURE() << Contents("/proc/" + std::to_string(child) + "/cmdline");
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
   }
-  EXPECT_EQ(Contents("/proc/self/mountinfo"), m_mounts) << "a mount has been left behind";
+  EXPECT_EQ(OwnMounts(), m_mounts) << "a mount has been left behind";
   for (const auto& entry : std::filesystem::directory_iterator(Temporary())) {
     ADD_FAILURE() << entry.path() << " has been left behind";
   }
 }
 
-std::unique_ptr<Board> BoardTest::Boot(const Words& options, const Words& command) {
+std::unique_ptr<Board> SimulatorTest::Boot(const Words& options, const Words& command) {
   Start start;
   start.options = options;
   start.command = command;
   return Boot(start);
 }
 
-std::unique_ptr<Board> BoardTest::Boot(const Start& start) {
+std::unique_ptr<Board> SimulatorTest::Boot(const Start& start) {
   Start complete = start;
   complete.environment.push_back("TMPDIR=" + Temporary());
   if (start.user == User::kOrdinary) {
@@ -317,22 +278,22 @@ std::unique_ptr<Board> BoardTest::Boot(const Start& start) {
   return std::make_unique<Board>(complete, m_folder);
 }
 
-Outcome BoardTest::Run(const Words& options, const Words& command) {
+Outcome SimulatorTest::Run(const Words& options, const Words& command) {
   return Boot(options, command)->Finish();
 }
 
-Outcome BoardTest::Run(const Start& start) {
+Outcome SimulatorTest::Run(const Start& start) {
   return Boot(start)->Finish();
 }
 
-void BoardTest::ExpectSteps(const Words& options, const Words& command) {
+void SimulatorTest::ExpectSteps(const Words& options, const Words& command) {
   const Outcome outcome = Run(options, command);
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors, "");
 }
 
-std::string BoardTest::Shared(const std::string& program) {
+std::string SimulatorTest::Shared(const std::string& program) {
   std::string copy = Path(program.substr(program.rfind('/') + 1));
   if (::access(copy.c_str(), F_OK) != 0) {
     std::error_code error;
@@ -341,6 +302,27 @@ std::string BoardTest::Shared(const std::string& program) {
     EXPECT_EQ(::chmod(copy.c_str(), 0755), 0);
   }
   return copy;
+}
+
+void BoardTest::SetUp() {
+  const std::string namespaces = "--mount --pid --net --fork true 2>/dev/null";
+  if (Shell("(unshare --user --map-root-user " + namespaces + " || unshare " + namespaces + ") && echo yes").empty()) {
+    GTEST_SKIP() << "Namespaces are forbidden here.";
+  }
+}
+
+bool AreUserNamespacesAllowed() {
+  return !Shell("unshare --user --map-root-user true 2>/dev/null && echo yes").empty();
+}
+
+bool TakeLine(std::string& pending, std::string& line) {
+  const std::size_t end = pending.find('\n');
+  if (end == std::string::npos) {
+    return false;
+  }
+  line = pending.substr(0, end);
+  pending.erase(0, end + 1);
+  return true;
 }
 
 std::string Contents(const std::string& path) {

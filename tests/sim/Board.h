@@ -17,11 +17,6 @@ using Words = std::vector<std::string>;
 Words operator+(Words first, const Words& second);
 
 constexpr const char* kSimulator = BOARDKIT_BOARDSIM;
-// The plain C program, in three builds.
-constexpr const char* kProbe = BOARDKIT_PROBE;
-constexpr const char* kStaticProbe = BOARDKIT_STATIC_PROBE;
-constexpr const char* kSanitizedProbe = BOARDKIT_SANITIZED_PROBE;
-
 /// What takes the network of the machine, in words for root.
 inline const Words kWithoutNamespaces = {"--no-namespaces", "--net", "host"};
 
@@ -85,35 +80,12 @@ class Board {
   std::string m_pending;
 };
 
-/// One client of a control socket.
-class ControlClient {
- public:
-  explicit ControlClient(const std::string& path);
-  ~ControlClient();
-  ControlClient(const ControlClient&) = delete;
-  ControlClient& operator=(const ControlClient&) = delete;
-
-  void Send(std::string_view bytes) const;
-  /// The next line; "(nothing)" at the end, or if it takes too long.
-  std::string Receive();
-  std::string Ask(const std::string& command);
-  int Get() const {
-    return m_socket;
-  }
-
- private:
-  int m_socket = -1;
-  std::string m_pending;
-};
-
 /// Tests of the simulator: they leave the machine as it was, or fail.
-class BoardTest : public testing::Test {
+class SimulatorTest : public testing::Test {
  protected:
-  BoardTest();
-  ~BoardTest() override;
+  SimulatorTest();
+  ~SimulatorTest() override;
 
-  /// Skips where a machine does not allow namespaces.
-  void SetUp() override;
   /// Fails if a process, a mount or a temporary file has been left behind.
   void TearDown() override;
 
@@ -134,7 +106,7 @@ class BoardTest : public testing::Test {
   std::string Path(const std::string& name) const {
     return m_folder + '/' + name;
   }
-  /// A copy of a program that every user may execute.
+  /// A copy of a program, or of what it needs, for every user.
   std::string Shared(const std::string& program);
   /// Where the simulator makes its temporary files.
   std::string Temporary() const {
@@ -145,6 +117,23 @@ class BoardTest : public testing::Test {
   std::string m_folder;
   std::string m_mounts;
 };
+
+/// Tests that need namespaces.
+class BoardTest : public SimulatorTest {
+ protected:
+  /// Skips where a machine does not allow them.
+  void SetUp() override;
+};
+
+/// Whether everybody may have a user namespace here. In a chroot, nobody may.
+bool AreUserNamespacesAllowed();
+constexpr const char* kNoUserNamespaces = "User namespaces are forbidden here.";
+
+/// Cuts the first line off.
+/// @returns whether there is a whole one.
+bool TakeLine(std::string& pending, std::string& line);
+/// What is heard where no line comes.
+constexpr const char* kNothing = "(nothing)";
 
 std::string Contents(const std::string& path);
 /// Waits for a text in a file that grows.

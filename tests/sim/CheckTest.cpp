@@ -1,6 +1,7 @@
 #include <string>
 
 #include "Board.h"
+#include "Probes.h"
 
 namespace {
 
@@ -38,6 +39,9 @@ TEST_F(Check, SaysThatTheWholeBoardCanBeSimulatedAndLeavesNothing) {
 }
 
 TEST_F(Check, NamesTheSettingThatForbidsNamespaces) {
+  if (!AreUserNamespacesAllowed()) {
+    GTEST_SKIP() << kNoUserNamespaces;
+  }
   const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --check");
   EXPECT_EQ(outcome.status, 125);
   // The error number depends on the user.
@@ -93,6 +97,9 @@ TEST_F(Check, RunsNoCommand) {
 }
 
 TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
+  if (!AreUserNamespacesAllowed()) {
+    GTEST_SKIP() << kNoUserNamespaces;
+  }
   const Outcome outcome =
       InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net host -- " + Quoted(kProbe) + " echo");
   EXPECT_EQ(outcome.status, 0);
@@ -104,6 +111,9 @@ TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
 }
 
 TEST_F(Check, WhereNamespacesAreForbiddenAPrivateNetworkIsRefused) {
+  if (!AreUserNamespacesAllowed()) {
+    GTEST_SKIP() << kNoUserNamespaces;
+  }
   const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net private -- true");
   EXPECT_EQ(outcome.status, 125);
   EXPECT_NE(outcome.errors.find(", so there can be no network of its own.\n"), std::string::npos) << outcome.errors;

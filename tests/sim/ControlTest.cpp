@@ -1,12 +1,13 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <regex>
 #include <string>
 
 #include "Board.h"
+#include "Probes.h"
+#include "Sockets.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ class Control : public BoardTest {
   void Start(const Words& options) {
     board = Boot(options + Words{"--control", Path("control"), "--log", Path("log")}, {kProbe, "talk"});
     ASSERT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
-    client = std::make_unique<ControlClient>(Path("control"));
+    client = std::make_unique<Connection>(Path("control"));
   }
   void ExpectEnd() {
     EXPECT_EQ(board->Finish().status, 0);
@@ -24,11 +25,12 @@ class Control : public BoardTest {
   }
 
   std::unique_ptr<Board> board;
-  std::unique_ptr<ControlClient> client;
+  std::unique_ptr<Connection> client;
 };
 
 TEST_F(Control, AHangUpEndsThePortForTheProgramUntilItIsPluggedInAndOpenedAgain) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     Start(options);
     EXPECT_EQ(client->Ask("hangup /dev/ttyS1"), "ok");
     EXPECT_EQ(board->Ask("read 3"), "end");
@@ -116,6 +118,7 @@ TEST_F(Control, InputsAreSetAndClearedAndTheProgramCannotAlterThem) {
 
 TEST_F(Control, RegistersAreReadAndWrittenFromBothSides) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     Start(options);
     EXPECT_EQ(client->Ask("write 0x1000 0xcafe"), "ok");
     EXPECT_EQ(board->Ask("peek 0x1000"), "0xcafe");
@@ -182,18 +185,18 @@ TEST_F(Control, TheWatchdogsStateIsTold) {
 
 TEST_F(Control, CommandsComeInPiecesOrTogetherAndFromSeveral) {
   Start({});
-  client->Send("lin");
-  ControlClient second(Path("control"));
+  client->Write("lin");
+  Connection second(Path("control"));
   EXPECT_EQ(second.Ask("read 0x8001100c"), "ok 0x13");
-  client->Send("es /dev/ttyS1\nread 0x8001100c\nread");
-  EXPECT_EQ(client->Receive(), "ok RTS DTR CTS DSR CD");
-  EXPECT_EQ(client->Receive(), "ok 0x13");
+  client->Write("es /dev/ttyS1\nread 0x8001100c\nread");
+  EXPECT_EQ(client->ReadLine(), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(client->ReadLine(), "ok 0x13");
   {
     // One who goes in the middle of a word, and one who does not wait for the answer.
-    const ControlClient third(Path("control"));
-    third.Send("lines /dev/tty");
-    const ControlClient fourth(Path("control"));
-    fourth.Send("help\nhelp\nhelp\n");
+    const Connection third(Path("control"));
+    third.Write("lines /dev/tty");
+    const Connection fourth(Path("control"));
+    fourth.Write("help\nhelp\nhelp\n");
   }
   EXPECT_EQ(client->Ask(" 0x8001100c"), "ok 0x13");
   EXPECT_EQ(second.Ask("lines   /dev/ttyS1 "), "ok RTS DTR CTS DSR CD");
@@ -217,7 +220,7 @@ TEST_F(Control, GarbageIsAnsweredByAnErrorThatNamesTheCommands) {
 TEST_F(Control, ALineWithoutEndIsCutOffAndOthersAreServedStill) {
   Start({});
   {
-    const ControlClient endless(Path("control"));
+    const Connection endless(Path("control"));
     const std::string piece(4096, 'x');
     EXPECT_TRUE(Eventually([&] { return ::send(endless.Get(), piece.data(), piece.size(), MSG_NOSIGNAL) == -1; }));
   }
@@ -227,18 +230,13 @@ TEST_F(Control, ALineWithoutEndIsCutOffAndOthersAreServedStill) {
 
 TEST_F(Control, ASocketThatAKilledOneHasLeftIsReplacedAndOneInUseIsNot) {
   const std::string path = Path("control");
-  const int dead = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(::bind(dead, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  ::close(dead);
+  { const Listener dead(path); }
   Start({});
   const Outcome second = Run({"--control", path}, {"true"});
   EXPECT_EQ(second.status, 125);
   EXPECT_EQ(second.errors, "boardsim: the control socket " + path + " can't be made: Address already in use\n");
   EXPECT_EQ(client->Ask("read 0x8001100c"), "ok 0x13");
-  ControlClient late(path);
+  Connection late(path);
   EXPECT_EQ(late.Ask("read 0x8001100c"), "ok 0x13");
   ExpectEnd();
 }

@@ -1,12 +1,9 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -18,76 +15,10 @@
 #include <vector>
 
 #include "Board.h"
+#include "Probes.h"
+#include "Sockets.h"
 
 namespace {
-
-/// Somebody at the far end.
-class Peer {
- public:
-  explicit Peer(int fd) : m_fd(fd) {
-    EXPECT_NE(fd, -1);
-  }
-  ~Peer() {
-    Close();
-  }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
-
-  int Get() const {
-    return m_fd;
-  }
-  void Close() {
-    if (m_fd != -1) {
-      ::close(m_fd);
-    }
-    m_fd = -1;
-  }
-  void Write(const std::string& text) const {
-    EXPECT_EQ(::write(m_fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  /// What comes next, in one piece; empty if nothing does.
-  std::string ReadSome(int milliseconds) const {
-    pollfd wait{m_fd, POLLIN, 0};
-    std::array<char, 65536> piece{};
-    const ssize_t got = ::poll(&wait, 1, milliseconds) == 1 ? ::read(m_fd, piece.data(), piece.size()) : 0;
-    return {piece.data(), got > 0 ? static_cast<std::size_t>(got) : 0};
-  }
-  std::string Read(std::size_t size) const {
-    std::string text;
-    for (std::string piece; text.size() < size && !(piece = ReadSome(20000)).empty();) {
-      text += piece;
-    }
-    return text;
-  }
-
- private:
-  int m_fd;
-};
-
-/// A socket that listens, for one who connects.
-class Listener {
- public:
-  explicit Listener(int family) : m_fd(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-  ~Listener() {
-    ::close(m_fd);
-  }
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-
-  template <typename Address>
-  bool Listen(Address& address) {
-    socklen_t size = sizeof address;
-    auto* name = reinterpret_cast<sockaddr*>(&address);
-    return ::bind(m_fd, name, size) == 0 && ::listen(m_fd, 1) == 0 && ::getsockname(m_fd, name, &size) == 0;
-  }
-  int Accept() const {
-    pollfd wait{m_fd, POLLIN, 0};
-    return ::poll(&wait, 1, 20000) == 1 ? ::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-  }
-
- private:
-  int m_fd;
-};
 
 /// The processor time that a process has had.
 long TicksOf(pid_t process) {
@@ -108,19 +39,15 @@ class FarEnd : public BoardTest {
  protected:
   /// A program that has the port open as descriptor 3, and a far end that is a UNIX socket.
   void Connect(const Words& options, const Words& steps = {}) {
-    Listener listener(AF_UNIX);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    Path("far-end").copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_TRUE(listener.Listen(address));
+    const Listener listener(Path("far-end"));
     board = Boot(options + Words{"--tty", "/dev/ttyS1=unix:" + Path("far-end"), "--log", Path("log")},
                  Words{kProbe} + steps + Words{"talk"});
-    peer = std::make_unique<Peer>(listener.Accept());
+    peer = std::make_unique<Connection>(listener.Accept());
     ::unlink(Path("far-end").c_str());
     ASSERT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
   }
   /// One word in each direction.
-  static void ExpectConversation(Board& board, const Peer& peer) {
+  static void ExpectConversation(Board& board, const Connection& peer) {
     EXPECT_EQ(board.Ask("open rw /dev/ttyS1"), "3");
     EXPECT_EQ(board.Ask("lines 3"), "0x166");
     EXPECT_EQ(board.Ask("write 3 question"), "ok");
@@ -161,38 +88,32 @@ class FarEnd : public BoardTest {
   }
 
   std::unique_ptr<Board> board;
-  std::unique_ptr<Peer> peer;
+  std::unique_ptr<Connection> peer;
 };
 
 TEST_F(FarEnd, ATcpServerIsReachedByAddressesOfBothVersionsAndByName) {
   for (const std::string& host : {std::string("127.0.0.1"), std::string("localhost")}) {
-    Listener listener(AF_INET);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_TRUE(listener.Listen(address));
-    const auto talking =
-        Boot({"--tty", "/dev/ttyS1=tcp:" + host + ':' + std::to_string(ntohs(address.sin_port))}, {kProbe, "talk"});
-    const Peer server(listener.Accept());
+    SCOPED_TRACE(host);
+    const Listener listener(AF_INET);
+    ASSERT_TRUE(listener.Works());
+    const auto talking = Boot({"--tty", "/dev/ttyS1=tcp:" + host + ':' + listener.Port()}, {kProbe, "talk"});
+    const Connection server(listener.Accept());
     ExpectConversation(*talking, server);
     EXPECT_EQ(talking->Finish().status, 0);
   }
-  Listener listener(AF_INET6);
-  sockaddr_in6 address{};
-  address.sin6_family = AF_INET6;
-  address.sin6_addr = in6addr_loopback;
-  if (!listener.Listen(address)) {
+  const Listener listener(AF_INET6);
+  if (!listener.Works()) {
     GTEST_SKIP() << "There is no IPv6 here.";
   }
-  const auto talking =
-      Boot({"--tty", "/dev/ttyS1=tcp:[::1]:" + std::to_string(ntohs(address.sin6_port))}, {kProbe, "talk"});
-  const Peer server(listener.Accept());
+  const auto talking = Boot({"--tty", "/dev/ttyS1=tcp:[::1]:" + listener.Port()}, {kProbe, "talk"});
+  const Connection server(listener.Accept());
   ExpectConversation(*talking, server);
   EXPECT_EQ(talking->Finish().status, 0);
 }
 
 TEST_F(FarEnd, AUnixServerIsReachedAlsoWithoutNamespaces) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     Connect(options);
     EXPECT_EQ(board->Ask("close 3"), "ok");
     ExpectConversation(*board, *peer);
@@ -210,6 +131,7 @@ TEST_F(FarEnd, ACommandEndsWithTheBoardAndAllThatItHasStarted) {
 
 TEST_F(FarEnd, ACommandHasTimeToFinishAfterTheLastWords) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const std::string file = Path("heard");
     const std::string command = "cat >" + file + "; sleep 0.05; echo ' and the end' >>" + file;
     board = Boot(options + Words{"--tty", "/dev/ttyS1=exec:" + command}, {kProbe, "talk"});
@@ -227,7 +149,7 @@ TEST_F(FarEnd, ItsTerminalIsPrintedAndUsersOfItComeAndGo) {
   const std::string errors = board->Errors();
   ASSERT_TRUE(std::regex_match(errors, match, std::regex("boardsim: the far end of /dev/ttyS1 is (/dev/pts/\\d+)\n")));
   for (int i = 0; i < 2; ++i) {
-    const Peer user(::open(match[1].str().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const Connection user(::open(match[1].str().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     ExpectConversation(*board, user);
   }
   EXPECT_EQ(board->Finish().status, 0);
@@ -236,7 +158,7 @@ TEST_F(FarEnd, ItsTerminalIsPrintedAndUsersOfItComeAndGo) {
 TEST_F(FarEnd, ItsTerminalIsRawFromTheStart) {
   board = Boot({"--tty", "/dev/ttyS1=pty:" + Path("link")}, {kProbe, "talk"});
   EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
-  const Peer user(::open(Path("link").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+  const Connection user(::open(Path("link").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
   termios settings{};
   ASSERT_EQ(::tcgetattr(user.Get(), &settings), 0);
   EXPECT_EQ(settings.c_lflag & (ECHO | ICANON | ISIG), 0U);
@@ -255,7 +177,7 @@ TEST_F(FarEnd, ItsTerminalIsLinkedForAsLongAsTheBoardRunsAndAStaleLinkIsReplaced
   EXPECT_EQ(board->Ask("what"), "what?");
   EXPECT_EQ(board->Errors(), "");
   {
-    const Peer user(::open(link.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const Connection user(::open(link.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     ExpectConversation(*board, user);
   }
   EXPECT_EQ(board->Finish().status, 0);
@@ -337,7 +259,7 @@ TEST_F(FarEnd, OneThatGoesBeforeItHasHeardAllIsHeardToItsLastWordAndMissed) {
 
 TEST_F(FarEnd, WhatComesWhileThePortIsHungUpIsTakenAndLost) {
   Connect({"--control", Path("control")});
-  ControlClient client(Path("control"));
+  Connection client(Path("control"));
   EXPECT_EQ(client.Ask("hangup /dev/ttyS1"), "ok");
   peer->Write("lost");
   EXPECT_TRUE(IsTaken());
@@ -350,7 +272,7 @@ TEST_F(FarEnd, WhatComesWhileThePortIsHungUpIsTakenAndLost) {
 
 TEST_F(FarEnd, WhereNothingCanMoveNoTimeIsSpent) {
   Connect({"--control", Path("control")});
-  ControlClient client(Path("control"));
+  Connection client(Path("control"));
   // The program does not read, and whoever is at the far end has sent all that he can.
   const std::string piece(4096, 'x');
   EXPECT_TRUE(Eventually([&] {
@@ -374,6 +296,7 @@ TEST_F(FarEnd, WhereNothingCanMoveNoTimeIsSpent) {
 
 TEST_F(FarEnd, OneThatSendsFasterThanTheProgramReadsIsMadeToWaitAndLosesNothing) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     ExpectSteps(options + Words{"--tty", "/dev/ttyS1=exec:seq -f %07.0f 1 40000; sleep 300"}, {kProbe, "late"});
   }
 }
@@ -397,16 +320,12 @@ TEST_F(FarEnd, NobodyIsThereWithNone) {
 }
 
 TEST_F(FarEnd, OneThatCannotBeReachedIsToldInASentence) {
-  Listener listener(AF_INET);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string port;
   {
-    // A port that was free a moment ago.
-    Listener closed(AF_INET);
-    ASSERT_TRUE(closed.Listen(address));
+    // One that was free a moment ago.
+    const Listener closed(AF_INET);
+    port = closed.Port();
   }
-  const std::string port = std::to_string(ntohs(address.sin_port));
   const Outcome refused = Run({"--tty", "/dev/ttyS1=tcp:127.0.0.1:" + port}, {"true"});
   EXPECT_EQ(refused.status, 125);
   EXPECT_EQ(refused.errors,

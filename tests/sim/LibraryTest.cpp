@@ -1,29 +1,24 @@
 // The library on the simulated board: what it tells its caller, what arrives at the far ends, and all that the board's
 // log has of it, in order, compared with what was asked.
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <ostream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "Board.h"
+#include "Sockets.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
+using Lines = Words;
 
-constexpr uid_t kNobody = 65534;
-constexpr int kLongEnough = 60000;  // ms
+constexpr const char* kSteps = BOARDKIT_LIBRARY_STEPS;
+constexpr const char* kStarve = BOARDKIT_BOARD_STARVE;
 
 // The control flags as the kernel has them, and the log.
 constexpr unsigned int kRaw = 0x8b0;  // 8 bits, receiving, without regard to the modem lines
@@ -41,11 +36,6 @@ std::string Settings(unsigned int speed, unsigned int flags) {
   std::ostringstream line;
   line << "settings speed=" << speed << " flags=0x" << std::hex << flags;
   return line.str();
-}
-
-Lines operator+(Lines one, const Lines& other) {
-  one.insert(one.end(), other.begin(), other.end());
-  return one;
 }
 
 Lines Of(const std::string& device, const Lines& events) {
@@ -86,177 +76,66 @@ void ExpectSame(const Lines& log, const Lines& expected) {
   EXPECT_EQ(text(log), text(expected));
 }
 
-std::string TextOf(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
-
-/// A socket of this machine, in a file.
-class UnixSocket {
- public:
-  explicit UnixSocket(const std::filesystem::path& path) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    m_address.sun_family = AF_UNIX;
-    path.string().copy(m_address.sun_path, sizeof m_address.sun_path - 1);
-  }
-  ~UnixSocket() {
-    ::close(m_socket);
-  }
-  UnixSocket(const UnixSocket&) = delete;
-  UnixSocket& operator=(const UnixSocket&) = delete;
-
-  void Listen() {
-    EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address), 0);
-    EXPECT_EQ(::chmod(m_address.sun_path, 0777), 0);
-    EXPECT_EQ(::listen(m_socket, 1), 0);
-  }
-  /// From now on it is the connection.
-  void Accept() {
-    pollfd caller{m_socket, POLLIN, 0};
-    ASSERT_EQ(::poll(&caller, 1, kLongEnough), 1) << "nobody has called";
-    const int connection = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
-    ::close(m_socket);
-    m_socket = connection;
-  }
-  void Connect() {
-    for (int waited = 0; waited < kLongEnough; waited += 10) {
-      if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&m_address), sizeof m_address) == 0) {
-        return;
-      }
-      ::usleep(10000);
-    }
-    ADD_FAILURE() << m_address.sun_path << " can't be reached";
-  }
-  void Send(const std::string& bytes) const {
-    EXPECT_EQ(::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-  std::string Receive(std::size_t count) const {
-    std::string bytes(count, '\0');
-    std::size_t received = 0;
-    pollfd more{m_socket, POLLIN, 0};
-    while (received < count && ::poll(&more, 1, kLongEnough) == 1) {
-      const ssize_t got = ::recv(m_socket, bytes.data() + received, count - received, 0);
-      if (got <= 0) {
-        break;
-      }
-      received += static_cast<std::size_t>(got);
-    }
-    return bytes.substr(0, received);
-  }
-  /// Gives a command, and returns the answer.
-  std::string Command(const std::string& command) const {
-    Send(command + '\n');
-    std::string answer;
-    for (std::string byte; answer.empty() || answer.back() != '\n'; answer += byte) {
-      byte = Receive(1);
-      if (byte.empty()) {
-        break;
-      }
-    }
-    return answer;
-  }
-
- private:
-  int m_socket;
-  sockaddr_un m_address{};
-};
-
-enum class User { kOfTheTests, kOrdinary };
-
-std::ostream& operator<<(std::ostream& out, User user) {
-  return out << (user == User::kOrdinary ? "AnOrdinaryUser" : "TheUserOfTheTests");
-}
-
 /// One run of the simulator, by the user who runs the tests, or by an ordinary one; he may be the same.
-class LibraryOnSim : public testing::TestWithParam<User> {
+class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> {
  protected:
-  LibraryOnSim() {
-    std::string folder = std::filesystem::temp_directory_path() / "library-on-sim-XXXXXX";
-    EXPECT_NE(::mkdtemp(folder.data()), nullptr);
-    m_folder = folder;
-    if (GetParam() == User::kOrdinary && ::geteuid() == 0) {
-      m_isOther = true;
-      // Where that fails, so does becoming him: SetUp() tells.
-      [[maybe_unused]] const int given = ::chown(folder.c_str(), kNobody, kNobody);
-      // Copies, for he may not look where these were built.
-      for (std::string* program : {&m_simulator, &m_steps, &m_starve}) {
-        const auto copy = m_folder / std::filesystem::path(*program).filename();
-        std::filesystem::copy_file(*program, copy);
-        *program = copy;
-      }
-      for (const auto& file : std::filesystem::directory_iterator(BOARDKIT_LIBRARY_FOLDER)) {
-        const std::string name = file.path().filename();
-        if (name.rfind("libboardkit.so.", 0) == 0) {
-          std::filesystem::copy_file(file, m_folder / name);
-        }
-      }
-    }
-  }
-
-  ~LibraryOnSim() override {
-    std::filesystem::remove_all(m_folder);
-  }
-
   void SetUp() override {
+    BoardTest::SetUp();
+    if (GetParam() == User::kOrdinary && !AreUserNamespacesAllowed()) {
+      GTEST_SKIP() << kNoUserNamespaces;
+    }
     // Where ordinary users do not look, but some systems keep `ip`.
     ::setenv("PATH", (std::string(std::getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
-    if (Run({"--net", "private"}, {"true"}) != 0) {
-      GTEST_SKIP() << "The board can't be simulated here: " << Errors();
-    }
   }
 
-  /// Begins a run; its log, its output and its errors go to files.
-  void Start(const Lines& options, const Lines& command) {
-    Lines words = {"timeout", "-k", "1", "120"};
-    if (m_isOther) {
-      // In there he may also write what a build with counters has counted.
-      words = words + Lines{"setpriv",
-                            "--reuid=65534",
-                            "--regid=65534",
-                            "--clear-groups",
-                            "env",
-                            "LD_LIBRARY_PATH=" + m_folder.string(),
-                            "GCOV_PREFIX=" + m_folder.string()};
+  /// Begins a run, with a log.
+  void Begin(const Lines& options, const Lines& command) {
+    Start start;
+    start.options = Lines{"--log", Path("log")} + options;
+    start.command = command;
+    start.user = GetParam();
+    if (GetParam() == User::kOrdinary) {
+      // He may not look where it was built.
+      for (const auto& file : std::filesystem::directory_iterator(BOARDKIT_LIBRARY_FOLDER)) {
+        if (file.path().filename().string().rfind("libboardkit.so.", 0) == 0) {
+          Shared(file.path());
+        }
+      }
+      start.environment.push_back("LD_LIBRARY_PATH=" + Folder());
     }
-    words = words + Lines{m_simulator, "--log", m_folder / "log"} + options + Lines{"--"} + command;
-    std::string line;
-    for (const std::string& word : words) {
-      line += '\'' + word + "' ";
-    }
-    line += "</dev/null >" + (m_folder / "output").string() + " 2>" + (m_folder / "errors").string();
-    m_run = ::fork();
-    if (m_run == 0) {
-      ::execl("/bin/sh", "sh", "-c", ("exec " + line).c_str(), nullptr);
-      ::_exit(127);
-    }
+    m_board = Boot(start);
   }
 
   /// @returns the exit status.
   int Finish() {
-    int status = -1;
-    EXPECT_EQ(::waitpid(m_run, &status, 0), m_run);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    m_outcome = m_board->Finish();
+    return m_outcome.status;
   }
 
-  int Run(const Lines& options, const Lines& command) {
-    Start(options, command);
+  int RunWithLog(const Lines& options, const Lines& command) {
+    Begin(options, command);
     return Finish();
   }
 
   /// A step that ends well and without complaints.
   void RunStep(const Lines& options, const Lines& step) {
-    EXPECT_EQ(Run(options, Lines{m_steps} + step), 0);
+    EXPECT_EQ(RunWithLog(options, Lines{kSteps} + step), 0);
     EXPECT_EQ(Errors(), "");
   }
 
-  std::string Output() const {
-    return TextOf(m_folder / "output");
+  /// Of the part that has not been listened to.
+  const std::string& Output() const {
+    return m_outcome.output;
   }
-  std::string Errors() const {
-    return TextOf(m_folder / "errors");
+  const std::string& Errors() const {
+    return m_outcome.errors;
+  }
+  Board& Running() const {
+    return *m_board;
   }
   /// Without the times, which must not run backwards.
   Lines Log() const {
-    std::ifstream file(m_folder / "log");
+    std::ifstream file(Path("log"));
     double before = 0;
     double time = 0;
     Lines lines;
@@ -281,18 +160,15 @@ class LibraryOnSim : public testing::TestWithParam<User> {
     return log;
   }
 
-  std::filesystem::path m_folder;
-  std::string m_simulator = BOARDKIT_BOARDSIM;
-  std::string m_steps = BOARDKIT_LIBRARY_STEPS;
-  std::string m_starve = BOARDKIT_BOARD_STARVE;
-
  private:
-  bool m_isOther = false;
-  pid_t m_run = -1;
+  std::unique_ptr<Board> m_board;
+  Outcome m_outcome{};
 };
 
-INSTANTIATE_TEST_SUITE_P(As, LibraryOnSim, testing::Values(User::kOfTheTests, User::kOrdinary),
-                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(As, LibraryOnSim, testing::Values(User::kOneself, User::kOrdinary),
+                         [](const testing::TestParamInfo<User>& info) {
+                           return std::string(info.param == User::kOrdinary ? "AnOrdinaryUser" : "TheUserOfTheTests");
+                         });
 
 // --- The serial port -------------------------------------------------------------------------------------------------
 
@@ -344,44 +220,39 @@ TEST_P(LibraryOnSim, TheLoopGoesOnAndOffAndIsOffAfterClosing) {
 }
 
 TEST_P(LibraryOnSim, AConversationWithTheFarEndArrivesByteForByteInBothDirections) {
-  UnixSocket peer(m_folder / "peer");
-  peer.Listen();
+  const Listener listener(Path("peer"));
   std::string all(256, '\0');
   for (std::size_t i = 0; i < all.size(); ++i) {
     all[i] = static_cast<char>(i);
   }
 
-  Start({"--tty", "/dev/ttyS1=unix:" + (m_folder / "peer").string()}, {m_steps, "converse"});
-  peer.Accept();
-  EXPECT_EQ(peer.Receive(9), "question\n");
+  Begin({"--tty", "/dev/ttyS1=unix:" + Path("peer")}, {kSteps, "converse"});
+  const Connection peer(listener.Accept());
+  EXPECT_EQ(peer.Read(9), "question\n");
   // In two pieces, so that the reading has to go on.
-  peer.Send(all.substr(0, 100));
+  peer.Write(all.substr(0, 100));
   ::usleep(100000);
-  peer.Send(all.substr(100));
-  EXPECT_EQ(peer.Receive(256), all);
-  peer.Send("!");
+  peer.Write(all.substr(100));
+  EXPECT_EQ(peer.Read(256), all);
+  peer.Write("!");
 
   EXPECT_EQ(Finish(), 0);
   EXPECT_EQ(Errors(), "");
   EXPECT_EQ(Output(), "1 ! 0\n");
-  EXPECT_EQ(peer.Receive(1), "") << "nothing else";
+  EXPECT_EQ(peer.Read(1), "") << "nothing else";
   // Somebody is at the other end, so CTS, DSR and CD are on.
   ExpectSame(Log(), kStart + OfPort(kOpening + Lines{Settings(115200, kRaw | k115200)} + Closing("0x166")) + kEnd);
 }
 
 TEST_P(LibraryOnSim, AHangUpEndsTheWaitingAndThePortCanNotBeClosedAnyMore) {
-  const std::string control = m_folder / "control";
-  Start({"--tty", "/dev/ttyS1=none", "--control", control}, {m_steps, "hang-up"});
-  UnixSocket technician(control);
-  technician.Connect();
-  for (int waited = 0; waited < kLongEnough && Output() != "open\n"; waited += 10) {
-    ::usleep(10000);
-  }
-  EXPECT_EQ(technician.Command("hangup /dev/ttyS1"), "ok\n");
+  Begin({"--tty", "/dev/ttyS1=none", "--control", Path("control")}, {kSteps, "hang-up"});
+  Connection technician(Path("control"));
+  EXPECT_EQ(Running().Listen(), "open");
+  EXPECT_EQ(technician.Ask("hangup /dev/ttyS1"), "ok");
 
   EXPECT_EQ(Finish(), 0);
   EXPECT_EQ(Output(),
-            "open\n1\n"
+            "1\n"
             "read: SerialPort ReadCount 0: Success\n"
             "write: Error writing to file descriptor: : Input/output error\n"
             "close:  SetLoopback TIOCMGET failed!: Input/output error\n");
@@ -461,7 +332,7 @@ TEST_P(LibraryOnSim, TheWatchdogIsArmedFedGivenAnotherTimeAndStoppedByTheMagicCl
 }
 
 TEST_P(LibraryOnSim, ARefusedTimeIsRememberedAndLeavesTheWatchdogCountingAtTheNextActivation) {
-  EXPECT_EQ(Run({}, {m_steps, "watchdog-refused"}), 86);
+  EXPECT_EQ(RunWithLog({}, {kSteps, "watchdog-refused"}), 86);
 
   EXPECT_EQ(Output(), "too long: Could not set watchdog interval\n30\nagain: Could not set watchdog interval\n");
   ExpectSame(LogBeforeReset("time-out 30 s, last fed "),
@@ -470,7 +341,7 @@ TEST_P(LibraryOnSim, ARefusedTimeIsRememberedAndLeavesTheWatchdogCountingAtTheNe
 }
 
 TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
-  EXPECT_EQ(Run({}, {m_starve, "starve", "/dev/watchdog", "1"}), 86);
+  EXPECT_EQ(RunWithLog({}, {kStarve, "starve", "/dev/watchdog", "1"}), 86);
 
   EXPECT_EQ(Output(), "armed: 1 seconds\n");
   EXPECT_EQ(Errors().find("boardsim: /dev/watchdog has reset the board: time-out 1 s, last fed 1."), 0U) << Errors();
@@ -478,7 +349,7 @@ TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
 }
 
 TEST_P(LibraryOnSim, AProcessThatDiesWithTheWatchdogArmedTakesTheBoardAlong) {
-  EXPECT_EQ(Run({}, {m_starve, "die", "/dev/watchdog", "30"}), 86);
+  EXPECT_EQ(RunWithLog({}, {kStarve, "die", "/dev/watchdog", "30"}), 86);
 
   ExpectSame(LogBeforeReset("time-out 30 s, last fed "),
              kStart + OfWatchdog({"open", "timeout 30", "close: not stopped"}));
@@ -514,15 +385,10 @@ TEST_P(LibraryOnSim, AddressesAndGatewaysAreSetOnceAndThePeersAnswer) {
 }
 
 TEST_P(LibraryOnSim, AWordInTheMemoryIsSeenFromOutsideAndAnswered) {
-  const std::string control = m_folder / "control";
-  Start({"--control", control}, {m_steps, "memory"});
-  UnixSocket technician(control);
-  technician.Connect();
-  for (int waited = 0; waited < kLongEnough && technician.Command("read 0x80020000") != "ok 0x5eed1e55\n";
-       waited += 10) {
-    ::usleep(10000);
-  }
-  EXPECT_EQ(technician.Command("write 0x80020004 0x0ddba115"), "ok\n");
+  Begin({"--control", Path("control")}, {kSteps, "memory"});
+  Connection technician(Path("control"));
+  EXPECT_TRUE(Eventually([&] { return technician.Ask("read 0x80020000") == "ok 0x5eed1e55"; }));
+  EXPECT_EQ(technician.Ask("write 0x80020004 0x0ddba115"), "ok");
 
   EXPECT_EQ(Finish(), 0);
   EXPECT_EQ(Output(), "ddba115\n");

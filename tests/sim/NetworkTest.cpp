@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Board.h"
+#include "Probes.h"
 
 namespace {
 
@@ -37,6 +38,7 @@ TEST_F(Network, ItHasLoAndTwoInterfacesWithFixedAddressesAndOnlyTheFirstIsUp) {
 
 TEST_F(Network, ItsSettingsInSysCanBeReadAndNotWritten) {
   for (const char* kind : {"private", "none"}) {
+    SCOPED_TRACE(kind);
     const Outcome outcome =
         Run({"--net", kind}, {"sh", "-c", "cat /sys/class/net/lo/mtu; echo 1280 >/sys/class/net/lo/mtu"});
     EXPECT_NE(outcome.status, 0);
@@ -68,7 +70,11 @@ TEST_F(Network, TheRealIpWorksOnIt) {
 }
 
 TEST_F(Network, AnOrdinaryUserHasTheSame) {
+  if (!AreUserNamespacesAllowed()) {
+    GTEST_SKIP() << kNoUserNamespaces;
+  }
   for (const char* step : {"peers", "administration", "user"}) {
+    SCOPED_TRACE(step);
     Start start;
     start.command = {kProbe, step};
     start.user = User::kOrdinary;
@@ -96,6 +102,7 @@ TEST_F(Network, WithoutNamespacesRootHasToAskForTheMachinesInWords) {
   ASSERT_EQ(outcome.status, 0);
   if (::geteuid() == 0) {
     for (const Words& options : {Words{"--no-namespaces"}}) {
+      SCOPED_TRACE(testing::PrintToString(options));
       const Outcome refused = Run(options, {"touch", Path("ran")});
       EXPECT_EQ(refused.status, 125);
       EXPECT_EQ(refused.errors,
@@ -115,6 +122,7 @@ TEST_F(Network, WithoutNamespacesRootHasToAskForTheMachinesInWords) {
 
 TEST_F(Network, WithoutNamespacesThereIsNoneOfItsOwn) {
   for (const char* kind : {"private", "none"}) {
+    SCOPED_TRACE(kind);
     const Outcome outcome = Run({"--no-namespaces", "--net", kind}, {"touch", Path("ran")});
     EXPECT_EQ(outcome.status, 125);
     EXPECT_EQ(outcome.errors, "boardsim: Without namespaces there is only --net host.\n");

@@ -6,10 +6,13 @@
 #include <string>
 
 #include "Board.h"
+#include "Probes.h"
 
 namespace {
 
-using Options = BoardTest;
+// What is answered before anything is made.
+using Options = SimulatorTest;
+using OptionsOfABoard = BoardTest;
 
 struct Mistake {
   const char* name;
@@ -21,7 +24,7 @@ void PrintTo(const Mistake& mistake, std::ostream* stream) {
   *stream << mistake.name;
 }
 
-class WrongOption : public BoardTest, public testing::WithParamInterface<Mistake> {};
+class WrongOption : public SimulatorTest, public testing::WithParamInterface<Mistake> {};
 
 TEST_P(WrongOption, IsToldInOneSentenceWithStatus125AndNothingRuns) {
   const Outcome outcome = Run(GetParam().options, {"touch", Path("ran")});
@@ -80,6 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Options, AFarEndOfNoKnownKindIsToldWithTheKnownOnes) {
   for (const char* farEnd : {"modem", "", "echo:x", "none:", "tcp", "tcp:", "tcp:host", "unix", "exec:", "ECHO"}) {
+    SCOPED_TRACE(farEnd);
     const Outcome outcome = Run({"--tty", std::string("/dev/ttyS1=") + farEnd}, {"true"});
     EXPECT_EQ(outcome.status, 125);
     EXPECT_EQ(outcome.errors, std::string("boardsim: ") + kFarEnds + '"' + farEnd + "\".\n");
@@ -95,7 +99,7 @@ TEST_F(Options, WithoutACommandThereIsASentence) {
   EXPECT_EQ(outcome.errors, "boardsim: No command was given. Try --help.\n");
 }
 
-TEST_F(Options, TheCommandsOwnOptionsAreItsOwn) {
+TEST_F(OptionsOfABoard, TheCommandsOwnOptionsAreItsOwn) {
   EXPECT_EQ(Run({}, {"echo", "--version", "--", "-x"}).output, "--version -- -x\n");
   Start start;
   start.bare = true;
@@ -107,6 +111,7 @@ TEST_F(Options, HelpAndVersionAreAnsweredWithStatus0) {
   Start start;
   start.bare = true;
   for (const char* option : {"--help", "-h", "--version"}) {
+    SCOPED_TRACE(option);
     start.command = {kSimulator, option};
     const Outcome outcome = Run(start);
     EXPECT_EQ(outcome.status, 0);
@@ -133,8 +138,9 @@ TEST_F(Options, TheManualPageHasEveryOptionOfTheHelp) {
   EXPECT_GE(options, 12);
 }
 
-TEST_F(Options, AProgramThatDoesNotExistGives127) {
+TEST_F(OptionsOfABoard, AProgramThatDoesNotExistGives127) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options, {"./no-such-program"});
     EXPECT_EQ(outcome.status, 127);
     EXPECT_EQ(outcome.errors, "boardsim: ./no-such-program can't be executed: No such file or directory\n");
@@ -146,10 +152,11 @@ TEST_F(Options, AProgramThatDoesNotExistGives127) {
   }
 }
 
-TEST_F(Options, AProgramThatCannotBeExecutedGives126) {
+TEST_F(OptionsOfABoard, AProgramThatCannotBeExecutedGives126) {
   Shell("echo text >" + Path("text"));
   Shell("printf '\\177ELF nonsense' >" + Path("nonsense") + "; chmod +x " + Path("nonsense"));
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const Outcome plain = Run(options, {Path("text")});
     EXPECT_EQ(plain.status, 126);
     EXPECT_EQ(plain.errors, "boardsim: " + Path("text") + " can't be executed: Permission denied\n");
@@ -166,7 +173,7 @@ TEST_F(Options, AFullDiskIsFoundBeforeTheProgramStarts) {
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
 }
 
-TEST_F(Options, ADiskThatFillsUpEndsTheLogInASentenceAndNotTheProgram) {
+TEST_F(OptionsOfABoard, ADiskThatFillsUpEndsTheLogInASentenceAndNotTheProgram) {
   ASSERT_EQ(::mkdir(Path("disk").c_str(), 0777), 0);
   Start start;
   const std::string disk = Path("disk");
@@ -195,7 +202,7 @@ Start WithFilesUpTo(rlim_t size, const Words& options, const Words& command) {
   return start;
 }
 
-TEST_F(Options, ALogThatMayNotGrowIsAsGoodAsAFullDisk) {
+TEST_F(OptionsOfABoard, ALogThatMayNotGrowIsAsGoodAsAFullDisk) {
   const Words options = {"--net", "none", "--mem", "none", "--log", Path("log")};
   const Outcome none = Run(WithFilesUpTo(0, options, {"echo", "ran"}));
   EXPECT_EQ(none.status, 125);
@@ -205,7 +212,7 @@ TEST_F(Options, ALogThatMayNotGrowIsAsGoodAsAFullDisk) {
   EXPECT_EQ(some.output, "boardsim: the log " + Path("log") + " ends here: File too large\n");
 }
 
-TEST_F(Options, TheLogCanBeStandardError) {
+TEST_F(OptionsOfABoard, TheLogCanBeStandardError) {
   const Outcome outcome = Run({"--log", "-"}, {"true"});
   EXPECT_EQ(outcome.status, 0);
   EXPECT_TRUE(
@@ -213,7 +220,7 @@ TEST_F(Options, TheLogCanBeStandardError) {
       << outcome.errors;
 }
 
-TEST_F(Options, ALogOfBeforeIsReplaced) {
+TEST_F(OptionsOfABoard, ALogOfBeforeIsReplaced) {
   Shell("echo old >" + Path("log"));
   EXPECT_EQ(Run({"--log", Path("log")}, {"true"}).status, 0);
   EXPECT_EQ(Contents(Path("log")).find("old"), std::string::npos);

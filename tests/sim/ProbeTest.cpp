@@ -2,6 +2,7 @@
 #include <string>
 
 #include "Board.h"
+#include "Probes.h"
 
 namespace {
 
@@ -26,6 +27,12 @@ void PrintTo(const Variant& variant, std::ostream* stream) {
 
 class Probe : public BoardTest, public testing::WithParamInterface<Variant> {
  protected:
+  void SetUp() override {
+    BoardTest::SetUp();
+    if (GetParam().user == User::kOrdinary && GetParam().namespaces && !AreUserNamespacesAllowed()) {
+      GTEST_SKIP() << kNoUserNamespaces;
+    }
+  }
   Start Steps(const Words& options, const Words& steps) const {
     Start start;
     start.options = (GetParam().namespaces ? Words{} : kWithoutNamespaces) + options;

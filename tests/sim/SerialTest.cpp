@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Board.h"
+#include "Probes.h"
 
 namespace {
 
@@ -39,6 +40,7 @@ TEST_F(Serial, ASignalDoesNotInterruptARequestThatHasReachedTheSimulator) {
     GTEST_SKIP() << "This kernel lets signals interrupt requests.";
   }
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     // A log that nobody reads holds the simulator up in the middle of a request.
     ASSERT_EQ(::mkfifo(Path("log").c_str(), 0666), 0);
     const int log = ::open(Path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);

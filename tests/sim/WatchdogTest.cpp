@@ -4,6 +4,8 @@
 #include <string>
 
 #include "Board.h"
+#include "Probes.h"
+#include "Sockets.h"
 
 namespace {
 
@@ -83,6 +85,7 @@ TEST_F(Watchdog, OpenedAnewAfterACloseItGoesOnAndCanBeStopped) {
 
 TEST_F(Watchdog, OpenedAsAFileIsMadeItIsArmedByTheFirstRequest) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const auto start = std::chrono::steady_clock::now();
     ExpectBite(Run(options, {kProbe, "starve-created"}), start);
   }
@@ -90,6 +93,7 @@ TEST_F(Watchdog, OpenedAsAFileIsMadeItIsArmedByTheFirstRequest) {
 
 TEST_F(Watchdog, OpenedAsAFileIsMadeAndClosedItCounts) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options, {"sh", "-c", ": >/dev/watchdog"});
     EXPECT_EQ(outcome.status, 86);
     EXPECT_EQ(outcome.errors.find("boardsim: /dev/watchdog, not stopped by the application, has reset the board: "), 0U)
@@ -99,6 +103,7 @@ TEST_F(Watchdog, OpenedAsAFileIsMadeAndClosedItCounts) {
 
 TEST_F(Watchdog, AProgramThatEndsWithItCountingResetsTheBoardAtOnce) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const auto start = std::chrono::steady_clock::now();
     const Outcome outcome = Run(options, {kProbe, "abandon"});
     EXPECT_EQ(outcome.status, 86);
@@ -125,7 +130,7 @@ TEST_F(Watchdog, AShellCanFeedAndStopIt) {
 TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
   const auto board = Boot({"--control", Path("control")}, {kProbe, "talk"});
   EXPECT_EQ(board->Ask("open rwc /dev/watchdog"), "3");
-  ControlClient client(Path("control"));
+  Connection client(Path("control"));
   EXPECT_EQ(client.Ask("watchdog"), "ok stopped closed timeout=60");
   EXPECT_EQ(board->Ask("write 3 x"), "ok");
   EXPECT_EQ(client.Ask("watchdog").find("ok armed open timeout=60 left="), 0U);
@@ -146,6 +151,7 @@ TEST_F(Watchdog, ThePortAndMemoryAreNoneOfIt) {
 TEST_F(Watchdog, ItLiesUnderTheNameOfTheOption) {
   for (const Words& options :
        {Words{"--watchdog", "/dev/misc/dog"}, kWithoutNamespaces + Words{"--watchdog", "/dev/misc/dog"}}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const auto board = Boot(options, {kProbe, "talk"});
     EXPECT_EQ(board->Ask("open rw /dev/misc/dog"), "3");
     EXPECT_EQ(board->Ask("open w /dev/misc/dog"), Failed(EBUSY));
