@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <exception>
 
@@ -8,6 +9,7 @@
 #include "ExitStatus.h"
 #include "Options.h"
 #include "board/Board.h"
+#include "board/Signals.h"
 
 int main(int argc, char** argv) {
   // Descriptors of its own must not take the places of standard ones that are closed.
@@ -27,6 +29,10 @@ int main(int argc, char** argv) {
     }
     return Board(*options).Run();
   } catch (const std::exception& error) {
+    // A key that ends all that was being started, or that ended part of it, is no error.
+    if (Signals::IsInterruptPending()) {
+      return kStatusSignal + SIGINT;
+    }
     std::fprintf(stderr, "boardsim: %s\n", error.what());
     return kStatusNotSetUp;
   }

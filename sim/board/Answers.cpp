@@ -7,7 +7,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -20,11 +22,11 @@ std::string ProcessFolder(const TrappedCall& call) {
 }
 
 /// The path that the application means, from its root on: it may begin at its folder, or at one that it has open.
-std::filesystem::path AbsolutePath(const TrappedCall& call, const std::string& path) {
+std::filesystem::path AbsolutePath(const TrappedCall& call, int folder, const std::string& path) {
   if (path.front() == '/') {
     return path;
   }
-  const std::string base = call.OpenFolder() == AT_FDCWD ? "cwd" : "fd/" + std::to_string(call.OpenFolder());
+  const std::string base = folder == AT_FDCWD ? "cwd" : "fd/" + std::to_string(folder);
   std::error_code error;
   return std::filesystem::read_symlink(ProcessFolder(call) + base, error) / path;
 }
@@ -54,7 +56,7 @@ std::vector<std::string> NamesOf(const std::filesystem::path& path) {
 
 }  // namespace
 
-void Answers::Give(const TrappedCall& call) const {
+void Answers::Give(const TrappedCall& call) {
   try {
     if (call.IsIoctl()) {
       GiveIoctl(call);
@@ -66,35 +68,60 @@ void Answers::Give(const TrappedCall& call) const {
   }
 }
 
-void Answers::GiveIoctl(const TrappedCall& call) const {
+void Answers::GiveIoctl(const TrappedCall& call) {
   // Whichever way the descriptor came to the application, it is known by the file behind it.
   struct stat status {};
   const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.IoctlDescriptor());
   if (::stat(name.c_str(), &status) == 0 && call.IsWaiting()) {
     const FileId file = FileId::Of(status);
     for (const auto& device : m_devices) {
-      if (device->Is(file)) {
+      if (!device->Is(file)) {
+        continue;
+      }
+      if (!call.IsForeign()) {
         device->Request(call);
         return;
       }
+      TellOfForeignProgram(call);
     }
   }
   call.Continue();
 }
 
+/// Once: it may be a terminal program, which asks often.
+void Answers::TellOfForeignProgram(const TrappedCall& call) {
+  if (m_hasTold) {
+    return;
+  }
+  m_hasTold = true;
+  std::string program;
+  std::getline(std::ifstream(ProcessFolder(call) + "comm"), program);
+  std::fprintf(stderr,
+               "boardsim: %s is a program of 32 bits, which can't be supervised: its requests to the devices fail.\n",
+               program.c_str());
+}
+
+/// What openat2() asks for, the filter could not see.
+bool Answers::MayBeOfDevice(const TrappedCall::Opening& opening) const {
+  const int others = O_PATH | O_DIRECTORY | (m_namespaces ? O_CREAT : 0);
+  return (opening.flags & others) == 0 && (opening.flags & O_ACCMODE) != O_RDONLY && opening.resolve == 0;
+}
+
 void Answers::GiveOpen(const TrappedCall& call) const {
+  TrappedCall::Opening opening{};
   std::string path;
   try {
-    path = call.OpenPath();
+    opening = call.Open();
+    path = call.PathOf(opening);
   } catch (const RequestError&) {
     // Left empty: it can't be one of the devices, as far as anybody here can tell.
   }
-  if (path.empty()) {
+  if (path.empty() || !MayBeOfDevice(opening)) {
     call.Continue();
     return;
   }
 
-  const std::filesystem::path absolute = AbsolutePath(call, path);
+  const std::filesystem::path absolute = AbsolutePath(call, opening.folder, path);
   // A name that nobody has made: there is only the text to go by.
   const std::vector<std::string> names = m_namespaces ? std::vector<std::string>() : NamesOf(absolute);
   const FileId file = m_namespaces ? FileOf(call, absolute) : FileId();
@@ -113,6 +140,6 @@ void Answers::GiveOpen(const TrappedCall& call) const {
   if (m_namespaces) {
     call.Continue();
   } else {
-    call.ReturnDescriptor((*device)->Open(call.OpenFlags()));
+    call.ReturnDescriptor((*device)->Open(opening.flags), opening);
   }
 }

@@ -11,14 +11,17 @@ class Answers {
   /// @param namespaces whether the devices lie under their names; otherwise opens are answered with descriptors.
   Answers(const Devices& devices, bool namespaces) : m_devices(devices), m_namespaces(namespaces) {}
 
-  void Give(const TrappedCall& call) const;
+  void Give(const TrappedCall& call);
 
  private:
-  void GiveIoctl(const TrappedCall& call) const;
+  void GiveIoctl(const TrappedCall& call);
+  void TellOfForeignProgram(const TrappedCall& call);
+  bool MayBeOfDevice(const TrappedCall::Opening& opening) const;
   void GiveOpen(const TrappedCall& call) const;
 
   const Devices& m_devices;
   bool m_namespaces;
+  bool m_hasTold = false;
 };
 
 #endif

@@ -51,9 +51,7 @@ Board::Board(const Options& options)
 
 int Board::Run() {
   // A key pressed while all this was set up has not reached the application.
-  sigset_t pending;
-  ::sigpending(&pending);
-  if (::sigismember(&pending, SIGINT) == 1) {
+  if (Signals::IsInterruptPending()) {
     return kStatusSignal + SIGINT;
   }
   const auto signals = m_loop.Watch(
@@ -98,6 +96,7 @@ Plan Board::MakePlan() const {
 
 void Board::MakeSandbox() {
   Plan plan = MakePlan();
+  std::string forbidden;
   if (m_options.namespaces) {
     try {
       m_sandbox = std::make_unique<Sandbox>(plan, m_signals.Before());
@@ -106,17 +105,21 @@ void Board::MakeSandbox() {
       if (m_options.net && *m_options.net != Net::kHost) {
         throw SetupError(std::string(error.what()) + ", so there can be no network of its own.");
       }
-      RefuseRootOnThisNetwork();
-      std::fprintf(
-          stderr, "boardsim: %s, so no device is to be seen in /dev, and the network is this machine's. See --check.\n",
-          error.what());
+      forbidden = error.what();
     }
   } else if (m_options.net && *m_options.net != Net::kHost) {
     throw SetupError("Without namespaces there is only --net host.");
   }
-  RefuseRootOnThisNetwork();
   plan.namespaces = false;
+  plan.net = Net::kHost;
+  // First of all: where calls can't be supervised, that is why namespaces were forbidden.
   m_sandbox = std::make_unique<Sandbox>(plan, m_signals.Before());
+  RefuseRootOnThisNetwork();
+  if (!forbidden.empty()) {
+    std::fprintf(stderr,
+                 "boardsim: %s, so no device is to be seen in /dev, and the network is this machine's. See --check.\n",
+                 forbidden.c_str());
+  }
 }
 
 void Board::RefuseRootOnThisNetwork() const {

@@ -18,3 +18,8 @@ Signals::Signals() {
   standard.sa_handler = SIG_DFL;
   ::sigaction(SIGCHLD, &standard, &m_before.child);
 }
+
+bool Signals::IsInterruptPending() {
+  sigset_t pending;
+  return ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGINT) == 1;
+}

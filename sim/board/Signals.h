@@ -21,6 +21,8 @@ class Signals {
   int Get() const {
     return m_descriptor.Get();
   }
+  /// Whether somebody has pressed the key for the end, while signals are kept back.
+  static bool IsInterruptPending();
   const State& Before() const {
     return m_before;
   }

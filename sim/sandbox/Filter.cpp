@@ -24,7 +24,8 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the filter looks at th
 
 namespace {
 
-constexpr unsigned int kTypeShift = 8;  // of an ioctl's request
+constexpr unsigned int kForeignIoctl = 54;  // on i386 and on ARM with 32 bits
+constexpr unsigned int kTypeShift = 8;      // of an ioctl's request
 constexpr unsigned int kTypeBits = 0xFFU << kTypeShift;
 
 /// Writes a filter: tests one after the other, each with its verdict directly behind it.
@@ -49,10 +50,6 @@ class Program {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 0, 1));
     Return(verdict);
   }
-  void ReturnUnlessEqual(unsigned int value, unsigned int verdict) {
-    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, 1, 0));
-    Return(verdict);
-  }
   void ReturnIfAnySet(unsigned int bits, unsigned int verdict) {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, bits, 0, 1));
     Return(verdict);
@@ -61,6 +58,11 @@ class Program {
   void Append(int systemCall, const Program& part) {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0,
                               static_cast<unsigned char>(part.m_code.size())));
+    m_code.insert(m_code.end(), part.m_code.begin(), part.m_code.end());
+  }
+  /// The part that follows, for all values but one. It must end with Return().
+  void AppendUnlessEqual(unsigned int value, const Program& part) {
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, static_cast<unsigned char>(part.m_code.size()), 0));
     m_code.insert(m_code.end(), part.m_code.begin(), part.m_code.end());
   }
   sock_fprog Finished() {
@@ -101,23 +103,51 @@ Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
   return part;
 }
 
+/// Requests are kept back only for somebody to be told of them.
+Program ForeignPart() {
+  Program part;
+  part.LoadNumber();
+  part.ReturnIfEqual(kForeignIoctl, SECCOMP_RET_USER_NOTIF);
+  part.Return(SECCOMP_RET_ALLOW);
+  return part;
+}
+
 Program Filter(const TrappedRequests& requests, bool devicesExist) {
   Program filter;
   filter.LoadArchitecture();
-  // Programs for other architectures are left alone.
-  filter.ReturnUnlessEqual(kArchitecture, SECCOMP_RET_ALLOW);
+  // Programs for the other architecture are left alone, but their users told.
+  filter.AppendUnlessEqual(kArchitecture, ForeignPart());
   filter.LoadNumber();
   filter.Append(SYS_ioctl, IoctlPart(requests));
   filter.Append(SYS_openat, OpenPart(2, devicesExist));
 #ifdef SYS_open
   filter.Append(SYS_open, OpenPart(1, devicesExist));
 #endif
+  // The flags of this one can't be seen from here.
+  filter.ReturnIfEqual(SYS_openat2, SECCOMP_RET_USER_NOTIF);
+  if (!devicesExist) {
+#ifdef SYS_creat
+    filter.ReturnIfEqual(SYS_creat, SECCOMP_RET_USER_NOTIF);
+#endif
+    // What is opened in this way is opened by the kernel itself. Programs do without where there is no such thing.
+    filter.ReturnIfEqual(SYS_io_uring_setup, SECCOMP_RET_ERRNO | ENOSYS);
+  }
   filter.Return(SECCOMP_RET_ALLOW);
   return filter;
 }
 
 int Seccomp(unsigned int operation, unsigned long flags, void* argument) {
   return static_cast<int>(::syscall(SYS_seccomp, operation, flags, argument));
+}
+
+/// @returns the listener, or -1 with errno.
+int Install(sock_fprog& program) {
+  // A call that has been received can't be interrupted any more, where the kernel is new enough for that.
+  const int listener = Seccomp(SECCOMP_SET_MODE_FILTER,
+                               SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV, &program);
+  return listener == -1 && errno == EINVAL
+             ? Seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program)
+             : listener;
 }
 
 }  // namespace
@@ -128,18 +158,18 @@ void TrappedRequests::Add(const TrappedRequests& others) {
 }
 
 Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist) {
-  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == -1) {
-    return Descriptor();
-  }
   Program filter = Filter(requests, devicesExist);
   sock_fprog program = filter.Finished();
-  // A call that has been received can't be interrupted any more, where the kernel is new enough for that.
-  int listener = Seccomp(SECCOMP_SET_MODE_FILTER,
-                         SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV, &program);
-  if (listener == -1 && errno == EINVAL) {
-    listener = Seccomp(SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &program);
+  int listener = Install(program);
+  // Without rights of its own, a process has to forgo those that programs with the set-user-ID bit would give it.
+  if (listener == -1 && errno == EACCES && ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
+    listener = Install(program);
   }
   return Descriptor(listener);
+}
+
+unsigned int SupervisedArchitecture() {
+  return kArchitecture;
 }
 
 bool CanKeepSignalsBack() {

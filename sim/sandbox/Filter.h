@@ -20,6 +20,9 @@ struct TrappedRequests {
 /// @returns where the calls arrive, or none with errno.
 Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist);
 
+/// The architecture whose programs are supervised, as the kernel's audit numbers it.
+unsigned int SupervisedArchitecture();
+
 // What kernels have come to know later:
 bool CanKeepSignalsBack();
 bool CanHandOverDescriptors(const Descriptor& listener);

@@ -18,6 +18,8 @@
 #include "ExitStatus.h"
 #include "sandbox/Errors.h"
 #include "sandbox/Filter.h"
+#include "sandbox/Namespaces.h"
+#include "sandbox/Rights.h"
 
 namespace {
 
@@ -32,20 +34,51 @@ void CloseAllBut(int one, int other) {
   ::syscall(SYS_close_range, highest + 1, ~0U, 0);
 }
 
-/// Becomes the application, once the simulator is ready.
-[[noreturn]] void RunApplication(const Plan& plan, const Channel& channel, const Signals::State& signals) {
-  const Descriptor listener = InstallFilter(plan.requests, plan.namespaces);
-  if (!listener) {
-    channel.Send(Message(Message::Kind::kFailed,
-                         errno == EBUSY ? "System calls are supervised here already, by another simulator perhaps."
-                                        : SetupError("System calls can't be supervised", errno).what()));
-    ::_exit(kStatusNotSetUp);
-  }
-  channel.Send(Message(Message::Kind::kListener), listener.Get());
+/// Tells why there will be no board.
+[[noreturn]] void GiveUp(const Channel& channel, const std::exception& error) {
+  const bool isForbidden = dynamic_cast<const NamespacesForbidden*>(&error) != nullptr;
+  channel.Send(Message(isForbidden ? Message::Kind::kForbidden : Message::Kind::kFailed, error.what()));
+  ::_exit(kStatusNotSetUp);
+}
 
-  if (!channel.AwaitGo()) {
+/// The simulator, or the first process, has gone where there is none.
+void Await(const Channel& go) {
+  if (!go.AwaitGo()) {
     ::_exit(kStatusNotSetUp);
   }
+}
+
+/// Prepares the application's process.
+/// @returns where its supervised system calls arrive.
+Descriptor Prepare(const Plan& plan, bool hasUsers, const Channel& firstProcess) {
+  if (plan.namespaces) {
+    LeaveOuterNamespaces(plan, hasUsers);
+    firstProcess.SendGo();
+    Await(firstProcess);
+    EnterInnerNamespaces(hasUsers);
+  }
+  Descriptor listener = InstallFilter(plan.requests, plan.namespaces);
+  if (!listener) {
+    throw errno == EBUSY ? SetupError("System calls are supervised here already, by another simulator perhaps.")
+                         : SetupError("System calls can't be supervised", errno);
+  }
+  if (!hasUsers && ::geteuid() == 0) {
+    DropRightsOverMachine(plan.net == Net::kHost);
+  }
+  return listener;
+}
+
+/// Becomes the application, once the simulator is ready.
+[[noreturn]] void RunApplication(const Plan& plan, bool hasUsers, mode_t creation, const Channel& channel,
+                                 const Channel& firstProcess, const Signals::State& signals) {
+  try {
+    const Descriptor listener = Prepare(plan, hasUsers, firstProcess);
+    channel.Send(Message(Message::Kind::kListener), listener.Get());
+  } catch (const std::exception& error) {
+    GiveUp(channel, error);
+  }
+  ::umask(creation);
+  Await(channel);
   std::vector<char*> arguments;
   arguments.reserve(plan.command.size() + 1);
   for (const std::string& argument : plan.command) {
@@ -92,32 +125,39 @@ void CloseAllBut(int one, int other) {
 
 }  // namespace
 
-void RunFirstProcess(const Plan& plan, const UserMap& users, const Channel& channel, const Signals::State& signals) {
+void RunFirstProcess(const Plan& plan, bool hasUsers, const Channel& channel, const Signals::State& signals) {
   const pid_t simulator = ::getppid();
   pid_t application = -1;
   try {
     // The end of the simulator is the end of all.
     ::prctl(PR_SET_PDEATHSIG, plan.namespaces ? SIGKILL : SIGTERM);
+    Await(channel);
     const mode_t creation = ::umask(0);
-    Descriptor peers;
     if (plan.namespaces) {
-      peers = EnterSurroundings(plan, users, channel);
+      MakeFiles(plan, channel);
     } else {
       ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     }
-    ::umask(creation);
+    auto ends = Channel::MakePair();
     application = ::fork();
     Require(application != -1, "no process can be started");
     if (application == 0) {
-      RunApplication(plan, channel, signals);
+      ends.first.Close();
+      RunApplication(plan, hasUsers, creation, channel, ends.second, signals);
     }
+    ends.second.Close();
+    Descriptor peers;
+    if (plan.namespaces) {
+      // Where the application's process gives up, it says why.
+      if (ends.first.AwaitGo()) {
+        peers = MakeInnerNamespaces(plan, hasUsers, application, channel);
+      }
+      ends.first.SendGo();
+    }
+    ends.first.Close();
     CloseAllBut(channel.Get(), peers.Release());
-  } catch (const NamespacesForbidden& error) {
-    channel.Send(Message(Message::Kind::kForbidden, error.what()));
-    ::_exit(kStatusNotSetUp);
   } catch (const std::exception& error) {
-    channel.Send(Message(Message::Kind::kFailed, error.what()));
-    ::_exit(kStatusNotSetUp);
+    GiveUp(channel, error);
   }
   Wait(application, channel, plan.namespaces, simulator);
 }

@@ -5,12 +5,12 @@
 
 #include "board/Signals.h"
 #include "sandbox/Channel.h"
-#include "sandbox/Namespaces.h"
 #include "sandbox/Plan.h"
 
 /// The life of the first process inside, after the simulator has made it: it makes the application's surroundings,
 /// starts it, waits for its end, and ends all others with it.
-[[noreturn]] void RunFirstProcess(const Plan& plan, const UserMap& users, const Channel& channel,
+/// @param hasUsers whether it is in a user namespace.
+[[noreturn]] void RunFirstProcess(const Plan& plan, bool hasUsers, const Channel& channel,
                                   const Signals::State& signals);
 
 /// Ends every process below this one. Those whose parents die become children of this one.

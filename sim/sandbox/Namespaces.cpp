@@ -4,99 +4,122 @@
 #include <linux/sched.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
+#include <string_view>
 
 #include "sandbox/Errors.h"
+#include "sandbox/Mounts.h"
 #include "sandbox/PrivateDev.h"
+#include "sandbox/Surroundings.h"
+#include "sandbox/Users.h"
 
 namespace {
 
-void WriteFile(const char* path, const std::string& text) {
-  const Descriptor file(::open(path, O_WRONLY | O_CLOEXEC));
-  Require<NamespacesForbidden>(
-      file && ::write(file.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()),
-      std::string(path) + " can't be written");
-}
-
-/// The user is root in there, as on a board, and nobody else exists.
-void MapUser(uid_t user, gid_t group) {
-  WriteFile("/proc/self/setgroups", "deny");
-  WriteFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
-  WriteFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
-}
-
-/// Shows the interfaces of the board in /sys, not those of the machine. Everything else there is the machine's, and not
-/// to be written, not even by root. Where the mount is refused, `ip` does not mind.
-void MountSystemFiles() {
-  ::mount("sysfs", "/sys", "sysfs", MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
-}
-
-/// Goes to the working folder by its name: what it was may be covered now.
-void EnterFolder(const std::filesystem::path& folder) {
-  if (!folder.empty() && ::chdir(folder.c_str()) == -1 && folder.string().rfind("/dev/", 0) == 0) {
-    // Nothing but the board's devices is to be had.
-    [[maybe_unused]] const int result = ::chdir("/dev");
-  }
-}
+constexpr std::string_view kHostName = "board";
 
 /// Like fork(), into new namespaces.
 pid_t Clone(unsigned long namespaces) {
   return static_cast<pid_t>(::syscall(SYS_clone, namespaces | SIGCHLD, 0, 0, 0, 0));
 }
 
+Descriptor OpenNamespace(pid_t process, const char* kind) {
+  return Descriptor(::open(("/proc/" + std::to_string(process) + "/ns/" + kind).c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+/// Goes to the working folder by its name: what it was may be covered now.
+void EnterFolder(const std::filesystem::path& folder) {
+  if (!folder.empty() && ::chdir(folder.c_str()) == -1 && folder.string().rfind("/dev/", 0) == 0) {
+    // Nothing but the board's devices is available.
+    [[maybe_unused]] const int result = ::chdir("/dev");
+  }
+}
+
 }  // namespace
 
-pid_t CloneForPlan(const Plan& plan, UserMap& users) {
-  unsigned long flags = 0;
-  if (plan.namespaces) {
-    flags = CLONE_NEWNS | CLONE_NEWPID | (plan.net == Net::kHost ? 0UL : CLONE_NEWNET);
+pid_t CloneForPlan(const Plan& plan, bool& hasUsers) {
+  hasUsers = plan.namespaces;
+  if (!plan.namespaces) {
+    return Clone(0);
   }
-  users.isMapped = plan.namespaces;
-  pid_t process = Clone(users.isMapped ? flags | CLONE_NEWUSER : flags);
-  if (process == -1 && users.isMapped && users.user == 0) {
-    users.isMapped = false;
+  // With a private network, this one is that of the peers.
+  const unsigned long flags = CLONE_NEWNS | CLONE_NEWPID | (plan.net == Net::kPrivate ? CLONE_NEWNET : 0UL);
+  pid_t process = Clone(flags | CLONE_NEWUSER);
+  if (process == -1 && ::geteuid() == 0) {
+    hasUsers = false;
     process = Clone(flags);
   }
   return process;
 }
 
-Descriptor EnterSurroundings(const Plan& plan, const UserMap& users, const Channel& channel) {
-  if (users.isMapped) {
-    MapUser(users.user, users.group);
-  }
-  ::umask(0);
+void MakeFiles(const Plan& plan, const Channel& simulator) {
   std::error_code error;
   const std::filesystem::path folder = std::filesystem::current_path(error);
+  MakeMountsPrivate();
   MountPrivateDev();
   for (const Node& node : plan.nodes) {
-    channel.Send(Message(Message::Kind::kNode, node.path), MakeNode(node).Get());
+    simulator.Send(Message(Message::Kind::kNode, node.path), MakeNode(node).Get());
   }
-  Require<NamespacesForbidden>(::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
-                               "a private /proc can't be mounted");
-  Descriptor peers;
-  if (plan.net == Net::kPrivate) {
-    peers = MakePrivateNetwork();
-    channel.Send(Message(Message::Kind::kNetwork), peers.Get());
-  } else if (plan.net == Net::kNone) {
-    MakeEmptyNetwork();
-  }
+  MountPrivateRun();
+  MountPrivateProc();
   if (plan.net != Net::kHost) {
-    MountSystemFiles();
+    AllowNetworkSettings();
   }
   EnterFolder(folder);
+}
+
+void LeaveOuterNamespaces(const Plan& plan, bool hasUsers) {
+  const int flags = (hasUsers ? CLONE_NEWUSER : 0) | (plan.net == Net::kHost ? 0 : CLONE_NEWNET);
+  Require<NamespacesForbidden>(::unshare(flags) == 0, "the namespaces of the board can't be made");
+}
+
+Descriptor MakeInnerNamespaces(const Plan& plan, bool hasUsers, pid_t application, const Channel& simulator) {
+  if (hasUsers) {
+    MapSameUsers(application);
+  }
+  Descriptor peers;
+  if (plan.net != Net::kHost) {
+    peers = Descriptor(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
+    const Descriptor own = OpenNamespace(application, "net");
+    if (plan.net == Net::kPrivate) {
+      MakePrivateNetwork(peers, own);
+      simulator.Send(Message(Message::Kind::kNetwork), peers.Get());
+    } else {
+      MakeEmptyNetwork(own);
+    }
+  }
+  if (plan.net == Net::kHost || !MountSystemFiles()) {
+    ProtectSystemFiles();
+  }
+  if (hasUsers) {
+    // What is plugged in here later shows up in the application's copy.
+    Require<NamespacesForbidden>(::mount(nullptr, "/", nullptr, MS_REC | MS_SHARED, nullptr) == 0,
+                                 "mounts can't be shared");
+  }
   return peers;
 }
 
-void JoinNamespaces(pid_t process, const std::string& kind) {
-  const std::string folder = "/proc/" + std::to_string(process) + "/ns/";
-  const Descriptor user(::open((folder + "user").c_str(), O_RDONLY | O_CLOEXEC));
-  const Descriptor other(::open((folder + kind).c_str(), O_RDONLY | O_CLOEXEC));
+void EnterInnerNamespaces(bool hasUsers) {
+  Require<NamespacesForbidden>(::unshare(CLONE_NEWUTS | (hasUsers ? CLONE_NEWNS : 0)) == 0 &&
+                                   ::sethostname(kHostName.data(), kHostName.size()) == 0,
+                               "the namespaces of the board can't be entered");
+}
+
+void JoinUsers(pid_t process) {
   // Fails where there is no user namespace: then root's own rights do.
-  ::setns(user.Get(), CLONE_NEWUSER);
-  ::setns(other.Get(), 0);
+  ::setns(OpenNamespace(process, "user").Get(), CLONE_NEWUSER);
+}
+
+void JoinMounts(pid_t process) {
+  // Entering leads to the root of all the mounts, which in a chroot is not that of the process.
+  const Descriptor root(
+      ::open(("/proc/" + std::to_string(process) + "/root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor mounts = OpenNamespace(process, "mnt");
+  JoinUsers(process);
+  if (::setns(mounts.Get(), CLONE_NEWNS) == 0 && ::fchdir(root.Get()) == 0) {
+    [[maybe_unused]] const int result = ::chroot(".");
+  }
 }

@@ -8,24 +8,34 @@
 #include "sandbox/Channel.h"
 #include "sandbox/Plan.h"
 
-/// Who the user is outside, and whether he is root inside by a user namespace.
-struct UserMap {
-  uid_t user;
-  gid_t group;
-  bool isMapped;
-};
+// Root of the machine must not be able to change the machine from inside. That takes two user namespaces: the first
+// process has the outer one, with the mounts, and the application the inner one, with the network. In there it has all
+// rights but those over the mounts, of which it gets a copy that can't be undone.
 
-/// Starts a process in new namespaces, where the plan has them. There, it returns 0.
-/// @param users says afterwards whether there is a user namespace: where they are forbidden, root's own rights may do.
+/// Starts the first process in namespaces of its own, where the plan has them. There, it returns 0.
+/// @param hasUsers says afterwards whether there is a user namespace: where they are forbidden, root's own rights may
+/// do.
 /// @returns the process, or -1 with errno.
-pid_t CloneForPlan(const Plan& plan, UserMap& users);
+pid_t CloneForPlan(const Plan& plan, bool& hasUsers);
 
-/// Makes the surroundings of the plan in the new namespaces of the calling process: /dev, /proc, /sys, the network.
+/// For the first process: /dev with the nodes, /run, /proc.
+/// @throws NamespacesForbidden, SetupError
+void MakeFiles(const Plan& plan, const Channel& simulator);
+
+/// For the application's process, which is not it yet: leaves the network of the first process, and its users.
+/// @throws NamespacesForbidden
+void LeaveOuterNamespaces(const Plan& plan, bool hasUsers);
+/// For the first process, once the application's has done that: users, network and /sys of the board.
 /// @returns what has to stay open as long as the board lives.
 /// @throws NamespacesForbidden, SetupError
-Descriptor EnterSurroundings(const Plan& plan, const UserMap& users, const Channel& channel);
+Descriptor MakeInnerNamespaces(const Plan& plan, bool hasUsers, pid_t application, const Channel& simulator);
+/// For the application's process, once the first has done that: takes its copy of the mounts, and a host name.
+/// @throws NamespacesForbidden
+void EnterInnerNamespaces(bool hasUsers);
 
-/// For a process of its own: enters namespaces of another one, "mnt" or "user", and that of its user before.
-void JoinNamespaces(pid_t process, const std::string& kind);
+/// For a process of its own: enters the user namespace of another one, and what it has mounted.
+void JoinMounts(pid_t process);
+/// For a process of its own: enters the user namespace of another one.
+void JoinUsers(pid_t process);
 
 #endif

@@ -133,14 +133,17 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
   throw SetupError("`ip` could not make the network: " + complaint.substr(0, complaint.find('\n')));
 }
 
+void Enter(const Descriptor& network) {
+  if (::setns(network.Get(), CLONE_NEWNET) == -1) {
+    throw SetupError("the network of the board can't be entered", errno);
+  }
+}
+
 }  // namespace
 
-Descriptor MakePrivateNetwork() {
+void MakePrivateNetwork(const Descriptor& peers, const Descriptor& board) {
   ForgoTentativeAddresses();
-  Descriptor peers(::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC));
-  if (!peers || ::unshare(CLONE_NEWNET) == -1) {
-    throw SetupError("the network namespace of the board can't be made", errno);
-  }
+  Enter(board);
   ForgoTentativeAddresses();
 
   std::string farCommands = "link set lo up\n";
@@ -165,10 +168,10 @@ Descriptor MakePrivateNetwork() {
       AwaitLinkAddress(interface.name);
     }
   }
-  return peers;
 }
 
-void MakeEmptyNetwork() {
+void MakeEmptyNetwork(const Descriptor& board) {
+  Enter(board);
   // Without `ip`: this is what is left where there is none.
   ifreq request{};
   std::strcpy(request.ifr_name, "lo");

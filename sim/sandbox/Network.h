@@ -7,17 +7,16 @@
 
 enum class Net { kPrivate, kNone, kHost };
 
-/// Makes the interfaces of the board in a network namespace of the calling process, which must be the first process of
-/// its pid namespace, and their peers, which answer, in another one.
+/// Makes the interfaces of the board in one network namespace, and their peers, which answer, in another one.
 ///
-/// Called in the namespace of the peers; afterwards the caller is in the board's.
-/// @returns the namespace of the peers, which lives as long as the descriptor.
+/// For the first process of a pid namespace. Afterwards it is in the board's.
+/// @param peers the namespace that it is in.
 /// @throws SetupError
-Descriptor MakePrivateNetwork();
+void MakePrivateNetwork(const Descriptor& peers, const Descriptor& board);
 
-/// A network with nothing but the loopback interface, in the namespace of the caller.
+/// A network with nothing but the loopback interface. Afterwards the caller is in it.
 /// @throws SetupError
-void MakeEmptyNetwork();
+void MakeEmptyNetwork(const Descriptor& board);
 
 /// The other end's name of an interface of the board; empty if there is none of that name.
 std::string PeerOf(const std::string& interface);

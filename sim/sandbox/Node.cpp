@@ -11,7 +11,7 @@
 #include <cstdlib>
 
 #include "sandbox/Errors.h"
-#include "sandbox/Files.h"
+#include "sandbox/Mounts.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 #include "Descriptor.h"
 #include "sandbox/Errors.h"
-#include "sandbox/Files.h"
+#include "sandbox/Mounts.h"
 
 namespace {
 
@@ -25,7 +25,6 @@ constexpr Entry kEntries[] = {{"/dev/null", nullptr},
                               {"/dev/random", nullptr},
                               {"/dev/urandom", nullptr},
                               {"/dev/tty", nullptr},
-                              {"/dev/shm", nullptr},
                               {"/dev/mqueue", nullptr},
                               {"/dev/log", nullptr},
                               {"/dev/ptmx", "pts/ptmx"},
@@ -33,7 +32,9 @@ constexpr Entry kEntries[] = {{"/dev/null", nullptr},
                               {"/dev/stdin", "/proc/self/fd/0"},
                               {"/dev/stdout", "/proc/self/fd/1"},
                               {"/dev/stderr", "/proc/self/fd/2"}};
+// Its own.
 constexpr const char* kTerminals = "/dev/pts";
+constexpr const char* kSharedMemory = "/dev/shm";
 
 /// Shows a file or folder of the machine in the new /dev, where there is one.
 void TakeOver(const Descriptor& source, const std::string& target) {
@@ -42,12 +43,15 @@ void TakeOver(const Descriptor& source, const std::string& target) {
   }
   struct stat status {};
   ::fstat(source.Get(), &status);
-  if (S_ISDIR(status.st_mode)) {
+  const bool isFolder = S_ISDIR(status.st_mode);
+  if (isFolder) {
     ::mkdir(target.c_str(), kFolderMode);
   } else {
     MakeEmptyFile(target);
   }
-  Require<NamespacesForbidden>(Bind(PathOf(source.Get()), target), target + " can't be mounted");
+  // Root on the board may be root of the machine: the node's owner and rights are not the board's to change.
+  Require<NamespacesForbidden>(Bind(PathOf(source.Get()), target) && (isFolder || MakeReadOnly(target)),
+                               target + " can't be mounted");
 }
 
 bool IsIn(const std::string& path, const std::string& place) {
@@ -64,16 +68,14 @@ void MountPrivateDev() {
       taken.emplace_back(::open(entry.path, O_PATH | O_CLOEXEC), entry.path);
     }
   }
-  Require<NamespacesForbidden>(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
-                               "mounts can't be made private");
   Require<NamespacesForbidden>(::mount("boardsim", "/dev", "tmpfs", MS_NOSUID, "mode=755") == 0,
                                "a private /dev can't be mounted");
   for (const auto& [source, target] : taken) {
     TakeOver(source, target);
   }
 
-  // Where the machine has none, the board has one all the same.
-  ::mkdir("/dev/shm", kSharedFolderMode);
+  ::mkdir(kSharedMemory, kSharedFolderMode);
+  MountEmptyFolder(kSharedMemory, "mode=1777");
   ::mkdir(kTerminals, kFolderMode);
   Require<NamespacesForbidden>(
       ::mount("boardsim", kTerminals, "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=620") == 0,
@@ -93,7 +95,7 @@ std::string CheckedNode(const std::string& option, const std::string& path) {
   if (!clean) {
     throw SetupError(option + " needs a path below /dev, not \"" + path + "\".");
   }
-  bool isNeeded = IsIn(path, kTerminals);
+  bool isNeeded = IsIn(path, kTerminals) || IsIn(path, kSharedMemory);
   for (const Entry& entry : kEntries) {
     isNeeded = isNeeded || IsIn(path, entry.path);
   }

@@ -12,6 +12,8 @@
 
 #include "sandbox/FirstProcess.h"
 #include "sandbox/Namespaces.h"
+#include "sandbox/Rights.h"
+#include "sandbox/Users.h"
 
 namespace {
 
@@ -42,11 +44,12 @@ Sandbox::Sandbox(const Plan& plan, const Signals::State& signals, std::pair<Chan
     }
   }
 
-  UserMap users{::geteuid(), ::getegid(), false};
-  m_init = CloneForPlan(plan, users);
+  RaiseLimits();
+  bool hasUsers = false;
+  m_init = CloneForPlan(plan, hasUsers);
   if (m_init == 0) {
     m_channel.Close();
-    RunFirstProcess(plan, users, theirs, signals);
+    RunFirstProcess(plan, hasUsers, theirs, signals);
   }
   if (errno == EAGAIN || errno == ENOMEM || !m_namespaces) {
     Require(m_init != -1, "no process can be started");
@@ -55,6 +58,10 @@ Sandbox::Sandbox(const Plan& plan, const Signals::State& signals, std::pair<Chan
   theirs.Close();
 
   try {
+    if (hasUsers) {
+      MapUsersOf(m_init);
+    }
+    m_channel.SendGo();
     while (!m_listener) {
       if (!ReceiveMessage()) {
         throw SetupError("The first process has ended before the application began.");
@@ -114,7 +121,7 @@ Descriptor Sandbox::Renew(const std::string& path) const {
   }
   const auto ends = Channel::MakePair();
   const int status = InChild([&] {
-    JoinNamespaces(m_init, "mnt");
+    JoinMounts(m_init);
     try {
       ends.second.Send(Message(Message::Kind::kNode), RenewNode(path).Get());
     } catch (const SetupError&) {
@@ -135,7 +142,7 @@ void Sandbox::SetLink(const std::string& interface, bool up) const {
     throw SetupError("there is no simulated interface " + interface);
   }
   const int status = InChild([&] {
-    JoinNamespaces(m_init, "user");
+    JoinUsers(m_init);
     if (::setns(m_peers.Get(), CLONE_NEWNET) == -1) {
       return 1;
     }

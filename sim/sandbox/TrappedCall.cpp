@@ -1,6 +1,7 @@
 #include "sandbox/TrappedCall.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -9,8 +10,14 @@
 #include <cerrno>
 #include <climits>
 
+#include "sandbox/Filter.h"
+
 bool TrappedCall::IsIoctl() const {
-  return m_call.data.nr == SYS_ioctl;
+  return IsForeign() || m_call.data.nr == SYS_ioctl;
+}
+
+bool TrappedCall::IsForeign() const {
+  return m_call.data.arch != SupervisedArchitecture();
 }
 
 int TrappedCall::IoctlDescriptor() const {
@@ -22,16 +29,29 @@ unsigned int TrappedCall::IoctlRequest() const {
   return static_cast<unsigned int>(m_call.data.args[1]);
 }
 
-int TrappedCall::OpenFolder() const {
-  return m_call.data.nr == SYS_openat ? static_cast<int>(m_call.data.args[0]) : AT_FDCWD;
+TrappedCall::Opening TrappedCall::Open() const {
+  const auto& arguments = m_call.data.args;
+  const auto number = [&arguments](std::size_t index) { return static_cast<int>(arguments[index]); };
+  switch (m_call.data.nr) {
+    case SYS_openat:
+      return {number(0), number(2), arguments[1], 0};
+    case SYS_openat2: {
+      // Later versions are longer, of which the kernel knows the meaning.
+      open_how how{};
+      ReadMemory(arguments[2], &how, std::min<std::uint64_t>(arguments[3], sizeof how));
+      return {number(0), static_cast<int>(how.flags), arguments[1], how.resolve};
+    }
+#ifdef SYS_open
+    case SYS_open:
+      return {AT_FDCWD, number(1), arguments[0], 0};
+#endif
+    default:
+      return {AT_FDCWD, O_WRONLY | O_CREAT | O_TRUNC, arguments[0], 0};  // creat()
+  }
 }
 
-int TrappedCall::OpenFlags() const {
-  return static_cast<int>(m_call.data.args[m_call.data.nr == SYS_openat ? 2 : 1]);
-}
-
-std::string TrappedCall::OpenPath() const {
-  const std::uint64_t address = m_call.data.args[m_call.data.nr == SYS_openat ? 1 : 0];
+std::string TrappedCall::PathOf(const Opening& opening) const {
+  const std::uint64_t address = opening.path;
   std::string path;
   constexpr std::uint64_t kPiece = 256;
   // Piece by piece up to the next boundary: behind the text, there need not be any memory.
@@ -64,12 +84,12 @@ void TrappedCall::Continue() const {
   Answer(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
 }
 
-void TrappedCall::ReturnDescriptor(const Descriptor& descriptor) const {
+void TrappedCall::ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const {
   seccomp_notif_addfd addition{};
   addition.id = m_call.id;
   addition.flags = SECCOMP_ADDFD_FLAG_SEND;
   addition.srcfd = static_cast<std::uint32_t>(descriptor.Get());
-  addition.newfd_flags = static_cast<std::uint32_t>(OpenFlags() & O_CLOEXEC);
+  addition.newfd_flags = static_cast<std::uint32_t>(opening.flags & O_CLOEXEC);
   if (::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ADDFD, &addition) == -1 && errno != ENOENT) {
     Fail(errno);
   }

@@ -19,6 +19,8 @@ struct RequestError {
 class TrappedCall {
  public:
   bool IsIoctl() const;
+  /// Whether it comes from a program of another architecture, which can't be answered. It can only be continued.
+  bool IsForeign() const;
   /// The thread that called, in the numbering of this process.
   pid_t Thread() const {
     return static_cast<pid_t>(m_call.pid);
@@ -31,11 +33,17 @@ class TrappedCall {
     return m_call.data.args[2];
   }
 
-  // Of an open:
-  int OpenFolder() const;
-  int OpenFlags() const;
+  /// What an open asks for.
+  struct Opening {
+    int folder;
+    int flags;
+    std::uint64_t path;
+    std::uint64_t resolve;  // of openat2()
+  };
   /// @throws RequestError if it can't be read: the kernel may be able to, or gives the error itself.
-  std::string OpenPath() const;
+  Opening Open() const;
+  /// @throws RequestError likewise.
+  std::string PathOf(const Opening& opening) const;
 
   /// Reads what the ioctl's argument points to.
   /// @throws RequestError EFAULT.
@@ -60,7 +68,7 @@ class TrappedCall {
   /// The kernel does what it would have done.
   void Continue() const;
   /// The call is an open, and its result a duplicate of this descriptor.
-  void ReturnDescriptor(const Descriptor& descriptor) const;
+  void ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const;
 
  private:
   friend class Supervisor;

@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -194,7 +195,56 @@ static void user(void) {
   CHECK(getuid() == 0 && geteuid() == 0 && getgid() == 0);
 }
 
+static int open_anew(const char* path, uint64_t flags, uint64_t resolve) {
+  struct {
+    uint64_t flags;
+    uint64_t mode;
+    uint64_t resolve;
+  } how = {flags, 0, resolve};
+  return (int)syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
+}
+
+/* Where no name leads to the devices: every way to open them. */
+static void other_opens(void) {
+  int fd = creat(TTY, 0600);
+  CHECK(fd != -1 && isatty(fd) && fcntl(fd, F_GETFD) == 0);
+  CHECK(close(fd) == 0);
+  fd = open_anew(TTY, O_RDWR | O_CLOEXEC, 0);
+  CHECK(fd != -1 && isatty(fd) && fcntl(fd, F_GETFD) == FD_CLOEXEC);
+  CHECK(close(fd) == 0);
+  CHECK(access(TTY, F_OK) == -1 || !isatty(open(TTY, O_RDONLY | O_NOCTTY)));
+  /* Others are opened by the kernel. */
+  CHECK((fd = open_anew("/dev/null", O_WRONLY, 0)) != -1);
+  CHECK(write(fd, "x", 1) == 1 && close(fd) == 0);
+  CHECK(open_anew("/no/such/file", O_RDONLY, 0) == -1 && errno == ENOENT);
+  CHECK(open_anew("/dev/null", O_RDONLY, ~UINT64_C(0)) == -1 && errno == EINVAL);
+  CHECK(syscall(SYS_openat2, AT_FDCWD, TTY, NULL, 24) == -1 && errno == EFAULT);
+  CHECK(syscall(SYS_io_uring_setup, 1, NULL) == -1 && errno == ENOSYS);
+}
+
+static void raised_by_openat2(void) {
+  int fd = open_anew(TTY, O_RDWR | O_NOCTTY, 0);
+  CHECK(fd != -1);
+  CHECK((lines(fd) & (TIOCM_RTS | TIOCM_DTR)) == (TIOCM_RTS | TIOCM_DTR));
+}
+
+/* As a program of 32 bits asks, which a kernel may not know. */
+static void foreign_request(void) {
+#ifdef __x86_64__
+  int fd = open_tty();
+  int* answer = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
+  CHECK(answer != MAP_FAILED);
+  long result = 54;
+  __asm__ volatile("int $0x80" : "+a"(result) : "b"((long)fd), "c"((long)TIOCMGET), "d"(answer) : "memory");
+  CHECK(result == -ENOTTY);
+  CHECK(close(fd) == 0);
+#endif
+}
+
 const struct step kBoardSteps[] = {{"memory", memory},
+                                   {"other-opens", other_opens},
+                                   {"raised-by-openat2", raised_by_openat2},
+                                   {"foreign-request", foreign_request},
                                    {"peers", peers},
                                    {"administration", administration},
                                    {"surroundings", surroundings},

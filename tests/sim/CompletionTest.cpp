@@ -1,0 +1,100 @@
+#include <string>
+
+#include "Board.h"
+
+namespace {
+
+class Completion : public SimulatorTest {
+ protected:
+  /// Whether the shell is there.
+  static bool Has(const char* shell) {
+    return !Shell(std::string("command -v ") + shell).empty();
+  }
+  static std::string File(const char* name) {
+    return Quoted(std::string(BOARDKIT_COMPLETIONS) + '/' + name);
+  }
+  /// What bash offers for the last of some words, a line each. Bash itself cuts them at "=".
+  static std::string InBash(const std::string& words) {
+    return Shell("bash -c 'source " + File("boardsim.bash") +
+                 "; compopt() { :; }; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _boardsim \"$1\"; "
+                 "printf \"%s\\n\" \"${COMPREPLY[@]}\"' bash " +
+                 Quoted(kSimulator) + ' ' + words);
+  }
+  static std::string InFish(const std::string& words) {
+    return Shell("PATH=" + Quoted(std::string(kSimulator).substr(0, std::string(kSimulator).rfind('/'))) +
+                 ":$PATH HOME=/nonexistent XDG_DATA_HOME=/nonexistent XDG_CONFIG_HOME=/nonexistent fish --no-config -c "
+                 "'source " +
+                 File("boardsim.fish") + "; complete -C \"boardsim " + words + "\"' 2>&1 | cut -f 1");
+  }
+  /// What the key for completion makes of a line. Zsh completes on a terminal only; another key shows the line.
+  std::string InZsh(const std::string& line) {
+    Shell("cat >" + Path(".zshrc") + " <<'END'\nPS1=; fpath=(" + std::string(BOARDKIT_COMPLETIONS) +
+          " $fpath); autoload -Uz compinit; compinit -u -D\n"
+          "show() { print -rn -- \"$BUFFER\" >$ZDOTDIR/line; exit }; zle -N show; bindkey '^X' show\nEND");
+    Shell("rm -f " + Path("line") + "; printf '" + line + "\\t\\030' | ZDOTDIR=" + Folder() +
+          " TERM=dumb PATH=" + Quoted(std::string(kSimulator).substr(0, std::string(kSimulator).rfind('/'))) +
+          ":$PATH timeout 30 socat -t 30 - EXEC:'zsh -i',pty,setsid,ctty,stderr >/dev/null 2>&1");
+    return Contents(Path("line"));
+  }
+  static bool Offers(const std::string& offered, const std::string& word) {
+    return ('\n' + offered).find('\n' + word + '\n') != std::string::npos;
+  }
+};
+
+#define EXPECT_OFFERS(offered, word)                                                            \
+  do {                                                                                          \
+    const std::string all = (offered);                                                          \
+    EXPECT_TRUE(Offers(all, word)) << #offered << " has no \"" << (word) << "\", but\n" << all; \
+  } while (false)
+
+TEST_F(Completion, BashKnowsEveryOptionAndTheValuesOfThese) {
+  const std::string options = InBash("--");
+  for (const char* option : {"--help", "--version", "--tty", "--serial-info", "--watchdog", "--mem", "--uart", "--reg",
+                             "--net", "--no-namespaces", "--control", "--check", "--log"}) {
+    EXPECT_OFFERS(options, option);
+  }
+  EXPECT_EQ(InBash("--no-n"), "--no-namespaces\n");
+  EXPECT_EQ(InBash("--net ''"), "private\nnone\nhost\n");
+  EXPECT_EQ(InBash("--net private --mem ''"), "none\n");
+  EXPECT_EQ(InBash("--tty /dev/t"), "/dev/ttyS1=\n");
+  for (const char* farEnd : {"echo", "none", "pty", "tcp:", "unix:", "exec:"}) {
+    EXPECT_OFFERS(InBash("--tty /dev/ttyS1 ="), farEnd);
+  }
+  EXPECT_EQ(InBash("--tty /dev/ttyS1 = un"), "unix:\n");
+  EXPECT_EQ(InBash("--log " + Path("lo")), "\n");
+  Shell("touch " + Path("log"));
+  EXPECT_EQ(InBash("--log " + Path("lo")), Path("log") + '\n');
+}
+
+TEST_F(Completion, BashCompletesTheCommandBehindTheOptionsAndItsArguments) {
+  EXPECT_OFFERS(InBash("--net none tru"), "true");
+  EXPECT_OFFERS(InBash("--tty /dev/ttyS1 = none -- tru"), "true");
+  EXPECT_OFFERS(InBash("--check tru"), "true");
+  Shell("touch " + Path("argument"));
+  EXPECT_EQ(InBash("--net none -- ls " + Path("argum")), Path("argument") + '\n');
+  EXPECT_EQ(InBash("true --ne"), "\n") << "options behind the command are its own";
+}
+
+TEST_F(Completion, FishKnowsEveryOptionAndTheValuesOfThese) {
+  if (!Has("fish")) {
+    GTEST_SKIP() << "There is no fish here.";
+  }
+  EXPECT_OFFERS(InFish("--"), "--watchdog");
+  EXPECT_OFFERS(InFish("--"), "--help");
+  EXPECT_EQ(InFish("--no-n"), "--no-namespaces\n");
+  EXPECT_EQ(InFish("--net p"), "private\n");
+  EXPECT_OFFERS(InFish("--tty /dev/ttyS1=u"), "/dev/ttyS1=unix:");
+  EXPECT_OFFERS(InFish("--net none -- tru"), "true");
+}
+
+TEST_F(Completion, ZshKnowsEveryOptionAndTheValuesOfThese) {
+  if (!Has("zsh") || !Has("socat")) {
+    GTEST_SKIP() << "There is no zsh, or no socat, here.";
+  }
+  EXPECT_EQ(InZsh("boardsim --no-n"), "boardsim --no-namespaces ");
+  EXPECT_EQ(InZsh("boardsim --net pr"), "boardsim --net private ");
+  EXPECT_EQ(InZsh("boardsim --tty /dev/ttyS1=un"), "boardsim --tty /dev/ttyS1=unix:");
+  EXPECT_EQ(InZsh("boardsim --net none truncat"), "boardsim --net none truncate ");
+}
+
+}  // namespace
