@@ -111,7 +111,7 @@ const Operation kOperations[] = {
 
     {"FileOpening", [] { return Setting([] { const File file("/proc/self/status", O_RDONLY, 0); }); }},
     {"FileOpeningOfNone", [] { return Setting([] { const File file(kMissing, O_RDONLY, 0); }); }},
-    {"FileAdopting", [] { return Setting([] { const File file(::open("/proc/self/status", O_RDONLY)); }); }},
+    {"FileAdopting", [] { return Setting([] { const File file(::open("/proc/self/mountinfo", O_RDONLY)); }); }},
     {"FileExists", [] { return std::to_string(static_cast<int>(File::Exists("/proc/self/status"))); }},
     {"FileReadLink", [] { return File::ReadLink("/proc/self/exe"); }},
     {"FileReadLinkOfNone", [] { return File::ReadLink(kMissing); }},
