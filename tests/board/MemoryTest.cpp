@@ -93,10 +93,9 @@ TEST(PhysicalMemory, AnAddressWhereNothingAnswersEndsTheProcessWithABusError) {
 TEST(PhysicalMemory, AnUnprivilegedProcessIsRefused) {
   const int status = StatusOfAnotherProcess([] {
     constexpr uid_t kNobody = 65534;
-    return ::setuid(kNobody) == 0 && ThrowsSystemError([] { ReadFromPhysicalMemoryAddress(kWords); }, EACCES,
-                                                       "ReadFromMemory Open /dev/mem failed")
-               ? 0
-               : 1;
+    EXPECT_EQ(::setuid(kNobody), 0);
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), EACCES, "ReadFromMemory Open /dev/mem failed");
+    return testing::Test::HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(status, 0);
 }
@@ -107,11 +106,9 @@ TEST(PhysicalMemory, WithoutTheDeviceTheOpeningsErrorIsReported) {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
       return 2;
     }
-    const auto reads =
-        ThrowsSystemError([] { ReadFromPhysicalMemoryAddress(kWords); }, ENOENT, "ReadFromMemory Open /dev/mem failed");
-    const auto writes = ThrowsSystemError([] { WriteToPhysicalMemoryAddress(kWords, 0); }, ENOENT,
-                                          "ReadFromMemory Open /dev/mem failed");
-    return reads && writes ? 0 : 1;
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), ENOENT, "ReadFromMemory Open /dev/mem failed");
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kWords, 0), ENOENT, "ReadFromMemory Open /dev/mem failed");
+    return testing::Test::HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(status, 0);
 }

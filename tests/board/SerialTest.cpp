@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ExpectBytes.h"
 #include "ExpectThrow.h"
 #include "SerialExtended.h"
 
@@ -254,7 +255,7 @@ TEST_F(Serial, TheLoopbackBringsBack64KibibytesUnchanged) {
 
   const std::string received = WriteAndReadBack(port, sent);
 
-  EXPECT_TRUE(received == sent);
+  EXPECT_SAME_BYTES(received, sent);
   EXPECT_EQ(port.AvailableBytesToRead(), 0);
 }
 
@@ -388,7 +389,7 @@ TEST_F(Serial, AMebibyteReachesTheOtherEndAndComesBackUnchanged) {
 
   const std::string received = WriteAndReadBack(port, sent);
 
-  EXPECT_TRUE(received == sent);
+  EXPECT_SAME_BYTES(received, sent);
   EXPECT_EQ(port.AvailableBytesToRead(), 0);
   if (const char* const file = std::getenv("BOARD_SENT")) {
     std::ofstream(file, std::ios::binary) << sent;

@@ -4,16 +4,17 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <list>
 #include <new>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Allocations.h"
+#include "JoiningThread.h"
 #include "NaiveDemangling.h"
 #include "ScriptedKernel.h"
 #include "linuxutils.h"
@@ -237,28 +238,26 @@ TEST(ScriptedStack, AgreesWithTheNaiveRulesOnGeneratedStacks) {
 
 // --- Real stacks -----------------------------------------------------------------------------------------------------
 
-/// That @p text begins with these names, a line each.
-testing::AssertionResult BeginsWith(const std::string& text, const std::string& names) {
+/// Expects that @p text begins with these names, a line each.
+void ExpectBeginning(const std::string& text, const std::string& names) {
   const std::string begin = "\nTraceback:\n" + names + '\n';
-  if (text.compare(0, begin.size(), begin) == 0 && text.back() == '\n') {
-    return testing::AssertionSuccess();
-  }
-  return testing::AssertionFailure() << text;
+  EXPECT_EQ(text.substr(0, begin.size()), begin);
+  EXPECT_EQ(text.back(), '\n') << text;
 }
 
 TEST(RealStack, BeginsWithTheFunctionThatAsks) {
   tracing::called = tracing::Plain;
   tracing::Calling();
-  EXPECT_TRUE(BeginsWith(tracing::seen, "tracing::Plain\ntracing::Calling"));
+  ExpectBeginning(tracing::seen, "tracing::Plain\ntracing::Calling");
   tracing::called = tracing::WithZero;
   tracing::Calling();
-  EXPECT_TRUE(BeginsWith(tracing::seen, "tracing::WithZero\ntracing::Calling"));
+  ExpectBeginning(tracing::seen, "tracing::WithZero\ntracing::Calling");
 }
 
 TEST(RealStack, SkippingOneBeginsWithItsCaller) {
   tracing::called = tracing::WithOne;
   tracing::Calling();
-  EXPECT_TRUE(BeginsWith(tracing::seen, "tracing::Calling"));
+  ExpectBeginning(tracing::seen, "tracing::Calling");
 }
 
 TEST(RealStack, SkippingMoreThanIsCapturedLeavesTheHeader) {
@@ -291,14 +290,14 @@ TEST(RealStack, AShortRecursionIsFollowedByItsCaller) {
 }
 
 TEST(RealStack, AThreadHasItsOwn) {
-  std::thread(tracing::InThread).join();
-  EXPECT_TRUE(BeginsWith(tracing::seen, "tracing::InThread"));
+  JoiningThread(tracing::InThread).Join();
+  ExpectBeginning(tracing::seen, "tracing::InThread");
   EXPECT_EQ(tracing::seen.find("RealStack"), std::string::npos) << tracing::seen;
 }
 
 TEST(RealStack, ThreadsMayAskAtTheSameTime) {
   std::vector<std::string> texts(4);
-  std::vector<std::thread> threads;
+  std::list<JoiningThread> threads;
   for (std::string& text : texts) {
     threads.emplace_back([&text] {
       for (int i = 0; i < 50; ++i) {
@@ -306,8 +305,8 @@ TEST(RealStack, ThreadsMayAskAtTheSameTime) {
       }
     });
   }
-  for (std::thread& thread : threads) {
-    thread.join();
+  for (JoiningThread& thread : threads) {
+    thread.Join();
   }
   for (const std::string& text : texts) {
     EXPECT_EQ(text, texts[0]);
@@ -324,7 +323,7 @@ TEST(RealStack, IsThereWhileAnExceptionUnwindsIt) {
     const Tracer tracer;
     throw std::runtime_error("unwinds");
   } catch (const std::runtime_error&) {
-    EXPECT_TRUE(BeginsWith(tracing::seen, "tracing::InDestructor"));
+    ExpectBeginning(tracing::seen, "tracing::InDestructor");
   }
 }
 
@@ -342,7 +341,7 @@ TEST(RealStack, ASharedObjectsFunctionIsShown) {
 
   show(tracing::seen);
 
-  EXPECT_TRUE(BeginsWith(tracing::seen, "shared_object::Show"));
+  ExpectBeginning(tracing::seen, "shared_object::Show");
   ::dlclose(handle);
   std::filesystem::current_path(before);
 }

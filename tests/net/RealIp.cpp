@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <typeinfo>
 
+#include "ExpectThrow.h"
 #include "NetworkNamespace.h"
 
 namespace {
@@ -177,7 +178,10 @@ std::string RealIpTest::LogicErrorOf(const std::function<void()>& action) {
   try {
     action();
   } catch (const std::exception& e) {
-    EXPECT_TRUE(typeid(e) == typeid(std::logic_error)) << typeid(e).name();
+    const Thrown thrown = Thrown::Current();
+    if (*thrown.type != typeid(std::logic_error)) {
+      ADD_FAILURE() << "threw " << thrown << ", not a std::logic_error";
+    }
     return e.what();
   }
   ADD_FAILURE() << "threw nothing";

@@ -9,17 +9,19 @@
 
 #include <cerrno>
 #include <cstring>
+#include <list>
 #include <new>
 #include <set>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Allocations.h"
+#include "ExpectBytes.h"
 #include "ExpectThrow.h"
+#include "JoiningThread.h"
 #include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 
@@ -125,7 +127,7 @@ TEST_F(ExecCmd, SixteenMebibytesArriveByteForByte) {
     expected += std::to_string(i) + "\n";
   }
   expected.resize(16777216);
-  EXPECT_TRUE(output == expected);
+  EXPECT_SAME_BYTES(output, expected);
 }
 
 TEST_F(ExecCmd, EveryByteButNulArrivesUnchanged) {
@@ -295,13 +297,13 @@ TEST_F(ExecCmd, TheCallersTextIsNotChanged) {
 }
 
 TEST_F(ExecCmd, CallsFromSeveralThreadsAreIndependent) {
-  std::vector<std::thread> threads;
+  std::list<JoiningThread> threads;
   std::vector<std::string> outputs(8);
   for (std::size_t i = 0; i < outputs.size(); ++i) {
     threads.emplace_back([&, i] { outputs[i] = m_os.ExecCmd("seq " + std::to_string(i) + " 20", false); });
   }
-  for (auto& thread : threads) {
-    thread.join();
+  for (JoiningThread& thread : threads) {
+    thread.Join();
   }
   for (std::size_t i = 0; i < outputs.size(); ++i) {
     EXPECT_EQ(outputs[i], m_os.ExecCmd("seq " + std::to_string(i) + " 20", false));

@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ExpectBytes.h"
+#include "JoiningThread.h"
 #include "PtyLine.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
@@ -175,24 +177,24 @@ TEST_F(PtyPort, AMebibyteIsWrittenByteForByte) {
   SerialPort port(m_line.Device(), true);
   const std::string data = Pattern(kMebibyte);
   std::string arrived;
-  std::thread farEnd([&] { arrived = m_line.Receive(kMebibyte); });
+  JoiningThread farEnd([&] { arrived = m_line.Receive(kMebibyte); }, [&] { m_line.GiveUp(); });
 
   port.Write(data.data(), kMebibyte);
 
-  farEnd.join();
-  EXPECT_TRUE(arrived == data);
+  farEnd.Join();
+  EXPECT_SAME_BYTES(arrived, data);
 }
 
 TEST_F(PtyPort, AMebibyteIsReadByteForByte) {
   SerialPort port(m_line.Device(), true);
   const std::string data = Pattern(kMebibyte);
   std::string buffer(kMebibyte, '\0');
-  std::thread farEnd([&] { m_line.Send(data); });
+  JoiningThread farEnd([&] { m_line.Send(data); }, [&] { m_line.GiveUp(); });
 
   port.Read(buffer.data(), kMebibyte);
 
-  farEnd.join();
-  EXPECT_TRUE(buffer == data);
+  farEnd.Join();
+  EXPECT_SAME_BYTES(buffer, data);
 }
 
 TEST_F(PtyPort, BytesAreCountedTakenIntoTheBufferAndHandedOutInParts) {
@@ -251,14 +253,14 @@ TEST_F(PtyPort, WaitingEndsAtTheTimeOutOrWithAByte) {
 
 TEST_F(PtyPort, WaitingWithoutLimitSeesAByteThatComesLater) {
   SerialPort port(m_line.Device(), true);
-  std::thread farEnd([&] {
+  JoiningThread farEnd([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     m_line.Send("b");
   });
 
   EXPECT_TRUE(port.IsDataReceived(-1));
 
-  farEnd.join();
+  farEnd.Join();
   EXPECT_EQ(port.ReadOneByte(), 'b');
 }
 
@@ -288,7 +290,7 @@ TEST_F(PtyPort, AHangUpBeforeAllIsReadKeepsWhatCameBefore) {
   ::cfmakeraw(&raw);
   ASSERT_EQ(::tcsetattr(m_line.NearEnd(), TCSANOW, &raw), 0);
   std::string buffer = ".....";
-  std::thread farEnd([&] {
+  JoiningThread farEnd([&] {
     m_line.Send("abc");
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     m_line.HangUp();
@@ -296,7 +298,7 @@ TEST_F(PtyPort, AHangUpBeforeAllIsReadKeepsWhatCameBefore) {
 
   EXPECT_THROW(port.Read(buffer.data(), 5), std::system_error);
 
-  farEnd.join();
+  farEnd.Join();
   EXPECT_EQ(buffer, "abc..");
 }
 

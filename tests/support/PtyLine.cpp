@@ -1,6 +1,8 @@
 #include "PtyLine.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -28,8 +30,11 @@ int BytesWaiting(int fd) {
 
 }  // namespace
 
-PtyLine::PtyLine() : m_farEnd(::posix_openpt(O_RDWR | O_NOCTTY)) {
+PtyLine::PtyLine() : m_farEnd(::posix_openpt(O_RDWR | O_NOCTTY)), m_givenUp(::eventfd(0, 0)) {
   EXPECT_NE(m_farEnd, -1) << std::strerror(errno);
+  EXPECT_NE(m_givenUp, -1) << std::strerror(errno);
+  // So that nobody waits in a transfer, where giving up would not be seen.
+  EXPECT_EQ(::fcntl(m_farEnd, F_SETFL, O_NONBLOCK), 0);
   EXPECT_EQ(::grantpt(m_farEnd), 0);
   EXPECT_EQ(::unlockpt(m_farEnd), 0);
   m_device = NameOfNearEnd(m_farEnd);
@@ -39,6 +44,7 @@ PtyLine::PtyLine() : m_farEnd(::posix_openpt(O_RDWR | O_NOCTTY)) {
 
 PtyLine::~PtyLine() {
   ::close(m_nearEnd);
+  ::close(m_givenUp);
   HangUp();
 }
 
@@ -53,6 +59,7 @@ int PtyLine::NearEnd() const {
 void PtyLine::Send(const std::string& bytes) const {
   std::size_t sent = 0;
   while (sent < bytes.size()) {
+    WaitFor(POLLOUT);
     const ssize_t written = ::write(m_farEnd, bytes.data() + sent, bytes.size() - sent);
     ASSERT_GT(written, 0) << std::strerror(errno);
     sent += static_cast<std::size_t>(written);
@@ -72,6 +79,7 @@ std::string PtyLine::Receive(std::size_t count) const {
   std::string bytes(count, '\0');
   std::size_t received = 0;
   while (received < count) {
+    WaitFor(POLLIN);
     const ssize_t got = ::read(m_farEnd, bytes.data() + received, count - received);
     EXPECT_GT(got, 0) << std::strerror(errno);
     if (got <= 0) {
@@ -87,6 +95,15 @@ void PtyLine::HangUp() {
     ::close(m_farEnd);
     m_farEnd = -1;
   }
+}
+
+void PtyLine::GiveUp() const {
+  EXPECT_EQ(::eventfd_write(m_givenUp, 1), 0);
+}
+
+void PtyLine::WaitFor(short events) const {
+  std::array<pollfd, 2> waiting = {{{m_farEnd, events, 0}, {m_givenUp, POLLIN, 0}}};
+  EXPECT_GT(::poll(waiting.data(), waiting.size(), -1), 0) << std::strerror(errno);
 }
 
 PtyModem::PtyModem() {

@@ -26,11 +26,17 @@ class PtyLine {
   /// Takes @p count bytes at the far end, and waits for them.
   std::string Receive(std::size_t count) const;
   void HangUp();
+  /// Ends what another thread sends or receives at the far end, as failed.
+  void GiveUp() const;
 
  private:
   std::string m_device;
   int m_farEnd;
   int m_nearEnd;
+  int m_givenUp;  // an event
+
+  /// Waits until @p events are there at the far end.
+  void WaitFor(short events) const;
 };
 
 /// Stands in for the requests that a pseudo-terminal does not know, while it lives: the modem bits, which closing

@@ -17,12 +17,12 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "JoiningThread.h"
 #include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 #include "SystemCalls.h"
@@ -245,9 +245,9 @@ TEST_F(PhysicalMemory, ThreadsDoNotDisturbEachOther) {
   };
   ASSERT_EQ(Get(0x3000), 0U);
 
-  std::thread other(work, 0x3004, kFd + 10);
+  JoiningThread other([&] { work(0x3004, kFd + 10); });
   work(0x3000, kFd + 11);
-  other.join();
+  other.Join();
 
   EXPECT_EQ(Get(0x3000), 499U);
   EXPECT_EQ(Get(0x3004), 499U);
@@ -264,10 +264,10 @@ TEST(RealPhysicalMemory, IsOutOfReachWithoutPrivilege) {
     if (!dropped || fd != -1) {
       ::_exit(2);
     }
-    const auto read = ThrowsSystemError([] { ReadFromPhysicalMemoryAddress(0x1000); }, error, kOpenError);
-    const auto write = ThrowsSystemError([] { WriteToPhysicalMemoryAddress(0x1000, 0); }, error, kOpenError);
-    const bool expected = error == EACCES || error == EPERM || error == ENOENT;
-    ::_exit(read && write && expected ? 0 : 1);
+    EXPECT_TRUE(error == EACCES || error == EPERM || error == ENOENT) << ErrorName(error);
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, kOpenError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 0), error, kOpenError);
+    ::_exit(HasFailure() ? 1 : 0);
   }
   int status = -1;
   ASSERT_EQ(::waitpid(child, &status, 0), child);

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <climits>
 #include <future>
+#include <list>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -24,6 +25,7 @@
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "JoiningThread.h"
 #include "ScriptedKernel.h"
 #include "SystemCalls.h"
 
@@ -204,7 +206,7 @@ TEST_F(InstallingAHandler, AnInterruptedReadGoesOn) {
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe(pipe.data()), 0);
   const pthread_t reader = ::pthread_self();
-  std::thread sender([&] {
+  JoiningThread sender([&] {
     for (int i = 1; i <= 3; ++i) {
       // Most likely the reader waits by now; if not, the signal comes before, which proves less and breaks nothing.
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -220,7 +222,7 @@ TEST_F(InstallingAHandler, AnInterruptedReadGoesOn) {
   const ssize_t got = ::read(pipe[0], &byte, 1);
   const int error = errno;
 
-  sender.join();
+  sender.Join();
   EXPECT_EQ(got, 1) << error;
   EXPECT_EQ(byte, 'x');
   EXPECT_EQ(handledCount, 3);
@@ -323,11 +325,11 @@ TEST_F(DeactivatingASignal, OnlyTheCallingThreadIsAffectedAndTheThreadsThatItMak
   std::set<int> inThread;
   std::set<int> inItsThread;
 
-  std::thread([&] {
+  JoiningThread([&] {
     DeactivateSignalP(SIGUSR2);
     inThread = Blocked();
     std::thread([&] { inItsThread = Blocked(); }).join();
-  }).join();
+  }).Join();
 
   EXPECT_EQ(Blocked(), before);
   EXPECT_EQ(inThread.count(SIGUSR2), 1U);
@@ -394,7 +396,7 @@ TEST(LinuxGetThreadId, IsTheProcessIdInTheMainThreadAndAnotherOneInEveryOther) {
 
   std::set<int> ids = {LinuxGetThreadId()};
   constexpr int kThreads = 4;
-  std::vector<std::thread> threads;
+  std::list<JoiningThread> threads;
   std::vector<std::promise<int>> found(kThreads);
   std::promise<void> go;
   const std::shared_future<void> allow = go.get_future().share();
@@ -412,8 +414,8 @@ TEST(LinuxGetThreadId, IsTheProcessIdInTheMainThreadAndAnotherOneInEveryOther) {
     ids.insert(promise.get_future().get());
   }
   go.set_value();
-  for (std::thread& thread : threads) {
-    thread.join();
+  for (JoiningThread& thread : threads) {
+    thread.Join();
   }
   EXPECT_EQ(ids.size(), kThreads + 1U);
 }

@@ -19,7 +19,9 @@
 #include <gtest/gtest.h>
 
 #include "Allocations.h"
+#include "ExpectBytes.h"
 #include "ExpectThrow.h"
+#include "JoiningThread.h"
 #include "ScriptedKernel.h"
 
 namespace {
@@ -236,21 +238,24 @@ TEST(WriteLoop, AFullNonBlockingPipeIsRetriedUntilAReaderDrainsIt) {
   Pipe pipe(O_NONBLOCK);
   const std::string data = Pattern(1U << 20U);  // sixteen times what a pipe holds
   std::string drained;
-  std::thread reader([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    std::array<char, 4096> piece{};
-    while (drained.size() < data.size()) {
-      const ssize_t got = ::read(pipe.Reader(), piece.data(), piece.size());
-      if (got > 0) {
-        drained.append(piece.data(), static_cast<std::size_t>(got));
-      }
-    }
-  });
+  JoiningThread reader(
+      [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::array<char, 4096> piece{};
+        ssize_t got = -1;
+        while (drained.size() < data.size() && got != 0) {
+          got = ::read(pipe.Reader(), piece.data(), piece.size());
+          if (got > 0) {
+            drained.append(piece.data(), static_cast<std::size_t>(got));
+          }
+        }
+      },
+      [&] { pipe.CloseWriter(); });
 
   WriteLoop(pipe.Writer(), data.data(), static_cast<unsigned int>(data.size()));
 
-  reader.join();
-  EXPECT_TRUE(drained == data);
+  reader.Join();
+  EXPECT_SAME_BYTES(drained, data);
 }
 
 // --- ReadLoop --------------------------------------------------------------------------------------------------------
@@ -381,36 +386,40 @@ TEST(ReadLoop, AnEmptyNonBlockingPipeIsRetriedUntilAWriterFillsIt) {
   Pipe pipe(O_NONBLOCK);
   const std::string data = Pattern(1U << 20U);
   std::string buffer(data.size(), '\0');
-  std::thread writer([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    WriteLoop(pipe.Writer(), data.data(), static_cast<unsigned int>(data.size()));
-  });
+  JoiningThread writer(
+      [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        WriteLoop(pipe.Writer(), data.data(), static_cast<unsigned int>(data.size()));
+      },
+      [&] { pipe.CloseReader(); });
 
   ReadLoop(pipe.Reader(), buffer.data(), static_cast<unsigned int>(buffer.size()));
 
-  writer.join();
-  EXPECT_TRUE(buffer == data);
+  writer.Join();
+  EXPECT_SAME_BYTES(buffer, data);
 }
 
 TEST(DescriptorLoops, CarryAMegabyteThroughAPipeWhileRealSignalsInterruptTheReader) {
   Pipe pipe;
   const std::string data = Pattern(1U << 20U);
   std::string buffer(data.size(), '\0');
-  std::thread writer([&] {
-    // Slow enough that the reader waits, and is interrupted, many times.
-    for (std::size_t at = 0; at < data.size(); at += data.size() / 16) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      WriteLoop(pipe.Writer(), data.data() + at, static_cast<unsigned int>(data.size() / 16));
-    }
-  });
+  JoiningThread writer(
+      [&] {
+        // Slow enough that the reader waits, and is interrupted, many times.
+        for (std::size_t at = 0; at < data.size(); at += data.size() / 16) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(5));
+          WriteLoop(pipe.Writer(), data.data() + at, static_cast<unsigned int>(data.size() / 16));
+        }
+      },
+      [&] { pipe.CloseReader(); });
   {
     const Interrupter interrupter;
     ReadLoop(pipe.Reader(), buffer.data(), static_cast<unsigned int>(buffer.size()));
     EXPECT_GT(interrupter.Count(), 10);
   }
-  writer.join();
+  writer.Join();
 
-  EXPECT_TRUE(buffer == data);
+  EXPECT_SAME_BYTES(buffer, data);
 }
 
 // --- DebugSleep ------------------------------------------------------------------------------------------------------

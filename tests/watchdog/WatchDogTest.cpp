@@ -286,7 +286,7 @@ TEST_F(WatchDogTest, AnInactiveObjectAsksOnMinusOneAndRemembersAllTheSame) {
   m_kernel.Script("WDIOC_SETTIMEOUT", {Fails(EBADF)}).Script("WDIOC_GETTIMEOUT", {Fails(EBADF)});
 
   EXPECT_EXACT_THROW(dog.SetInterval(20), std::logic_error, kNotSet);
-  EXPECT_EXACT_THROW(static_cast<void>(dog.GetInterval()), std::logic_error, kNotRetrieved);
+  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
   dog.Activate();
 
   EXPECT_EQ(m_kernel.SeenNow(),
@@ -306,7 +306,7 @@ TEST_F(WatchDogTest, AnyOtherResultThanZeroIsNoInterval) {
   const WatchDog dog(30, kDevice);
   for (const int result : {-1, 1, -2, INT_MAX}) {
     m_kernel.Script("WDIOC_GETTIMEOUT", {{result, EIO, BytesOf(60), false}});
-    EXPECT_EXACT_THROW(static_cast<void>(dog.GetInterval()), std::logic_error, kNotRetrieved);
+    EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
   }
 }
 
@@ -440,7 +440,7 @@ TEST(RealDevice, OneThatIsNoWatchdogRefusesTheIntervalAndStaysOpen) {
   WatchDog dog(30, "/dev/null");
 
   EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, kNotSet);
-  EXPECT_EXACT_THROW(static_cast<void>(dog.GetInterval()), std::logic_error, kNotRetrieved);
+  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
 
   EXPECT_EQ(::fcntl(next, F_GETFL, 0) & O_ACCMODE, O_RDWR);
   EXPECT_EQ(::close(next), 0);
@@ -449,7 +449,7 @@ TEST(RealDevice, OneThatIsNoWatchdogRefusesTheIntervalAndStaysOpen) {
 TEST(RealDevice, ANewObjectHasNoDescriptor) {
   WatchDog dog(30, "/dev/null");
 
-  EXPECT_EXACT_THROW(static_cast<void>(dog.GetInterval()), std::logic_error, kNotRetrieved);
+  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
   EXPECT_EXACT_THROW(dog.SetInterval(10), std::logic_error, kNotSet);
 }
 
@@ -635,7 +635,7 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
       case 3:
         expected = {"WDIOC_GETTIMEOUT" + On(fd) + ")"};
         if (firstFails || !isOpen) {
-          EXPECT_EXACT_THROW(static_cast<void>(dog->GetInterval()), std::logic_error, kNotRetrieved);
+          EXPECT_EXACT_THROW(dog->GetInterval(), std::logic_error, kNotRetrieved);
           transition += "not asked";
         } else {
           EXPECT_EQ(dog->GetInterval(), device.timeout);
