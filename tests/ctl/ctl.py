@@ -6,6 +6,7 @@ without blanks; each is a ctest of its own.
 import json
 import os
 import pathlib
+import re
 import shlex
 import shutil
 import subprocess
@@ -17,11 +18,42 @@ import unittest
 BOARDCTL = os.environ["BOARDCTL"]
 BOARDSIM = os.environ["BOARDSIM"]
 SOURCE = pathlib.Path(os.environ["SOURCE"])
+SCHEMA = json.loads((SOURCE / "docs/boardctl-schema.json").read_text())
 PATIENCE = 100  # seconds, after which something hangs
 os.environ["PATH"] += ":/usr/sbin:/sbin"
 os.environ["LC_ALL"] = "C"
 os.environ.pop("NO_COLOR", None)
 os.environ.pop("TERM", None)
+
+
+def differences(value, schema, where):
+    """Where a value is not as a schema says, of as much of JSON Schema as ours uses."""
+    types = {"object": dict, "array": list, "string": str, "boolean": bool, "integer": int, "number": (int, float),
+             "null": type(None)}
+    known = {"type", "properties", "required", "additionalProperties", "items", "enum", "const", "pattern"}
+    assert set(schema) <= known, schema
+    wanted = schema.get("type", [])
+    wanted = wanted if isinstance(wanted, list) else [wanted]
+    is_number_of_its_own = isinstance(value, bool) and "boolean" not in wanted
+    if wanted and (is_number_of_its_own or not any(isinstance(value, types[name]) for name in wanted)):
+        yield f"{where} is {value!r}, not {wanted}"
+        return
+    if "enum" in schema and value not in schema["enum"] or "const" in schema and value != schema["const"]:
+        yield f"{where} is {value!r}"
+    if isinstance(value, str) and not re.search(schema.get("pattern", ""), value):
+        yield f"{where} is {value!r}, not like {schema['pattern']}"
+    if isinstance(value, dict):
+        for key in schema["required"]:
+            if key not in value:
+                yield f"{where} has no {key}"
+        for key, inner in value.items():
+            if key not in schema["properties"]:
+                yield f"{where} has {key}, which the schema does not know"
+            else:
+                yield from differences(inner, schema["properties"][key], f"{where}.{key}")
+    if isinstance(value, list):
+        for index, inner in enumerate(value):
+            yield from differences(inner, schema["items"], f"{where}[{index}]")
 
 
 class Result:
@@ -33,7 +65,12 @@ class Result:
 
     @property
     def objects(self):
-        return [json.loads(line) for line in self.out.splitlines()]
+        """What was printed as JSON, an object a line, each of a kind that the schema has."""
+        objects = [json.loads(line) for line in self.out.splitlines()]
+        for found in objects:
+            faults = list(differences(found, SCHEMA["$defs"][found["kind"]], found["kind"]))
+            assert not faults, "\n".join(faults)
+        return objects
 
 
 def finish(process, given=None):

@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -13,53 +14,16 @@
 #include "SerialPorts.h"
 #include "Status.h"
 
+// Made from completion.bash, .zsh and .fish by the build.
+extern const char* const kBashCompletion;
+extern const char* const kZshCompletion;
+extern const char* const kFishCompletion;
+
 namespace {
 
 using Words = std::vector<std::string>;
 
 constexpr const char* kFiles = ":files";
-
-constexpr const char* kBash = R"(# Completion of boardctl for bash: . <(boardctl completion bash)
-_boardctl() {
-  local word
-  COMPREPLY=()
-  while IFS= read -r word; do
-    if [[ $word == :files ]]; then
-      compopt -o filenames
-      while IFS= read -r word; do COMPREPLY+=("$word"); done < <(compgen -f -- "$2")
-    else
-      COMPREPLY+=("$word")
-    fi
-  done < <("$1" __complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null)
-}
-complete -F _boardctl boardctl)";
-
-constexpr const char* kZsh = R"(#compdef boardctl
-# Completion of boardctl for zsh: as _boardctl in a folder of $fpath, or . <(boardctl completion zsh)
-_boardctl() {
-  local -a found
-  found=("${(@f)$("${words[1]}" __complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
-  if (( ${found[(I):files]} )); then
-    found=("${(@)found:#:files}")
-    _files
-  fi
-  compadd -- "${(@)found:#}"
-}
-if [[ ${funcstack[1]} == _boardctl ]]; then _boardctl "$@"; else compdef _boardctl boardctl; fi)";
-
-constexpr const char* kFish = R"(# Completion of boardctl for fish: boardctl completion fish | source
-function __boardctl_complete
-  set -l words (commandline -opc)
-  set -l current (commandline -ct)
-  for word in ($words[1] __complete $words[2..-1] "$current" 2>/dev/null)
-    if test "$word" = :files
-      __fish_complete_path "$current"
-    else
-      echo $word
-    end
-  end
-end
-complete -c boardctl -f -a '(__boardctl_complete)')";
 
 /// The values of options that have a few; a wrong one would be refused when it is used.
 const std::map<std::string, Words>& Values() {
@@ -176,7 +140,7 @@ Words Complete(const Program& program, const Words& words) {
       open = nullptr;
     } else if (words[i].rfind('-', 0) == 0) {
       const CLI::Option* const option = OptionOf(app, words[i]);
-      open = option != nullptr && option->get_type_size() != 0 ? option : nullptr;
+      open = option != nullptr && option->get_items_expected_max() != 0 ? option : nullptr;
     } else if (const CLI::App* const below = Below(app, words[i]); below != nullptr) {
       app = below;
     } else {
@@ -219,13 +183,14 @@ void AddCompletion(Program& program) {
                        "The names of devices and interfaces are completed, too, and none of them is opened.",
                        "completion bash > /etc/bash_completion.d/boardctl", "nothing; no device is opened.", false},
                       [script](Call& call) {
-                        call.out.Line(*script);
+                        call.out.Bytes(*script, std::strlen(*script));
                         return kStatusDone;
                       });
   AddArgument(
       verb, "SHELL", "", *script,
       [](const std::string& shell) {
-        const std::map<std::string, const char*> scripts = {{"bash", kBash}, {"zsh", kZsh}, {"fish", kFish}};
+        const std::map<std::string, const char*> scripts = {
+            {"bash", kBashCompletion}, {"zsh", kZshCompletion}, {"fish", kFishCompletion}};
         const auto found = scripts.find(shell);
         return found != scripts.end() ? found->second
                                       : throw std::invalid_argument('"' + shell + "\" is none of bash, zsh, fish");

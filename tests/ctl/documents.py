@@ -1,0 +1,103 @@
+#!/usr/bin/env python3
+"""The manual page, the schema and the completion against the program itself."""
+import pathlib
+import re
+import subprocess
+
+from arguments import VERBS
+from ctl import BOARDCTL, SCHEMA, SOURCE, ctl, differences, main, TestCase
+
+PAGE = SOURCE / "tools/boardctl/boardctl.1"
+SCRIPTS = SOURCE / "tools/boardctl"
+
+
+def complete(*words):
+    return ctl("__complete", *words).out.splitlines()
+
+
+class ManualPage(TestCase):
+    def setUp(self):
+        super().setUp()
+        # As a reader sees it, but for the letters' shapes.
+        self.text = re.sub(r"\\(.)", r"\1", re.sub(r"\\(?:f.|&|\(dq)", "", PAGE.read_text()))
+
+    def test_TheManualPageIsWithoutFaults(self):
+        result = subprocess.run(["mandoc", "-Tlint", "-W", "style", PAGE], capture_output=True, text=True)
+        self.assertEqual((result.returncode, result.stdout), (0, ""))
+
+    def test_EveryVerbStandsInTheManualPageWithAnExample(self):
+        for verb in VERBS:
+            name = " ".join(verb)
+            section = re.search(rf'(?ms)^\.SS "?{name}[ "\n].*?(?=^\.S[SH])', self.text)
+            self.assertTrue(section, f"no section for {name}")
+            self.assertRegex(section[0], rf"(?m)^\.RS\nboardctl(?: --[a-z-]+)? {name}", name)
+
+    def test_TheOptionsOfHelpPageAndCompletionAreTheSame(self):
+        for verb in VERBS:
+            helped = set(re.findall(r"(?m)^  (?:-h, )?(--[a-z-]+)", ctl(*verb, "--help").out))
+            self.assertEqual(set(complete(*verb, "-")), helped, verb)
+            for option in helped:
+                self.assertIn(option, self.text, f"{verb}: {option}")
+        for option in re.findall(r"--[a-z-]+", self.text):
+            known = set().union(*(set(complete(*verb, "-")) for verb in VERBS)) | {"--version", "--changed", "--json-lines"}
+            self.assertIn(option, known)
+
+
+class Schema(TestCase):
+    def test_PythonsOwnToolReadsWhatIsPrinted(self):
+        printed = ctl("--json", "explain", "popen failed").raw
+        for line in printed.splitlines():
+            subprocess.run(["python3", "-m", "json.tool"], input=line, check=True, capture_output=True)
+
+    def test_EveryKindThatTheSourcesPrintStandsInTheSchemaAndNoOther(self):
+        sources = "".join(path.read_text() for path in (SOURCE / "tools/boardctl").glob("*.cpp"))
+        printed = set(re.findall(r'\.Object\(\s*"([a-z_0-9]+)"', sources))
+        self.assertEqual(printed, set(SCHEMA["$defs"]))
+        self.assertEqual([kind["$ref"] for kind in SCHEMA["oneOf"]], [f"#/$defs/{kind}" for kind in SCHEMA["$defs"]])
+        for kind, schema in SCHEMA["$defs"].items():
+            self.assertEqual((schema["properties"]["kind"], schema["properties"]["schema"]), ({"const": kind}, {"const": 1}))
+
+    def test_TheComparisonFindsWhatIsMissingTooMuchOrWrong(self):
+        schema = SCHEMA["$defs"]["mem_word"]
+        good = {"schema": 1, "kind": "mem_word", "address": "0x00000000", "value": "0x00000001"}
+        self.assertEqual(list(differences(good, schema, "it")), [])
+        for fault in ({"schema": 2}, {"value": "0x1"}, {"value": None}, {"more": 1}):
+            self.assertEqual(len(list(differences({**good, **fault}, schema, "it"))), 1)
+        self.assertEqual(len(list(differences({"schema": 1, "kind": "mem_word"}, schema, "it"))), 2)
+
+
+class Completion(TestCase):
+    def test_GroupsVerbsOptionsAndValuesAreCompleted(self):
+        self.assertEqual(set(complete("")), {verb[0] for verb in VERBS})
+        self.assertEqual(complete("serial", "re"), ["report", "receive"])
+        self.assertEqual(complete("--json", "mem", "d"), ["dump"])
+        self.assertEqual(complete("serial", "send", "/dev/ttyS1", "--pa"), ["--parity"])
+        self.assertEqual(complete("serial", "send", "--parity", ""), ["none", "even", "odd"])
+        self.assertEqual(complete("serial", "send", "/dev/ttyS1", ""), [":files"])
+        self.assertEqual(complete("run", "--", ""), [":files"])
+        self.assertEqual(complete("completion", ""), ["bash", "zsh", "fish"])
+
+    def test_ValuesThatAreCompletedAreTaken(self):
+        for option in ("--bits", "--parity", "--stop", "--flow", "--speed", "--timestamps"):
+            for value in complete("serial", "receive", option, ""):
+                result = ctl("serial", "receive", "/dev/null", option, value)
+                self.assertEqual(result.status, 1, result.err)  # it is the device that is refused
+
+    def test_DevicesAreCompletedAndNotOpened(self):
+        result = self.on_board("__complete", "serial", "show", "", log="log",
+                               options=["--tty", "/dev/ttyS1", "--tty", "/dev/ttyS2"])
+        self.assertEqual((result.status, result.out), (0, "/dev/ttyS1\n/dev/ttyS2\n"))
+        self.assertNotIn("open", pathlib.Path("log").read_text())
+
+    def test_TheScriptsOfTheShellsAreThoseThatAreInstalledAndBashReadsThem(self):
+        for name in ("bash", "zsh", "fish"):
+            result = ctl("completion", name)
+            self.assertEqual((result.status, result.out), (0, (SCRIPTS / f"completion.{name}").read_text()))
+        ask = (f'PATH={pathlib.Path(BOARDCTL).parent}:$PATH; . "{SCRIPTS}/completion.bash"; COMP_WORDS=(boardctl serial re); '
+               'COMP_CWORD=2; _boardctl boardctl re serial; echo "${COMPREPLY[*]}"')
+        self.assertEqual(subprocess.run(["bash", "-c", ask], capture_output=True, text=True, check=True).stdout,
+                         "report receive\n")
+
+
+if __name__ == "__main__":
+    main()
