@@ -104,6 +104,8 @@ def main(output):
         parts = snippets(example)
         if parts:
             comment = "#" if example.suffix == ".sh" else "//"
+            whole = re.sub(r"(?m)^.*\[\w+\]\n", "", example.read_text())
+            (output / f"whole-{example.name}").write_text(whole)
             (output / example.name).write_text("".join(
                 f"{comment} [{name}]\n{part}{comment} [{name}]\n" for name, part in parts.items()))
     for source in FOLDER.glob("*.dot"):
