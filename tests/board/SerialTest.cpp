@@ -126,6 +126,7 @@ const Speeds kFast = {SerialPort::BAUD_230400,  SerialPort::BAUD_460800,  Serial
 TEST_F(Serial, EverySpeedUpToTheUartsFastestIsSetAndReadBack) {
   SerialPort port(kDevice, true);
   for (const SerialPort::BaudRate speed : kSlow) {
+    SCOPED_TRACE(speed);
     port.SetBaudRate(speed);
     EXPECT_EQ(port.GetBaudRate(), speed);
     EXPECT_EQ(tty.Attributes().c_cflag & CBAUD, static_cast<tcflag_t>(speed));
@@ -153,6 +154,7 @@ TEST_F(Serial, EverySpeedFrom134OnIsSetAndReadBackWithTheBoardsClock) {
   Speeds speeds(kSlow.begin() + 3, kSlow.end());
   speeds.insert(speeds.end(), kFast.begin(), kFast.end());
   for (const SerialPort::BaudRate speed : speeds) {
+    SCOPED_TRACE(speed);
     port.SetBaudRate(speed);
     EXPECT_EQ(port.GetBaudRate(), speed);
     EXPECT_EQ(tty.Attributes().c_cflag & CBAUD, static_cast<tcflag_t>(speed));
@@ -164,6 +166,7 @@ TEST_F(Serial, EveryStandardSpeedIsTheOneThatTheKernelCallsSo) {
   SerialPort port(kDevice, true);
   for (const int speed : {9600, 19200, 38400, 57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000,
                           1500000, 2000000, 2500000, 3000000}) {
+    SCOPED_TRACE(speed);
     const SerialPort::BaudRate code = SerialPort::ConversionToBaudrateEnum(speed);
 
     port.SetBaudRate(code);
@@ -189,8 +192,11 @@ TEST_F(Serial, EverySizeParityAndStopBitIsSetAndReadBackInEveryCombination) {
   port.SetBaudRate(SerialPort::BAUD_9600);
   for (const auto size :
        {SerialPort::CHAR_SIZE_5, SerialPort::CHAR_SIZE_6, SerialPort::CHAR_SIZE_7, SerialPort::CHAR_SIZE_8}) {
+    SCOPED_TRACE(size);
     for (const auto parity : {SerialPort::PARITY_EVEN, SerialPort::PARITY_ODD, SerialPort::PARITY_NONE}) {
+      SCOPED_TRACE(parity);
       for (const auto stopBits : {SerialPort::STOP_BITS_1, SerialPort::STOP_BITS_2}) {
+        SCOPED_TRACE(stopBits);
         port.SetCharSize(size);
         port.SetParity(parity);
         port.SetNumOfStopBits(stopBits);

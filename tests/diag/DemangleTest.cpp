@@ -93,6 +93,7 @@ TEST(Demangle, NumbersThatAreTooLargeReachBehindTheText) {
   for (const std::string number :
        {"2147483647", "2147483648", "4294967296", "4294967299", "9223372036854775807", "9223372036854775808",
         "18446744073709551616", "18446744073709551619", "99999999999999999999999999999999999999"}) {
+    SCOPED_TRACE(number);
     EXPECT_EQ(Demangle((number + "abcE").c_str()), number + "abcE");
     EXPECT_EQ(Demangle(("1a" + number + "abcE").c_str()), "1a" + number + "abcE");
   }
@@ -131,6 +132,7 @@ TEST(Demangle, MemoryThatRunsOutForASignatureIsNotLost) {
   const std::string line = "p(_Z1f" + std::string(123, 'i') + '+';
   const long long before = AllocatedBytes();
   for (int i = 0; i < kCases; ++i) {
+    SCOPED_TRACE(i);
     const LimitedAllocations limited(500);
     EXPECT_THROW(Demangle(line.c_str()), std::bad_alloc);
   }
@@ -262,6 +264,7 @@ TEST(AppendRecurionNote, AppendsTheCountWithoutASingular) {
                                                           {INT_MAX, " repeats 2147483647 times!"},
                                                           {INT_MIN, " repeats -2147483648 times!"}};
   for (const auto& [count, note] : cases) {
+    SCOPED_TRACE(count);
     std::string text;
     linuxutils::AppendRecurionNote(text, count);
     EXPECT_EQ(text, note);

@@ -160,6 +160,7 @@ TEST(ScriptedStack, TheFirstShownFrameIsNeverComparedWithASkippedOne) {
 TEST(ScriptedStack, SkippingAllFramesOrMoreLeavesTheHeader) {
   const std::vector<std::string> twenty(20, "A");
   for (const int skip : {19, 20, 21, 100, INT_MAX - 1, INT_MAX}) {
+    SCOPED_TRACE(skip);
     EXPECT_EQ(TracebackOf(twenty, skip), "\nTraceback:\n");
   }
   EXPECT_EQ(TracebackOf(twenty, 18), "\nTraceback:\nA\n");
@@ -171,6 +172,7 @@ TEST(ScriptedStack, SkippingAllFramesOrMoreLeavesTheHeader) {
 
 TEST(ScriptedStack, ANegativeSkipShowsTheTracebackItself) {
   for (const int skip : {-1, -2, INT_MIN}) {
+    SCOPED_TRACE(skip);
     EXPECT_EQ(TracebackOf({"own", "A", "B"}, skip), "\nTraceback:\nown\nA\nB\n");
   }
 }
@@ -197,6 +199,7 @@ TEST(ScriptedStack, TheLinesAreFreed) {
   const long long before = AllocatedBytes();
 
   for (int i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
     EXPECT_EQ(Listing({"A"}), "\nTraceback:\nA\n");
     EXPECT_EQ(TracebackOf({"A"}, 100), "\nTraceback:\n");
   }
@@ -308,9 +311,7 @@ TEST(RealStack, ThreadsMayAskAtTheSameTime) {
   for (JoiningThread& thread : threads) {
     thread.Join();
   }
-  for (const std::string& text : texts) {
-    EXPECT_EQ(text, texts[0]);
-  }
+  EXPECT_EQ(texts, std::vector<std::string>(texts.size(), texts[0]));
 }
 
 TEST(RealStack, IsThereWhileAnExceptionUnwindsIt) {

@@ -179,6 +179,7 @@ TEST_F(FileOpening, TheEmptyPathIsOpenedLikeAnyOther) {
 
 TEST_F(FileOpening, AFailedOpenClosesNothing) {
   for (const int error : {EACCES, EMFILE, EINTR}) {
+    SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("open", {Fails(error)}).Watch("close").Watch("fclose").Watch("fdopen");
 
@@ -200,7 +201,9 @@ TEST_F(FileOpening, InitOfACompleteObjectDoesNothing) {
     kernel.Watch(function);
   }
 
-  for (File* file : {&byPath, &byDescriptor, &byStream}) {
+  for (const auto& [origin, file] :
+       {std::pair("a path", &byPath), {"a descriptor", &byDescriptor}, {"a stream", &byStream}}) {
+    SCOPED_TRACE(origin);
     std::FILE* const stream = file->GetFileHandle();
     file->Init();
     EXPECT_EQ(file->GetFileHandle(), stream);
@@ -432,6 +435,7 @@ TEST_F(FileReleasing, WhatTheStreamStillHoldsIsWrittenBeforeTheDescriptorGoes) {
 TEST_F(FileStream, IsForReadingWhateverTheFlags) {
   const std::string path = Make("there", "abc");
   for (const int flags : {O_RDONLY, O_RDWR, O_RDWR | O_APPEND}) {
+    SCOPED_TRACE(flags);
     const File file(path, flags, 0);
     ASSERT_NE(file.GetFileHandle(), nullptr);
     EXPECT_EQ(std::fgetc(file.GetFileHandle()), 'a');
@@ -491,6 +495,7 @@ TEST_F(FileStream, OnceItHasMetTheEndReadBytesFailsWithWhateverErrnoHolds) {
   kernel.Watch("read");
 
   for (const int error : {0, ENOTTY, EINTR}) {
+    SCOPED_TRACE(ErrorName(error));
     errno = error;
     EXPECT_SYSTEM_ERROR(Read(file, 1), error, "End of file reached for '" + path + "'.");
   }
@@ -556,6 +561,7 @@ TEST_F(FileTransfer, AFailedWriteThrowsBothTextsWithoutASeparator) {
   const std::string path = Make("there", "");
   const File file(path, O_RDWR, 0);
   for (const int error : {EIO, ENOSPC, EPIPE}) {
+    SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("write", {Returns(1), Fails(error), Fails(error)});
     const std::string text =
@@ -585,6 +591,7 @@ TEST_F(FileTransfer, AWriteWithoutProgressBecomesASystemErrorWithWhateverErrnoHo
   const std::string path = Make("there", "");
   const File file(path, O_RDWR, 0);
   for (const int error : {0, ENOSPC}) {
+    SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("write", {{0, error, {}, false}});
 
@@ -620,6 +627,7 @@ TEST_F(FileTransfer, ReadingTenBytesOfFourThrowsAndTheDescriptorIsBehindThem) {
   std::string buffer(10, '.');
 
   for (const int error : {0, ENOTTY}) {
+    SCOPED_TRACE(ErrorName(error));
     ASSERT_EQ(file.Seek(0, SEEK_SET), 0);
     errno = error;
     EXPECT_SYSTEM_ERROR(file.ReadBytes(reinterpret_cast<unsigned char*>(buffer.data()), 10), error,
@@ -635,6 +643,7 @@ TEST_F(FileTransfer, AFailedReadThrowsBothTextsWithoutASeparator) {
   const std::string path = Make("there", "");
   const File file(path, O_RDWR, 0);
   for (const int error : {EIO, EISDIR, EBADF}) {
+    SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("read", {Gives("a"), Fails(error)});
 
@@ -679,6 +688,7 @@ TEST_F(FileLinks, TheTargetIsReadAsItStands) {
 
 TEST_F(FileLinks, AtMost1024BytesOfTheTargetAreRead) {
   for (const std::size_t length : {1U, 255U, 1022U, 1023U, 1024U, 1025U, 2000U}) {
+    SCOPED_TRACE(length);
     const std::string target(length, 'x');
     const std::string link = Path("to" + std::to_string(length));
     std::filesystem::create_symlink(target, link);
@@ -689,6 +699,7 @@ TEST_F(FileLinks, AtMost1024BytesOfTheTargetAreRead) {
 
 TEST_F(FileLinks, TheKernelIsAskedFor1024Bytes) {
   for (const std::size_t length : {0U, 1023U, 1024U, 1025U}) {
+    SCOPED_TRACE(length);
     ScriptedKernel kernel;
     kernel.Script("readlink", {Gives(std::string(length, 'y'))});
 
@@ -828,6 +839,7 @@ TEST_F(FileSeek, AnOffsetThatALongCannotHoldThrowsEoverflow) {
   // Cut to 32 bits, these would be the most negative number, -1 and a small one.
   std::int64_t expected = LONG_MAX;
   for (const long step : {1L, LONG_MAX, 7L}) {
+    SCOPED_TRACE(step);
     errno = ENOTTY;
     EXPECT_SYSTEM_ERROR(file.Seek(step, SEEK_CUR), EOVERFLOW, text);
     expected += step;

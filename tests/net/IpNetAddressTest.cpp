@@ -2,6 +2,7 @@
 #include <climits>
 #include <cstring>
 #include <locale>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -32,6 +33,7 @@ TEST(GetIpV4NetAddr, HasARightAnswerForEveryPrefixLength) {
       "255.255.255.252", "255.255.255.254", "255.255.255.255"};
   ASSERT_EQ(nets.size(), 33U);
   for (std::size_t length = 0; length < nets.size(); ++length) {
+    SCOPED_TRACE(length);
     EXPECT_EQ(IpNet::GetIpV4NetAddr("255.255.255.255", static_cast<int>(length)), nets[length]);
   }
 }
@@ -44,6 +46,7 @@ TEST(GetIpV4NetAddr, NegativeLengthsCountAsZero) {
 
 TEST(GetIpV4NetAddr, LengthsFrom32OnReturnTheirFirstArgumentUnchecked) {
   for (const int length : {32, 33, 40, INT_MAX}) {
+    SCOPED_TRACE(length);
     EXPECT_EQ(IpNet::GetIpV4NetAddr("192.168.1.77", length), "192.168.1.77");
     EXPECT_EQ(IpNet::GetIpV4NetAddr("no address at all", length), "no address at all");
     EXPECT_EQ(IpNet::GetIpV4NetAddr("", length), "");
@@ -58,8 +61,11 @@ TEST(GetIpV4NetAddr, ANulByteEndsTheAddressThatIsParsed) {
 
 TEST(GetIpV4NetAddr, AMalformedAddressThrowsTheTextOfWhateverErrnoHolds) {
   for (const char* const address : {"", "192.168.1", "192.168.1.256", "192.168.1.77/24", " 192.168.1.77", "fe80::1"}) {
+    SCOPED_TRACE(testing::PrintToString(address));
     for (const int error : {0, ENOENT, EINVAL}) {
+      SCOPED_TRACE(ErrorName(error));
       for (const int length : {31, 24, 0, -1, INT_MIN}) {
+        SCOPED_TRACE(length);
         const auto call = [&] {
           errno = error;
           IpNet::GetIpV4NetAddr(address, length);
@@ -88,6 +94,10 @@ struct LinkLocalCase {
   const char* address;
 };
 
+std::ostream& operator<<(std::ostream& stream, const LinkLocalCase& c) {
+  return stream << c.name;
+}
+
 const std::vector<LinkLocalCase> kLinkLocalCases = {
     {"TheUniversalBitIsSet", "00:11:22:33:44:55", "fe80::0211:22ff:fe33:4455"},
     {"ASetUniversalBitIsCleared", "02:00:00:00:00:01", "fe80::0000:00ff:fe00:0001"},
@@ -108,10 +118,13 @@ const std::vector<LinkLocalCase> kLinkLocalCases = {
     {"AnIPv4AddressIsReadAsFourBytes", "192.0.2.1", "fe80::9000:02ff:fe01:0000"},
 };
 
-TEST(GetLinkLocalAddr, FollowsItsTableOfCases) {
-  for (const LinkLocalCase& c : kLinkLocalCases) {
-    EXPECT_EQ(IpNet::GetLinkLocalAddr(c.mac), c.address) << c.name;
-  }
+class GetLinkLocalAddrTable : public testing::TestWithParam<LinkLocalCase> {};
+
+INSTANTIATE_TEST_SUITE_P(, GetLinkLocalAddrTable, testing::ValuesIn(kLinkLocalCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_P(GetLinkLocalAddrTable, Says) {
+  EXPECT_EQ(IpNet::GetLinkLocalAddr(GetParam().mac), GetParam().address);
 }
 
 TEST(GetLinkLocalAddr, HasARightAnswerForEveryValueOfEveryByte) {
@@ -126,7 +139,7 @@ TEST(GetLinkLocalAddr, HasARightAnswerForEveryValueOfEveryByte) {
       std::snprintf(shown, sizeof shown, "%02x", byte == 0 ? value ^ 2U : value);
       std::string address = "fe80::0200:00ff:fe00:0000";
       address.replace(positions[byte], 2, shown);
-      EXPECT_EQ(IpNet::GetLinkLocalAddr(mac), address);
+      EXPECT_EQ(IpNet::GetLinkLocalAddr(mac), address) << mac;
     }
   }
 }

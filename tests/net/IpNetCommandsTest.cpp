@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <map>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -438,6 +439,7 @@ TEST(SetAddr, ComposesTheExactTextForEveryCombination) {
 TEST_F(IpNetCommands, TheSameAddressAndPrefixLengthChangeNothing) {
   m_ip.Answer("addr show dev eth0", kLink + kIpV4 + kIpV6);
   for (const bool flush : {false, true}) {
+    SCOPED_TRACE(flush ? "with flush" : "without flush");
     EXPECT_FALSE(m_net.SetAddr("eth0", "192.0.2.10", 24, false, flush));
     EXPECT_FALSE(m_net.SetAddr("eth0", "2001:db8::10", 64, true, flush));
   }
@@ -460,6 +462,7 @@ TEST_F(IpNetCommands, AddressesAreComparedAsText) {
 TEST_F(IpNetCommands, PrefixLengthsAreWrittenInDecimalWhateverTheirValue) {
   for (const auto& [length, text] : std::vector<std::pair<int, std::string>>{
            {0, "0"}, {-1, "-1"}, {1000, "1000"}, {INT_MAX, "2147483647"}, {INT_MIN, "-2147483648"}}) {
+    SCOPED_TRACE(length);
     EXPECT_TRUE(m_net.SetAddr("eth0", "192.0.2.20", length, false, false));
     EXPECT_EQ(Texts().back(), "\nip -4 addr add 192.0.2.20/" + text + " brd + dev eth0");
   }
@@ -496,6 +499,7 @@ TEST_F(IpNetCommands, SpecialAddressesAreComparedLikeAnyOther) {
   m_ip.Answer("addr show dev empty", "    inet /24 inet6 ::/10 x\n");
   m_ip.Answer("addr show dev zero", "    inet 0.0.0.0/0 x\n");
   for (const bool flush : {false, true}) {
+    SCOPED_TRACE(flush ? "with flush" : "without flush");
     EXPECT_FALSE(m_net.SetAddr("empty", "", 24, false, flush));
     EXPECT_FALSE(m_net.SetAddr("empty", "::", 10, true, flush));
     EXPECT_FALSE(m_net.SetAddr("zero", "0.0.0.0", 0, false, flush));
@@ -638,6 +642,7 @@ TEST_F(IpNetCommands, TheSameGatewayThroughTheSameInterfaceChangesNothing) {
   m_ip.Answer("-4 route show", kDefaultRoute);
   m_ip.Answer("-6 route show", kDefaultRoute6);
   for (const bool flush : {false, true}) {
+    SCOPED_TRACE(flush ? "with flush" : "without flush");
     EXPECT_FALSE(m_net.SetGw("eth1", "192.0.2.1", false, flush));
     EXPECT_FALSE(m_net.SetGw("eth1", "fe80::1", true, flush));
   }
@@ -683,14 +688,15 @@ TEST_F(IpNetCommands, AFailingRouteAdditionThrowsAndTheRemovalHasRun) {
 TEST(IpNetFailures, PopenAndPcloseFailuresPassThrough) {
   OpSystem os;
   IpNet net(os);
-  const std::vector<void (*)(IpNet&)> calls = {
-      [](IpNet& n) { n.GetIfaceInfo("lo"); },
-      [](IpNet& n) { n.GetGwInfo(false); },
-      [](IpNet& n) { n.SetAddr("lo", "192.0.2.1", 24, false, false); },
-      [](IpNet& n) { n.SetGw("lo", "192.0.2.1", false, false); },
+  const std::map<std::string, void (*)(IpNet&)> calls = {
+      {"GetIfaceInfo", [](IpNet& n) { n.GetIfaceInfo("lo"); }},
+      {"GetGwInfo", [](IpNet& n) { n.GetGwInfo(false); }},
+      {"SetAddr", [](IpNet& n) { n.SetAddr("lo", "192.0.2.1", 24, false, false); }},
+      {"SetGw", [](IpNet& n) { n.SetGw("lo", "192.0.2.1", false, false); }},
   };
   const ScriptedIp ip;
-  for (const auto& call : calls) {
+  for (const auto& [name, call] : calls) {
+    SCOPED_TRACE(name);
     {
       ScriptedKernel kernel;
       kernel.Script("popen", {Fails(ENOMEM)});
@@ -709,6 +715,7 @@ TEST(IpNetFailures, TheChangesOwnPopenAndPcloseFailuresPassThrough) {
   IpNet net(os);
   const ScriptedIp ip;
   for (const bool gateway : {false, true}) {
+    SCOPED_TRACE(gateway ? "SetGw" : "SetAddr");
     const auto change = [&] {
       gateway ? net.SetGw("lo", "192.0.2.1", false, false) : net.SetAddr("lo", "192.0.2.1", 24, false, false);
     };

@@ -1,5 +1,6 @@
 #include <climits>
 #include <map>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -23,6 +24,10 @@ struct PositionCase {
   bool wholeWord;
   unsigned int position;
 };
+
+std::ostream& operator<<(std::ostream& stream, const PositionCase& c) {
+  return stream << c.name;
+}
 
 const std::vector<PositionCase> kPositionCases = {
     {"TheValueFollowsItsKey", "a b", "a", 0, false, 2},
@@ -68,10 +73,14 @@ const std::vector<PositionCase> kPositionCases = {
     {"ANulByteIsAnOrdinaryCharacter", std::string("a\0b c", 5), std::string("a\0", 2), 0, false, 4},
 };
 
-TEST(GetPosOfValue, FollowsItsTableOfCases) {
-  for (const PositionCase& c : kPositionCases) {
-    EXPECT_EQ(IpNet::GetPosOfValue(c.text, c.key, c.start, c.wholeWord), c.position) << c.name;
-  }
+class GetPosOfValueTable : public testing::TestWithParam<PositionCase> {};
+
+INSTANTIATE_TEST_SUITE_P(, GetPosOfValueTable, testing::ValuesIn(kPositionCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_P(GetPosOfValueTable, Says) {
+  const PositionCase& c = GetParam();
+  EXPECT_EQ(IpNet::GetPosOfValue(c.text, c.key, c.start, c.wholeWord), c.position);
 }
 
 TEST(GetPosOfValue, AMissHasAll32BitsSet) {
@@ -89,6 +98,10 @@ struct ValueCase {
   unsigned int position;
 };
 
+std::ostream& operator<<(std::ostream& stream, const ValueCase& c) {
+  return stream << c.name;
+}
+
 const std::vector<ValueCase> kValueCases = {
     {"AValueEndsAtABlank", "inet 192.0.2.1/24 brd", "inet", 0, true, "192.0.2.1/24", 5},
     {"AValueMayEndTheText", "inet 192.0.2.1/24", "inet", 0, true, "192.0.2.1/24", 5},
@@ -103,12 +116,16 @@ const std::vector<ValueCase> kValueCases = {
     {"OnlyBlanksLeaveTheValueAlone", "a   ", "a", 0, false, "as before", IpNet::npos},
 };
 
-TEST(GetValue, FollowsItsTableOfCases) {
-  for (const ValueCase& c : kValueCases) {
-    std::string value = "as before";
-    EXPECT_EQ(IpNet::GetValue(c.text, c.key, c.start, value, c.wholeWord), c.position) << c.name;
-    EXPECT_EQ(value, c.value) << c.name;
-  }
+class GetValueTable : public testing::TestWithParam<ValueCase> {};
+
+INSTANTIATE_TEST_SUITE_P(, GetValueTable, testing::ValuesIn(kValueCases),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_P(GetValueTable, Says) {
+  const ValueCase& c = GetParam();
+  std::string value = "as before";
+  EXPECT_EQ(IpNet::GetValue(c.text, c.key, c.start, value, c.wholeWord), c.position);
+  EXPECT_EQ(value, c.value);
 }
 
 TEST(GetValue, TextKeyAndValueMayBeTheSameString) {

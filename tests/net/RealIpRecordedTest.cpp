@@ -147,6 +147,7 @@ INSTANTIATE_TEST_SUITE_P(Of, RealIpRecorded, testing::ValuesIn(kRecordings), [](
 
 TEST(RealIpRecordedFailure, OfAnUnknownInterfaceThrowsTheToolsWords) {
   for (const char* const name : {"addr-unknown.iproute2", "addr-unknown.busybox"}) {
+    SCOPED_TRACE(name);
     const std::string output = ReadFixture(name);
     ScriptedIp ip;
     ip.Answer("addr show dev nope0", output, 1);

@@ -467,6 +467,7 @@ TEST_P(RealIpFamily, AMalformedAddressThrowsTheToolsWordsAfterTheFormerOneWasRem
 
 TEST_P(RealIpFamily, APrefixLengthOutOfRangeThrowsAfterTheFormerAddressWasRemoved) {
   for (const int prefixLength : {-1, 129}) {
+    SCOPED_TRACE(prefixLength);
     SetAddr(family.first);
 
     const std::string thrown =
@@ -569,6 +570,7 @@ TEST_P(RealIp, APointToPointAddressIsNotReplacedButFlushed) {
 
 TEST_P(RealIp, AnIpV6AddressInAnotherSpellingIsSetAnewEveryTime) {
   for (int call = 0; call < 2; ++call) {
+    SCOPED_TRACE(call);
     EXPECT_TRUE(net.SetAddr("eth0", "2001:DB8:0::10", 64, kIpV6, kNoFlush));
     EXPECT_EQ(Addresses("eth0", kIpV6), (Lines{"2001:db8::10/64"}));
   }
@@ -641,6 +643,7 @@ TEST_P(RealIp, FlushingSetsTheLinkLocalAddressWhateverWasThere) {
   Ip("addr add 2001:db8::10/64 dev eth0");
 
   for (int call = 0; call < 2; ++call) {
+    SCOPED_TRACE(call);
     EXPECT_TRUE(net.SetAddr("eth0", "::", 64, kIpV6, kFlush));
     EXPECT_EQ(Addresses("eth0", kIpV6), (Lines{"fe80::ff:fe00:1/64"}));
   }
@@ -727,6 +730,7 @@ TEST_P(RealIpGateway, ThatMovesToAnotherInterfaceIsDeletedThroughItsOldOne) {
 
 TEST_P(RealIpGateway, IsRemovedByAnEmptyTextAndByTheZeroAddress) {
   for (const std::string& none : {std::string(), noAddress}) {
+    SCOPED_TRACE(testing::PrintToString(none));
     SetGw(family.gateway);
     Commands();
 
@@ -906,6 +910,7 @@ TEST_P(RealIp, ALinkLocalGatewayNeedsNoAddressOnTheInterface) {
 
 TEST_P(RealIp, AnIpV6GatewayInAnotherSpellingIsSetAnewEveryTime) {
   for (int call = 0; call < 2; ++call) {
+    SCOPED_TRACE(call);
     EXPECT_TRUE(net.SetGw("eth0", "FE80:0::1", kIpV6, kNoFlush));
     EXPECT_EQ(DefaultRoutes(kIpV6), (Lines{"default via fe80::1 dev eth0 metric 1024"}));
   }
@@ -918,6 +923,7 @@ TEST_F(RealIpRoute2, AnIpV4RouteThroughANexthopObjectIsNeitherReplacedNorFlushed
 
   for (const auto& [flush, removal] :
        {std::pair(kNoFlush, "-4 route del default via 192.0.2.1 dev eth0"), std::pair(kFlush, "-4 route flush all")}) {
+    SCOPED_TRACE(flush ? "with flush" : "without flush");
     testing::internal::CaptureStderr();
     const std::string thrown = LogicErrorOf([&, f = flush] { net.SetGw("eth0", "192.0.2.1", kIpV4, f); });
     const std::string error = testing::internal::GetCapturedStderr();

@@ -98,6 +98,7 @@ TEST_F(ExecCmd, TheSecondArgumentChangesNothing) {
 
 TEST_F(ExecCmd, LinesAroundThePieceSizeArriveWhole) {
   for (const int length : {509, 510, 511, 512, 513, 1021, 1022, 1023, 1024, 5000}) {
+    SCOPED_TRACE(length);
     const std::string text(static_cast<std::size_t>(length), 'x');
     EXPECT_EQ(m_os.ExecCmd("echo " + text, false), text + "\n");
     EXPECT_EQ(m_os.ExecCmd("printf %s " + text, false), text);
@@ -234,6 +235,7 @@ TEST_F(ExecCmd, AnyNegativeResultOfPcloseIsAFailure) {
 
 TEST_F(ExecCmd, AnyPositiveResultOfPcloseThrowsTheOutput) {
   for (const int status : {1, 9, 256, 127 << 8}) {
+    SCOPED_TRACE(status);
     ScriptedKernel kernel;
     kernel.Script("pclose", {Returns(status)});
 
@@ -306,6 +308,7 @@ TEST_F(ExecCmd, CallsFromSeveralThreadsAreIndependent) {
     thread.Join();
   }
   for (std::size_t i = 0; i < outputs.size(); ++i) {
+    SCOPED_TRACE(i);
     EXPECT_EQ(outputs[i], m_os.ExecCmd("seq " + std::to_string(i) + " 20", false));
   }
 }

@@ -323,6 +323,7 @@ int CountDescriptors() {
 
 TEST(NoLine, APathThatDoesNotExistThrowsEnoent) {
   for (const bool termiosSupported : {false, true}) {
+    SCOPED_TRACE(termiosSupported ? "with attributes" : "without attributes");
     EXPECT_SYSTEM_ERROR(SerialPort("/nonexistent/ttyS1", termiosSupported), ENOENT,
                         "Open Serial Port '/nonexistent/ttyS1' failed?");
     EXPECT_SYSTEM_ERROR(SerialPort("", termiosSupported), ENOENT, "Open Serial Port '' failed?");

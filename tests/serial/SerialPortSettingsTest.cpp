@@ -205,6 +205,7 @@ TEST_F(Settings, InvalidArgumentsAreFoundAfterTheAttributesAreRead) {
       {kInvalidFlowControl, [&] { port.SetFlowControl(static_cast<SerialPort::FlowControl>(3)); }},
   };
   for (const auto& setter : setters) {
+    SCOPED_TRACE(setter.first);
     const auto& set = setter.second;
     m_tty.kernel.SeenNow();
     EXPECT_EXACT_THROW(set(), std::invalid_argument, setter.first);
@@ -232,7 +233,9 @@ TEST_F(CharSize, EveryOneReplacesTheOldOneAndNothingElse) {
   SerialPort port(SerialTty::kDevice, true);
   for (const auto size :
        {SerialPort::CHAR_SIZE_5, SerialPort::CHAR_SIZE_6, SerialPort::CHAR_SIZE_7, SerialPort::CHAR_SIZE_8}) {
+    SCOPED_TRACE(size);
     for (const tcflag_t before : {CS5, CS6, CS7, CS8}) {
+      SCOPED_TRACE(before);
       SetFlags(IXON | INPCK, before | PARENB | CSTOPB | CRTSCTS | SerialPort::BAUD_9600);
 
       port.SetCharSize(size);
@@ -268,6 +271,7 @@ TEST_F(CharSize, AnyOtherValueIsRememberedAsItIs) {
 TEST_F(Parity, EvenSetsParenbAndInpckAndClearsParodd) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {0, PARENB, PARODD, PARENB | PARODD}) {
+    SCOPED_TRACE(before);
     SetFlags(0, before | CS7);
     port.SetParity(SerialPort::PARITY_EVEN);
     ExpectFlags(INPCK, PARENB | CS7);
@@ -279,6 +283,7 @@ TEST_F(Parity, EvenSetsParenbAndInpckAndClearsParodd) {
 TEST_F(Parity, OddSetsParenbParoddAndInpck) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {0, PARENB, PARODD, PARENB | PARODD}) {
+    SCOPED_TRACE(before);
     SetFlags(0, before | CS7);
     port.SetParity(SerialPort::PARITY_ODD);
     ExpectFlags(INPCK, PARENB | PARODD | CS7);
@@ -290,7 +295,9 @@ TEST_F(Parity, OddSetsParenbParoddAndInpck) {
 TEST_F(Parity, NoneClearsParenbSetsIgnparAndLeavesParoddAndInpck) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t control : {0, PARODD}) {
+    SCOPED_TRACE(control);
     for (const tcflag_t input : {0, INPCK}) {
+      SCOPED_TRACE(input);
       SetFlags(input, control | PARENB | CS7);
       port.SetParity(SerialPort::PARITY_NONE);
       ExpectFlags(input | IGNPAR, control | CS7);
@@ -302,6 +309,7 @@ TEST_F(Parity, NoneClearsParenbSetsIgnparAndLeavesParoddAndInpck) {
 TEST_F(Parity, EvenAndOddLeaveIgnpar) {
   SerialPort port(SerialTty::kDevice, true);
   for (const auto parity : {SerialPort::PARITY_EVEN, SerialPort::PARITY_ODD}) {
+    SCOPED_TRACE(parity);
     SetFlags(IGNPAR, CS8);
     port.SetParity(parity);
     EXPECT_EQ(m_tty.attributes.c_iflag, kOtherInput | IGNPAR | INPCK);
@@ -319,6 +327,7 @@ TEST_F(Parity, NoneReplacesAnotherRememberedOne) {
 TEST_F(Parity, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
   SerialPort port(SerialTty::kDevice, true);
   for (const int parity : {3, -1, INT_MAX}) {
+    SCOPED_TRACE(parity);
     m_tty.written.clear();
     EXPECT_EXACT_THROW(port.SetParity(static_cast<SerialPort::Parity>(parity)), std::invalid_argument, kInvalidParity);
     EXPECT_TRUE(m_tty.written.empty());
@@ -331,6 +340,7 @@ TEST_F(Parity, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
 TEST_F(StopBits, OneClearsCstopbAndTwoSetIt) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {0, CSTOPB}) {
+    SCOPED_TRACE(before);
     SetFlags(INPCK, before | CS7 | PARENB);
     port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
     ExpectFlags(INPCK, CSTOPB | CS7 | PARENB);
@@ -349,6 +359,7 @@ TEST_F(StopBits, OneClearsCstopbAndTwoSetIt) {
 TEST_F(StopBits, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
   SerialPort port(SerialTty::kDevice, true);
   for (const int stopBits : {2, -1, INT_MAX}) {
+    SCOPED_TRACE(stopBits);
     m_tty.written.clear();
     EXPECT_EXACT_THROW(port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(stopBits)), std::invalid_argument,
                        kInvalidStopBits);
@@ -368,6 +379,7 @@ termios MadeRaw(termios attributes) {
 TEST_F(FlowControl, HardwareMakesTheLineRawAndSetsCrtscts) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {tcflag_t{0}, tcflag_t{CRTSCTS}}) {
+    SCOPED_TRACE(before);
     SetFlags(IXON | IXANY | IXOFF | ICRNL, before | CS7 | PARENB | CSTOPB | SerialPort::BAUD_9600);
     const termios raw = MadeRaw(m_tty.attributes);
 
@@ -386,6 +398,7 @@ TEST_F(FlowControl, HardwareMakesTheLineRawAndSetsCrtscts) {
 TEST_F(FlowControl, SoftwareMakesTheLineRawSetsTheThreeInputFlagsAndLeavesCrtscts) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {tcflag_t{0}, tcflag_t{CRTSCTS}}) {
+    SCOPED_TRACE(before);
     SetFlags(ICRNL, before | CS7 | PARENB);
     const termios raw = MadeRaw(m_tty.attributes);
 
@@ -409,6 +422,7 @@ TEST_F(FlowControl, SoftwareIsRememberedButNeverReported) {
 TEST_F(FlowControl, NoneMakesTheLineRawClearsCrtsctsAndLeavesIxoffAndIxany) {
   SerialPort port(SerialTty::kDevice, true);
   for (const tcflag_t before : {0, IXANY, IXOFF, IXANY | IXOFF}) {
+    SCOPED_TRACE(before);
     SetFlags(before | IXON, CRTSCTS | CS7 | PARENB);
     const termios raw = MadeRaw(m_tty.attributes);
 
@@ -438,6 +452,7 @@ TEST_F(FlowControl, ResetsTheSizeAndTheParityOfTheDeviceWhileTheRememberedOnesSt
 TEST_F(FlowControl, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
   SerialPort port(SerialTty::kDevice, true);
   for (const int flowControl : {3, -1, INT_MAX}) {
+    SCOPED_TRACE(flowControl);
     m_tty.written.clear();
     EXPECT_EXACT_THROW(port.SetFlowControl(static_cast<SerialPort::FlowControl>(flowControl)), std::invalid_argument,
                        kInvalidFlowControl);
@@ -500,6 +515,7 @@ TEST_F(ModemBits, AFailingReadOrWriteThrowsAndChangesNothing) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.modemBits = kOtherBits;
   for (const bool on : {false, true}) {
+    SCOPED_TRACE(on ? "on" : "off");
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("TIOCMGET", {Fails(EINVAL), Fails(ENOTTY)});
     EXPECT_SYSTEM_ERROR(port.SetLoopback(on), EINVAL, " SetLoopback TIOCMGET failed!");

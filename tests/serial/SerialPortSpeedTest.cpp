@@ -67,6 +67,7 @@ TEST_F(BaudRate, WhatIsNoCodeThrowsEinvalAndChangesNothing) {
 TEST_F(BaudRate, EitherDirectionThatCannotBeSetThrowsAndWritesNothing) {
   SerialPort port(SerialTty::kDevice, true);
   for (const Answer& answer : {Fails(EINVAL), Answer{-2, EINVAL, {}, false}}) {
+    SCOPED_TRACE(answer);
     const std::string speed = "(" + std::to_string(B19200) + ")";
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("cfsetispeed", {answer});
@@ -190,6 +191,7 @@ TEST_F(CustomBaudRate, LeavesNoInputSpeedOfItsOwnInTheFlags) {
 TEST_F(CustomBaudRate, EveryNumberIsHandedToTheDriver) {
   SerialPort port(SerialTty::kDevice, true);
   for (const std::uint32_t speed : {1U, 31250U, 9600U, 4000000U, 0xFFFFFFFFU}) {
+    SCOPED_TRACE(speed);
     port.SetCustomBaudRate(speed);
     EXPECT_EQ(m_tty.inputSpeed, speed);
     EXPECT_EQ(m_tty.outputSpeed, speed);
@@ -200,6 +202,7 @@ TEST_F(CustomBaudRate, EveryNumberIsHandedToTheDriver) {
 TEST_F(CustomBaudRate, ARefusalThrowsAndWhatIsRememberedStays) {
   SerialPort port(SerialTty::kDevice, true);
   for (const std::uint32_t before : {0U, 31250U}) {
+    SCOPED_TRACE(before);
     port.SetCustomBaudRate(before);
     m_tty.kernel.SeenNow();
 

@@ -124,6 +124,7 @@ TEST_F(Opening, TheAttributesAreMadeAfreshAndRaw) {
 
 TEST_F(Opening, AFailingOpenThrowsTheDevicesName) {
   for (const int error : {ENOENT, EACCES, EBUSY, EINTR}) {
+    SCOPED_TRACE(ErrorName(error));
     m_tty.kernel.Script("open", {Fails(error)});
 
     EXPECT_SYSTEM_ERROR(SerialPort(SerialTty::kDevice, true), error, kOpenFailed);
@@ -459,6 +460,7 @@ TEST_F(Closing, AttributesThatCannotBePutBackLeaveThePortOpen) {
   m_tty.kernel.SeenNow();
 
   for (const Answer& answer : {Fails(EIO), Answer{-2, EIO, {}, false}}) {
+    SCOPED_TRACE(answer);
     m_tty.kernel.Script("tcsetattr", {answer});
     EXPECT_SYSTEM_ERROR(port.Close(), EIO, kCloseFailed);
     EXPECT_EQ(m_tty.kernel.SeenNow(), First(3, kClosing));
@@ -601,6 +603,7 @@ TEST_F(Attributes, AnyNegativeResultOfReadingThrows) {
   SerialPort port(SerialTty::kDevice, true);
   termios settings{};
   for (const Answer& answer : {Fails(EIO), Answer{-2, EIO, {}, false}}) {
+    SCOPED_TRACE(answer);
     m_tty.kernel.Script("tcgetattr", {answer});
     EXPECT_SYSTEM_ERROR(port.GetTheCurrentPortSettings(settings), EIO, kGetFailed);
   }
@@ -609,6 +612,7 @@ TEST_F(Attributes, AnyNegativeResultOfReadingThrows) {
 TEST_F(Attributes, AnyNegativeResultOfWritingThrowsWithTheContextRightBehind) {
   SerialPort port(SerialTty::kDevice, true);
   for (const Answer& answer : {Fails(EINVAL), Answer{-2, EINVAL, {}, false}}) {
+    SCOPED_TRACE(answer);
     m_tty.kernel.Script("tcsetattr", {answer, answer});
     EXPECT_SYSTEM_ERROR(port.SetPortSettings({}, "This is the context."), EINVAL,
                         std::string(kSetFailed) + "This is the context.");
@@ -652,6 +656,7 @@ TEST_F(DriverSide, ADriverThatLeavesTheNumberAloneHoldsNothing) {
 TEST_F(DriverSide, CountingFailsWithTheMessageThatIsShared) {
   SerialPort port(SerialTty::kDevice, true);
   for (const Answer& answer : {Fails(EIO), Answer{-2, EIO, {}, false}}) {
+    SCOPED_TRACE(answer);
     m_tty.kernel.Script("FIONREAD", {answer, answer});
     EXPECT_SYSTEM_ERROR(port.AvailableBytesToRead(), EIO, kFionreadFailed);
     EXPECT_SYSTEM_ERROR(port.ReadAllAvailableData(), EIO, kFionreadFailed);
@@ -683,6 +688,7 @@ TEST_F(DriverSide, ACountThatIsNotPositiveReadsNothing) {
 
 TEST_F(DriverSide, AReadThatFailsOrIsEmptyEndsItSilentlyAndTheBytesBeforeStay) {
   for (const Answer& end : {Fails(EIO), Fails(EINTR), Fails(EAGAIN), Returns(0), Answer{-2, EIO, {}, false}}) {
+    SCOPED_TRACE(end);
     SerialPort port(SerialTty::kDevice, true);
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("FIONREAD", {Fills(5)}).Script("read", {Gives("x"), Gives("y"), end});
@@ -726,6 +732,7 @@ TEST_F(DriverSide, AnyNegativeResultOfAFlushThrowsItsMessage) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.SeenNow();
   for (const Answer& answer : {Fails(EIO), Answer{-2, EIO, {}, false}}) {
+    SCOPED_TRACE(answer);
     m_tty.kernel.Script("tcflush", {answer, answer, answer});
     EXPECT_SYSTEM_ERROR(port.FlushInput(), EIO, "SerialPort::FlushInput: tcflush() failed!");
     EXPECT_SYSTEM_ERROR(port.FlushOutput(), EIO, "SerialPort::FlushOutput: tcflush() failed!");

@@ -112,6 +112,7 @@ TEST_F(Writing, TriesHaveNoLimit) {
 TEST_F(Writing, AnyOtherErrorThrowsAtOnceWithTwoColonsAndWhatWasWrittenStays) {
   SerialPort port(SerialTty::kDevice, true);
   for (const int error : {EIO, ENOSPC, EBADF, EPIPE, EINVAL}) {
+    SCOPED_TRACE(ErrorName(error));
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("write", {Returns(2), Fails(error)});
 
@@ -128,6 +129,7 @@ TEST_F(Writing, ZeroBytesWrittenThrowWithTheCurrentErrno) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.SeenNow();
   for (const int current : {0, EXDEV, EINTR, EAGAIN}) {
+    SCOPED_TRACE(ErrorName(current));
     m_tty.kernel.Script("write", {Returns(2), Answer{0, current, {}, false}});
 
     EXPECT_SYSTEM_ERROR(port.Write("abcd", 4), current, kWriteStuck);
@@ -233,6 +235,7 @@ TEST_F(Reading, EintrAndEagainAtEveryPositionRepeatTheSameCall) {
 TEST_F(Reading, AnyOtherErrorThrowsAtOnceWithTwoColonsAndWhatWasReadStays) {
   SerialPort port(SerialTty::kDevice, true);
   for (const int error : {EIO, EBADF, EFAULT, EINVAL}) {
+    SCOPED_TRACE(ErrorName(error));
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("read", {Gives("ab"), Fails(error)});
     std::string buffer = "....";
@@ -249,6 +252,7 @@ TEST_F(Reading, AnyOtherErrorThrowsAtOnceWithTwoColonsAndWhatWasReadStays) {
 TEST_F(Reading, TheEndOfFileThrowsWithTheCurrentErrnoAndWhatWasReadStays) {
   SerialPort port(SerialTty::kDevice, true);
   for (const int current : {0, EXDEV, EINTR, EAGAIN}) {
+    SCOPED_TRACE(ErrorName(current));
     m_tty.kernel.Script("read", {Gives("abc"), Answer{0, current, {}, false}, Answer{0, current, {}, false}});
     std::string buffer = ".....";
 
@@ -274,6 +278,7 @@ TEST_F(Reading, ANegativeResultOtherThanMinusOneStepsBack) {
 TEST_F(Reading, OneByteIsReadInOneCallAndEveryValueArrives) {
   SerialPort port(SerialTty::kDevice, true);
   for (int value = 0; value < 256; ++value) {
+    SCOPED_TRACE(value);
     m_tty.kernel.SeenNow();
     m_tty.received = std::string(1, static_cast<char>(value)) + "z";
 
@@ -348,6 +353,7 @@ TEST_F(Waiting, AnyNegativeResultThrowsAndEintrIsNotRepeated) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.SeenNow();
   for (const Answer& answer : {Fails(EINTR), Fails(EAGAIN), Fails(ENOMEM), Answer{-2, EIO, {}, false}}) {
+    SCOPED_TRACE(answer);
     m_tty.kernel.Script("poll", {answer});
     EXPECT_SYSTEM_ERROR(port.IsDataReceived(100), answer.error, kPollFailed);
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"poll(70, POLLIN, 100)"});

@@ -27,6 +27,7 @@ Calls CallsOfSetting(int code) {
 
 TEST(SpeedCodes, GoToALibraryThatTakesCodesAsTheyAre) {
   for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
+    SCOPED_TRACE(speed.code);
     const std::string argument = "(" + std::to_string(speed.code) + ")";
     EXPECT_EQ(CallsOfSetting<false>(speed.code), (Calls{"cfsetispeed" + argument, "cfsetospeed" + argument}));
   }
@@ -34,6 +35,7 @@ TEST(SpeedCodes, GoToALibraryThatTakesCodesAsTheyAre) {
 
 TEST(SpeedCodes, GoToALibraryThatTakesRatesAsBitsPerSecond) {
   for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
+    SCOPED_TRACE(speed.code);
     const std::string argument = "(" + std::to_string(speed.bitsPerSecond) + ")";
     EXPECT_EQ(CallsOfSetting<true>(speed.code), (Calls{"cfsetispeed" + argument, "cfsetospeed" + argument}));
   }
@@ -41,6 +43,7 @@ TEST(SpeedCodes, GoToALibraryThatTakesRatesAsBitsPerSecond) {
 
 TEST(SpeedCodes, WhatIsNoCodeDoesNotGetToALibraryThatTakesRates) {
   for (const int code : {16, 4096, 4110, 9600, 115200, -1, INT_MIN, INT_MAX}) {
+    SCOPED_TRACE(code);
     ScriptedKernel kernel;
     kernel.Watch("cfsetispeed").Watch("cfsetospeed");
     termios settings{};
@@ -81,12 +84,14 @@ TEST(SpeedCodes, AFailingInputOrOutputSpeedIsTheResult) {
 
 TEST(SpeedCodes, ComeFromALibraryThatGivesCodesAsTheyAre) {
   for (const unsigned int given : {0U, 13U, 4096U, 4098U, 4110U, 9600U}) {
+    SCOPED_TRACE(given);
     EXPECT_EQ(boardkit::speedcodes::ToCode<false>(given), static_cast<int>(given));
   }
 }
 
 TEST(SpeedCodes, ComeFromALibraryThatGivesRatesByTheirNumber) {
   for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
+    SCOPED_TRACE(speed.code);
     EXPECT_EQ(boardkit::speedcodes::ToCode<true>(speed.bitsPerSecond), speed.code);
   }
 }
@@ -101,6 +106,7 @@ TEST(SpeedCodes, TheWayOfThisLibraryIsThatOfItsHeader) {
   EXPECT_EQ(boardkit::speedcodes::kSpeedsAreRates, B9600 != 13);
   termios settings{};
   for (const boardkit::speedcodes::Speed& speed : boardkit::speedcodes::kSpeeds) {
+    SCOPED_TRACE(speed.code);
     ASSERT_EQ(boardkit::speedcodes::SetSpeeds(settings, speed.code), 0);
     EXPECT_EQ(boardkit::speedcodes::ToCode(::cfgetispeed(&settings)), speed.code);
     EXPECT_EQ(boardkit::speedcodes::ToCode(::cfgetospeed(&settings)), speed.code);

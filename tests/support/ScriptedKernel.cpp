@@ -24,6 +24,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ExpectThrow.h"
 #include "SerialExtended.h"
 
 namespace {
@@ -102,6 +103,17 @@ Answer Gives(const std::string& bytes) {
 
 Answer Real() {
   return {0, 0, {}, true};
+}
+
+std::ostream& operator<<(std::ostream& stream, const Answer& answer) {
+  if (answer.real) {
+    return stream << "the C library's own answer";
+  }
+  if (!answer.bytes.empty()) {
+    return stream << "gives " << testing::PrintToString(answer.bytes);
+  }
+  stream << "returns " << answer.result;
+  return answer.error == 0 ? stream : stream << " with " << ErrorName(answer.error);
 }
 
 ScriptedKernel::ScriptedKernel() : m_outer(activeKernel) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <ostream>
 #include <queue>
 #include <string>
 #include <vector>
@@ -15,6 +16,9 @@ struct Answer {
   std::string bytes;  ///< what a read hands over, or what a call fills its structure with
   bool real = false;  ///< not scripted: the C library's own answer
 };
+
+/// "returns -2 with EIO", or what it gives.
+std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
 /// What a call tells the kernel.
 struct Question {

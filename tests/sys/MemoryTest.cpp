@@ -185,6 +185,7 @@ TEST_F(PhysicalMemory, NothingIsKeptBetweenTheCalls) {
 
 TEST_F(PhysicalMemory, ADeviceThatCannotBeOpenedThrowsTheSameTextForReadingAndWriting) {
   for (const int error : {EACCES, EPERM, ENOENT, EMFILE}) {
+    SCOPED_TRACE(ErrorName(error));
     m_kernel.Script("open", {Fails(error), Fails(error)});
 
     EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, kOpenError);
@@ -196,6 +197,7 @@ TEST_F(PhysicalMemory, ADeviceThatCannotBeOpenedThrowsTheSameTextForReadingAndWr
 
 TEST_F(PhysicalMemory, AMappingThatIsRefusedThrowsAndClosesTheDevice) {
   for (const int error : {EPERM, EINVAL, ENOMEM}) {
+    SCOPED_TRACE(ErrorName(error));
     m_kernel.Script("mmap", {Fails(error), Fails(error)});
 
     EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), error, kMapError);
@@ -431,6 +433,7 @@ TEST_F(DlsymE, TheEmptyNameIsMissingLikeAnyOther) {
 
 TEST_F(DlsymE, ASymbolWhoseValueIsNullThrowsASystemErrorThatMeansNothing) {
   for (const int error : {0, ENOTTY}) {
+    SCOPED_TRACE(ErrorName(error));
     errno = error;
     EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), error, "Cannot find symbol \"boardkit_test_null\".");
   }

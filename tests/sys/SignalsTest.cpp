@@ -60,6 +60,7 @@ class Signals : public testing::Test {
   Signals() {
     EXPECT_EQ(::pthread_sigmask(SIG_SETMASK, nullptr, &m_mask), 0);
     for (const int signal : kUsed) {
+      SCOPED_TRACE(signal);
       struct sigaction action {};
       EXPECT_EQ(::sigaction(signal, nullptr, &action), 0);
       m_actions.emplace_back(signal, action);
@@ -73,6 +74,7 @@ class Signals : public testing::Test {
     }
     EXPECT_EQ(::pthread_sigmask(SIG_SETMASK, &m_mask, nullptr), 0);
     for (const auto& [signal, action] : m_actions) {
+      SCOPED_TRACE(signal);
       EXPECT_EQ(::sigaction(signal, &action, nullptr), 0);
     }
   }
@@ -303,6 +305,7 @@ TEST_F(DeactivatingASignal, OneIsBlockedAfterTheOtherAndNoneBesides) {
   const std::set<int> before = Blocked();
   std::set<int> expected = before;
   for (const int signal : {SIGUSR1, SIGHUP, SIGUSR1, SIGTERM}) {
+    SCOPED_TRACE(signal);
     DeactivateSignalP(signal);
     expected.insert(signal);
     EXPECT_EQ(Blocked(), expected);
@@ -386,6 +389,7 @@ TEST(GetProcSchedPolicyName, FourPoliciesHaveNamesAndAllOthersNone) {
 
 TEST(GetProcSchedPolicyName, TheTextIsTheSameEveryTime) {
   for (int policy = -1; policy <= 4; ++policy) {
+    SCOPED_TRACE(policy);
     EXPECT_EQ(static_cast<const void*>(GetProcSchedPolicyName(policy)), GetProcSchedPolicyName(policy));
   }
   static_assert(std::is_same_v<decltype(GetProcSchedPolicyName(0)), const char*>);

@@ -172,6 +172,7 @@ TEST(WriteLoop, EintrAndEagainAtEveryPositionRepeatTheSameCall) {
 
 TEST(WriteLoop, AnyOtherErrorThrowsWithItsNumberAtOnce) {
   for (const int error : OtherErrors()) {
+    SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("write", {Returns(2), Fails(error)});
 
@@ -313,6 +314,7 @@ TEST(ReadLoop, EintrAndEagainAtEveryPositionRepeatTheSameCall) {
 
 TEST(ReadLoop, AnyOtherErrorThrowsWithItsNumberAndKeepsWhatWasRead) {
   for (const int error : OtherErrors()) {
+    SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("read", {Gives("ab"), Fails(error)});
     std::string buffer = "....";
@@ -438,6 +440,7 @@ TEST(DebugSleep, SplitsTheTimeIntoSecondsAndNanoseconds) {
       {INT_MIN, "nanosleep(-2147483 s, -648000000 ns)"},
   };
   for (const auto& [milliseconds, call] : cases) {
+    SCOPED_TRACE(milliseconds);
     ScriptedKernel kernel;
     kernel.Script("nanosleep", {Returns(0)});
 
@@ -473,6 +476,7 @@ TEST(DebugSleep, EagainIsAnErrorLikeAnyOther) {
 
 TEST(DebugSleep, NegativeTimesThrowEinvalFromTheRealKernel) {
   for (const int milliseconds : {-1, -999, -1000, -1500, INT_MIN}) {
+    SCOPED_TRACE(milliseconds);
     EXPECT_SYSTEM_ERROR(DebugSleep(milliseconds), EINVAL, kSleepError);
   }
   EXPECT_EXACT_THROW(DebugSleep(-1), std::system_error, "Error sleeping: : Invalid argument");

@@ -101,6 +101,7 @@ TEST_F(WatchDogTest, ThePathIsACopy) {
 
 TEST_F(WatchDogTest, AFailedOpenLeavesItInactiveWithoutADescriptor) {
   for (const int error : {EBUSY, ENOENT, EACCES, EINTR}) {
+    SCOPED_TRACE(ErrorName(error));
     WatchDog dog(30, kDevice);
     m_kernel.Script("open", {Fails(error)});
 
@@ -136,6 +137,7 @@ TEST_F(WatchDogTest, ARefusedIntervalLeavesTheDeviceOpenAndTheObjectInactive) {
 
 TEST_F(WatchDogTest, IntervalsBelowOneAreAcceptedByTheConstructorAndRefusedBehindTheOpen) {
   for (const int interval : {0, -1, INT_MIN}) {
+    SCOPED_TRACE(interval);
     WatchDog dog(interval, kDevice);
 
     EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, kTooShort);
@@ -214,6 +216,7 @@ TEST_F(WatchDogTest, AFailedFeedReportsTheTextOfAFailedCloseAndLeavesItActive) {
   WatchDog dog(30, kDevice);
   dog.Activate();
   for (const int error : {EIO, ENODEV, EINTR}) {
+    SCOPED_TRACE(ErrorName(error));
     m_kernel.Script("WDIOC_KEEPALIVE", {Fails(error)});
     EXPECT_SYSTEM_ERROR(dog.Feed(), error, kCloseError);
   }
@@ -232,6 +235,7 @@ TEST_F(WatchDogTest, SetIntervalHandsTheSecondsOver) {
   dog.Activate();
   m_kernel.SeenNow();
   for (const int seconds : {1, 2, 45, INT_MAX}) {
+    SCOPED_TRACE(seconds);
     dog.SetInterval(seconds);
     EXPECT_EQ(m_kernel.SeenNow(), Calls{"WDIOC_SETTIMEOUT(70, " + std::to_string(seconds) + ")"});
   }
@@ -255,6 +259,7 @@ TEST_F(WatchDogTest, WhatTheDriverWritesBackIsForgotten) {
 TEST_F(WatchDogTest, IntervalsBelowOneThrowAndChangeNothing) {
   WatchDog dog(30, kDevice);
   for (const int seconds : {0, -1, -5, INT_MIN}) {
+    SCOPED_TRACE(seconds);
     EXPECT_EXACT_THROW(dog.SetInterval(seconds), std::logic_error, kTooShort);
   }
   EXPECT_EQ(m_kernel.SeenNow(), Calls{});
@@ -270,6 +275,7 @@ TEST_F(WatchDogTest, ARefusedIntervalIsRememberedForTheNextActivation) {
   WatchDog dog(10, kDevice);
   dog.Activate();
   for (const int result : {-1, 1}) {
+    SCOPED_TRACE(result);
     m_kernel.Script("WDIOC_SETTIMEOUT", {{result, EINVAL, {}, false}});
     EXPECT_EXACT_THROW(dog.SetInterval(30 + result), std::logic_error, kNotSet);
   }
@@ -297,6 +303,7 @@ TEST_F(WatchDogTest, AnInactiveObjectAsksOnMinusOneAndRemembersAllTheSame) {
 TEST_F(WatchDogTest, GetIntervalIsWhatTheDriverSays) {
   const WatchDog dog(30, kDevice);
   for (const int seconds : {0, 1, 59, -7, INT_MAX}) {
+    SCOPED_TRACE(seconds);
     m_kernel.Script("WDIOC_GETTIMEOUT", {Fills(seconds)});
     EXPECT_EQ(dog.GetInterval(), seconds);
   }
@@ -305,6 +312,7 @@ TEST_F(WatchDogTest, GetIntervalIsWhatTheDriverSays) {
 TEST_F(WatchDogTest, AnyOtherResultThanZeroIsNoInterval) {
   const WatchDog dog(30, kDevice);
   for (const int result : {-1, 1, -2, INT_MAX}) {
+    SCOPED_TRACE(result);
     m_kernel.Script("WDIOC_GETTIMEOUT", {{result, EIO, BytesOf(60), false}});
     EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
   }
@@ -353,6 +361,7 @@ TEST_F(WatchDogTest, AFailedWriteLeavesTheDeviceOpenAndTheObjectActive) {
   m_kernel.Script("write", {Fails(EIO), Fails(EINTR), Fails(EAGAIN)});
 
   for (const int error : {EIO, EINTR, EAGAIN}) {
+    SCOPED_TRACE(ErrorName(error));
     EXPECT_SYSTEM_ERROR(dog.Deactivate(), error, kWriteError);
     EXPECT_EQ(m_kernel.SeenNow(), (Calls{"write(70, \"V\")"}));
   }
@@ -408,6 +417,7 @@ TEST_F(WatchDogTest, DestroyingAnInactiveObjectDoesNothing) {
 
 TEST(WatchDogDeathTest, AFailureInTheDestructorEndsTheProcess) {
   for (const bool atClose : {false, true}) {
+    SCOPED_TRACE(atClose ? "at the close" : "at the write");
     // Only the dying process has a script: the test's own calls go on.
     const auto destroy = [&] {
       ScriptedKernel kernel;
@@ -559,6 +569,7 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
   auto dog = std::make_unique<WatchDog>(interval, kDevice);
 
   for (int step = 0; step < kSteps; ++step) {
+    SCOPED_TRACE("step " + std::to_string(step));
     // One of the two questions that an operation may put fails, or none.
     const auto failing = static_cast<int>(engine() % 4);
     device.failing.clear();
@@ -682,9 +693,9 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
         break;
     }
     transitions.insert(transition);
-    ASSERT_EQ(device.kernel.SeenNow(), expected) << "step " << step << ", " << transition;
+    ASSERT_EQ(device.kernel.SeenNow(), expected) << transition;
     if (HasFailure()) {
-      FAIL() << "step " << step << ", " << transition;
+      FAIL() << transition;
     }
   }
   // A failure in the destructor would end the process.
