@@ -6,6 +6,7 @@ class Program;
 // Each adds its verbs to the command line; Program.h tells how a group is added.
 void AddSerial(Program& program);
 void AddMemory(Program& program);
+void AddWatchdog(Program& program);
 void AddRun(Program& program);
 void AddExplain(Program& program);
 void AddCompletion(Program& program);

@@ -21,7 +21,7 @@ constexpr int kNone = -1;
 
 std::atomic<int> caught{0};
 std::atomic<int> discarded{kNone};  // the descriptor of the tty
-std::atomic<bool> isHandedOn{false};
+std::atomic<int> handedTo{kNone};   // a process; 0 for all descendants
 int wake[2] = {kNone, kNone};
 
 /// Appends @p number in decimal digits, and a NUL; with what a signal handler may call.
@@ -74,7 +74,7 @@ void SignalDescendants(int process, int number, int depth) {
   ::close(fd);
 }
 
-void Note(int number, siginfo_t* /*information*/, void* /*context*/) {
+void Note(int number, siginfo_t* information, void* /*context*/) {
   const int error = errno;
   int none = 0;
   caught.compare_exchange_strong(none, number);
@@ -84,7 +84,11 @@ void Note(int number, siginfo_t* /*information*/, void* /*context*/) {
   if (const int fd = discarded; fd != kNone) {
     ::tcflush(fd, TCOFLUSH);
   }
-  if (isHandedOn) {
+  const int process = handedTo;
+  const bool isFromTerminal = information->si_code == SI_KERNEL;
+  if (process > 0 && !isFromTerminal) {
+    ::kill(process, number);
+  } else if (process == 0 && !isFromTerminal) {
     SignalDescendants(::getpid(), number, 0);
   }
   errno = error;
@@ -141,12 +145,12 @@ DiscardsOutput::~DiscardsOutput() {
   discarded = kNone;
 }
 
-HandsOn::HandsOn() {
-  isHandedOn = true;
+HandsOn::HandsOn(int process) {
+  handedTo = process;
 }
 
 HandsOn::~HandsOn() {
-  isHandedOn = false;
+  handedTo = kNone;
 }
 
 }  // namespace signals

@@ -26,10 +26,11 @@ class DiscardsOutput {
   DiscardsOutput& operator=(const DiscardsOutput&) = delete;
 };
 
-/// While it lives, a signal is also handed on to the commands that this process has started, and those that they have.
+/// While it lives, a signal is also handed on to the commands that this process has started, and those that they have;
+/// or to one process alone. What the terminal sends it sends to them, too: that is not handed on.
 class HandsOn {
  public:
-  HandsOn();
+  explicit HandsOn(int process = 0);
   ~HandsOn();
   HandsOn(const HandsOn&) = delete;
   HandsOn& operator=(const HandsOn&) = delete;

@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   Program program;
   AddSerial(program);
   AddMemory(program);
+  AddWatchdog(program);
   AddRun(program);
   AddExplain(program);
   AddCompletion(program);

@@ -1,0 +1,191 @@
+#!/usr/bin/env python3
+"""The watchdog: show, feed, run."""
+import os
+import pathlib
+import signal
+
+from ctl import BOARDCTL, ctl, finish, main, shell, TestCase
+
+DEVICE = "/dev/watchdog"
+RESET = 86  # boardsim's status when the watchdog has reset the board
+
+
+class Watchdog(TestCase):
+    def run_under_it(self, *arguments, **keywords):
+        return self.on_board("watchdog", "run", DEVICE, *arguments, log="log", **keywords)
+
+    def events(self):
+        """What the watchdog has seen, without the feedings."""
+        lines = [line.split(" ", 2)[1:] for line in pathlib.Path("log").read_text().splitlines()]
+        return [event for device, event in lines if device == DEVICE and event != "feed"]
+
+    def test_ShowTellsWhoHasItOpenAndOpensNothing(self):
+        script = f"{shell('--json', 'watchdog', 'show', DEVICE)}; {shell('watchdog', 'show', DEVICE)}"
+        result = self.board("sh", "-c", script, log="log")
+        self.assertEqual(self.events(), [])
+        self.assertEqual(result.status, 0)
+        first, *text = result.out.splitlines()
+        self.assertEqual(first, '{"schema":1,"kind":"watchdog","device":"/dev/watchdog","identity":null,"state":null,'
+                                '"timeout_s":null,"time_left_s":null,"min_timeout_s":null,"max_timeout_s":null,'
+                                '"nowayout":null,"reset_the_board":null,"held_by":[]}')
+        self.assertEqual(text[0], DEVICE)
+        self.assertIn("  open by    nobody", text)
+        self.assertIn("not told without opening it", result.err)
+
+    def test_ADeviceInUseIsToldWithWhoHasItAndNothingIsArmed(self):
+        script = (f"{shell('watchdog', 'feed', DEVICE)} 2> fed & "
+                  "until grep -q 'is armed' fed; do sleep 0.02; done; "
+                  f"{shell('--json', 'watchdog', 'show', DEVICE)} 2>/dev/null; "
+                  f"{shell('watchdog', 'run', DEVICE, '--', 'touch', 'ran')}; echo $?; kill -TERM $!; wait $!; echo $?")
+        result = self.board("sh", "-c", script, log="log")
+        self.assertRegex(result.out, r'"held_by":\[\{"pid":\d+,"name":"boardctl"\}\]\}\n1\n143\n$')
+        self.assertRegex(result.err, r"boardctl: /dev/watchdog is in use, by boardctl \(\d+\)\. Nothing was armed\.\n"
+                                     r"boardctl: watchdog run:  Could not open watchdog device!: Device or resource busy\n"
+                                     r"  cause    EBUSY: ")
+        self.assertFalse(os.path.exists("ran"))
+        self.assertEqual(self.events(), ["open", "timeout 30", "open refused: busy", "write magic", "close: stopped"])
+
+    def test_WhatIsNoWatchdogIsNotOpened(self):
+        for device, words in [("/dev/null", "/dev/null is no watchdog\n"),
+                              ("/etc/passwd", "/etc/passwd is no watchdog\n"),
+                              ("/dev/nope", " Could not open watchdog device!: No such file or directory\n  cause")]:
+            for verb in ["show"], ["feed"], ["run"]:
+                with self.subTest(device=device, verb=verb):
+                    result = ctl("watchdog", *verb, device, *(["--", "true"] if verb == ["run"] else []))
+                    self.assertEqual((result.status, result.out), (1, ""))
+                    self.assertTrue(result.err.startswith(f"boardctl: watchdog {verb[0]}: {words}"), result.err)
+
+    def test_FedUntilASignalItIsDisarmedAndSaysSo(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            # Longer than the time-out: it was fed.
+            script = f"set -m; {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & sleep 1.5; kill -{number:d} $!; wait $!"
+            result = self.board("bash", "-c", script, log="log")
+            self.assertEqual((result.status, result.out), (128 + number, ""))
+            self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
+                "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 1 s; it is fed each 0.3 s.",
+                "boardctl: /dev/watchdog is disarmed."])
+            self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
+
+    def test_TheTerminalsStopKeyDoesNotStopTheFeeding(self):
+        script = (f"set -m; {shell('--quiet', 'watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & sleep 0.5; "
+                  "for i in TSTP TTIN TTOU; do kill -$i $!; done; sleep 1.5; kill -INT $!; wait $!")
+        result = self.board("bash", "-c", script, log="log")
+        self.assertEqual((result.status, result.out, pathlib.Path("said").read_text()), (130, "", ""))
+
+    def test_ASignalRightAtTheStartLeavesNothingArmed(self):
+        # At every stage between the start and the first feeding.
+        for delay in range(0, 40, 4):
+            script = (f"{shell('watchdog', 'run', DEVICE, '--', 'sleep', '60')} & "
+                      f"{'sleep 0.0%02d' % delay if delay else ':'}; kill -TERM $!; wait $!; echo $?")
+            result = self.board("bash", "-c", script, log="log")
+            self.assertEqual((result.status, result.out), (0, "143\n"), result.err)
+            self.assertIn(self.events(), ([], ["open", "timeout 30", "write magic", "close: stopped"]))
+
+    def test_ACommandThatEndsWellIsFedWhileItLivesThenItIsDisarmed(self):
+        result = self.run_under_it("--interval", "1", "--", "sh", "-c", "sleep 1.5; echo it ran")
+        self.assertEqual((result.status, result.out), (0, "it ran\n"))
+        self.assertEqual(result.err.splitlines()[-1], "boardctl: /dev/watchdog is disarmed.")
+        self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
+
+    def test_ACommandThatFailsLeavesTheBoardToItsReset(self):
+        for command, how in [("exit 3", "ended with status 3"), ("kill -9 $$", "was ended by signal 9")]:
+            script = f"{shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', command)}; echo $?; sleep 9"
+            result = self.board("sh", "-c", script, log="log")
+            self.assertEqual((result.status, result.out), (RESET, "1\n"))
+            self.assertIn(f"boardctl: the command {how}: no more feeding, THE BOARD RESETS within 1 s.\n", result.err)
+            self.assertEqual(self.events()[:3], ["open", "timeout 1", "close: not stopped"])
+
+    def test_ACommandThatCannotBeStartedLeavesNothingArmed(self):
+        result = self.run_under_it("--", "./nope")
+        self.assertEqual(result.status, 1)
+        self.assertEqual(result.err.splitlines()[1:], [
+            "boardctl: /dev/watchdog is disarmed.",
+            "boardctl: watchdog run: './nope' can't be started: No such file or directory"])
+        self.assertEqual(self.events(), ["open", "timeout 30", "write magic", "close: stopped"])
+
+    def test_TheCommandGetsItsWordsAndNoDescriptorAboveTwo(self):
+        code = "import os, sys; print(sys.argv[1:], [fd for fd in range(3, 256) if os.path.exists(f'/proc/self/fd/{fd}')])"
+        words = ["a b", "$(touch x)", "--interval", "--", ""]
+        result = self.board("bash", "-c", f"exec 7</dev/null; exec {shell('watchdog', 'run', DEVICE, '--', 'python3', '-c', code, *words)}")
+        self.assertEqual((result.status, result.out), (0, f"{words} []\n"), result.err)
+        self.assertFalse(os.path.exists("x"))
+
+    def test_AChildThatOutlivesTheCommandDoesNotKeepItCounting(self):
+        script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', 'sleep 3 > quiet 2>&1 &')}; sleep 2")
+        result = self.board("sh", "-c", script, log="log")
+        self.assertEqual(result.status, 0, result.err)
+        self.assertEqual(self.events()[-1], "close: stopped")
+
+    def test_ASignalIsHandedOnAndItIsFedUntilTheCommandHasEnded(self):
+        command = "trap 'sleep 1.5; echo tidy; exit 5' INT TERM; echo $$ > pid; while :; do sleep 0.1; done"
+        for number in (signal.SIGINT, signal.SIGTERM):
+            script = (f"set -m; {shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', command)} & "
+                      f"until test -s pid; do sleep 0.02; done; kill -{number:d} $!; wait $!")
+            result = self.board("bash", "-c", script, log="log")
+            self.assertEqual((result.status, result.out), (128 + number, "tidy\n"), result.err)
+            self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
+            os.remove("pid")
+
+    def test_ItIsFedOnlyWhileTheCheckSucceeds(self):
+        check = "test -e well"
+        result = self.board("sh", "-c", f"touch well; (sleep 2.5; rm well) & {shell('watchdog', 'run', DEVICE, '--interval', '2', '--check', check, '--', 'sleep', '60')}; sleep 60",
+                            log="log")
+        self.assertEqual(result.status, RESET)
+        self.assertRegex(result.err, r"\nboardctl: --check ended with status 1; the command \(process \d+\) is left running: "
+                                     r"no more feeding, THE BOARD RESETS within 2 s\.\n")
+        self.assertIn(" feed\n", pathlib.Path("log").read_text())
+
+    def test_ACheckThatHangsIsEndedWithAllItStartedAndFailed(self):
+        script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '1', '--check', 'echo $$ > checking; sleep 60; true', '--', 'sleep', '60')}; "
+                  "test -d /proc/$(cat checking) || echo it is gone; sleep 60")
+        result = self.board("sh", "-c", script, log="log")
+        self.assertEqual((result.status, result.out), (RESET, "it is gone\n"))
+        self.assertIn("boardctl: --check did not end within 0.3 s, a third of the time-out; the command", result.err)
+
+    def test_ItIsFedOnlyWhileTheFileIsTouched(self):
+        arguments = ["watchdog", "run", DEVICE, "--interval", "1", "--alive", "alive", "--", "sleep", "60"]
+        result = self.on_board(*arguments, log="log")
+        self.assertEqual(result.status, RESET)
+        self.assertRegex(result.err, r"\nboardctl: --alive: alive was not touched for 1 s; the command \(process \d+\) is left running")
+        script = f"(while :; do touch alive; sleep 0.1; done) & {shell(*arguments[:-2], 'sleep', '2.5')}"
+        result = self.board("sh", "-c", script, log="log")
+        self.assertEqual(result.status, 0, result.err)
+
+    def test_AnIntervalThatTheDriverRefusesIsToldWithTheWayOut(self):
+        for verb in ["feed"], ["run"]:
+            script = f"{shell('watchdog', *verb, DEVICE, '--interval', '65536', *(['--', 'touch', 'ran'] if verb == ['run'] else []))}; echo $?"
+            # The way out that it names works.
+            script += f"; timeout -s INT 1 {shell('watchdog', 'feed', DEVICE)}"
+            result = self.board("sh", "-c", script, log="log")
+            self.assertEqual((result.status, result.out), (124, "1\n"), result.err)
+            self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened for asking: it counts with its old "
+                          "time-out, and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
+                          result.err)
+            self.assertIn(": Could not set watchdog interval\n  cause    The driver refuses the value", result.err)
+            self.assertFalse(os.path.exists("ran"))
+            self.assertEqual(self.events(), ["open", "timeout refused: 65536", "close: not stopped", "open", "timeout 30",
+                                             "write magic", "close: stopped"])
+
+    def test_KilledOtherwiseTheBoardResetsAsTheHelpSays(self):
+        script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & sleep 0.5; kill -KILL $!; sleep 60"
+        self.assertEqual(self.board("sh", "-c", script, log="log").status, RESET)
+        for verb in "feed", "run":
+            self.assertIn(" killed", ctl("watchdog", verb, "--help").out)
+
+    def test_NobodyReadingItsWordsItFeedsOn(self):
+        script = f"set -m; {{ {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2>&1; echo $? > status; }} | head -n 0 & sleep 2; kill -INT $(pgrep -x boardctl); until test -s status; do sleep 0.02; done"
+        result = self.board("bash", "-c", script, log="log")
+        self.assertEqual((result.status, pathlib.Path("status").read_text()), (0, "130\n"), result.err)
+        self.assertEqual(self.events()[-1], "close: stopped")
+
+    def test_TheFirstLineOfTheHelpSaysThatTheBoardResets(self):
+        for verb in "feed", "run":
+            self.assertEqual(ctl("watchdog", verb, "--help").out.splitlines()[0], "If feeding stops, THE BOARD RESETS.")
+
+
+class WatchdogAsAnOrdinaryUser(Watchdog):
+    user = "ordinary"
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,167 @@
+#include "WatchdogDevices.h"
+
+#include <linux/watchdog.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kClass = "/sys/class/watchdog";
+constexpr const char* kOldDevice = "/dev/watchdog";  // another name of the first one
+constexpr const char* kFirst = "watchdog0";
+constexpr unsigned int kMiscMajor = 10;
+constexpr unsigned int kOldMinor = 130;
+
+/// The first line of a file of /sys; nothing if the driver has none.
+std::optional<std::string> LineOf(const fs::path& file) {
+  std::ifstream stream(file);
+  std::string line;
+  return std::getline(stream, line) ? std::make_optional(line) : std::nullopt;
+}
+
+std::optional<std::uint64_t> NumberOf(const fs::path& file) {
+  std::ifstream stream(file);
+  std::uint64_t number = 0;
+  return stream >> number ? std::make_optional(number) : std::nullopt;
+}
+
+/// The watchdogs in /sys, in order.
+std::vector<std::string> Names() {
+  std::vector<std::string> names;
+  std::error_code none;
+  for (const fs::directory_entry& entry : fs::directory_iterator(kClass, none)) {
+    names.push_back(entry.path().filename());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+/// The name in /sys of the device with that number; empty if /sys has none.
+std::string NameOf(dev_t number) {
+  const std::string text = std::to_string(major(number)) + ':' + std::to_string(minor(number));
+  for (const std::string& name : Names()) {
+    const bool isOldName = name == kFirst && major(number) == kMiscMajor && minor(number) == kOldMinor;
+    if (isOldName || LineOf(fs::path(kClass) / name / "dev") == text) {
+      return name;
+    }
+  }
+  return {};
+}
+
+/// Whoever has the device open by one of its names.
+std::vector<processes::Holder> HoldersOf(const WatchdogLook& look) {
+  std::vector<processes::Holder> holders = processes::HoldersOf(look.device);
+  std::vector<std::string> others;
+  if (!look.name.empty()) {
+    others.push_back("/dev/" + look.name);
+  }
+  if (look.name == kFirst) {
+    others.emplace_back(kOldDevice);
+  }
+  for (const std::string& other : others) {
+    for (const processes::Holder& holder : processes::HoldersOf(other)) {
+      if (std::none_of(holders.begin(), holders.end(),
+                       [&](const processes::Holder& known) { return known.process == holder.process; })) {
+        holders.push_back(holder);
+      }
+    }
+  }
+  return holders;
+}
+
+template <typename T>
+Json OrNull(const std::optional<T>& value) {
+  return value ? Json(*value) : Json();
+}
+
+}  // namespace
+
+WatchdogLook LookAtWatchdog(const std::string& device) {
+  struct stat node {};
+  if (::stat(device.c_str(), &node) == -1) {
+    throw std::system_error(errno, std::generic_category(), " Could not open watchdog device!");
+  }
+
+  WatchdogLook look;
+  look.device = device;
+  if (S_ISCHR(node.st_mode)) {
+    look.name = NameOf(node.st_rdev);
+  }
+  const bool isOld = major(node.st_rdev) == kMiscMajor && minor(node.st_rdev) == kOldMinor;
+  // A simulated one is a pipe.
+  if (look.name.empty() && !(S_ISCHR(node.st_mode) && isOld) && !S_ISFIFO(node.st_mode)) {
+    throw std::runtime_error(device + " is no watchdog");
+  }
+
+  if (!look.name.empty()) {
+    const fs::path told = fs::path(kClass) / look.name;
+    look.identity = LineOf(told / "identity");
+    look.state = LineOf(told / "state");
+    look.timeoutS = NumberOf(told / "timeout");
+    look.timeLeftS = NumberOf(told / "timeleft");
+    look.shortestS = NumberOf(told / "min_timeout");
+    look.longestS = NumberOf(told / "max_timeout");
+    if (const auto nowayout = NumberOf(told / "nowayout")) {
+      look.nowayout = *nowayout != 0;
+    }
+    if (const auto status = NumberOf(told / "bootstatus")) {
+      look.hasReset = (*status & WDIOF_CARDRESET) != 0;
+    }
+  }
+  look.holders = HoldersOf(look);
+  return look;
+}
+
+std::vector<std::string> WatchdogPaths() {
+  std::vector<std::string> paths;
+  for (const std::string& name : Names()) {
+    paths.push_back("/dev/" + name);
+  }
+  // One that /sys does not tell of has the old name alone.
+  struct stat node {};
+  if (::stat(kOldDevice, &node) == 0 && (!S_ISCHR(node.st_mode) || NameOf(node.st_rdev).empty())) {
+    paths.emplace_back(kOldDevice);
+  }
+  return paths;
+}
+
+std::vector<std::string> RemarksOn(const WatchdogLook& look) {
+  std::vector<std::string> remarks;
+  if (look.name.empty()) {
+    remarks.emplace_back("What it is set to is not told without opening it, and opening it would arm it.");
+  }
+  if (look.IsActive() && look.holders.empty()) {
+    remarks.emplace_back(
+        "It counts, and no program that /proc shows has it open: it was left behind and the board resets, or the "
+        "kernel feeds it.");
+  }
+  if (look.nowayout == true) {
+    remarks.emplace_back("nowayout is set: once armed, nothing disarms it.");
+  }
+  if (look.hasReset == true) {
+    remarks.emplace_back("The board was last started by its reset.");
+  }
+  return remarks;
+}
+
+Json InJson(const WatchdogLook& look) {
+  return {{"device", look.device},
+          {"identity", OrNull(look.identity)},
+          {"state", OrNull(look.state)},
+          {"timeout_s", OrNull(look.timeoutS)},
+          {"time_left_s", OrNull(look.timeLeftS)},
+          {"min_timeout_s", OrNull(look.shortestS)},
+          {"max_timeout_s", OrNull(look.longestS)},
+          {"nowayout", OrNull(look.nowayout)},
+          {"reset_the_board", OrNull(look.hasReset)},
+          {"held_by", processes::InJson(look.holders)}};
+}
