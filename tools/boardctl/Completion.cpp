@@ -79,6 +79,8 @@ Words Arguments(const std::string& name, const std::string& group) {
     found = Interfaces();
   } else if (name == "FILE") {
     found = {kFiles};
+  } else if (name == "WHAT") {
+    found = {"address", "gateway"};
   } else if (name == "SHELL") {
     found = {"bash", "zsh", "fish"};
   }

@@ -6,7 +6,9 @@ class Program;
 // Each adds its verbs to the command line; Program.h tells how a group is added.
 void AddSerial(Program& program);
 void AddMemory(Program& program);
+void AddNet(Program& program);
 void AddWatchdog(Program& program);
+void AddReport(Program& program);
 void AddRun(Program& program);
 void AddExplain(Program& program);
 void AddCompletion(Program& program);

@@ -152,6 +152,16 @@ std::string HexadecimalBytes(const unsigned char* data, std::size_t size) {
   return text;
 }
 
+std::string Printable(std::string text) {
+  for (char& character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte < ' ' || byte == 0x7F) {
+      character = '?';
+    }
+  }
+  return text;
+}
+
 std::string Fixed(double number, int decimals) {
   char text[64];
   std::snprintf(text, sizeof text, "%.*f", decimals, number);

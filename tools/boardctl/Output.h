@@ -69,6 +69,8 @@ class Output {
 std::string Hexadecimal(std::uint32_t word);
 /// Bytes as hexadecimal digits, two each, without anything between them.
 std::string HexadecimalBytes(const unsigned char* data, std::size_t size);
+/// @p text from outside, which must not lead a terminal: control characters are shown as question marks.
+std::string Printable(std::string text);
 /// A number with @p decimals digits behind the point.
 std::string Fixed(double number, int decimals);
 /// The time as RFC 3339 tells it, in UTC: "2026-01-31T12:00:00.000Z".

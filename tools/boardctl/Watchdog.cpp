@@ -63,8 +63,11 @@ int Show(const std::string& device, Output& out) {
   out.Line("  time left  " + seconds(look.timeLeftS));
   out.Line("  nowayout   " + std::string(look.nowayout ? (*look.nowayout ? "yes" : "no") : kNotTold));
   out.Line("  open by    " + processes::InWords(look.holders));
-  for (const std::string& remark : RemarksOn(look)) {
-    out.Say(remark);
+  if (look.name.empty()) {
+    out.Say("What it is set to is not told without opening it, and opening it would arm it.");
+  }
+  for (const Remark& remark : RemarksOn(look)) {
+    out.Say(remark.what + ' ' + remark.remedy);
   }
   out.Object("watchdog", InJson(look));
   return kStatusDone;

@@ -134,21 +134,21 @@ std::vector<std::string> WatchdogPaths() {
   return paths;
 }
 
-std::vector<std::string> RemarksOn(const WatchdogLook& look) {
-  std::vector<std::string> remarks;
-  if (look.name.empty()) {
-    remarks.emplace_back("What it is set to is not told without opening it, and opening it would arm it.");
-  }
+std::vector<Remark> RemarksOn(const WatchdogLook& look) {
+  std::vector<Remark> remarks;
   if (look.IsActive() && look.holders.empty()) {
-    remarks.emplace_back(
-        "It counts, and no program that /proc shows has it open: it was left behind and the board resets, or the "
-        "kernel feeds it.");
+    remarks.push_back({look.device +
+                           " counts, and no program that /proc shows has it open: it was left behind and the board "
+                           "resets, or the kernel feeds it.",
+                       "Open and feed it, for example by boardctl watchdog feed " + look.device + '.'});
   }
   if (look.nowayout == true) {
-    remarks.emplace_back("nowayout is set: once armed, nothing disarms it.");
+    remarks.push_back({look.device + " has nowayout set: once armed, nothing disarms it.",
+                       "If that is not meant so, load its driver with nowayout=0."});
   }
   if (look.hasReset == true) {
-    remarks.emplace_back("The board was last started by its reset.");
+    remarks.push_back({"The board was last started by a reset of " + look.device + '.',
+                       "Look for what stopped feeding it: the log before that start."});
   }
   return remarks;
 }

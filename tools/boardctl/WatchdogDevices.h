@@ -36,8 +36,12 @@ WatchdogLook LookAtWatchdog(const std::string& device);
 /// The watchdogs of the board, each once.
 std::vector<std::string> WatchdogPaths();
 
-/// What is peculiar about it, in sentences.
-std::vector<std::string> RemarksOn(const WatchdogLook& look);
+struct Remark {
+  std::string what;
+  std::string remedy;
+};
+/// What is unusual about it.
+std::vector<Remark> RemarksOn(const WatchdogLook& look);
 
 /// The members of its JSON object.
 Json InJson(const WatchdogLook& look);

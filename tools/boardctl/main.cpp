@@ -15,7 +15,9 @@ int main(int argc, char** argv) {
   Program program;
   AddSerial(program);
   AddMemory(program);
+  AddNet(program);
   AddWatchdog(program);
+  AddReport(program);
   AddRun(program);
   AddExplain(program);
   AddCompletion(program);

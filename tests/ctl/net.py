@@ -1,0 +1,263 @@
+#!/usr/bin/env python3
+"""IP addresses and gateways, on the simulated board's network or in a network namespace of the test's own."""
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+
+from ctl import BOARDCTL, ctl, finish, main, shell, start, TestCase
+
+ADDRESS = "192.0.2.10/24"
+
+
+class Net(TestCase):
+    def script(self, *steps):
+        """Steps of a shell on a board; what ip is called with stands in the file asked."""
+        # It notes the calls and hands them on.
+        real = shutil.which("ip")
+        path = pathlib.Path("tools")
+        if not path.exists():
+            path.mkdir()
+            (path / "ip").write_text(f'#!/bin/sh\necho "ip $*" >> "{self.folder}/calls"\nexec {real} "$@"\n')
+            (path / "ip").chmod(0o755)
+        pathlib.Path("calls").write_text("")
+        pathlib.Path("calls").chmod(0o666)
+        return self.board("sh", "-c", "; ".join([f"PATH={self.folder}/tools:$PATH", *steps]))
+
+    def calls(self):
+        return pathlib.Path("calls").read_text().splitlines()
+
+    def test_ShowTellsInterfacesAddressesAndGateways(self):
+        result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default via 192.0.2.1 dev eth0",
+                             shell("--json", "net", "show"), shell("net", "show", "eth0"))
+        self.assertEqual((result.status, result.err), (0, ""))
+        lines = result.out.splitlines()
+        objects = [line for line in lines if line.startswith("{")]
+        self.assertEqual(len(objects), 5)
+        self.assertEqual(objects[1], '{"schema":1,"kind":"net_interface","interface":"eth0","up":true,'
+                         '"link":"02:00:00:00:00:01","ipv4":"192.0.2.10","ipv4_prefix_length":"24",'
+                         '"ipv6":"fe80::ff:fe00:1","ipv6_prefix_length":"64",'
+                         '"addresses":["192.0.2.10/24","fe80::ff:fe00:1/64"]}')
+        self.assertEqual(objects[2], '{"schema":1,"kind":"net_interface","interface":"eth1","up":false,'
+                         '"link":"02:00:00:00:00:02","ipv4":null,"ipv4_prefix_length":null,'
+                         '"ipv6":null,"ipv6_prefix_length":null,"addresses":[]}')
+        self.assertEqual(objects[3:], [
+            '{"schema":1,"kind":"net_gateway","family":"ipv4","gateway":"192.0.2.1","interface":"eth0"}',
+            '{"schema":1,"kind":"net_gateway","family":"ipv6","gateway":null,"interface":null}'])
+        self.assertEqual(lines[5:], ["eth0  up, hardware address 02:00:00:00:00:01", "  192.0.2.10/24, fe80::ff:fe00:1/64",
+                                     "gateway ipv4  192.0.2.1 on eth0", "gateway ipv6  none"])
+
+    def test_AnAddressIsSetReplacedAndLeftAlone(self):
+        result = self.script(shell("net", "address", "eth0", ADDRESS),
+                             shell("net", "address", "eth0", "192.0.2.11/25"),
+                             shell("net", "address", "eth0", "192.0.2.11/25"),
+                             shell("net", "address", "--changed", "eth0", "192.0.2.11/25") + "; echo $?",
+                             shell("net", "address", "--changed", "eth0", "192.0.2.12/25") + "; echo $?",
+                             "ip -4 addr show dev eth0 | grep inet")
+        self.assertEqual(result.out.splitlines()[:7], [
+            "eth0  was none, is 192.0.2.10/24: changed",
+            "eth0  was 192.0.2.10/24, is 192.0.2.11/25: changed",
+            "eth0  is 192.0.2.11/25: nothing had to be changed",
+            "eth0  is 192.0.2.11/25: nothing had to be changed", "3",
+            "eth0  was 192.0.2.11/25, is 192.0.2.12/25: changed", "0"])
+        self.assertEqual(result.out.splitlines()[7].split()[:2], ["inet", "192.0.2.12/25"])
+
+    def test_AnIpv6AddressIsTakenInAnySpellingAndComparedInItsShortOne(self):
+        result = self.script(shell("--json", "net", "address", "eth1", "2001:0DB8:0::0010/64"),
+                             shell("net", "address", "--changed", "eth1", "2001:db8::0:10/64") + "; echo $?")
+        first, *rest = result.out.splitlines()
+        self.assertEqual(first, '{"schema":1,"kind":"net_change","what":"address","interface":"eth1","family":"ipv6","before":null,'
+                         '"wanted":"2001:db8::10/64","after":"2001:db8::10/64","changed":true,"dry_run":false,'
+                         '"commands":["ip -6 addr add 2001:db8::10/64 dev eth1"]}')
+        self.assertEqual(rest, ["eth1  is 2001:db8::10/64: nothing had to be changed", "3"])
+
+    def test_ADryRunPrintsWhatTheRealRunRunsAndRunsOnlyQueries(self):
+        # The commands of a real run are the library's own account of it.
+        for words in (["address", "eth0", "192.0.2.20/24"], ["address", "eth0", "192.0.2.20/24", "--flush"],
+                      ["address", "eth0", "2001:db8::20/64"], ["address", "eth1", "192.0.2.20/24"],
+                      ["link-local", "eth1"], ["link-local", "eth1", "--flush"],
+                      ["gateway", "eth0", "192.0.2.2"], ["gateway", "eth0", "2001:db8::2"],
+                      ["clear", "address", "eth0"], ["clear", "address", "eth0", "--flush"],
+                      ["clear", "address", "eth0", "--ipv6"], ["clear", "gateway"], ["clear", "gateway", "eth0"],
+                      ["clear", "gateway", "--ipv6"], ["clear", "address", "eth1"]):
+            with self.subTest(words=words):
+                setup = ["ip addr add 192.0.2.10/24 dev eth0", "ip addr add 192.0.2.30/24 dev eth0",
+                         "ip -6 addr add 2001:db8::10/64 dev eth0 nodad", "ip route add default via 192.0.2.1 dev eth0",
+                         "ip link set eth1 up; ip addr flush dev eth1"]
+                result = self.script(*setup, "> calls", shell("--dry-run", "net", *words), "cp calls dry; > calls",
+                                     shell("--dry-run", "--json", "net", *words), shell("--json", "net", *words),
+                                     f"cp calls real; > calls; {shell('--json', 'net', *words)} > /dev/null")
+                *told, dry, real = result.out.splitlines()
+                self.assertNotIn('"commands":[]' if words[:2] not in (["clear", "address"], ["clear", "gateway"]) else "x", dry)
+                commands = dry[dry.index('"commands"'):]
+                self.assertEqual(commands, real[real.index('"commands"'):], result.err)
+                asked = [line[11:] for line in told if line[:11] in ("asked      ", "           ")]
+                would = []
+                if any(line.startswith("would run  ") for line in told):
+                    first = [line.startswith("would run  ") for line in told].index(True)
+                    would = [line[11:] for line in told[first:]]
+                    asked = [line[11:] for line in told[:first]]
+                else:
+                    self.assertEqual(told[-1], "nothing has to be changed")
+                    asked = [line[11:] for line in told[:-1]]
+                # What is told was run, and what was run is told.
+                self.assertEqual(pathlib.Path("dry").read_text().splitlines(), asked)
+                self.assertEqual([line for line in pathlib.Path("real").read_text().splitlines() if " show" not in line], would)
+                self.assertTrue(all(" show" in line for line in asked), asked)
+
+    def test_TheLossOfTheDefaultRouteIsTold(self):
+        setup = [f"ip addr add {ADDRESS} dev eth0", "ip route add default via 192.0.2.1 dev eth0"]
+        result = self.script(*setup, shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
+                             shell("net", "address", "eth0", "192.0.2.11/24"), "ip -4 route show")
+        self.assertEqual(result.err.splitlines(), [
+            "boardctl: the default route will go, too; afterwards: boardctl net gateway eth0 192.0.2.1",
+            "boardctl: the default route went, too: boardctl net gateway eth0 192.0.2.1"])
+        self.assertNotIn("default", result.out.splitlines()[-1])
+        # With another address left it stays.
+        result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0", shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
+                             shell("net", "address", "eth0", "192.0.2.11/24"), "ip -4 route show default")
+        self.assertEqual(result.err, "")
+        self.assertIn("default via 192.0.2.1", result.out)
+
+    def test_AnAddressThatIsThereButNotFirstIsLeftAndSaidSo(self):
+        result = self.script("ip addr add 192.0.2.10/24 dev eth0", "ip addr add 192.0.2.11/24 dev eth0", "> calls",
+                             shell("net", "address", "eth0", "192.0.2.11/24") + "; echo $?; cp calls first",
+                             shell("net", "address", "eth0", "192.0.2.11/24", "--flush"))
+        self.assertEqual(result.out.splitlines(), ["1", "eth0  was 192.0.2.10/24, is 192.0.2.11/24: changed"])
+        self.assertIn("eth0 has 192.0.2.11/24 already, but not as its first address", result.err)
+        self.assertTrue(all(" show" in line for line in pathlib.Path("first").read_text().splitlines()))
+        result = self.script("ip -6 addr add 2001:db8::10/64 dev eth0 nodad", "> calls", shell("net", "link-local", "eth0"))
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertIn("eth0 has fe80::ff:fe00:1/64 already, but not as its first address", result.err)
+        self.assertTrue(all(" show" in line for line in self.calls()))
+
+    def test_TheLinkLocalAddressIsSetOnceAndLeftAlone(self):
+        result = self.script(shell("net", "link-local", "--changed", "eth0") + "; echo $?",
+                             "ip link set eth1 up", "ip -6 addr flush dev eth1", shell("net", "link-local", "eth1"),
+                             shell("net", "link-local", "--changed", "eth1") + "; echo $?",
+                             shell("net", "link-local", "lo") + "; echo $?")
+        self.assertEqual(result.out.splitlines()[:5], [
+            "eth0  is fe80::ff:fe00:1/64: nothing had to be changed", "3",
+            "eth1  was none, is fe80::ff:fe00:2/64: changed",
+            "eth1  is fe80::ff:fe00:2/64: nothing had to be changed", "3"])
+
+    def test_AGatewayIsSetReplacedClearedAndLeftAlone(self):
+        result = self.script(f"ip addr add {ADDRESS} dev eth0", shell("net", "gateway", "eth0", "192.0.2.1"),
+                             shell("net", "gateway", "--changed", "eth0", "192.0.2.1") + "; echo $?",
+                             shell("--json", "net", "gateway", "eth0", "192.0.2.2"),
+                             shell("net", "clear", "gateway", "eth1") + "; echo $?",
+                             shell("net", "clear", "gateway"), shell("net", "clear", "gateway", "--changed") + "; echo $?",
+                             shell("net", "show", "eth0"))
+        self.assertEqual(result.out.splitlines()[:7], [
+            "eth0  was none, is 192.0.2.1 on eth0: changed",
+            "eth0  is 192.0.2.1 on eth0: nothing had to be changed", "3",
+            '{"schema":1,"kind":"net_change","what":"gateway","interface":"eth0","family":"ipv4","before":"192.0.2.1 on eth0",'
+            '"wanted":"192.0.2.2 on eth0","after":"192.0.2.2 on eth0","changed":true,"dry_run":false,"commands":'
+            '["ip -4 route del default via 192.0.2.1 dev eth0","ip -4 route add default via 192.0.2.2 dev eth0"]}',
+            "1", "was 192.0.2.2 on eth0, is none: changed", "is none: nothing had to be changed"])
+        self.assertIn("the default route goes by 192.0.2.2 on eth0, not by eth1: nothing is changed", result.err)
+        self.assertIn("gateway ipv4  none", result.out)
+
+    def test_WhatAFailedChangeLeavesIsTold(self):
+        result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default via 192.0.2.1 dev eth0",
+                             shell("net", "gateway", "eth0", "203.0.113.1") + "; echo $?", "ip -4 route show default")
+        self.assertEqual(result.out, "1\n")
+        self.assertIn("boardctl: that failed: it was 192.0.2.1 on eth0, and is none now.\n"
+                      "boardctl: net gateway: Error: Nexthop has invalid gateway.\n  cause    ", result.err)
+
+    def test_ADefaultRouteWithoutAGatewayIsLeft(self):
+        result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default dev eth0", "> calls",
+                             shell("net", "gateway", "eth0", "192.0.2.1") + "; echo $?")
+        self.assertEqual(result.out, "1\n")
+        self.assertIn("the default route has not one gateway", result.err)
+        self.assertEqual(self.calls(), ["ip -4 route show"])
+
+    def test_AnInterfaceThatIsNotThereIsToldWithCauseAndRemedy(self):
+        for words in (["show", "eth7"], ["address", "eth7", ADDRESS], ["link-local", "eth7"], ["clear", "address", "eth7"]):
+            result = self.on_board("net", *words)
+            self.assertEqual((result.status, result.out), (1, ""))
+            self.assertTrue(result.err.startswith(f'boardctl: net {words[0]}: Device "eth7" does not exist.\n  cause    There is '),
+                            result.err)
+
+    def test_WithoutIpItIsToldWithCauseAndRemedy(self):
+        result = self.board("sh", "-c", f"PATH=/nowhere; {shell('net', 'show', 'eth0')}")
+        self.assertEqual(result.status, 1)
+        self.assertIn("ip: not found\n  cause    There is no ip in PATH", result.err)
+
+
+class NetAsAnOrdinaryUser(Net):
+    user = "ordinary"
+
+
+class HostileNames(TestCase):
+    """In a network namespace with interfaces that the kernel allows and a shell would interpret."""
+
+    NAMES = ["e0;reboot", "$(x)", "`x`", "a|x", "a&x", "a>x", "a'b", "\x1b[2J"]
+
+    def in_namespace(self, *steps):
+        # What a shell would find if it interpreted such a name.
+        tools = pathlib.Path("tools")
+        tools.mkdir(exist_ok=True)
+        for trap in "reboot", "x":
+            (tools / trap).write_text(f"#!/bin/sh\ntouch {self.folder}/trapped\n")
+            (tools / trap).chmod(0o755)
+        return finish(start(["unshare", "-rn", "sh", "-c", "; ".join([f"PATH={self.folder}/tools:$PATH", "ip link set lo up > /dev/null", *steps])]))
+
+    def check_nothing_ran(self):
+        self.assertFalse(os.path.exists("trapped"))
+        self.assertEqual(sorted(os.listdir(".")), ["tools"])
+
+    def test_AnInterfaceWithAHostileNameIsNotAskedAboutAndRunsNothing(self):
+        for name in self.NAMES:
+            with self.subTest(name=name):
+                result = self.in_namespace(f"ip link add \"$(printf '%b' {shell_word(name)})\" type veth peer name v1",
+                                           shell("net", "show"))
+                self.assertEqual(result.status, 1, result.err)
+                self.assertIn(f'boardctl: the interface "{name.replace(chr(27), "?")}" is not asked about', result.err)
+                self.assertIn("lo  up", result.out)
+                self.check_nothing_ran()
+
+    def test_AHostileNameAsArgumentIsRefusedWithStatus2(self):
+        for name in [*self.NAMES, "a b", "a/b", "..", "", "a" * 16]:
+            for words in (["show", name], ["address", name, ADDRESS], ["link-local", name], ["gateway", name, "192.0.2.1"],
+                          ["clear", "address", name]):
+                with self.subTest(words=words):
+                    result = finish(start(["unshare", "-rn", BOARDCTL, "net", *words]))
+                    self.assertEqual((result.status, result.out), (2, ""))
+                    self.assertIn("is no name of an interface", result.err)
+
+    def test_WhatIpReportsGoesIntoNoCommandUnchecked(self):
+        for name in ("e0;reboot", "$(x)"):
+            quoted = shell_word(name)
+            with self.subTest(name=name):
+                # The default route that would be deleted goes through it.
+                steps = [f"ip link add {quoted} type veth peer name v1", f"ip link set {quoted} up", "ip link set v1 up",
+                         f"ip addr add {ADDRESS} dev {quoted}", f"ip route add default via 192.0.2.1 dev {quoted}"]
+                for words in (["gateway", "v1", "192.0.2.2"], ["clear", "gateway"]):
+                    result = self.in_namespace(*steps, shell("net", *words) + "; echo $?", "ip -4 route show default")
+                    self.assertEqual(result.out.splitlines()[0], "1", result.err)
+                    self.assertIn("default via 192.0.2.1", result.out)
+                    self.assertIn(f'ip reports a default route by "192.0.2.1" on "{name}", which a shell could misunderstand',
+                                  result.err)
+                    self.check_nothing_ran()
+
+    def test_AnAddressThatIsNoneGoesIntoNoCommand(self):
+        # An ip that lies, for no kernel does.
+        (pathlib.Path("tools")).mkdir()
+        ip = pathlib.Path("tools/ip")
+        ip.write_text(f"#!/bin/sh\necho '2: v0: <UP>'; echo '    link/ether 02:00:00:00:00:01 brd x'; echo '    inet 1.2.3.4;x/24 scope global v0'\n")
+        ip.chmod(0o755)
+        for words in (["address", "v0", ADDRESS], ["clear", "address", "v0"]):
+            result = self.in_namespace(shell("net", *words))
+            self.assertEqual((result.status, result.out), (1, ""))
+            self.assertIn('ip reports the address "1.2.3.4;x/24", which is none', result.err)
+            self.check_nothing_ran()
+
+
+def shell_word(text):
+    return "'" + text.replace("'", "'\\''").replace("\x1b", "\\033") + "'"
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,112 @@
+#!/usr/bin/env python3
+"""The report: the board on one page."""
+import os
+import pathlib
+import platform
+import re
+
+from ctl import BOARDCTL, finish, main, shell, start, TestCase
+
+SECTIONS = ["versions", "load and memory", "serial ports", "watchdogs", "physical memory", "network", "unusual"]
+
+
+class Report(TestCase):
+    def report(self, *steps, options=()):
+        result = self.board("sh", "-c", "; ".join([*steps, shell("--json", "report")]), options=options)
+        self.assertEqual((result.status, result.err), (0, ""))
+        self.assertEqual(len(result.objects), 1)
+        return result.objects[0]
+
+    def unusual(self, report):
+        for remark in report["unusual"]:
+            self.assertTrue(remark["what"] and remark["remedy"], remark)
+        return " ".join(remark["what"] for remark in report["unusual"])
+
+    def test_ThePageHasEverySectionAndFitsTheScreenOfAnEditor(self):
+        result = self.on_board("report")
+        self.assertEqual((result.status, result.err), (0, ""))
+        lines = result.out.splitlines()
+        self.assertEqual([line for line in lines if not line.startswith(" ")], SECTIONS)
+        self.assertLessEqual(len(lines), 60)
+        self.assertIn(f"  kernel      {platform.system()} {platform.release()}, {platform.machine()}", lines)
+        self.assertTrue(any(line.startswith("  library     /") and "libboardkit.so." in line for line in lines), result.out)
+        # No remark without its remedy.
+        whats = lines[lines.index("unusual") + 1:]
+        self.assertEqual(len(whats) % 2, 0)
+        self.assertTrue(all(line.startswith("    remedy: ") for line in whats[1::2]), whats)
+
+    def test_JsonHasAllOfItInOneObject(self):
+        report = self.report("ip addr add 192.0.2.10/24 dev eth0", "ip route add default via 192.0.2.1 dev eth0")
+        self.assertEqual(list(report), ["schema", "kind", "time", "versions", "load", "memory", "serial_ports", "watchdogs",
+                                        "physical_memory", "interfaces", "gateways", "unusual"])
+        versions = report["versions"]
+        self.assertEqual(versions["kernel"], f"{platform.system()} {platform.release()}")
+        self.assertRegex(versions["library_file"], r"^/.*/libboardkit\.so\.\d+")
+        self.assertRegex(versions["ip"], r"^ip utility, iproute2-|^BusyBox v")
+        self.assertTrue(os.access(versions["ip_file"], os.X_OK))
+        self.assertEqual(report["memory"]["total_bytes"] // 2**20, os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") // 2**20)
+        self.assertEqual([port["device"] for port in report["serial_ports"]], ["/dev/ttyS1"])
+        self.assertEqual([dog["device"] for dog in report["watchdogs"]], ["/dev/watchdog"])
+        self.assertTrue(report["physical_memory"]["usable"])
+        self.assertEqual([(each["interface"], each["up"]) for each in report["interfaces"]],
+                         [("lo", True), ("eth0", True), ("eth1", False)])
+        self.assertIn("192.0.2.10/24", report["interfaces"][1]["addresses"])
+        self.assertEqual(report["gateways"], [{"family": "ipv4", "gateway": "192.0.2.1", "interface": "eth0"}])
+        self.assertNotIn("gateway", self.unusual(report))
+        self.assertNotIn("has an address", self.unusual(report))
+
+    def test_WhoHasADeviceOpenIsTold(self):
+        report = self.report("exec 5<>/dev/ttyS1",
+                             f"{shell('watchdog', 'feed', '/dev/watchdog')} 2> fed & until grep -q armed fed; do sleep 0.02; done",
+                             "trap 'kill -TERM $!; wait $!' EXIT")
+        self.assertIn("sh", [holder["name"] for holder in report["serial_ports"][0]["held_by"]])
+        self.assertEqual([holder["name"] for holder in report["watchdogs"][0]["held_by"]], ["boardctl"])
+
+    def test_TheWatchdogIsNotOpened(self):
+        self.board(BOARDCTL, "report", log="log")
+        self.assertNotIn("/dev/watchdog", pathlib.Path("log").read_text())
+
+    def test_WhatIsUnusualIsToldWithItsRemedy(self):
+        for steps, options, what in [
+                (["ip addr flush dev eth0"], [], "No interface but lo has an address."),
+                ([], [], "There is no default gateway."),
+                ([], ["--watchdog", "none"], "There is no watchdog."),
+                ([], ["--mem", "none"], "Registers can't be read: the kernel has no such device (CONFIG_DEVMEM)."),
+                (["export PATH=/nowhere"], [], "There is no ip that works: "),
+                (["export PATH=/nowhere"], [], "The gateway of ipv4 is not known: ")]:
+            with self.subTest(what=what):
+                self.assertIn(what, self.unusual(self.report(*steps, options=options)))
+
+    def test_TheIpThatTheLibraryRunsIsNamed(self):
+        pathlib.Path("tools").mkdir()
+        pathlib.Path("tools/ip").write_text("#!/bin/sh\necho 'BusyBox v9.8.7 (built today) multi-call binary.' >&2; exit 1\n")
+        pathlib.Path("tools/ip").chmod(0o755)
+        versions = self.report(f"PATH={self.folder}/tools:$PATH")["versions"]
+        self.assertEqual((versions["ip"], versions["ip_file"]), ("BusyBox v9.8.7", os.path.realpath("tools/ip")))
+
+    def test_NoSecretsAreNamed(self):
+        os.environ["BOARD_PASSWORD"] = "topsecret1"
+        self.addCleanup(os.environ.pop, "BOARD_PASSWORD")
+        script = f"sh -c 'exec 5<>/dev/ttyS1; sleep 9' topsecret2 & sleep 0.2; {shell('--json', 'report')}; {shell('report')}"
+        result = self.board("sh", "-c", script)
+        self.assertNotIn("topsecret", result.out + result.err)
+
+
+class ReportAsAnOrdinaryUser(Report):
+    user = "ordinary"
+
+
+class OnAnotherNetwork(TestCase):
+    def test_AHostileNameIsToldAndRunsNothing(self):
+        for name in ("e0;touch trapped", "$(x)", "e0;reboot"):
+            name = name.replace(" ", "")
+            script = f"ip link add '{name}' type veth peer name v1; {shell('--json', 'report')}"
+            result = finish(start(["unshare", "-rn", "sh", "-c", script]))
+            self.assertEqual(result.status, 0, result.err)
+            self.assertIn(f'the name of the interface "{name}"', result.objects[0]["unusual"].__repr__())
+            self.assertIn(name, [each["interface"] for each in result.objects[0]["interfaces"]])
+            self.assertEqual(os.listdir("."), [])
+
+
+if __name__ == "__main__":
+    main()

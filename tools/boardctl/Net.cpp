@@ -1,0 +1,559 @@
+#include <IpNet.h>
+#include <OpSystem.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cctype>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include "Check.h"
+#include "Groups.h"
+#include "Interfaces.h"
+#include "Program.h"
+#include "Status.h"
+
+namespace {
+
+struct Arguments {
+  std::string interface;
+  check::Network network;
+  check::Address gateway;
+  std::string what;
+  bool isIpv6 = false;
+  bool isFlushed = false;
+  bool asksForChange = false;
+};
+
+/// What a value was, is or shall be: "192.0.2.10/24", "192.0.2.1 on eth0"; nothing for none.
+using Value = std::optional<std::string>;
+
+/// A change of an address or a gateway: what it is about, and what the library will run for it.
+struct Change {
+  const char* what;  // "address" or "gateway"
+  std::string interface;
+  bool ipv6 = false;
+  Value before;
+  Value wanted;
+  std::vector<std::string> commands;  // none: nothing has to be changed
+};
+
+const char* FamilyOf(bool ipv6) {
+  return ipv6 ? "ipv6" : "ipv4";
+}
+
+std::string OptionOf(bool ipv6) {
+  return ipv6 ? "-6" : "-4";
+}
+
+Json OrNull(const Value& value) {
+  return value ? Json(*value) : Json();
+}
+
+std::vector<std::string> LinesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    const std::size_t end = std::min(text.find('\n', begin), text.size());
+    if (end != begin) {
+      lines.push_back(text.substr(begin, end - begin));
+    }
+    begin = end + 1;
+  }
+  return lines;
+}
+
+// --- What ip reports
+
+/// The address of a family in the library's record. What ip reports goes into the next command.
+/// @throws std::runtime_error if it is no address.
+Value AddressIn(const IpNet::Record& record, bool ipv6) {
+  const std::string key = FamilyOf(ipv6);
+  const auto address = record.find(key);
+  const auto length = record.find(key + "pflen");
+  if (address == record.end() || length == record.end()) {
+    return std::nullopt;
+  }
+  const std::string text = address->second + '/' + length->second;
+  try {
+    check::IpNetwork(text);
+  } catch (const std::invalid_argument&) {
+    throw std::runtime_error("ip reports the address \"" + Printable(text) +
+                             "\", which is none: it goes into no command, nothing is changed");
+  }
+  return text;
+}
+
+struct Route {
+  std::string gateway;
+  std::string interface;
+
+  std::string InWords() const {
+    return gateway + " on " + interface;
+  }
+};
+
+/// The default route in the library's record, if it goes through a gateway.
+/// @throws std::runtime_error if it has none, or if what ip reports must not go into the next command.
+std::optional<Route> RouteIn(const IpNet::Record& record, bool ipv6) {
+  const auto way = record.find("default");
+  const auto gateway = record.find("via");
+  const auto interface = record.find("dev");
+  if (way == record.end()) {
+    return std::nullopt;
+  }
+  if (way->second != "via" || gateway == record.end() || interface == record.end()) {
+    throw std::runtime_error("the default route has not one gateway, and the library changes only such: look with ip " +
+                             OptionOf(ipv6) + " route show, remove it with ip " + OptionOf(ipv6) +
+                             " route del default, and try again");
+  }
+  try {
+    check::IpAddress(gateway->second);
+    check::Interface(interface->second);
+  } catch (const std::invalid_argument&) {
+    throw std::runtime_error("ip reports a default route by \"" + Printable(gateway->second) + "\" on \"" +
+                             Printable(interface->second) +
+                             "\", which a shell could misunderstand: it goes into no command, nothing is changed");
+  }
+  return Route{gateway->second, interface->second};
+}
+
+/// The addresses of a family that the kernel tells of, without the library.
+std::vector<Interface::Address> AddressesOf(const std::string& name, bool ipv6) {
+  std::vector<Interface::Address> addresses;
+  for (const Interface& interface : Interfaces()) {
+    if (interface.name == name) {
+      std::copy_if(interface.addresses.begin(), interface.addresses.end(), std::back_inserter(addresses),
+                   [&](const Interface::Address& address) { return address.ipv6 == ipv6; });
+    }
+  }
+  return addresses;
+}
+
+/// Whether no IPv4 address is left when the first one goes: the kernel takes further ones of its network with it.
+bool TakesAllAlong(const std::string& interface) {
+  const auto addresses = AddressesOf(interface, false);
+  return std::all_of(addresses.begin(), addresses.end(), [&](const Interface::Address& address) {
+    const Interface::Address& first = addresses.front();
+    return address.prefixLength == first.prefixLength && IpNet::GetIpV4NetAddr(address.text, address.prefixLength) ==
+                                                             IpNet::GetIpV4NetAddr(first.text, first.prefixLength);
+  });
+}
+
+// --- show
+
+/// @p name as the library sees it.
+void ShowInterface(const Interface& look, IpNet& net, Output& out) {
+  const IpNet::Record record = net.GetIfaceInfo(look.name);
+  const auto text = [&](const char* key) {
+    const auto found = record.find(key);
+    return found == record.end() ? Value() : Value(Printable(found->second));
+  };
+  Json addresses = Json::array();
+  std::string words;
+  for (const Interface::Address& address : look.addresses) {
+    addresses.push_back(address.InWords());
+    words += (words.empty() ? "" : ", ") + address.InWords();
+  }
+  out.Line(look.name + "  " + (look.isUp ? "up" : "down") + ", hardware address " + text("link").value_or("not told"));
+  out.Line("  " + (words.empty() ? "no address" : words));
+  out.Object("net_interface", {{"interface", look.name},
+                               {"up", look.isUp},
+                               {"link", OrNull(text("link"))},
+                               {"ipv4", OrNull(text("ipv4"))},
+                               {"ipv4_prefix_length", OrNull(text("ipv4pflen"))},
+                               {"ipv6", OrNull(text("ipv6"))},
+                               {"ipv6_prefix_length", OrNull(text("ipv6pflen"))},
+                               {"addresses", addresses}});
+}
+
+void ShowGateway(bool ipv6, IpNet& net, Output& out) {
+  const Gateway gateway = DefaultGateway(net, ipv6);
+  const bool isThere = !gateway.address.empty();
+  out.Line("gateway " + std::string(FamilyOf(ipv6)) + "  " +
+           (isThere ? gateway.address + " on " + gateway.interface : "none"));
+  out.Object("net_gateway", {{"family", FamilyOf(ipv6)},
+                             {"gateway", isThere ? Json(gateway.address) : Json()},
+                             {"interface", isThere ? Json(gateway.interface) : Json()}});
+}
+
+int Show(const Arguments& arguments, Call& call) {
+  OpSystem runner;
+  IpNet net(runner);
+  int status = kStatusDone;
+  bool isFound = false;
+  for (const Interface& interface : Interfaces()) {
+    if (!arguments.interface.empty() && interface.name != arguments.interface) {
+      continue;
+    }
+    isFound = true;
+    if (interface.isClean) {
+      ShowInterface(interface, net, call.out);
+    } else {
+      call.out.Warn("boardctl: the interface \"" + Printable(interface.name) +
+                    "\" is not asked about: a shell could misunderstand its name. Rename it with ip link set.");
+      status = kStatusFailed;
+    }
+  }
+  if (!isFound) {
+    net.GetIfaceInfo(arguments.interface);  // ip tells that there is none
+  }
+  ShowGateway(false, net, call.out);
+  ShowGateway(true, net, call.out);
+  return status;
+}
+
+// --- Changes
+
+/// The network of a verb that changes something. It notes the commands.
+class Network {
+ public:
+  Network() : m_net(m_runner) {
+    m_net.SetDebugState(true);
+  }
+
+  IpNet* operator->() {
+    return &m_net;
+  }
+  IpNet& Get() {
+    return m_net;
+  }
+
+  /// The commands run since the last time.
+  std::vector<std::string> TakeCommands() {
+    const auto commands = LinesOf(m_net.GetDebugOutput());
+    m_net.ClearDebug();
+    return commands;
+  }
+
+ private:
+  OpSystem m_runner;
+  IpNet m_net;
+};
+
+void Tell(const Change& change, const std::vector<std::string>& asked, const Value& after, bool isDry, Output& out) {
+  const bool isChanged = !change.commands.empty();
+  const std::string none = "none";
+  if (isDry) {
+    const char* head = "asked      ";
+    for (const std::string& command : asked) {
+      out.Line(head + command);
+      head = "           ";
+    }
+    head = "would run  ";
+    for (const std::string& command : change.commands) {
+      out.Line(head + command);
+      head = "           ";
+    }
+    if (!isChanged) {
+      out.Line("nothing has to be changed");
+    }
+  } else {
+    const std::string front = change.interface.empty() ? "" : change.interface + "  ";
+    out.Line(front + (isChanged ? "was " + change.before.value_or(none) + ", is " + after.value_or(none) + ": changed"
+                                : "is " + after.value_or(none) + ": nothing had to be changed"));
+  }
+  out.Object("net_change", {{"what", change.what},
+                            {"interface", change.interface.empty() ? Json() : Json(change.interface)},
+                            {"family", FamilyOf(change.ipv6)},
+                            {"before", OrNull(change.before)},
+                            {"wanted", OrNull(change.wanted)},
+                            {"after", OrNull(after)},
+                            {"changed", isChanged && !isDry},
+                            {"dry_run", isDry},
+                            {"commands", change.commands}});
+}
+
+/// Makes the change by @p apply, or only tells of it. @p look asks what there is.
+int Make(Change& change, Network& net, const std::function<void()>& apply, const std::function<Value()>& look,
+         const Arguments& arguments, Call& call) {
+  const std::vector<std::string> asked = net.TakeCommands();
+  const bool isChanged = !change.commands.empty();
+  Value after = change.before;
+  if (isChanged && !call.dryRun) {
+    try {
+      apply();
+    } catch (const std::exception&) {
+      call.out.Warn("boardctl: that failed: it was " + change.before.value_or("none") + ", and is " +
+                    look().value_or("none") + " now.");
+      throw;
+    }
+    // The library asks once more, then runs what was composed.
+    change.commands = net.TakeCommands();
+    change.commands.erase(change.commands.begin());
+    after = look();
+  }
+  Tell(change, asked, after, call.dryRun, call.out);
+  return !isChanged && arguments.asksForChange ? kStatusUnchanged : kStatusDone;
+}
+
+/// Makes a change of an address, and warns of a default route that goes with it.
+int MakeAddress(Change& change, Network& net, const std::string& address, int length, const Arguments& arguments,
+                Call& call) {
+  // The one of the family that the interface has now; other ways out of the board stay.
+  const IpNet::Record record = net->GetGwInfo(change.ipv6);
+  const auto route = [&](const IpNet::Record& now) {
+    return now.count("default") != 0 && now.count("dev") != 0 && now.at("dev") == arguments.interface;
+  };
+  const bool hadRoute = !change.commands.empty() && change.before && route(record);
+  const std::string remedy = "boardctl net gateway " + arguments.interface + ' ' +
+                             (record.count("via") != 0 ? Printable(record.at("via")) : "ADDRESS");
+  if (hadRoute && call.dryRun && !change.ipv6 && (arguments.isFlushed || TakesAllAlong(arguments.interface))) {
+    call.out.Warn("boardctl: the default route will go, too; afterwards: " + remedy);
+  }
+  const auto apply = [&] { net->SetAddr(arguments.interface, address, length, change.ipv6, arguments.isFlushed); };
+  const auto look = [&] { return AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6); };
+  const int status = Make(change, net, apply, look, arguments, call);
+  if (hadRoute && !call.dryRun && !route(net->GetGwInfo(change.ipv6))) {
+    call.out.Warn("boardctl: the default route went, too: " + remedy);
+  }
+  return status;
+}
+
+/// The commands with which the library replaces an address.
+std::vector<std::string> CommandsFor(const Change& change, const Arguments& arguments) {
+  const std::string ip = "ip " + OptionOf(change.ipv6) + " addr ";
+  const std::string device = " dev " + arguments.interface;
+  std::vector<std::string> commands;
+  if (arguments.isFlushed) {
+    commands.push_back(ip + "flush" + device);
+  } else if (change.before) {
+    commands.push_back(ip + "del " + *change.before + device);
+  }
+  if (change.wanted) {
+    commands.push_back(ip + "add " + *change.wanted + (change.ipv6 ? "" : " brd +") + device);
+  }
+  return commands;
+}
+
+/// An address that is there as a further one would be refused when it is added, after the first one has gone.
+void RefuseFurther(const Change& change, const std::string& address, const Arguments& arguments) {
+  if (arguments.isFlushed) {
+    return;
+  }
+  for (const Interface::Address& there : AddressesOf(arguments.interface, change.ipv6)) {
+    if (change.ipv6 ? there.text == address : there.InWords() == change.wanted) {
+      throw std::runtime_error(arguments.interface + " has " + there.InWords() +
+                               " already, but not as its first address, and only that is replaced: nothing is changed; "
+                               "--flush makes it the only one");
+    }
+  }
+}
+
+bool IsForHosts(const check::Address& address) {
+  if (address.ipv6) {
+    in6_addr bytes{};
+    ::inet_pton(AF_INET6, address.text.c_str(), &bytes);
+    return !IN6_IS_ADDR_UNSPECIFIED(&bytes) && !IN6_IS_ADDR_MULTICAST(&bytes);
+  }
+  in_addr bytes{};
+  ::inet_pton(AF_INET, address.text.c_str(), &bytes);
+  return bytes.s_addr != INADDR_ANY && ntohl(bytes.s_addr) < INADDR_UNSPEC_GROUP;
+}
+
+int SetAddress(const Arguments& arguments, Call& call) {
+  const check::Address& address = arguments.network.address;
+  if (!IsForHosts(address)) {
+    throw UsageError("ADDRESS: " + address.text + " is no address of a host");
+  }
+  Network net;
+  Change change{"address", arguments.interface, address.ipv6, {}, {}, {}};
+  change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
+  change.wanted = address.text + '/' + std::to_string(arguments.network.prefixLength);
+  if (change.before != change.wanted) {
+    // Of IPv6, the same address with another length is replaced well.
+    if (change.before.value_or("").rfind(address.text + '/', 0) != 0) {
+      RefuseFurther(change, address.text, arguments);
+    }
+    change.commands = CommandsFor(change, arguments);
+  }
+  return MakeAddress(change, net, address.text, arguments.network.prefixLength, arguments, call);
+}
+
+/// Whether it is six bytes with colons between them.
+bool IsHardwareAddress(const std::string& text) {
+  constexpr std::size_t kLength = sizeof "00:11:22:33:44:55" - 1;
+  constexpr std::size_t kStep = 3;
+  if (text.size() != kLength) {
+    return false;
+  }
+  for (std::size_t i = 0; i < kLength; ++i) {
+    const bool isRight = i % kStep == 2 ? text[i] == ':' : std::isxdigit(static_cast<unsigned char>(text[i])) != 0;
+    if (!isRight) {
+      return false;
+    }
+  }
+  return true;
+}
+
+int SetLinkLocal(const Arguments& arguments, Call& call) {
+  Network net;
+  Change change{"address", arguments.interface, true, {}, {}, {}};
+  const IpNet::Record record = net->GetIfaceInfo(arguments.interface);
+  const auto hardware = record.find("link");
+  if (hardware == record.end() || !IsHardwareAddress(hardware->second)) {
+    throw std::runtime_error(arguments.interface + " has no hardware address to make one of");
+  }
+  change.before = AddressIn(record, true);
+  const std::string address = IpNet::GetLinkLocalAddr(hardware->second);
+  change.wanted = address + "/64";
+  const std::string canonical = check::IpAddress(address).text;
+  if (change.before != canonical + "/64") {
+    RefuseFurther(change, canonical, arguments);
+    change.commands = CommandsFor(change, arguments);
+  }
+  return MakeAddress(change, net, "::", 0, arguments, call);
+}
+
+Value InWords(const std::optional<Route>& route) {
+  return route ? Value(route->InWords()) : std::nullopt;
+}
+
+/// Sets the default route to @p wanted, or removes it.
+int SetRoute(const std::optional<Route>& wanted, bool ipv6, const Arguments& arguments, Call& call) {
+  Network net;
+  const auto look = [&] { return RouteIn(net->GetGwInfo(ipv6), ipv6); };
+  const std::optional<Route> before = look();
+  Change change{"gateway", arguments.interface, ipv6, InWords(before), InWords(wanted), {}};
+  if (!wanted && before && !arguments.interface.empty() && before->interface != arguments.interface) {
+    throw std::runtime_error("the default route goes by " + before->InWords() + ", not by " + arguments.interface +
+                             ": nothing is changed");
+  }
+  if (change.before != change.wanted) {
+    const std::string ip = "ip " + OptionOf(ipv6) + " route ";
+    if (before) {
+      change.commands.push_back(ip + "del default via " + before->gateway + " dev " + before->interface);
+    }
+    if (wanted) {
+      change.commands.push_back(ip + "add default via " + wanted->gateway + " dev " + wanted->interface);
+    }
+  }
+  const auto apply = [&] { net->SetGw(arguments.interface, wanted ? wanted->gateway : "", ipv6, false); };
+  return Make(
+      change, net, apply, [&] { return InWords(look()); }, arguments, call);
+}
+
+int SetGateway(const Arguments& arguments, Call& call) {
+  if (!IsForHosts(arguments.gateway)) {
+    throw UsageError("ADDRESS: " + arguments.gateway.text + " is no address of a host");
+  }
+  return SetRoute(Route{arguments.gateway.text, arguments.interface}, arguments.gateway.ipv6, arguments, call);
+}
+
+int Clear(const Arguments& arguments, Call& call) {
+  if (arguments.what == "gateway") {
+    if (arguments.isFlushed) {
+      throw UsageError("--flush is for addresses");
+    }
+    return SetRoute(std::nullopt, arguments.isIpv6, arguments, call);
+  }
+  if (arguments.interface.empty()) {
+    throw UsageError("IFACE is required for an address");
+  }
+  Network net;
+  Change change{"address", arguments.interface, arguments.isIpv6, {}, {}, {}};
+  change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
+  if (change.before || (arguments.isFlushed && !AddressesOf(arguments.interface, change.ipv6).empty())) {
+    change.commands = CommandsFor(change, arguments);
+  }
+  return MakeAddress(change, net, "", 0, arguments, call);
+}
+
+// --- The command line
+
+CLI::App& AddNetVerb(Program& program, CLI::App& group, const Verb& verb, int (*run)(const Arguments&, Call&),
+                     Arguments*& arguments) {
+  const auto kept = std::make_shared<Arguments>();
+  arguments = kept.get();
+  CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
+  if (verb.hasChanged) {
+    app.add_flag("--changed", kept->asksForChange, "status 3 if nothing had to be changed");
+  }
+  return app;
+}
+
+CLI::Option* AddInterface(CLI::App& app, Arguments& arguments, const char* description) {
+  return AddArgument(app, "IFACE", "", arguments.interface, check::Interface, description);
+}
+
+std::string What(const std::string& text) {
+  if (text != "address" && text != "gateway") {
+    throw std::invalid_argument('"' + text + "\" is neither address nor gateway");
+  }
+  return text;
+}
+
+}  // namespace
+
+void AddNet(Program& program) {
+  constexpr const char* kInterface = "1 to 15 characters of A-Z a-z 0-9 _ - . : @";
+  constexpr const char* kFlush = "remove all addresses of the family, not only the first one";
+  constexpr const char* kRemains =
+      "the change, until a reboot or until a DHCP client or network manager changes it. No file is written. It needs "
+      "CAP_NET_ADMIN.";
+  CLI::App& group = program.AddGroup("net", "IP addresses and gateways: show, set, clear");
+  Arguments* arguments = nullptr;
+
+  CLI::App& show =
+      AddNetVerb(program, group,
+                 {"show", "Shows interfaces, their addresses, and the default gateways", "[IFACE] [OPTION]...", "",
+                  "It runs the board's ip, which only asks.", "net show eth0", "nothing."},
+                 Show, arguments);
+  AddInterface(show, *arguments, "this one alone; 1 to 15 characters of A-Z a-z 0-9 _ - . : @");
+
+  CLI::App& address = AddNetVerb(
+      program, group,
+      {"address", "Gives IFACE an address", "IFACE ADDRESS/LENGTH [OPTION]...",
+       "It REPLACES the first address of that family that IFACE has: the old one goes\nbefore the new one comes.",
+       "Over ssh: with an interface's last IPv4 address goes its default route. If adding fails, the old address is "
+       "gone "
+       "already. --dry-run prints the commands of ip, and runs only those that ask.",
+       "net address eth0 192.0.2.10/24 --dry-run", kRemains, true, true, false, true},
+      SetAddress, arguments);
+  AddInterface(address, *arguments, kInterface)->required();
+  AddArgument(address, "ADDRESS/LENGTH", "", arguments->network, check::IpNetwork,
+              "192.0.2.10/24, 2001:db8::10/64; to remove one: boardctl net clear")
+      ->required();
+  address.add_flag("--flush", arguments->isFlushed, kFlush);
+
+  CLI::App& local = AddNetVerb(program, group,
+                               {"link-local", "Gives IFACE the IPv6 link-local address of its hardware address",
+                                "IFACE [OPTION]...", "It REPLACES the first IPv6 address that IFACE has.",
+                                "--dry-run prints the commands of ip, and runs only those that ask.",
+                                "net link-local eth0", kRemains, true, true, false, true},
+                               SetLinkLocal, arguments);
+  AddInterface(local, *arguments, kInterface)->required();
+  local.add_flag("--flush", arguments->isFlushed, kFlush);
+
+  CLI::App& gateway = AddNetVerb(
+      program, group,
+      {"gateway", "Sets the default gateway", "IFACE ADDRESS [OPTION]...",
+       "It REPLACES the default route of that family: the old one goes before the new one\ncomes, and is gone if that "
+       "fails.",
+       "--dry-run prints the commands of ip, and runs only those that ask.", "net gateway eth0 192.0.2.1", kRemains,
+       true, true, false, true},
+      SetGateway, arguments);
+  AddInterface(gateway, *arguments, kInterface)->required();
+  AddArgument(gateway, "ADDRESS", "", arguments->gateway, check::IpAddress, "192.0.2.1, 2001:db8::1")->required();
+
+  CLI::App& clear = AddNetVerb(
+      program, group,
+      {"clear", "Removes an address of IFACE, or the default route",
+       "address IFACE [OPTION]...\n"
+       "       boardctl net clear gateway [IFACE] [OPTION]...",
+       "Over ssh, this may cut the connection: with an interface's last IPv4 address goes\nits default route.",
+       "With IFACE, a default route by another interface stays. --dry-run prints the commands of ip, and runs only "
+       "those "
+       "that ask.",
+       "net clear address eth0 --ipv6", kRemains, true, true, false, true},
+      Clear, arguments);
+  AddArgument(clear, "WHAT", "", arguments->what, What, "address or gateway")->required();
+  AddInterface(clear, *arguments, kInterface);
+  clear.add_flag("--ipv6", arguments->isIpv6, "the first IPv6 address, or the IPv6 route, not that of IPv4");
+  clear.add_flag("--flush", arguments->isFlushed, kFlush);
+}
