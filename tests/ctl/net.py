@@ -3,10 +3,8 @@
 import os
 import pathlib
 import shutil
-import signal
-import subprocess
 
-from ctl import BOARDCTL, ctl, finish, main, shell, start, TestCase
+from ctl import BOARDCTL, finish, main, shell, start, TestCase
 
 ADDRESS = "192.0.2.10/24"
 

@@ -2,9 +2,10 @@
 """The watchdog: show, feed, run."""
 import os
 import pathlib
+import shlex
 import signal
 
-from ctl import BOARDCTL, ctl, finish, main, shell, TestCase
+from ctl import ctl, main, shell, TestCase
 
 DEVICE = "/dev/watchdog"
 RESET = 86  # boardsim's status when the watchdog has reset the board
@@ -34,7 +35,7 @@ class Watchdog(TestCase):
 
     def test_ADeviceInUseIsToldWithWhoHasItAndNothingIsArmed(self):
         script = (f"{shell('watchdog', 'feed', DEVICE)} 2> fed & "
-                  "until grep -q 'is armed' fed; do sleep 0.02; done; "
+                  "until grep -qs 'is armed' fed; do sleep 0.02; done; "
                   f"{shell('--json', 'watchdog', 'show', DEVICE)} 2>/dev/null; "
                   f"{shell('watchdog', 'run', DEVICE, '--', 'touch', 'ran')}; echo $?; kill -TERM $!; wait $!; echo $?")
         result = self.board("sh", "-c", script, log="log")
@@ -173,7 +174,9 @@ class Watchdog(TestCase):
             self.assertIn(" killed", ctl("watchdog", verb, "--help").out)
 
     def test_NobodyReadingItsWordsItFeedsOn(self):
-        script = f"set -m; {{ {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2>&1; echo $? > status; }} | head -n 0 & sleep 2; kill -INT $(pgrep -x boardctl); until test -s status; do sleep 0.02; done"
+        feed = f"echo $$ > pid; exec {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2>&1"
+        script = (f"set -m; {{ sh -c {shlex.quote(feed)}; echo $? > status; }} | head -n 0 & sleep 2; "
+                  "kill -INT $(cat pid); until test -s status; do sleep 0.02; done")
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, pathlib.Path("status").read_text()), (0, "130\n"), result.err)
         self.assertEqual(self.events()[-1], "close: stopped")
