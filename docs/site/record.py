@@ -87,9 +87,10 @@ def recorded(source):
 
 
 def compare(source, target):
-    """Numbers aside: times differ from run to run."""
+    """Numbers aside, for times differ from run to run, and with repeated lines once, for so does their count."""
     def masked(lines):
-        return [re.sub(r"0x[0-9a-f]+|[0-9]+(\.[0-9]+)?( ms| s)?", "#", line) for line in lines if line]
+        lines = [re.sub(r"0x[0-9a-f]+|[0-9]+(\.[0-9]+)?( ms| s)?", "#", line) for line in lines if line]
+        return [line for line, before in zip(lines, [None, *lines]) if line != before]
 
     with open(target, encoding="utf-8") as file:
         texts = [html.unescape(text) for text in re.findall(r"<text[^>]*>(.*?)</text>", file.read())]
