@@ -52,4 +52,5 @@ if configure -S "$source" -B "$work/of\$great" $only_library >"$work/message" 2>
   echo 'It should have been refused.'
   exit 1
 fi
-grep -o 'has a dollar sign' "$work/message"
+# CMake breaks its lines where the length of the path has it.
+tr -s ' \n' ' ' <"$work/message" | grep -o 'has a dollar sign'
