@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../sys/SysTexts.h"
 #include "ExpectThrow.h"
 
 namespace {
@@ -77,8 +78,8 @@ TEST(PhysicalMemory, TheMachineOutsideSeesTheWordAndAnswers) {
 }
 
 TEST(PhysicalMemory, TheKernelsOwnMemoryIsRefused) {
-  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kKernelsMemory), EPERM, "Error from mmap");
-  EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kKernelsMemory, 0), EPERM, "Error from mmap");
+  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kKernelsMemory), EPERM, systext::kMapError);
+  EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kKernelsMemory, 0), EPERM, systext::kMapError);
 }
 
 TEST(PhysicalMemory, AnAddressWhereNothingAnswersEndsTheProcessWithABusError) {
@@ -94,7 +95,7 @@ TEST(PhysicalMemory, AnUnprivilegedProcessIsRefused) {
   const int status = StatusOfAnotherProcess([] {
     constexpr uid_t kNobody = 65534;
     EXPECT_EQ(::setuid(kNobody), 0);
-    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), EACCES, "ReadFromMemory Open /dev/mem failed");
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), EACCES, systext::kMemoryError);
     return testing::Test::HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(status, 0);
@@ -106,15 +107,15 @@ TEST(PhysicalMemory, WithoutTheDeviceTheOpeningsErrorIsReported) {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/dev", "tmpfs", 0, nullptr) != 0) {
       return 2;
     }
-    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), ENOENT, "ReadFromMemory Open /dev/mem failed");
-    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kWords, 0), ENOENT, "ReadFromMemory Open /dev/mem failed");
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), ENOENT, systext::kMemoryError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kWords, 0), ENOENT, systext::kMemoryError);
     return testing::Test::HasFailure() ? 1 : 0;
   });
   EXPECT_EQ(status, 0);
 }
 
 TEST(Guarded, TheRegistersOfADeviceThatHasADriverAreRefused) {
-  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kConsoleUart), EPERM, "Error from mmap");
+  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kConsoleUart), EPERM, systext::kMapError);
 }
 
 TEST(Guarded, MemoryThatTheKernelWasToldToLeaveOutIsNot) {

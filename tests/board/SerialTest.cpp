@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../serial/SerialTexts.h"
 #include "ExpectBytes.h"
 #include "ExpectThrow.h"
 #include "SerialExtended.h"
@@ -314,11 +315,11 @@ TEST_F(Serial, BetweenOpeningAndTheSettingOfTheSpeedRtsAndDtrAreDropped) {
 }
 
 TEST_F(Serial, ADeviceThatRefusesTerminalAttributesCannotBeOpenedWithThem) {
-  EXPECT_SYSTEM_ERROR(SerialPort(kUnused, true), EIO, "Save the current settings for serial port failed?");
+  EXPECT_SYSTEM_ERROR(SerialPort(kUnused, true), EIO, serialtext::kSaveFailed);
 }
 
 TEST_F(Serial, ADeviceThatRefusesTerminalAttributesRefusesTheFlushWithoutThem) {
-  EXPECT_SYSTEM_ERROR(SerialPort(kUnused, false), EIO, "Flush of the input buffer failed?");
+  EXPECT_SYSTEM_ERROR(SerialPort(kUnused, false), EIO, serialtext::kFlushFailed);
 }
 
 TEST_F(Serial, APortWithoutTerminalAttributesLeavesThoseOfTheDeviceAlone) {

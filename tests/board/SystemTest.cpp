@@ -19,6 +19,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../file/FileTexts.h"
+#include "../sys/SysTexts.h"
 #include "ExpectThrow.h"
 
 // Names are found for functions that the program exports, so these are not in an unnamed namespace.
@@ -93,7 +95,7 @@ TEST(System, SleepingTakesItsTime) {
   const auto slept = std::chrono::steady_clock::now() - start;
   EXPECT_GE(slept, std::chrono::milliseconds(1050));
   EXPECT_LT(slept, std::chrono::seconds(5));
-  EXPECT_SYSTEM_ERROR(DebugSleep(-1), EINVAL, "Error sleeping: ");
+  EXPECT_SYSTEM_ERROR(DebugSleep(-1), EINVAL, systext::kSleepError);
 }
 
 TEST(System, AnOffsetWithTheTopBitSetMapsASparseFile) {
@@ -146,8 +148,7 @@ TEST(Files, AFileOfSysIsReadAndWritten) {
 TEST(Files, WhatSysRefusesIsAnErrorOfTheWrite) {
   const File file("/sys/class/net/lo/mtu", O_WRONLY, 0);
   EXPECT_SYSTEM_ERROR(file.PutString("much"), EINVAL,
-                      "Error writing to file descriptor:: Invalid argumentWriteBytes to '/sys/class/net/lo/mtu' "
-                      "failed.");
+                      filetext::WriteFailed(systext::kWriteError + ": Invalid argument", "/sys/class/net/lo/mtu"));
 }
 
 TEST(Files, DeviceNodesAreReadWrittenAndControlled) {
@@ -156,16 +157,16 @@ TEST(Files, DeviceNodesAreReadWrittenAndControlled) {
   zero.ReadBytes(bytes, sizeof bytes);
   EXPECT_EQ(bytes[4095], 0);
   zero.WriteBytes(bytes, sizeof bytes);
-  EXPECT_SYSTEM_ERROR(zero.Ioctl(RNDZAPENTCNT), ENOTTY, "IO Control failed for '/dev/zero' failed.");
+  EXPECT_SYSTEM_ERROR(zero.Ioctl(RNDZAPENTCNT), ENOTTY, filetext::IoctlFailed("/dev/zero"));
   EXPECT_EQ(File("/dev/urandom", O_RDONLY, 0).Ioctl(RNDRESEEDCRNG), 0);
   EXPECT_SYSTEM_ERROR(File("/dev/full", O_WRONLY, 0).PutString("x"), ENOSPC,
-                      "Error writing to file descriptor:: No space left on deviceWriteBytes to '/dev/full' failed.");
+                      filetext::WriteFailed(systext::kWriteError + ": No space left on device", "/dev/full"));
 }
 
 TEST(Files, ADescriptorsNameComesFromTheKernel) {
   const File file(::open("/dev/null", O_RDONLY));
   EXPECT_SYSTEM_ERROR(file.PutString("x"), EBADF,
-                      "Error writing to file descriptor:: Bad file descriptorWriteBytes to '/dev/null' failed.");
+                      filetext::WriteFailed(systext::kWriteError + ": Bad file descriptor", "/dev/null"));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../watchdog/WatchDogTexts.h"
 #include "ExpectThrow.h"
 
 namespace {
@@ -34,7 +35,7 @@ TEST(WatchDogDriver, DisarmedByTheMagicCloseItLetsTheBoardLive) {
   dog.Activate();
   dog.Deactivate();
   DebugSleep(3000);
-  EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, "Watchdog not activated");
+  EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, watchdogtext::kNotActive);
 }
 
 TEST(WatchDogDriver, ItsTimeOutCanBeChangedWhileItRuns) {
@@ -50,7 +51,7 @@ TEST(WatchDogDriver, ASecondOpenerIsRefusedAndTheFirstGoesOn) {
   WatchDog first(30, kDevice);
   first.Activate();
   WatchDog second(30, kDevice);
-  EXPECT_SYSTEM_ERROR(second.Activate(), EBUSY, " Could not open watchdog device!");
+  EXPECT_SYSTEM_ERROR(second.Activate(), EBUSY, watchdogtext::kOpenError);
   first.Feed();
   EXPECT_EQ(first.GetInterval(), 30);
 }
@@ -63,7 +64,7 @@ TEST(WatchDogDriver, ATimeOutThatTheDriverRefusesLeavesTheOldOne) {
     dog.SetInterval(kTooLong);
     EXPECT_EQ(dog.GetInterval(), kTooLong);
   } else {
-    EXPECT_EXACT_THROW(dog.SetInterval(kTooLong), std::logic_error, "Could not set watchdog interval");
+    EXPECT_EXACT_THROW(dog.SetInterval(kTooLong), std::logic_error, watchdogtext::kNotSet);
     EXPECT_EQ(dog.GetInterval(), 30);
   }
 }
@@ -71,7 +72,7 @@ TEST(WatchDogDriver, ATimeOutThatTheDriverRefusesLeavesTheOldOne) {
 TEST(WatchDogDriver, WhatTheLibraryRefusesDoesNotReachTheDriver) {
   WatchDog dog(30, kDevice);
   dog.Activate();
-  EXPECT_EXACT_THROW(dog.SetInterval(0), std::logic_error, "Watchdog interval must be greater than 0 seconds");
+  EXPECT_EXACT_THROW(dog.SetInterval(0), std::logic_error, watchdogtext::kTooShort);
   EXPECT_EQ(dog.GetInterval(), 30);
 }
 
@@ -85,7 +86,7 @@ TEST(WatchDogDriver, ItCanBeArmedAgainAfterDisarming) {
 
 TEST(WatchDogDriver, ADeviceThatIsNotThereIsReported) {
   WatchDog dog(30, "/dev/watchdog-nowhere");
-  EXPECT_SYSTEM_ERROR(dog.Activate(), ENOENT, " Could not open watchdog device!");
+  EXPECT_SYSTEM_ERROR(dog.Activate(), ENOENT, watchdogtext::kOpenError);
 }
 
 }  // namespace

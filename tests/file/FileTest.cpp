@@ -30,17 +30,15 @@
 
 #include <gtest/gtest.h>
 
+#include "../sys/SysTexts.h"
 #include "ExpectThrow.h"
+#include "FileTexts.h"
 #include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 
 namespace {
 
 using Calls = ScriptedKernel::Calls;
-
-constexpr const char* kWriteError = "Error writing to file descriptor:";
-constexpr const char* kReadError = "Error reading from file descriptor:";
-constexpr const char* kReadEnd = "Error reading from file descriptor. No bytes read:";
 
 static_assert(!std::is_copy_constructible_v<File> && !std::is_copy_assignable_v<File>,
               "who would close what it holds?");
@@ -146,7 +144,7 @@ TEST_F(FileOpening, ARelativePathIsTheNameAsItIs) {
   std::filesystem::current_path(std::filesystem::path(Make("there", "")).parent_path());
   {
     const File file("there", O_RDONLY, 0);
-    EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for 'there' failed.");
+    EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed("there"));
   }
   std::filesystem::current_path(before);
 }
@@ -154,25 +152,25 @@ TEST_F(FileOpening, ARelativePathIsTheNameAsItIs) {
 TEST_F(FileOpening, AMissingFileThrowsEnoentWithItsPath) {
   const std::string path = Path("missing");
 
-  EXPECT_SYSTEM_ERROR(File(path, O_RDONLY, 0), ENOENT, "Open for '" + path + "' failed.");
+  EXPECT_SYSTEM_ERROR(File(path, O_RDONLY, 0), ENOENT, filetext::OpenFailed(path));
   EXPECT_EXACT_THROW(File("/missing", O_RDONLY, 0), std::system_error,
-                     "Open for '/missing' failed.: No such file or directory");
+                     filetext::OpenFailed("/missing") + ": No such file or directory");
 }
 
 TEST_F(FileOpening, OtherReasonsThrowWithTheirNumbers) {
   const std::string path = Make("there", "");
   const std::string folder = std::filesystem::path(path).parent_path();
 
-  EXPECT_SYSTEM_ERROR(File(path, O_CREAT | O_EXCL | O_RDWR, 0600), EEXIST, "Open for '" + path + "' failed.");
-  EXPECT_SYSTEM_ERROR(File(folder, O_RDWR, 0), EISDIR, "Open for '" + folder + "' failed.");
-  EXPECT_SYSTEM_ERROR(File(path + "/below", O_RDONLY, 0), ENOTDIR, "Open for '" + path + "/below' failed.");
+  EXPECT_SYSTEM_ERROR(File(path, O_CREAT | O_EXCL | O_RDWR, 0600), EEXIST, filetext::OpenFailed(path));
+  EXPECT_SYSTEM_ERROR(File(folder, O_RDWR, 0), EISDIR, filetext::OpenFailed(folder));
+  EXPECT_SYSTEM_ERROR(File(path + "/below", O_RDONLY, 0), ENOTDIR, filetext::OpenFailed(path + "/below"));
 }
 
 TEST_F(FileOpening, TheEmptyPathIsOpenedLikeAnyOther) {
   ScriptedKernel kernel;
   kernel.Watch("open");
 
-  EXPECT_SYSTEM_ERROR(File("", O_RDONLY, 0), ENOENT, "Open for '' failed.");
+  EXPECT_SYSTEM_ERROR(File("", O_RDONLY, 0), ENOENT, filetext::OpenFailed(""));
 
   EXPECT_EQ(kernel.Seen(), (Calls{"open(\"\", 0x0)"}));
 }
@@ -183,7 +181,7 @@ TEST_F(FileOpening, AFailedOpenClosesNothing) {
     ScriptedKernel kernel;
     kernel.Script("open", {Fails(error)}).Watch("close").Watch("fclose").Watch("fdopen");
 
-    EXPECT_SYSTEM_ERROR(File("/dev/null", O_RDWR, 0), error, "Open for '/dev/null' failed.");
+    EXPECT_SYSTEM_ERROR(File("/dev/null", O_RDWR, 0), error, filetext::OpenFailed("/dev/null"));
 
     EXPECT_EQ(kernel.Seen(), (Calls{"open(\"/dev/null\", 0x2)"}));
   }
@@ -228,7 +226,7 @@ TEST_F(FileAdopting, ADescriptorGetsItsNameFromTheKernel) {
   EXPECT_EQ(kernel.Seen(),
             (Calls{"readlink(\"/proc/self/fd/" + number + "\", 1024)", "fdopen(" + number + ", \"rb\")"}));
   EXPECT_EQ(Read(file, 3), "012");
-  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
+  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(path));
 }
 
 TEST_F(FileAdopting, AStreamIsKeptAndItsDescriptorUsed) {
@@ -245,7 +243,7 @@ TEST_F(FileAdopting, AStreamIsKeptAndItsDescriptorUsed) {
   EXPECT_EQ(Read(file, 3), "012");
   Write(file, "xyz");
   EXPECT_EQ(Contents(path), "012xyz6789");
-  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
+  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(path));
 }
 
 TEST_F(FileAdopting, EveryKindOfFileHasAName) {
@@ -262,21 +260,22 @@ TEST_F(FileAdopting, EveryKindOfFileHasAName) {
   std::filesystem::remove(deleted);
 
   // The name is seen in a failure: none of them can be sought, nor the deleted one to before its start.
-  const std::vector<std::pair<int, std::string>> expected = {{pipe[0], "pipe:["},
-                                                             {pipe[1], "pipe:["},
-                                                             {sockets[0], "socket:["},
-                                                             {slave, terminal.data()},
-                                                             {fd, deleted + " (deleted)"}};
-  for (const auto& [descriptor, name] : expected) {
-    const File file(descriptor);
-    try {
-      file.Seek(-1, SEEK_SET);
-      ADD_FAILURE() << name;
-    } catch (const std::system_error& e) {
-      const std::string text = e.what();
-      EXPECT_EQ(text.find("Seeking failed for '" + name), 0U) << text;
-      EXPECT_NE(text.find("' failed.: "), std::string::npos) << text;
-    }
+  struct Named {
+    int fd;
+    std::string beginning;  // of its name
+    int error;
+  };
+  const std::vector<Named> expected = {{pipe[0], "pipe:[", ESPIPE},
+                                       {pipe[1], "pipe:[", ESPIPE},
+                                       {sockets[0], "socket:[", ESPIPE},
+                                       {slave, terminal.data(), ESPIPE},
+                                       {fd, deleted + " (deleted)", EINVAL}};
+  for (const Named& named : expected) {
+    SCOPED_TRACE(named.beginning);
+    const std::string name = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(named.fd));
+    EXPECT_EQ(name.substr(0, named.beginning.size()), named.beginning);
+    const File file(named.fd);
+    EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), named.error, filetext::SeekFailed(name));
   }
   ::close(sockets[1]);
   ::close(master);
@@ -286,7 +285,7 @@ TEST_F(FileAdopting, MinusOneOpensTheEmptyName) {
   ScriptedKernel kernel;
   kernel.Watch("open").Watch("close").Watch("readlink");
 
-  EXPECT_SYSTEM_ERROR(File(-1), ENOENT, "Open for '' failed.");
+  EXPECT_SYSTEM_ERROR(File(-1), ENOENT, filetext::OpenFailed(""));
 
   EXPECT_EQ(kernel.Seen(), (Calls{"open(\"\", 0x0)"}));
 }
@@ -295,7 +294,7 @@ TEST_F(FileAdopting, ANullStreamIsADescriptorOfNone) {
   ScriptedKernel kernel;
   kernel.Watch("open").Watch("close").Watch("fclose").Watch("readlink");
 
-  EXPECT_SYSTEM_ERROR(File(static_cast<std::FILE*>(nullptr)), ENOENT, "Open for '' failed.");
+  EXPECT_SYSTEM_ERROR(File(static_cast<std::FILE*>(nullptr)), ENOENT, filetext::OpenFailed(""));
 
   EXPECT_EQ(kernel.Seen(), (Calls{"open(\"\", 0x0)"}));
 }
@@ -307,7 +306,7 @@ TEST_F(FileAdopting, AStreamWithoutADescriptorIsClosedAloneAndOpensTheEmptyName)
   ScriptedKernel kernel;
   kernel.Watch("open").Watch("close").Watch("fclose").Watch("readlink");
 
-  EXPECT_SYSTEM_ERROR(File{stream}, ENOENT, "Open for '' failed.");
+  EXPECT_SYSTEM_ERROR(File{stream}, ENOENT, filetext::OpenFailed(""));
 
   EXPECT_EQ(kernel.Seen(), (Calls{"open(\"\", 0x0)", "fclose()"}));
 }
@@ -319,8 +318,8 @@ TEST_F(FileAdopting, ARenamedFileKeepsTheNameThatItHadAtFirst) {
   std::filesystem::rename(path, Path("elsewhere"));
   byDescriptor.Init();
 
-  EXPECT_SYSTEM_ERROR(byPath.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
-  EXPECT_SYSTEM_ERROR(byDescriptor.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
+  EXPECT_SYSTEM_ERROR(byPath.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(path));
+  EXPECT_SYSTEM_ERROR(byDescriptor.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(path));
 }
 
 TEST_F(FileAdopting, ADescriptorThatIsNotOpenHasNoLinkAndIsClosedAllTheSame) {
@@ -329,7 +328,7 @@ TEST_F(FileAdopting, ADescriptorThatIsNotOpenHasNoLinkAndIsClosedAllTheSame) {
   ScriptedKernel kernel;
   kernel.Watch("close").Watch("fdopen");
 
-  EXPECT_SYSTEM_ERROR(File{fd}, ENOENT, "ReadLink failed for '/proc/self/fd/" + number + "' failed.");
+  EXPECT_SYSTEM_ERROR(File{fd}, ENOENT, filetext::ReadLinkFailed("/proc/self/fd/" + number));
 
   EXPECT_EQ(kernel.Seen(), (Calls{"close(" + number + ")"}));
 }
@@ -340,7 +339,7 @@ TEST_F(FileAdopting, ALinkThatCannotBeReadClosesTheDescriptor) {
   ScriptedKernel kernel;
   kernel.Script("readlink", {Fails(EACCES)}).Watch("close").Watch("fclose").Watch("fdopen");
 
-  EXPECT_SYSTEM_ERROR(File{fd}, EACCES, "ReadLink failed for '/proc/self/fd/" + number + "' failed.");
+  EXPECT_SYSTEM_ERROR(File{fd}, EACCES, filetext::ReadLinkFailed("/proc/self/fd/" + number));
 
   EXPECT_EQ(kernel.Seen(), (Calls{"readlink(\"/proc/self/fd/" + number + "\", 1024)", "close(" + number + ")"}));
   EXPECT_FALSE(IsOpen(fd));
@@ -353,7 +352,7 @@ TEST_F(FileAdopting, ALinkThatCannotBeReadClosesTheStreamAndThenItsDescriptor) {
   ScriptedKernel kernel;
   kernel.Script("readlink", {Fails(EACCES)}).Watch("close").Watch("fclose");
 
-  EXPECT_SYSTEM_ERROR(File{stream}, EACCES, "ReadLink failed for '/proc/self/fd/" + number + "' failed.");
+  EXPECT_SYSTEM_ERROR(File{stream}, EACCES, filetext::ReadLinkFailed("/proc/self/fd/" + number));
 
   EXPECT_EQ(kernel.Seen(),
             (Calls{"readlink(\"/proc/self/fd/" + number + "\", 1024)", "fclose()", "close(" + number + ")"}));
@@ -367,7 +366,7 @@ TEST_F(FileAdopting, AnEmptyLinkLeavesAnEmptyName) {
 
   const File file(fd);
 
-  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '' failed.");
+  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(""));
 }
 
 // --- Release ---------------------------------------------------------------------------------------------------------
@@ -479,7 +478,7 @@ TEST_F(FileStream, WithoutOneTheEndIsThatOfTheDescriptor) {
   const File file(pipe[0]);
 
   errno = ENOTTY;
-  EXPECT_SYSTEM_ERROR(Read(file, 1), ENOTTY, std::string(kReadEnd) + "ReadBytes from '/the/pipe' failed.");
+  EXPECT_SYSTEM_ERROR(Read(file, 1), ENOTTY, filetext::ReadFailed(systext::kReadEnd, "/the/pipe"));
 }
 
 TEST_F(FileStream, OnceItHasMetTheEndReadBytesFailsWithWhateverErrnoHolds) {
@@ -497,10 +496,10 @@ TEST_F(FileStream, OnceItHasMetTheEndReadBytesFailsWithWhateverErrnoHolds) {
   for (const int error : {0, ENOTTY, EINTR}) {
     SCOPED_TRACE(ErrorName(error));
     errno = error;
-    EXPECT_SYSTEM_ERROR(Read(file, 1), error, "End of file reached for '" + path + "'.");
+    EXPECT_SYSTEM_ERROR(Read(file, 1), error, filetext::EndOfFile(path));
   }
   errno = 0;
-  EXPECT_SYSTEM_ERROR(Read(file, 0), 0, "End of file reached for '" + path + "'.");
+  EXPECT_SYSTEM_ERROR(Read(file, 0), 0, filetext::EndOfFile(path));
   EXPECT_EQ(kernel.Seen(), Calls{});
 
   // The indicator is the stream's own, which Seek() does not know.
@@ -564,8 +563,7 @@ TEST_F(FileTransfer, AFailedWriteThrowsBothTextsWithoutASeparator) {
     SCOPED_TRACE(ErrorName(error));
     ScriptedKernel kernel;
     kernel.Script("write", {Returns(1), Fails(error), Fails(error)});
-    const std::string text =
-        std::string(kWriteError) + ": " + std::strerror(error) + "WriteBytes to '" + path + "' failed.";
+    const std::string text = filetext::WriteFailed(systext::kWriteError + ": " + std::strerror(error), path);
 
     EXPECT_SYSTEM_ERROR(Write(file, "abc"), error, text);
     EXPECT_SYSTEM_ERROR(file.PutString("abc"), error, text);
@@ -582,7 +580,7 @@ TEST_F(FileTransfer, APipeWithoutReaderThrowsEpipe) {
   auto* const before = std::signal(SIGPIPE, SIG_IGN);
 
   EXPECT_EXACT_THROW(file.PutString("x"), std::system_error,
-                     "Error writing to file descriptor:: Broken pipeWriteBytes to '/tmp/out' failed.: Broken pipe");
+                     filetext::WriteFailed(systext::kWriteError + ": Broken pipe", "/tmp/out") + ": Broken pipe");
 
   std::signal(SIGPIPE, before);
 }
@@ -595,8 +593,7 @@ TEST_F(FileTransfer, AWriteWithoutProgressBecomesASystemErrorWithWhateverErrnoHo
     ScriptedKernel kernel;
     kernel.Script("write", {{0, error, {}, false}});
 
-    EXPECT_SYSTEM_ERROR(file.PutString("x"), error,
-                        "Error writing to file descriptor. No bytes written:WriteBytes to '" + path + "' failed.");
+    EXPECT_SYSTEM_ERROR(file.PutString("x"), error, filetext::WriteFailed(systext::kWriteStuck, path));
   }
 }
 
@@ -631,7 +628,7 @@ TEST_F(FileTransfer, ReadingTenBytesOfFourThrowsAndTheDescriptorIsBehindThem) {
     ASSERT_EQ(file.Seek(0, SEEK_SET), 0);
     errno = error;
     EXPECT_SYSTEM_ERROR(file.ReadBytes(reinterpret_cast<unsigned char*>(buffer.data()), 10), error,
-                        std::string(kReadEnd) + "ReadBytes from '" + path + "' failed.");
+                        filetext::ReadFailed(systext::kReadEnd, path));
   }
 
   EXPECT_EQ(buffer, "0123......");
@@ -647,9 +644,8 @@ TEST_F(FileTransfer, AFailedReadThrowsBothTextsWithoutASeparator) {
     ScriptedKernel kernel;
     kernel.Script("read", {Gives("a"), Fails(error)});
 
-    EXPECT_SYSTEM_ERROR(
-        Read(file, 3), error,
-        std::string(kReadError) + ": " + std::strerror(error) + "ReadBytes from '" + path + "' failed.");
+    EXPECT_SYSTEM_ERROR(Read(file, 3), error,
+                        filetext::ReadFailed(systext::kReadError + ": " + std::strerror(error), path));
   }
 }
 
@@ -658,7 +654,7 @@ TEST_F(FileTransfer, AWriteOnlyFileCannotBeRead) {
   const File file(path, O_WRONLY, 0);
 
   EXPECT_SYSTEM_ERROR(Read(file, 1), EBADF,
-                      std::string(kReadError) + ": " + std::strerror(EBADF) + "ReadBytes from '" + path + "' failed.");
+                      filetext::ReadFailed(systext::kReadError + ": " + std::strerror(EBADF), path));
 }
 
 TEST_F(FileTransfer, ATerminalIsReadAndWritten) {
@@ -722,11 +718,11 @@ TEST_F(FileLinks, TheTargetEndsAtItsFirstZeroByte) {
 TEST_F(FileLinks, FailuresThrowWithFailedTwice) {
   const std::string path = Make("there", "");
 
-  EXPECT_SYSTEM_ERROR(File::ReadLink(Path("missing")), ENOENT, "ReadLink failed for '" + Path("missing") + "' failed.");
-  EXPECT_SYSTEM_ERROR(File::ReadLink(path), EINVAL, "ReadLink failed for '" + path + "' failed.");
-  EXPECT_SYSTEM_ERROR(File::ReadLink(""), ENOENT, "ReadLink failed for '' failed.");
+  EXPECT_SYSTEM_ERROR(File::ReadLink(Path("missing")), ENOENT, filetext::ReadLinkFailed(Path("missing")));
+  EXPECT_SYSTEM_ERROR(File::ReadLink(path), EINVAL, filetext::ReadLinkFailed(path));
+  EXPECT_SYSTEM_ERROR(File::ReadLink(""), ENOENT, filetext::ReadLinkFailed(""));
   EXPECT_EXACT_THROW(File::ReadLink("/missing"), std::system_error,
-                     "ReadLink failed for '/missing' failed.: No such file or directory");
+                     filetext::ReadLinkFailed("/missing") + ": No such file or directory");
 }
 
 // --- Exists ----------------------------------------------------------------------------------------------------------
@@ -833,7 +829,7 @@ TEST_F(FileSeek, AnOffsetThatALongCannotHoldThrowsEoverflow) {
   const std::string path = Path("new");
   const int fd = NextDescriptor();
   const File file(path, O_CREAT | O_RDWR, 0600);
-  const std::string text = "Seeking failed for '" + path + "' failed.";
+  const std::string text = filetext::SeekFailed(path);
   ASSERT_EQ(file.Seek(LONG_MAX, SEEK_SET), LONG_MAX);
 
   // Cut to 32 bits, these would be the most negative number, -1 and a small one.
@@ -856,8 +852,8 @@ TEST_F(FileSeek, FailuresThrowWithFailedTwice) {
   const std::string path = Make("there", "");
   const File file(path, O_RDONLY, 0);
 
-  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, "Seeking failed for '" + path + "' failed.");
-  EXPECT_SYSTEM_ERROR(file.Seek(0, 99), EINVAL, "Seeking failed for '" + path + "' failed.");
+  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(path));
+  EXPECT_SYSTEM_ERROR(file.Seek(0, 99), EINVAL, filetext::SeekFailed(path));
 
   std::array<int, 2> pipe{};
   ASSERT_EQ(::pipe(pipe.data()), 0);
@@ -865,8 +861,7 @@ TEST_F(FileSeek, FailuresThrowWithFailedTwice) {
   ScriptedKernel kernel;
   kernel.Script("readlink", {Gives("/the/pipe")});
   const File piped(pipe[0]);
-  EXPECT_EXACT_THROW(piped.Seek(0, SEEK_CUR), std::system_error,
-                     "Seeking failed for '/the/pipe' failed.: Illegal seek");
+  EXPECT_EXACT_THROW(piped.Seek(0, SEEK_CUR), std::system_error, filetext::SeekFailed("/the/pipe") + ": Illegal seek");
 }
 
 // --- Ioctl -----------------------------------------------------------------------------------------------------------
@@ -962,16 +957,15 @@ TEST_F(FileIoctl, ANumberThatIsGivenDoesNotReachTheKernel) {
   ASSERT_EQ(::ioctl(slave, TCFLSH, 0), 0);
 
   // The address of the list is the number of no queue.
-  EXPECT_SYSTEM_ERROR(terminal.Ioctl(TCFLSH, 0), EINVAL,
-                      std::string("IO Control failed for '") + name.data() + "' failed.");
+  EXPECT_SYSTEM_ERROR(terminal.Ioctl(TCFLSH, 0), EINVAL, filetext::IoctlFailed(name.data()));
 }
 
 TEST_F(FileIoctl, FailuresThrowWithFailedTwice) {
   const File file("/dev/null", O_RDWR, 0);
 
-  EXPECT_SYSTEM_ERROR(file.Ioctl(TIOCEXCL), ENOTTY, "IO Control failed for '/dev/null' failed.");
+  EXPECT_SYSTEM_ERROR(file.Ioctl(TIOCEXCL), ENOTTY, filetext::IoctlFailed("/dev/null"));
   EXPECT_EXACT_THROW(file.Ioctl(TIOCEXCL), std::system_error,
-                     "IO Control failed for '/dev/null' failed.: Inappropriate ioctl for device");
+                     filetext::IoctlFailed("/dev/null") + ": Inappropriate ioctl for device");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../os/OsTexts.h"
 #include "Allocations.h"
 #include "ExpectThrow.h"
 #include "IpNet.h"
@@ -700,12 +701,12 @@ TEST(IpNetFailures, PopenAndPcloseFailuresPassThrough) {
     {
       ScriptedKernel kernel;
       kernel.Script("popen", {Fails(ENOMEM)});
-      EXPECT_SYSTEM_ERROR(call(net), ENOMEM, "popen failed");
+      EXPECT_SYSTEM_ERROR(call(net), ENOMEM, ostext::kPopenFailed);
     }
     {
       ScriptedKernel kernel;
       kernel.Script("pclose", {Fails(ECHILD)});
-      EXPECT_SYSTEM_ERROR(call(net), ECHILD, "pclose failed");
+      EXPECT_SYSTEM_ERROR(call(net), ECHILD, ostext::kPcloseFailed);
     }
   }
 }
@@ -722,12 +723,12 @@ TEST(IpNetFailures, TheChangesOwnPopenAndPcloseFailuresPassThrough) {
     {
       ScriptedKernel kernel;
       kernel.Script("popen", {Real(), Fails(ENOMEM)});
-      EXPECT_SYSTEM_ERROR(change(), ENOMEM, "popen failed");
+      EXPECT_SYSTEM_ERROR(change(), ENOMEM, ostext::kPopenFailed);
     }
     {
       ScriptedKernel kernel;
       kernel.Script("pclose", {Real(), Fails(ECHILD)});
-      EXPECT_SYSTEM_ERROR(change(), ECHILD, "pclose failed");
+      EXPECT_SYSTEM_ERROR(change(), ECHILD, ostext::kPcloseFailed);
     }
   }
 }

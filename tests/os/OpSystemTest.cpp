@@ -23,6 +23,7 @@
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
 #include "OpenDescriptors.h"
+#include "OsTexts.h"
 #include "ScriptedKernel.h"
 
 namespace {
@@ -212,7 +213,7 @@ TEST_F(ExecCmd, AFailingPopenThrowsItsError) {
   ScriptedKernel kernel;
   kernel.Script("popen", {Fails(EMFILE)}).Watch("pclose");
 
-  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), EMFILE, "popen failed");
+  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), EMFILE, ostext::kPopenFailed);
 
   EXPECT_EQ(kernel.Seen(), (Calls{"popen(\"echo abc 2>&1\", \"r\")"}));
 }
@@ -221,7 +222,7 @@ TEST_F(ExecCmd, AFailingPcloseThrowsItsError) {
   ScriptedKernel kernel;
   kernel.Script("pclose", {Fails(ECHILD)}).Watch("popen");
 
-  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), ECHILD, "pclose failed");
+  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), ECHILD, ostext::kPcloseFailed);
 
   EXPECT_EQ(kernel.Seen(), (Calls{"popen(\"echo abc 2>&1\", \"r\")", "pclose()"}));
 }
@@ -230,7 +231,7 @@ TEST_F(ExecCmd, AnyNegativeResultOfPcloseIsAFailure) {
   ScriptedKernel kernel;
   kernel.Script("pclose", {{-2, EIO, {}, false}});
 
-  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), EIO, "pclose failed");
+  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), EIO, ostext::kPcloseFailed);
 }
 
 TEST_F(ExecCmd, AnyPositiveResultOfPcloseThrowsTheOutput) {
@@ -259,13 +260,13 @@ TEST_F(ExecCmd, WithoutFreeDescriptorsPopenReallyFails) {
       throw;
     }
   };
-  EXPECT_SYSTEM_ERROR(call(), EMFILE, "popen failed");
+  EXPECT_SYSTEM_ERROR(call(), EMFILE, ostext::kPopenFailed);
 }
 
 TEST_F(ExecCmd, WhereChildrenAreNotWaitedForPcloseReallyFails) {
   ::signal(SIGCHLD, SIG_IGN);
 
-  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), ECHILD, "pclose failed");
+  EXPECT_SYSTEM_ERROR(m_os.ExecCmd("echo abc", false), ECHILD, ostext::kPcloseFailed);
 
   ::signal(SIGCHLD, SIG_DFL);
 }

@@ -8,16 +8,10 @@
 
 #include "ExpectThrow.h"
 #include "SerialPort.h"
+#include "SerialTexts.h"
 #include "SerialTty.h"
 
 using Calls = ScriptedKernel::Calls;
-
-inline const char* const kNotOpen = "Serial port not open.";
-inline const char* const kGetFailed = "Get the current port settings failed?";
-inline const char* const kSetFailed =
-    "SerialPort::SetPortSettings(): Setting the attributes of the serial port '/dev/ttyS1' failed?";
-inline const char* const kTooFewBuffered = "SerialPort::Read: more bytes asked for than are buffered.";
-inline const char* const kFionreadFailed = "SerialPort::ReadAllAvailableData: FIONREAD failed!";
 
 inline const Calls kOpening = {"open(\"/dev/ttyS1\", 0x102)", "fcntl(70, F_SETFL, 0)", "tcgetattr(70)",
                                "tcsetattr(70, TCSAFLUSH)",    "tcflush(70, TCIFLUSH)", "tcflush(70, TCIOFLUSH)",
@@ -50,10 +44,10 @@ class SerialTtyTest : public testing::Test {
 
 /// Expects that @p statement changes nothing and fails for want of an open port, with the errno that happens to be
 /// there.
-#define EXPECT_NOT_OPEN(statement)                                  \
-  do {                                                              \
-    errno = EXDEV;                                                  \
-    EXPECT_SYSTEM_ERROR(statement, EXDEV, "Serial port not open."); \
+#define EXPECT_NOT_OPEN(statement)                               \
+  do {                                                           \
+    errno = EXDEV;                                               \
+    EXPECT_SYSTEM_ERROR(statement, EXDEV, serialtext::kNotOpen); \
   } while (false)
 
 #endif

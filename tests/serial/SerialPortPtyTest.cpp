@@ -21,6 +21,7 @@
 #include "PtyLine.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
+#include "SerialTexts.h"
 
 namespace {
 
@@ -211,7 +212,7 @@ TEST_F(PtyPort, BytesAreCountedTakenIntoTheBufferAndHandedOutInParts) {
   Bytes out;
   port.Read(out, 2);
   EXPECT_EQ(out, (Bytes{'a', 'b'}));
-  EXPECT_EXACT_THROW(port.Read(out, 4), std::invalid_argument, kTooFewBuffered);
+  EXPECT_EXACT_THROW(port.Read(out, 4), std::invalid_argument, serialtext::kTooFewBuffered);
   EXPECT_TRUE(out.empty());
   port.ReadAllAvailableData();
   port.Read(out, 0);
@@ -270,14 +271,12 @@ TEST_F(PtyPort, AHangUpIsSomethingToReadAndReadingItIsTheEndOfFile) {
 
   EXPECT_TRUE(port.IsDataReceived(-1));
   errno = EXDEV;
-  EXPECT_SYSTEM_ERROR(port.ReadOneByte(), EXDEV, "SerialPort ReadCount 0");
-  EXPECT_SYSTEM_ERROR(port.Write("x"), EIO, "Error writing to file descriptor: ");
-  EXPECT_SYSTEM_ERROR(port.AvailableBytesToRead(), EIO, kFionreadFailed);
+  EXPECT_SYSTEM_ERROR(port.ReadOneByte(), EXDEV, serialtext::kReadEnd);
+  EXPECT_SYSTEM_ERROR(port.Write("x"), EIO, serialtext::kWriteError);
+  EXPECT_SYSTEM_ERROR(port.AvailableBytesToRead(), EIO, serialtext::kFionreadFailed);
 
   // A line that is gone takes no attributes, so closing needs help, too.
-  EXPECT_SYSTEM_ERROR(
-      port.Close(), EIO,
-      "SerialPort::Close(): Setting the attributes of the serial port '" + m_line.Device() + "' failed?");
+  EXPECT_SYSTEM_ERROR(port.Close(), EIO, serialtext::CloseFailed(m_line.Device()));
   EXPECT_TRUE(port.IsOpen());
   m_modem.kernel.Script("tcsetattr", {Returns(0)});
   port.Close();
@@ -306,7 +305,7 @@ TEST_F(PtyPort, WithoutTheStandInsItCannotBeClosed) {
   m_modem.kernel.Script("TIOCMGET", {Fails(ENOTTY)});
   SerialPort port(m_line.Device(), true);
 
-  EXPECT_SYSTEM_ERROR(port.Close(), ENOTTY, " SetLoopback TIOCMGET failed!");
+  EXPECT_SYSTEM_ERROR(port.Close(), ENOTTY, serialtext::kLoopbackGetFailed);
 
   EXPECT_TRUE(port.IsOpen());
 }
@@ -325,8 +324,8 @@ TEST(NoLine, APathThatDoesNotExistThrowsEnoent) {
   for (const bool termiosSupported : {false, true}) {
     SCOPED_TRACE(termiosSupported ? "with attributes" : "without attributes");
     EXPECT_SYSTEM_ERROR(SerialPort("/nonexistent/ttyS1", termiosSupported), ENOENT,
-                        "Open Serial Port '/nonexistent/ttyS1' failed?");
-    EXPECT_SYSTEM_ERROR(SerialPort("", termiosSupported), ENOENT, "Open Serial Port '' failed?");
+                        serialtext::OpenFailed("/nonexistent/ttyS1"));
+    EXPECT_SYSTEM_ERROR(SerialPort("", termiosSupported), ENOENT, serialtext::OpenFailed(""));
   }
 }
 
@@ -335,15 +334,15 @@ TEST(NoLine, ARegularFileIsRejectedAndClosedWithAttributesOrWithout) {
   ::close(::mkstemp(path.data()));
   const int descriptors = CountDescriptors();
 
-  EXPECT_SYSTEM_ERROR(SerialPort(path, true), ENOTTY, "Save the current settings for serial port failed?");
-  EXPECT_SYSTEM_ERROR(SerialPort(path, false), ENOTTY, "Flush of the input buffer failed?");
+  EXPECT_SYSTEM_ERROR(SerialPort(path, true), ENOTTY, serialtext::kSaveFailed);
+  EXPECT_SYSTEM_ERROR(SerialPort(path, false), ENOTTY, serialtext::kFlushFailed);
 
   EXPECT_EQ(CountDescriptors(), descriptors);
   std::filesystem::remove(path);
 }
 
 TEST(NoLine, ADirectoryCannotBeOpened) {
-  EXPECT_SYSTEM_ERROR(SerialPort("/tmp", true), EISDIR, "Open Serial Port '/tmp' failed?");
+  EXPECT_SYSTEM_ERROR(SerialPort("/tmp", true), EISDIR, serialtext::OpenFailed("/tmp"));
 }
 
 }  // namespace

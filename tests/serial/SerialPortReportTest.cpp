@@ -9,14 +9,13 @@
 
 #include <gtest/gtest.h>
 
+#include "../sys/SysTexts.h"
 #include "SerialExtended.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
+#include "SerialTexts.h"
 
 namespace {
-
-constexpr const char* kMemoryFailed = "ReadFromMemory Open /dev/mem failed";
-constexpr const char* kMmapFailed = "Error from mmap";
 
 /// Mapping one register: @p inPage is its offset there, @p length that and 32 more bytes, as the notes write it.
 Calls Access(const std::string& length) {
@@ -127,7 +126,7 @@ TEST_F(Report, ReadsTheAttributesFirstAlsoWhereACustomSpeedIsShown) {
   m_tty.kernel.SeenNow();
   m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
 
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::kGetFailed);
 
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
 }
@@ -387,12 +386,12 @@ TEST_F(Report, SettingsThatCannotBeReadThrowBeforeAnyRegisterIsTouched) {
   m_tty.kernel.SeenNow();
 
   m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::kGetFailed);
   EXPECT_EQ(m_tty.kernel.SeenNow(), First(1, kAskingTheDriver));
 
   // The flow control is read a second time.
   m_tty.kernel.Script("tcgetattr", {Real(), Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::kGetFailed);
   EXPECT_EQ(m_tty.kernel.SeenNow(), First(2, kAskingTheDriver));
 
   EXPECT_TRUE(port.IsOpen());
@@ -407,7 +406,7 @@ TEST_F(Report, ADriverWithoutSerialInformationThrowsBeforeAnyRegisterIsTouched) 
   m_tty.kernel.SeenNow();
   m_tty.kernel.Script("TIOCGSERIAL", {Fails(ENOTTY)});
 
-  EXPECT_SYSTEM_ERROR(port.ToString(), ENOTTY, " TIOCGSERIAL failed!");
+  EXPECT_SYSTEM_ERROR(port.ToString(), ENOTTY, serialtext::kInformationFailed);
 
   EXPECT_EQ(m_tty.kernel.SeenNow(), kAskingTheDriver);
   EXPECT_TRUE(port.IsOpen());
@@ -433,7 +432,7 @@ TEST_F(Report, MemoryThatCannotBeOpenedThrowsAndLeavesThePortOpenAndTheAccessBit
     answers.push_back(Fails(EPERM));
     m_tty.kernel.Script("open", answers);
 
-    EXPECT_SYSTEM_ERROR(port.ToString(), EPERM, kMemoryFailed);
+    EXPECT_SYSTEM_ERROR(port.ToString(), EPERM, systext::kMemoryError);
 
     Calls expected = kAskingTheDriver;
     for (std::size_t i = 0; i < failing; ++i) {
@@ -456,7 +455,7 @@ TEST_F(Report, MemoryThatCannotBeMappedThrowsAndIsClosedAndLeavesThePortOpenAndT
     answers.push_back(Fails(EAGAIN));
     m_tty.kernel.Script("mmap", answers);
 
-    EXPECT_SYSTEM_ERROR(port.ToString(), EAGAIN, kMmapFailed);
+    EXPECT_SYSTEM_ERROR(port.ToString(), EAGAIN, systext::kMapError);
 
     Calls expected = kAskingTheDriver;
     for (std::size_t i = 0; i < failing; ++i) {
@@ -471,16 +470,15 @@ TEST_F(Report, MemoryThatCannotBeMappedThrowsAndIsClosedAndLeavesThePortOpenAndT
 TEST_F(Report, AFailingCloseThrowsAndLeavesThePortOpen) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.Script("TIOCMGET", {Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, " SetLoopback TIOCMGET failed!");
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::kLoopbackGetFailed);
   EXPECT_TRUE(port.IsOpen());
 
   m_tty.kernel.Script("TIOCMSET", {Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, " SetLoopback TIOCMSET failed!");
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::kLoopbackSetFailed);
   EXPECT_TRUE(port.IsOpen());
 
   m_tty.kernel.Script("tcsetattr", {Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO,
-                      "SerialPort::Close(): Setting the attributes of the serial port '/dev/ttyS1' failed?");
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::CloseFailed(SerialTty::kDevice));
   EXPECT_TRUE(port.IsOpen());
   EXPECT_EQ(m_registers.Get(SerialRegisters::kLineControl), 0x83U);
 }
@@ -489,7 +487,7 @@ TEST_F(Report, AFailingOpeningThrowsAndLeavesThePortClosed) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.Script("open", {Real(), Real(), Real(), Real(), Fails(ENODEV)});
 
-  EXPECT_SYSTEM_ERROR(port.ToString(), ENODEV, "Open Serial Port '/dev/ttyS1' failed?");
+  EXPECT_SYSTEM_ERROR(port.ToString(), ENODEV, serialtext::OpenFailed(SerialTty::kDevice));
 
   EXPECT_FALSE(port.IsOpen());
 }
@@ -498,7 +496,7 @@ TEST_F(Report, AFailingSetterThrowsAndLeavesThePortOpen) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.Script("tcsetattr", {Real(), Real(), Real(), Fails(EIO)});
 
-  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, std::string(kSetFailed) + "Invalid character size setting.");
+  EXPECT_SYSTEM_ERROR(port.ToString(), EIO, serialtext::SetFailed(SerialTty::kDevice, serialtext::kInvalidSize));
 
   EXPECT_TRUE(port.IsOpen());
 }

@@ -11,8 +11,6 @@
 #include "SerialPortFixture.h"
 #include "SerialTty.h"
 
-inline const char* const kUnsupported = "Unsupported baud rate.";
-
 /// What a port remembers, as the report's reopening applies it.
 struct Remembered {
   SerialPort::BaudRate baudRate;

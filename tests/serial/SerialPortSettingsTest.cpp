@@ -13,6 +13,7 @@
 
 #include "SerialPort.h"
 #include "SerialPortSettingsFixture.h"
+#include "SerialTexts.h"
 
 namespace {
 
@@ -37,24 +38,20 @@ static_assert(sizeof(SerialPort::BaudRate) == sizeof(int) && sizeof(SerialPort::
 static_assert(sizeof(SerialPort::Parity) == sizeof(int) && sizeof(SerialPort::StopBits) == sizeof(int));
 static_assert(sizeof(SerialPort::FlowControl) == sizeof(int));
 
-constexpr const char* kInvalidSize = "Invalid character size setting.";
-constexpr const char* kInvalidParity = "Invalid parity setting.";
-constexpr const char* kInvalidStopBits = "Invalid number of stop bits.";
-constexpr const char* kInvalidFlowControl = "Invalid flow control.";
-
 /// A setter with an argument, what it reports, and how it is called in a table of cases.
 struct Setter {
-  const char* text;
+  std::string text;
   std::function<void(SerialPort&)> apply;
 };
 
 const std::vector<Setter>& Setters() {
   static const std::vector<Setter> setters = {
-      {kUnsupported, [](SerialPort& port) { port.SetBaudRate(SerialPort::BAUD_19200); }},
-      {kInvalidSize, [](SerialPort& port) { port.SetCharSize(SerialPort::CHAR_SIZE_5); }},
-      {kInvalidParity, [](SerialPort& port) { port.SetParity(SerialPort::PARITY_ODD); }},
-      {kInvalidStopBits, [](SerialPort& port) { port.SetNumOfStopBits(SerialPort::STOP_BITS_2); }},
-      {kInvalidFlowControl, [](SerialPort& port) { port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE); }},
+      {serialtext::kUnsupported, [](SerialPort& port) { port.SetBaudRate(SerialPort::BAUD_19200); }},
+      {serialtext::kInvalidSize, [](SerialPort& port) { port.SetCharSize(SerialPort::CHAR_SIZE_5); }},
+      {serialtext::kInvalidParity, [](SerialPort& port) { port.SetParity(SerialPort::PARITY_ODD); }},
+      {serialtext::kInvalidStopBits, [](SerialPort& port) { port.SetNumOfStopBits(SerialPort::STOP_BITS_2); }},
+      {serialtext::kInvalidFlowControl,
+       [](SerialPort& port) { port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE); }},
   };
   return setters;
 }
@@ -91,7 +88,7 @@ TEST_F(Settings, ASetterReadsTheAttributesAndWritesThemAtOnce) {
     m_tty.kernel.SeenNow();
     setter.apply(port);
     Calls calls = m_tty.kernel.SeenNow();
-    if (setter.text == kUnsupported) {
+    if (setter.text == serialtext::kUnsupported) {
       const std::string speed = "(" + std::to_string(B19200) + ")";
       EXPECT_EQ(calls,
                 (Calls{"tcgetattr(70)", "cfsetispeed" + speed, "cfsetospeed" + speed, "tcsetattr(70, TCSANOW)"}));
@@ -138,7 +135,7 @@ TEST_F(Settings, ASetterThatCannotReadThrowsAndWritesAndRemembersNothing) {
   for (const Setter& setter : Setters()) {
     SCOPED_TRACE(setter.text);
     m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
-    EXPECT_SYSTEM_ERROR(setter.apply(port), EIO, kGetFailed);
+    EXPECT_SYSTEM_ERROR(setter.apply(port), EIO, serialtext::kGetFailed);
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
@@ -149,7 +146,7 @@ TEST_F(Settings, ASetterThatCannotWriteThrowsItsTextBehindAndRemembersNothing) {
   for (const Setter& setter : Setters()) {
     SCOPED_TRACE(setter.text);
     m_tty.kernel.Script("tcsetattr", {Fails(EINVAL)});
-    EXPECT_SYSTEM_ERROR(setter.apply(port), EINVAL, std::string(kSetFailed) + setter.text);
+    EXPECT_SYSTEM_ERROR(setter.apply(port), EINVAL, serialtext::SetFailed(SerialTty::kDevice, setter.text));
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
 }
@@ -171,11 +168,11 @@ TEST_F(Settings, AGetterThatCannotReadThrows) {
   SerialPort port(SerialTty::kDevice, true);
   m_tty.kernel.Script("tcgetattr", std::vector<Answer>(5, Fails(EIO)));
 
-  EXPECT_SYSTEM_ERROR(port.GetBaudRate(), EIO, kGetFailed);
-  EXPECT_SYSTEM_ERROR(port.GetCharSize(), EIO, kGetFailed);
-  EXPECT_SYSTEM_ERROR(port.GetParity(), EIO, kGetFailed);
-  EXPECT_SYSTEM_ERROR(port.GetNumOfStopBits(), EIO, kGetFailed);
-  EXPECT_SYSTEM_ERROR(port.GetFlowControl(), EIO, kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.GetBaudRate(), EIO, serialtext::kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.GetCharSize(), EIO, serialtext::kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.GetParity(), EIO, serialtext::kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.GetNumOfStopBits(), EIO, serialtext::kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.GetFlowControl(), EIO, serialtext::kGetFailed);
 }
 
 TEST_F(Settings, WithoutAttributesSettersSucceedWithoutTheDeviceAndGettersSeeZeros) {
@@ -199,10 +196,10 @@ TEST_F(Settings, WithoutAttributesSettersSucceedWithoutTheDeviceAndGettersSeeZer
 
 TEST_F(Settings, InvalidArgumentsAreFoundAfterTheAttributesAreRead) {
   SerialPort port(SerialTty::kDevice, true);
-  const std::vector<std::pair<const char*, std::function<void()>>> setters = {
-      {kInvalidParity, [&] { port.SetParity(static_cast<SerialPort::Parity>(3)); }},
-      {kInvalidStopBits, [&] { port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(2)); }},
-      {kInvalidFlowControl, [&] { port.SetFlowControl(static_cast<SerialPort::FlowControl>(3)); }},
+  const std::vector<std::pair<std::string, std::function<void()>>> setters = {
+      {serialtext::kInvalidParity, [&] { port.SetParity(static_cast<SerialPort::Parity>(3)); }},
+      {serialtext::kInvalidStopBits, [&] { port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(2)); }},
+      {serialtext::kInvalidFlowControl, [&] { port.SetFlowControl(static_cast<SerialPort::FlowControl>(3)); }},
   };
   for (const auto& setter : setters) {
     SCOPED_TRACE(setter.first);
@@ -212,19 +209,20 @@ TEST_F(Settings, InvalidArgumentsAreFoundAfterTheAttributesAreRead) {
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(70)"});
 
     m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
-    EXPECT_SYSTEM_ERROR(set(), EIO, kGetFailed);
+    EXPECT_SYSTEM_ERROR(set(), EIO, serialtext::kGetFailed);
   }
 }
 
 TEST_F(Settings, WithoutAttributesInvalidArgumentsThrowAllTheSame) {
   SerialPort port(SerialTty::kDevice, false);
 
-  EXPECT_EXACT_THROW(port.SetParity(static_cast<SerialPort::Parity>(3)), std::invalid_argument, kInvalidParity);
+  EXPECT_EXACT_THROW(port.SetParity(static_cast<SerialPort::Parity>(3)), std::invalid_argument,
+                     serialtext::kInvalidParity);
   EXPECT_EXACT_THROW(port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(2)), std::invalid_argument,
-                     kInvalidStopBits);
+                     serialtext::kInvalidStopBits);
   EXPECT_EXACT_THROW(port.SetFlowControl(static_cast<SerialPort::FlowControl>(3)), std::invalid_argument,
-                     kInvalidFlowControl);
-  EXPECT_SYSTEM_ERROR(port.SetBaudRate(static_cast<SerialPort::BaudRate>(4095)), EINVAL, kUnsupported);
+                     serialtext::kInvalidFlowControl);
+  EXPECT_SYSTEM_ERROR(port.SetBaudRate(static_cast<SerialPort::BaudRate>(4095)), EINVAL, serialtext::kUnsupported);
 }
 
 // --- Character size --------------------------------------------------------------------------------------------------
@@ -329,7 +327,8 @@ TEST_F(Parity, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
   for (const int parity : {3, -1, INT_MAX}) {
     SCOPED_TRACE(parity);
     m_tty.written.clear();
-    EXPECT_EXACT_THROW(port.SetParity(static_cast<SerialPort::Parity>(parity)), std::invalid_argument, kInvalidParity);
+    EXPECT_EXACT_THROW(port.SetParity(static_cast<SerialPort::Parity>(parity)), std::invalid_argument,
+                       serialtext::kInvalidParity);
     EXPECT_TRUE(m_tty.written.empty());
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
@@ -362,7 +361,7 @@ TEST_F(StopBits, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
     SCOPED_TRACE(stopBits);
     m_tty.written.clear();
     EXPECT_EXACT_THROW(port.SetNumOfStopBits(static_cast<SerialPort::StopBits>(stopBits)), std::invalid_argument,
-                       kInvalidStopBits);
+                       serialtext::kInvalidStopBits);
     EXPECT_TRUE(m_tty.written.empty());
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
@@ -455,7 +454,7 @@ TEST_F(FlowControl, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
     SCOPED_TRACE(flowControl);
     m_tty.written.clear();
     EXPECT_EXACT_THROW(port.SetFlowControl(static_cast<SerialPort::FlowControl>(flowControl)), std::invalid_argument,
-                       kInvalidFlowControl);
+                       serialtext::kInvalidFlowControl);
     EXPECT_TRUE(m_tty.written.empty());
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
@@ -518,13 +517,13 @@ TEST_F(ModemBits, AFailingReadOrWriteThrowsAndChangesNothing) {
     SCOPED_TRACE(on ? "on" : "off");
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("TIOCMGET", {Fails(EINVAL), Fails(ENOTTY)});
-    EXPECT_SYSTEM_ERROR(port.SetLoopback(on), EINVAL, " SetLoopback TIOCMGET failed!");
-    EXPECT_SYSTEM_ERROR(port.ReadyForReceive(on), ENOTTY, "TIOCMGET failed?");
+    EXPECT_SYSTEM_ERROR(port.SetLoopback(on), EINVAL, serialtext::kLoopbackGetFailed);
+    EXPECT_SYSTEM_ERROR(port.ReadyForReceive(on), ENOTTY, serialtext::kModemGetFailed);
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls(2, "TIOCMGET(70)"));
 
     m_tty.kernel.Script("TIOCMSET", {Fails(EINVAL), Fails(ENOTTY)});
-    EXPECT_SYSTEM_ERROR(port.SetLoopback(on), EINVAL, " SetLoopback TIOCMSET failed!");
-    EXPECT_SYSTEM_ERROR(port.ReadyForReceive(on), ENOTTY, "TIOCMSET failed?");
+    EXPECT_SYSTEM_ERROR(port.SetLoopback(on), EINVAL, serialtext::kLoopbackSetFailed);
+    EXPECT_SYSTEM_ERROR(port.ReadyForReceive(on), ENOTTY, serialtext::kModemSetFailed);
     EXPECT_EQ(m_tty.modemBits, kOtherBits);
   }
 }
@@ -534,9 +533,9 @@ TEST_F(ModemBits, AnyNegativeResultFailsForRtsButOnlyMinusOneForTheLoopback) {
   const Answer minusTwo{-2, EIO, {}, false};
 
   m_tty.kernel.Script("TIOCMGET", {minusTwo});
-  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(true), EIO, "TIOCMGET failed?");
+  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(true), EIO, serialtext::kModemGetFailed);
   m_tty.kernel.Script("TIOCMSET", {minusTwo});
-  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(true), EIO, "TIOCMSET failed?");
+  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(true), EIO, serialtext::kModemSetFailed);
 
   m_tty.kernel.Script("TIOCMGET", {minusTwo}).Script("TIOCMSET", {minusTwo});
   port.SetLoopback(true);
@@ -551,8 +550,8 @@ TEST_F(ModemBits, OfAClosedPortTheLoopbackIsRefusedAndRtsFailsInTheCall) {
   EXPECT_NOT_OPEN(port.SetLoopback(false));
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{});
 
-  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(true), EBADF, "TIOCMGET failed?");
-  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(false), EBADF, "TIOCMGET failed?");
+  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(true), EBADF, serialtext::kModemGetFailed);
+  EXPECT_SYSTEM_ERROR(port.ReadyForReceive(false), EBADF, serialtext::kModemGetFailed);
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls(2, "TIOCMGET(-1)"));
 }
 

@@ -11,6 +11,7 @@
 #include "SerialExtended.h"
 #include "SerialPort.h"
 #include "SerialPortSettingsFixture.h"
+#include "SerialTexts.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ TEST_F(BaudRate, WhatIsNoCodeThrowsEinvalAndChangesNothing) {
   for (const int code : {16, 4095, 4112, 9600, -1, INT_MIN}) {
     SCOPED_TRACE(code);
     m_tty.written.clear();
-    EXPECT_SYSTEM_ERROR(port.SetBaudRate(static_cast<SerialPort::BaudRate>(code)), EINVAL, kUnsupported);
+    EXPECT_SYSTEM_ERROR(port.SetBaudRate(static_cast<SerialPort::BaudRate>(code)), EINVAL, serialtext::kUnsupported);
     EXPECT_TRUE(m_tty.written.empty());
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
@@ -71,11 +72,11 @@ TEST_F(BaudRate, EitherDirectionThatCannotBeSetThrowsAndWritesNothing) {
     const std::string speed = "(" + std::to_string(B19200) + ")";
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("cfsetispeed", {answer});
-    EXPECT_SYSTEM_ERROR(port.SetBaudRate(SerialPort::BAUD_19200), EINVAL, kUnsupported);
+    EXPECT_SYSTEM_ERROR(port.SetBaudRate(SerialPort::BAUD_19200), EINVAL, serialtext::kUnsupported);
     EXPECT_EQ(m_tty.kernel.SeenNow(), (Calls{"tcgetattr(70)", "cfsetispeed" + speed}));
 
     m_tty.kernel.Script("cfsetospeed", {answer});
-    EXPECT_SYSTEM_ERROR(port.SetBaudRate(SerialPort::BAUD_19200), EINVAL, kUnsupported);
+    EXPECT_SYSTEM_ERROR(port.SetBaudRate(SerialPort::BAUD_19200), EINVAL, serialtext::kUnsupported);
     EXPECT_EQ(m_tty.kernel.SeenNow(), (Calls{"tcgetattr(70)", "cfsetispeed" + speed, "cfsetospeed" + speed}));
   }
   EXPECT_EQ(RememberedBy(port), kDefaults);
@@ -86,7 +87,7 @@ TEST_F(BaudRate, AskedOfAClosedPortFailsInTheCall) {
   port.Close();
   m_tty.kernel.SeenNow();
 
-  EXPECT_SYSTEM_ERROR(port.GetBaudRate(), EBADF, kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.GetBaudRate(), EBADF, serialtext::kGetFailed);
 
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"tcgetattr(-1)"});
 }
@@ -207,12 +208,12 @@ TEST_F(CustomBaudRate, ARefusalThrowsAndWhatIsRememberedStays) {
     m_tty.kernel.SeenNow();
 
     m_tty.kernel.Script("TCGETS2", {Fails(ENOTTY)});
-    EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(kCustom), ENOTTY, kUnsupported);
+    EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(kCustom), ENOTTY, serialtext::kUnsupported);
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"TCGETS2(70)"});
     EXPECT_EQ(port.GetCustomBaudRate(), before);
 
     m_tty.kernel.Script("TCSETS2", {Fails(EINVAL)});
-    EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(kCustom), EINVAL, kUnsupported);
+    EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(kCustom), EINVAL, serialtext::kUnsupported);
     EXPECT_EQ(m_tty.kernel.SeenNow(), kSettingCustom);
     EXPECT_EQ(port.GetCustomBaudRate(), before);
   }
@@ -263,15 +264,16 @@ TEST_F(CustomBaudRate, ZeroThatCannotBeAppliedForgetsNothing) {
   port.SetCustomBaudRate(kCustom);
 
   m_tty.kernel.Script("tcgetattr", {Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(0), EIO, kGetFailed);
+  EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(0), EIO, serialtext::kGetFailed);
   EXPECT_EQ(port.GetCustomBaudRate(), kCustom);
 
   m_tty.kernel.Script("cfsetospeed", {Fails(EINVAL)});
-  EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(0), EINVAL, kUnsupported);
+  EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(0), EINVAL, serialtext::kUnsupported);
   EXPECT_EQ(port.GetCustomBaudRate(), kCustom);
 
   m_tty.kernel.Script("tcsetattr", {Fails(EIO)});
-  EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(0), EIO, std::string(kSetFailed) + kUnsupported);
+  EXPECT_SYSTEM_ERROR(port.SetCustomBaudRate(0), EIO,
+                      serialtext::SetFailed(SerialTty::kDevice, serialtext::kUnsupported));
   EXPECT_EQ(port.GetCustomBaudRate(), kCustom);
 }
 
@@ -302,7 +304,7 @@ TEST_F(CustomBaudRate, RefusedByOpenLeavesThePortOpenAndIsKept) {
 
   EXPECT_SYSTEM_ERROR(port.Open(SerialPort::BAUD_115200, SerialPort::CHAR_SIZE_8, SerialPort::PARITY_NONE,
                                 SerialPort::STOP_BITS_1, SerialPort::FLOW_CONTROL_NONE),
-                      EINVAL, kUnsupported);
+                      EINVAL, serialtext::kUnsupported);
 
   EXPECT_EQ(m_tty.kernel.SeenNow(), kOpening + kSettingCustom);
   EXPECT_TRUE(port.IsOpen());

@@ -10,16 +10,11 @@
 #include "PtyLine.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
+#include "SerialTexts.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-
-constexpr const char* kWriteError = "Error writing to file descriptor: ";
-constexpr const char* kWriteStuck = "Error writing to file descriptor. writtenCount <= 0.";
-constexpr const char* kReadError = "Error reading from file descriptor: ";
-constexpr const char* kReadEnd = "SerialPort ReadCount 0";
-constexpr const char* kPollFailed = "SerialPort::IsDataReceived: poll() failed!";
 
 class Writing : public SerialTtyTest {};
 class Reading : public SerialTtyTest {};
@@ -116,13 +111,13 @@ TEST_F(Writing, AnyOtherErrorThrowsAtOnceWithTwoColonsAndWhatWasWrittenStays) {
     m_tty.kernel.SeenNow();
     m_tty.kernel.Script("write", {Returns(2), Fails(error)});
 
-    EXPECT_SYSTEM_ERROR(port.Write("abcd", 4), error, kWriteError);
+    EXPECT_SYSTEM_ERROR(port.Write("abcd", 4), error, serialtext::kWriteError);
 
     EXPECT_EQ(m_tty.kernel.SeenNow(), (Calls{"write(70, \"abcd\")", "write(70, \"cd\")"}));
     EXPECT_TRUE(port.IsOpen());
   }
   m_tty.kernel.Script("write", {Fails(EIO)});
-  EXPECT_EXACT_THROW(port.Write("abcd"), std::system_error, "Error writing to file descriptor: : Input/output error");
+  EXPECT_EXACT_THROW(port.Write("abcd"), std::system_error, serialtext::kWriteError + ": Input/output error");
 }
 
 TEST_F(Writing, ZeroBytesWrittenThrowWithTheCurrentErrno) {
@@ -132,7 +127,7 @@ TEST_F(Writing, ZeroBytesWrittenThrowWithTheCurrentErrno) {
     SCOPED_TRACE(ErrorName(current));
     m_tty.kernel.Script("write", {Returns(2), Answer{0, current, {}, false}});
 
-    EXPECT_SYSTEM_ERROR(port.Write("abcd", 4), current, kWriteStuck);
+    EXPECT_SYSTEM_ERROR(port.Write("abcd", 4), current, serialtext::kWriteStuck);
 
     EXPECT_EQ(m_tty.kernel.SeenNow(), (Calls{"write(70, \"abcd\")", "write(70, \"cd\")"}));
   }
@@ -168,7 +163,7 @@ TEST_F(Reading, AClosedPortFailsInTheCallAndForOneByteIsRefused) {
   m_tty.kernel.SeenNow();
   char byte = '.';
 
-  EXPECT_SYSTEM_ERROR(port.Read(&byte, 1), EBADF, kReadError);
+  EXPECT_SYSTEM_ERROR(port.Read(&byte, 1), EBADF, serialtext::kReadError);
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"read(-1, 1)"});
 
   EXPECT_NOT_OPEN(port.ReadOneByte());
@@ -240,13 +235,13 @@ TEST_F(Reading, AnyOtherErrorThrowsAtOnceWithTwoColonsAndWhatWasReadStays) {
     m_tty.kernel.Script("read", {Gives("ab"), Fails(error)});
     std::string buffer = "....";
 
-    EXPECT_SYSTEM_ERROR(port.Read(buffer.data(), 4), error, kReadError);
+    EXPECT_SYSTEM_ERROR(port.Read(buffer.data(), 4), error, serialtext::kReadError);
 
     EXPECT_EQ(buffer, "ab..");
     EXPECT_EQ(m_tty.kernel.SeenNow(), (Calls{"read(70, 4)", "read(70, 2)"}));
   }
   m_tty.kernel.Script("read", {Fails(EIO)});
-  EXPECT_EXACT_THROW(port.ReadOneByte(), std::system_error, "Error reading from file descriptor: : Input/output error");
+  EXPECT_EXACT_THROW(port.ReadOneByte(), std::system_error, serialtext::kReadError + ": Input/output error");
 }
 
 TEST_F(Reading, TheEndOfFileThrowsWithTheCurrentErrnoAndWhatWasReadStays) {
@@ -256,8 +251,8 @@ TEST_F(Reading, TheEndOfFileThrowsWithTheCurrentErrnoAndWhatWasReadStays) {
     m_tty.kernel.Script("read", {Gives("abc"), Answer{0, current, {}, false}, Answer{0, current, {}, false}});
     std::string buffer = ".....";
 
-    EXPECT_SYSTEM_ERROR(port.Read(buffer.data(), 5), current, kReadEnd);
-    EXPECT_SYSTEM_ERROR(port.ReadOneByte(), current, kReadEnd);
+    EXPECT_SYSTEM_ERROR(port.Read(buffer.data(), 5), current, serialtext::kReadEnd);
+    EXPECT_SYSTEM_ERROR(port.ReadOneByte(), current, serialtext::kReadEnd);
 
     EXPECT_EQ(buffer, "abc..");
   }
@@ -355,7 +350,7 @@ TEST_F(Waiting, AnyNegativeResultThrowsAndEintrIsNotRepeated) {
   for (const Answer& answer : {Fails(EINTR), Fails(EAGAIN), Fails(ENOMEM), Answer{-2, EIO, {}, false}}) {
     SCOPED_TRACE(answer);
     m_tty.kernel.Script("poll", {answer});
-    EXPECT_SYSTEM_ERROR(port.IsDataReceived(100), answer.error, kPollFailed);
+    EXPECT_SYSTEM_ERROR(port.IsDataReceived(100), answer.error, serialtext::kPollFailed);
     EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{"poll(70, POLLIN, 100)"});
   }
 }
@@ -430,15 +425,15 @@ TEST_F(Buffered, WhatIsReadLaterFollowsBehind) {
 TEST_F(Buffered, MoreThanIsThereThrowsAndTheBufferStaysAndTheVectorIsEmpty) {
   SerialPort port(SerialTty::kDevice, true);
   Bytes out = {'o', 'l', 'd'};
-  EXPECT_EXACT_THROW(port.Read(out, 1), std::invalid_argument, kTooFewBuffered);
+  EXPECT_EXACT_THROW(port.Read(out, 1), std::invalid_argument, serialtext::kTooFewBuffered);
   EXPECT_TRUE(out.empty());
 
   m_tty.received = "abc";
   port.ReadAllAvailableData();
   out = {'o', 'l', 'd'};
-  EXPECT_EXACT_THROW(port.Read(out, 4), std::invalid_argument, kTooFewBuffered);
+  EXPECT_EXACT_THROW(port.Read(out, 4), std::invalid_argument, serialtext::kTooFewBuffered);
   EXPECT_TRUE(out.empty());
-  EXPECT_EXACT_THROW(port.Read(out, UINT_MAX), std::invalid_argument, kTooFewBuffered);
+  EXPECT_EXACT_THROW(port.Read(out, UINT_MAX), std::invalid_argument, serialtext::kTooFewBuffered);
 
   port.Read(out, 3);
   EXPECT_EQ(out, (Bytes{'a', 'b', 'c'}));

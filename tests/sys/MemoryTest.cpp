@@ -25,14 +25,12 @@
 #include "JoiningThread.h"
 #include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
+#include "SysTexts.h"
 #include "SystemCalls.h"
 
 namespace {
 
 using Calls = ScriptedKernel::Calls;
-
-constexpr const char* kOpenError = "ReadFromMemory Open /dev/mem failed";
-constexpr const char* kMapError = "Error from mmap";
 
 const auto pageSize = static_cast<unsigned int>(::getpagesize());
 
@@ -188,8 +186,8 @@ TEST_F(PhysicalMemory, ADeviceThatCannotBeOpenedThrowsTheSameTextForReadingAndWr
     SCOPED_TRACE(ErrorName(error));
     m_kernel.Script("open", {Fails(error), Fails(error)});
 
-    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, kOpenError);
-    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 1), error, kOpenError);
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, systext::kMemoryError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 1), error, systext::kMemoryError);
 
     EXPECT_EQ(m_kernel.SeenNow(), (Calls{"open(\"/dev/mem\", 0x2)", "open(\"/dev/mem\", 0x2)"}));
   }
@@ -200,8 +198,8 @@ TEST_F(PhysicalMemory, AMappingThatIsRefusedThrowsAndClosesTheDevice) {
     SCOPED_TRACE(ErrorName(error));
     m_kernel.Script("mmap", {Fails(error), Fails(error)});
 
-    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), error, kMapError);
-    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(pageSize, 1), error, kMapError);
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), error, systext::kMapError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(pageSize, 1), error, systext::kMapError);
 
     const Calls all = CallsFor(pageSize, 32);
     EXPECT_EQ(m_kernel.SeenNow(), (Calls{all[0], all[1], all[3], all[0], all[1], all[3]}));
@@ -211,7 +209,7 @@ TEST_F(PhysicalMemory, AMappingThatIsRefusedThrowsAndClosesTheDevice) {
 TEST_F(PhysicalMemory, AFailedCloseBehindARefusedMappingDoesNotHideIt) {
   m_kernel.Script("mmap", {Fails(EPERM)}).Script("close", {Fails(EIO)});
 
-  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), EPERM, kMapError);
+  EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), EPERM, systext::kMapError);
 
   ::close(kFd);
 }
@@ -267,8 +265,8 @@ TEST(RealPhysicalMemory, IsOutOfReachWithoutPrivilege) {
       ::_exit(2);
     }
     EXPECT_TRUE(error == EACCES || error == EPERM || error == ENOENT) << ErrorName(error);
-    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, kOpenError);
-    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 0), error, kOpenError);
+    EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, systext::kMemoryError);
+    EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 0), error, systext::kMemoryError);
     ::_exit(HasFailure() ? 1 : 0);
   }
   int status = -1;
@@ -300,8 +298,8 @@ TEST(SysinfoE, AFailureThrowsWithItsNumber) {
   ScriptedKernel kernel;
   kernel.Script("sysinfo", {Fails(EFAULT), {1, EPERM, {}, false}});
 
-  EXPECT_SYSTEM_ERROR(sysinfo_e(&info), EFAULT, "Cannot retrieve sysinfo");
-  EXPECT_SYSTEM_ERROR(sysinfo_e(&info), EPERM, "Cannot retrieve sysinfo");  // not 0, and not -1
+  EXPECT_SYSTEM_ERROR(sysinfo_e(&info), EFAULT, systext::kSysinfoError);
+  EXPECT_SYSTEM_ERROR(sysinfo_e(&info), EPERM, systext::kSysinfoError);  // not 0, and not -1
 }
 
 // --- mmap and munmap -------------------------------------------------------------------------------------------------
@@ -348,9 +346,9 @@ TEST(MmapE, MapsAFile) {
 }
 
 TEST(MmapE, FailuresThrowWithTheirNumbers) {
-  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 0, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), EINVAL, kMapError);
-  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 1, PROT_READ, MAP_PRIVATE, -1, 0), EBADF, kMapError);
-  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 1, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 1), EINVAL, kMapError);
+  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 0, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), EINVAL, systext::kMapError);
+  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 1, PROT_READ, MAP_PRIVATE, -1, 0), EBADF, systext::kMapError);
+  EXPECT_SYSTEM_ERROR(mmap_e(nullptr, 1, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 1), EINVAL, systext::kMapError);
 }
 
 TEST(MunmapA, UnmapsAndReturnsTheResult) {
@@ -408,10 +406,10 @@ TEST_F(DlsymE, ASymbolHasItsAddress) {
 }
 
 TEST_F(DlsymE, NullArgumentsAreRefusedTheHandleFirst) {
-  EXPECT_EXACT_THROW(dlsym_e(nullptr, "x"), std::invalid_argument, "dlsym_e: handle");
-  EXPECT_EXACT_THROW(dlsym_e(nullptr, nullptr), std::invalid_argument, "dlsym_e: handle");
-  EXPECT_EXACT_THROW(dlsym_e(RTLD_DEFAULT, "malloc"), std::invalid_argument, "dlsym_e: handle");
-  EXPECT_EXACT_THROW(dlsym_e(m_handle, nullptr), std::invalid_argument, "dlsym_e: symbol");
+  EXPECT_EXACT_THROW(dlsym_e(nullptr, "x"), std::invalid_argument, systext::kNoHandle);
+  EXPECT_EXACT_THROW(dlsym_e(nullptr, nullptr), std::invalid_argument, systext::kNoHandle);
+  EXPECT_EXACT_THROW(dlsym_e(RTLD_DEFAULT, "malloc"), std::invalid_argument, systext::kNoHandle);
+  EXPECT_EXACT_THROW(dlsym_e(m_handle, nullptr), std::invalid_argument, systext::kNoSymbol);
 }
 
 TEST_F(DlsymE, AMissingSymbolThrowsWithTheLoadersText) {
@@ -420,7 +418,7 @@ TEST_F(DlsymE, AMissingSymbolThrowsWithTheLoadersText) {
   ASSERT_NE(loader.find("undefined symbol: no_such_symbol"), std::string::npos) << loader;
 
   EXPECT_EXACT_THROW(dlsym_e(m_handle, "no_such_symbol"), std::logic_error,
-                     "Error looking up symbol \"no_such_symbol\": " + loader);
+                     systext::LookupError("no_such_symbol", loader));
   EXPECT_EQ(::dlerror(), nullptr);  // its text was taken
 }
 
@@ -428,14 +426,14 @@ TEST_F(DlsymE, TheEmptyNameIsMissingLikeAnyOther) {
   static_cast<void>(::dlsym(m_handle, ""));
   const std::string loader = ::dlerror();
 
-  EXPECT_EXACT_THROW(dlsym_e(m_handle, ""), std::logic_error, "Error looking up symbol \"\": " + loader);
+  EXPECT_EXACT_THROW(dlsym_e(m_handle, ""), std::logic_error, systext::LookupError("", loader));
 }
 
 TEST_F(DlsymE, ASymbolWhoseValueIsNullThrowsASystemErrorThatMeansNothing) {
   for (const int error : {0, ENOTTY}) {
     SCOPED_TRACE(ErrorName(error));
     errno = error;
-    EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), error, "Cannot find symbol \"boardkit_test_null\".");
+    EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), error, systext::NullSymbol("boardkit_test_null"));
   }
 }
 
@@ -445,7 +443,7 @@ TEST_F(DlsymE, AnOlderErrorIsForgotten) {
 
   ASSERT_EQ(::dlsym(m_handle, "no_such_symbol"), nullptr);
   errno = 0;
-  EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), 0, "Cannot find symbol \"boardkit_test_null\".");
+  EXPECT_SYSTEM_ERROR(dlsym_e(m_handle, "boardkit_test_null"), 0, systext::NullSymbol("boardkit_test_null"));
   EXPECT_EQ(::dlerror(), nullptr);
 }
 

@@ -27,14 +27,13 @@
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
 #include "ScriptedKernel.h"
+#include "SysTexts.h"
 #include "SystemCalls.h"
 
 namespace {
 
 using Calls = ScriptedKernel::Calls;
 
-constexpr const char* kHandlerError = "Error setting signal handler: ";
-constexpr const char* kInterruptError = "Error setting signal interrupt: ";
 constexpr int kRestorer = 0x04000000;  // a flag that some C libraries add for themselves
 
 /// What the handler was told, the last time.
@@ -245,17 +244,17 @@ TEST_F(InstallingAHandler, RestartingIsTurnedOnAgainWhereItWasOff) {
 TEST_F(InstallingAHandler, SignalsThatDoNotExistOrCannotBeCaughtThrowEinval) {
   for (const int signal : {0, -1, 65, SIGKILL, SIGSTOP, INT_MAX, INT_MIN}) {
     SCOPED_TRACE(signal);
-    EXPECT_SYSTEM_ERROR(InstallSignalHandler(signal, Note), EINVAL, kHandlerError);
+    EXPECT_SYSTEM_ERROR(InstallSignalHandler(signal, Note), EINVAL, systext::kHandlerError);
   }
   EXPECT_EXACT_THROW(InstallSignalHandler(SIGKILL, Note), std::system_error,
-                     "Error setting signal handler: : Invalid argument");
+                     systext::kHandlerError + ": Invalid argument");
 }
 
 TEST_F(InstallingAHandler, AMaskThatCannotBeEmptiedThrowsAndInstallsNothing) {
   ScriptedKernel kernel;
   kernel.Script("sigemptyset", {Fails(EINVAL)}).Watch("sigaction").Watch("siginterrupt");
 
-  EXPECT_EXACT_THROW(InstallSignalHandler(SIGUSR1, Note), std::runtime_error, "Error setting signal mask.");
+  EXPECT_EXACT_THROW(InstallSignalHandler(SIGUSR1, Note), std::runtime_error, systext::kMaskError);
 
   EXPECT_EQ(kernel.Seen(), (Calls{"sigemptyset()"}));
   EXPECT_NE(ActionOf(SIGUSR1).sa_sigaction, Note);
@@ -265,7 +264,7 @@ TEST_F(InstallingAHandler, ARefusedActionThrowsWithItsNumber) {
   ScriptedKernel kernel;
   kernel.Script("sigaction", {Fails(EPERM)}).Watch("siginterrupt");
 
-  EXPECT_SYSTEM_ERROR(InstallSignalHandler(SIGUSR1, Note), EPERM, kHandlerError);
+  EXPECT_SYSTEM_ERROR(InstallSignalHandler(SIGUSR1, Note), EPERM, systext::kHandlerError);
 
   EXPECT_EQ(kernel.Seen(), (Calls{"sigaction(10, flags 0x10000004, mask none, null)"}));
 }
@@ -274,9 +273,9 @@ TEST_F(InstallingAHandler, IfRestartingIsRefusedTheHandlerStaysInstalled) {
   ScriptedKernel kernel;
   kernel.Script("siginterrupt", {Fails(EPERM), Fails(EINVAL)});
 
-  EXPECT_SYSTEM_ERROR(InstallSignalHandler(SIGUSR1, Note), EPERM, kInterruptError);
+  EXPECT_SYSTEM_ERROR(InstallSignalHandler(SIGUSR1, Note), EPERM, systext::kInterruptError);
   EXPECT_EXACT_THROW(InstallSignalHandler(SIGUSR1, Note), std::system_error,
-                     "Error setting signal interrupt: : Invalid argument");
+                     systext::kInterruptError + ": Invalid argument");
 
   EXPECT_EQ(ActionOf(SIGUSR1).sa_sigaction, Note);
   ASSERT_EQ(::raise(SIGUSR1), 0);
@@ -343,7 +342,7 @@ TEST_F(DeactivatingASignal, SignalsThatDoNotExistThrowAndBlockNothing) {
   const std::set<int> before = Blocked();
   for (const int signal : {0, -1, 65, INT_MAX, INT_MIN}) {
     SCOPED_TRACE(signal);
-    EXPECT_EXACT_THROW(DeactivateSignalP(signal), std::runtime_error, "Error adding to terminate signal mask.");
+    EXPECT_EXACT_THROW(DeactivateSignalP(signal), std::runtime_error, systext::kDeactivationError);
   }
   EXPECT_EQ(Blocked(), before);
 }
@@ -360,13 +359,13 @@ TEST_F(DeactivatingASignal, EachFailureStopsTheCallsBehindIt) {
   {
     ScriptedKernel kernel;
     kernel.Script("sigemptyset", {Fails(EINVAL)}).Watch("sigaddset").Watch("sigprocmask");
-    EXPECT_EXACT_THROW(DeactivateSignalP(SIGUSR1), std::runtime_error, "Error setting deactivation signal mask.");
+    EXPECT_EXACT_THROW(DeactivateSignalP(SIGUSR1), std::runtime_error, systext::kDeactivationMaskError);
     EXPECT_EQ(kernel.Seen(), (Calls{"sigemptyset()"}));
   }
   {
     ScriptedKernel kernel;
     kernel.Script("sigaddset", {Fails(EINVAL)}).Watch("sigprocmask");
-    EXPECT_EXACT_THROW(DeactivateSignalP(SIGUSR1), std::runtime_error, "Error adding to terminate signal mask.");
+    EXPECT_EXACT_THROW(DeactivateSignalP(SIGUSR1), std::runtime_error, systext::kDeactivationError);
     EXPECT_EQ(kernel.Seen(), (Calls{"sigaddset(none, 10)"}));
   }
   ScriptedKernel kernel;

@@ -23,6 +23,7 @@
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
 #include "ScriptedKernel.h"
+#include "SysTexts.h"
 
 namespace {
 
@@ -31,11 +32,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int kFd = 7;                   // never touched: every call on it is scripted
 constexpr int kMostAtOnce = 0x7FFFF000;  // bytes: the kernel never transfers more in one call
-constexpr const char* kWriteError = "Error writing to file descriptor:";
-constexpr const char* kWriteStuck = "Error writing to file descriptor. No bytes written:";
-constexpr const char* kReadError = "Error reading from file descriptor:";
-constexpr const char* kReadStuck = "Error reading from file descriptor. No bytes read:";
-constexpr const char* kSleepError = "Error sleeping: ";
 
 class Pipe {
  public:
@@ -176,7 +172,7 @@ TEST(WriteLoop, AnyOtherErrorThrowsWithItsNumberAtOnce) {
     ScriptedKernel kernel;
     kernel.Script("write", {Returns(2), Fails(error)});
 
-    EXPECT_SYSTEM_ERROR(WriteLoop(kFd, "abcd", 4), error, kWriteError);
+    EXPECT_SYSTEM_ERROR(WriteLoop(kFd, "abcd", 4), error, systext::kWriteError);
 
     EXPECT_EQ(kernel.Seen(), (Calls{"write(7, \"abcd\")", "write(7, \"cd\")"}));
   }
@@ -186,14 +182,14 @@ TEST(WriteLoop, ZeroBytesWrittenThrowsALogicError) {
   ScriptedKernel kernel;
   kernel.Script("write", {Returns(2), Returns(0)});
 
-  EXPECT_EXACT_THROW(WriteLoop(kFd, "abcd", 4), std::logic_error, kWriteStuck);
+  EXPECT_EXACT_THROW(WriteLoop(kFd, "abcd", 4), std::logic_error, systext::kWriteStuck);
 }
 
 TEST(WriteLoop, ANegativeResultOtherThanMinusOneThrowsALogicError) {
   ScriptedKernel kernel;
   kernel.Script("write", {Returns(-2)});
 
-  EXPECT_EXACT_THROW(WriteLoop(kFd, "abcd", 4), std::logic_error, kWriteStuck);
+  EXPECT_EXACT_THROW(WriteLoop(kFd, "abcd", 4), std::logic_error, systext::kWriteStuck);
 }
 
 TEST(WriteLoop, CountsAreUnsigned32BitNumbersAndGoToTheCallAsTheyAre) {
@@ -216,13 +212,12 @@ TEST(WriteLoop, TheErrorNumberIsTheFailedCallsEvenIfAllocatingTheMessageChangesE
   ScriptedKernel kernel;
   kernel.Script("write", {Fails(EIO)});
   const ErrnoChangingAllocations changing;
-  EXPECT_SYSTEM_ERROR(WriteLoop(kFd, "abcd", 4), EIO, kWriteError);
+  EXPECT_SYSTEM_ERROR(WriteLoop(kFd, "abcd", 4), EIO, systext::kWriteError);
 }
 
 TEST(WriteLoop, AClosedDescriptorThrowsEbadfWithTwoColons) {
-  EXPECT_SYSTEM_ERROR(WriteLoop(-1, "x", 1), EBADF, kWriteError);
-  EXPECT_EXACT_THROW(WriteLoop(-1, "x", 1), std::system_error,
-                     "Error writing to file descriptor:: Bad file descriptor");
+  EXPECT_SYSTEM_ERROR(WriteLoop(-1, "x", 1), EBADF, systext::kWriteError);
+  EXPECT_EXACT_THROW(WriteLoop(-1, "x", 1), std::system_error, systext::kWriteError + ": Bad file descriptor");
 }
 
 TEST(WriteLoop, APipeWithoutReaderThrowsEpipe) {
@@ -230,7 +225,7 @@ TEST(WriteLoop, APipeWithoutReaderThrowsEpipe) {
   pipe.CloseReader();
   ::signal(SIGPIPE, SIG_IGN);
 
-  EXPECT_SYSTEM_ERROR(WriteLoop(pipe.Writer(), "x", 1), EPIPE, kWriteError);
+  EXPECT_SYSTEM_ERROR(WriteLoop(pipe.Writer(), "x", 1), EPIPE, systext::kWriteError);
 
   ::signal(SIGPIPE, SIG_DFL);
 }
@@ -319,7 +314,7 @@ TEST(ReadLoop, AnyOtherErrorThrowsWithItsNumberAndKeepsWhatWasRead) {
     kernel.Script("read", {Gives("ab"), Fails(error)});
     std::string buffer = "....";
 
-    EXPECT_SYSTEM_ERROR(ReadLoop(kFd, buffer.data(), 4), error, kReadError);
+    EXPECT_SYSTEM_ERROR(ReadLoop(kFd, buffer.data(), 4), error, systext::kReadError);
 
     EXPECT_EQ(buffer, "ab..");
     EXPECT_EQ(kernel.Seen(), (Calls{"read(7, 4)", "read(7, 2)"}));
@@ -343,7 +338,7 @@ TEST(ReadLoop, EndOfFileAfterThreeOfTenBytesThrowsAndKeepsTheThree) {
   pipe.CloseWriter();
   std::string buffer(10, '.');
 
-  EXPECT_EXACT_THROW(ReadLoop(pipe.Reader(), buffer.data(), 10), std::logic_error, kReadStuck);
+  EXPECT_EXACT_THROW(ReadLoop(pipe.Reader(), buffer.data(), 10), std::logic_error, systext::kReadEnd);
 
   EXPECT_EQ(buffer, "abc.......");
 }
@@ -353,7 +348,7 @@ TEST(ReadLoop, EndOfFileAtOnceThrowsALogicError) {
   pipe.CloseWriter();
   char byte = '.';
 
-  EXPECT_EXACT_THROW(ReadLoop(pipe.Reader(), &byte, 1), std::logic_error, kReadStuck);
+  EXPECT_EXACT_THROW(ReadLoop(pipe.Reader(), &byte, 1), std::logic_error, systext::kReadEnd);
 
   EXPECT_EQ(byte, '.');
 }
@@ -379,9 +374,8 @@ TEST(ReadLoop, SuccessAllocatesNothing) {
 
 TEST(ReadLoop, AClosedDescriptorThrowsEbadfWithTwoColons) {
   char byte = 0;
-  EXPECT_SYSTEM_ERROR(ReadLoop(-1, &byte, 1), EBADF, kReadError);
-  EXPECT_EXACT_THROW(ReadLoop(-1, &byte, 1), std::system_error,
-                     "Error reading from file descriptor:: Bad file descriptor");
+  EXPECT_SYSTEM_ERROR(ReadLoop(-1, &byte, 1), EBADF, systext::kReadError);
+  EXPECT_EXACT_THROW(ReadLoop(-1, &byte, 1), std::system_error, systext::kReadError + ": Bad file descriptor");
 }
 
 TEST(ReadLoop, AnEmptyNonBlockingPipeIsRetriedUntilAWriterFillsIt) {
@@ -464,22 +458,22 @@ TEST(DebugSleep, AnyOtherErrorThrowsAlsoAfterAnInterruption) {
   ScriptedKernel kernel;
   kernel.Script("nanosleep", {Fails(EINTR), Fails(EFAULT)});
 
-  EXPECT_SYSTEM_ERROR(DebugSleep(10), EFAULT, kSleepError);
+  EXPECT_SYSTEM_ERROR(DebugSleep(10), EFAULT, systext::kSleepError);
 }
 
 TEST(DebugSleep, EagainIsAnErrorLikeAnyOther) {
   ScriptedKernel kernel;
   kernel.Script("nanosleep", {Fails(EAGAIN)});
 
-  EXPECT_SYSTEM_ERROR(DebugSleep(10), EAGAIN, kSleepError);
+  EXPECT_SYSTEM_ERROR(DebugSleep(10), EAGAIN, systext::kSleepError);
 }
 
 TEST(DebugSleep, NegativeTimesThrowEinvalFromTheRealKernel) {
   for (const int milliseconds : {-1, -999, -1000, -1500, INT_MIN}) {
     SCOPED_TRACE(milliseconds);
-    EXPECT_SYSTEM_ERROR(DebugSleep(milliseconds), EINVAL, kSleepError);
+    EXPECT_SYSTEM_ERROR(DebugSleep(milliseconds), EINVAL, systext::kSleepError);
   }
-  EXPECT_EXACT_THROW(DebugSleep(-1), std::system_error, "Error sleeping: : Invalid argument");
+  EXPECT_EXACT_THROW(DebugSleep(-1), std::system_error, systext::kSleepError + ": Invalid argument");
 }
 
 TEST(DebugSleep, SuccessAllocatesNothing) {

@@ -22,6 +22,7 @@
 
 #include "ExpectThrow.h"
 #include "ScriptedKernel.h"
+#include "WatchDogTexts.h"
 
 namespace {
 
@@ -29,13 +30,6 @@ using Calls = ScriptedKernel::Calls;
 
 constexpr const char* kDevice = "/dev/watchdog7";
 constexpr const char* kOpenCall = "open(\"/dev/watchdog7\", 0x2)";
-constexpr const char* kOpenError = " Could not open watchdog device!";
-constexpr const char* kWriteError = " Could write watchdog device!";
-constexpr const char* kCloseError = " Could not close watchdog device!";
-constexpr const char* kTooShort = "Watchdog interval must be greater than 0 seconds";
-constexpr const char* kNotSet = "Could not set watchdog interval";
-constexpr const char* kNotRetrieved = "Could not retrieve watchdog interval";
-constexpr const char* kNotActive = "Watchdog not activated";
 
 static_assert(!std::is_copy_constructible_v<WatchDog> && !std::is_copy_assignable_v<WatchDog>, "who would stop it?");
 static_assert(!std::is_move_constructible_v<WatchDog> && !std::is_move_assignable_v<WatchDog>);
@@ -105,10 +99,10 @@ TEST_F(WatchDogTest, AFailedOpenLeavesItInactiveWithoutADescriptor) {
     WatchDog dog(30, kDevice);
     m_kernel.Script("open", {Fails(error)});
 
-    EXPECT_SYSTEM_ERROR(dog.Activate(), error, kOpenError);
+    EXPECT_SYSTEM_ERROR(dog.Activate(), error, watchdogtext::kOpenError);
 
     EXPECT_EQ(m_kernel.SeenNow(), Calls{kOpenCall});
-    EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, kNotActive);
+    EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, watchdogtext::kNotActive);
     dog.Deactivate();
     EXPECT_EQ(m_kernel.SeenNow(), Calls{});
     static_cast<void>(dog.GetInterval());
@@ -122,13 +116,13 @@ TEST_F(WatchDogTest, ARefusedIntervalLeavesTheDeviceOpenAndTheObjectInactive) {
     WatchDog dog(30, kDevice);
     m_kernel.Script("WDIOC_SETTIMEOUT", {{result, EINVAL, {}, false}});
 
-    EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, kNotSet);
+    EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, watchdogtext::kNotSet);
 
     const Calls seen = m_kernel.SeenNow();
     ASSERT_EQ(seen.size(), 2U);
     EXPECT_EQ(seen[0], kOpenCall);
     EXPECT_EQ(seen[1].substr(0, 17), "WDIOC_SETTIMEOUT(");
-    EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, kNotActive);
+    EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, watchdogtext::kNotActive);
     dog.Deactivate();
     EXPECT_EQ(m_kernel.SeenNow(), Calls{});
   }
@@ -140,10 +134,10 @@ TEST_F(WatchDogTest, IntervalsBelowOneAreAcceptedByTheConstructorAndRefusedBehin
     SCOPED_TRACE(interval);
     WatchDog dog(interval, kDevice);
 
-    EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, kTooShort);
+    EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, watchdogtext::kTooShort);
 
     EXPECT_EQ(m_kernel.SeenNow(), Calls{kOpenCall});
-    EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, kNotActive);
+    EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, watchdogtext::kNotActive);
   }
   EXPECT_EQ(m_kernel.SeenNow(), Calls{});
 }
@@ -166,9 +160,9 @@ TEST_F(WatchDogTest, ASecondActivationThatIsRefusedLeavesItActiveOnNoDescriptor)
   m_kernel.SeenNow();
   m_kernel.Script("open", {Fails(EBUSY)}).Script("WDIOC_KEEPALIVE", {Fails(EBADF)}).Script("write", {Fails(EBADF)});
 
-  EXPECT_SYSTEM_ERROR(dog->Activate(), EBUSY, kOpenError);
-  EXPECT_SYSTEM_ERROR(dog->Feed(), EBADF, kCloseError);
-  EXPECT_SYSTEM_ERROR(dog->Deactivate(), EBADF, kWriteError);
+  EXPECT_SYSTEM_ERROR(dog->Activate(), EBUSY, watchdogtext::kOpenError);
+  EXPECT_SYSTEM_ERROR(dog->Feed(), EBADF, watchdogtext::kCloseError);
+  EXPECT_SYSTEM_ERROR(dog->Deactivate(), EBADF, watchdogtext::kWriteError);
 
   EXPECT_EQ(m_kernel.SeenNow(), (Calls{kOpenCall, "WDIOC_KEEPALIVE(-1, 0)", "write(-1, \"V\")"}));
   // The next activation finds its way back.
@@ -182,7 +176,7 @@ TEST_F(WatchDogTest, ASecondActivationWhoseIntervalIsRefusedLeavesItActiveOnTheN
   dog.Activate();
   m_kernel.Script("WDIOC_SETTIMEOUT", {Fails(EINVAL)});
 
-  EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, kNotSet);
+  EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, watchdogtext::kNotSet);
 
   m_kernel.SeenNow();
   dog.Feed();
@@ -207,7 +201,7 @@ TEST_F(WatchDogTest, FeedIsOneRequest) {
 TEST_F(WatchDogTest, FeedOfANewObjectThrowsALogicErrorAndAsksNobody) {
   WatchDog dog(30, kDevice);
 
-  EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, kNotActive);
+  EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, watchdogtext::kNotActive);
 
   EXPECT_EQ(m_kernel.Seen(), Calls{});
 }
@@ -218,7 +212,7 @@ TEST_F(WatchDogTest, AFailedFeedReportsTheTextOfAFailedCloseAndLeavesItActive) {
   for (const int error : {EIO, ENODEV, EINTR}) {
     SCOPED_TRACE(ErrorName(error));
     m_kernel.Script("WDIOC_KEEPALIVE", {Fails(error)});
-    EXPECT_SYSTEM_ERROR(dog.Feed(), error, kCloseError);
+    EXPECT_SYSTEM_ERROR(dog.Feed(), error, watchdogtext::kCloseError);
   }
   m_kernel.Script("WDIOC_KEEPALIVE", {Returns(1), Returns(-2)});
 
@@ -260,12 +254,12 @@ TEST_F(WatchDogTest, IntervalsBelowOneThrowAndChangeNothing) {
   WatchDog dog(30, kDevice);
   for (const int seconds : {0, -1, -5, INT_MIN}) {
     SCOPED_TRACE(seconds);
-    EXPECT_EXACT_THROW(dog.SetInterval(seconds), std::logic_error, kTooShort);
+    EXPECT_EXACT_THROW(dog.SetInterval(seconds), std::logic_error, watchdogtext::kTooShort);
   }
   EXPECT_EQ(m_kernel.SeenNow(), Calls{});
 
   dog.Activate();
-  EXPECT_EXACT_THROW(dog.SetInterval(0), std::logic_error, kTooShort);
+  EXPECT_EXACT_THROW(dog.SetInterval(0), std::logic_error, watchdogtext::kTooShort);
 
   EXPECT_EQ(m_kernel.SeenNow(), (Calls{kOpenCall, "WDIOC_SETTIMEOUT(70, 30)"}));
   Stop(dog);
@@ -277,7 +271,7 @@ TEST_F(WatchDogTest, ARefusedIntervalIsRememberedForTheNextActivation) {
   for (const int result : {-1, 1}) {
     SCOPED_TRACE(result);
     m_kernel.Script("WDIOC_SETTIMEOUT", {{result, EINVAL, {}, false}});
-    EXPECT_EXACT_THROW(dog.SetInterval(30 + result), std::logic_error, kNotSet);
+    EXPECT_EXACT_THROW(dog.SetInterval(30 + result), std::logic_error, watchdogtext::kNotSet);
   }
   Stop(dog);
 
@@ -291,8 +285,8 @@ TEST_F(WatchDogTest, AnInactiveObjectAsksOnMinusOneAndRemembersAllTheSame) {
   WatchDog dog(10, kDevice);
   m_kernel.Script("WDIOC_SETTIMEOUT", {Fails(EBADF)}).Script("WDIOC_GETTIMEOUT", {Fails(EBADF)});
 
-  EXPECT_EXACT_THROW(dog.SetInterval(20), std::logic_error, kNotSet);
-  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
+  EXPECT_EXACT_THROW(dog.SetInterval(20), std::logic_error, watchdogtext::kNotSet);
+  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, watchdogtext::kNotRetrieved);
   dog.Activate();
 
   EXPECT_EQ(m_kernel.SeenNow(),
@@ -314,7 +308,7 @@ TEST_F(WatchDogTest, AnyOtherResultThanZeroIsNoInterval) {
   for (const int result : {-1, 1, -2, INT_MAX}) {
     SCOPED_TRACE(result);
     m_kernel.Script("WDIOC_GETTIMEOUT", {{result, EIO, BytesOf(60), false}});
-    EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
+    EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, watchdogtext::kNotRetrieved);
   }
 }
 
@@ -328,7 +322,7 @@ TEST_F(WatchDogTest, DeactivateWritesTheMagicCharacterAndCloses) {
   dog.Deactivate();
 
   EXPECT_EQ(m_kernel.SeenNow(), (Calls{"write(70, \"V\")", "close(70)"}));
-  EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, kNotActive);
+  EXPECT_EXACT_THROW(dog.Feed(), std::logic_error, watchdogtext::kNotActive);
 }
 
 TEST_F(WatchDogTest, OnAnInactiveObjectItDoesNothing) {
@@ -362,7 +356,7 @@ TEST_F(WatchDogTest, AFailedWriteLeavesTheDeviceOpenAndTheObjectActive) {
 
   for (const int error : {EIO, EINTR, EAGAIN}) {
     SCOPED_TRACE(ErrorName(error));
-    EXPECT_SYSTEM_ERROR(dog.Deactivate(), error, kWriteError);
+    EXPECT_SYSTEM_ERROR(dog.Deactivate(), error, watchdogtext::kWriteError);
     EXPECT_EQ(m_kernel.SeenNow(), (Calls{"write(70, \"V\")"}));
   }
   EXPECT_NO_THROW(dog.Feed());
@@ -386,8 +380,8 @@ TEST_F(WatchDogTest, AFailedCloseLeavesTheObjectActive) {
   m_kernel.SeenNow();
   m_kernel.Script("close", {Fails(EIO), Fails(EINTR)});
 
-  EXPECT_SYSTEM_ERROR(dog.Deactivate(), EIO, kCloseError);
-  EXPECT_SYSTEM_ERROR(dog.Deactivate(), EINTR, kCloseError);
+  EXPECT_SYSTEM_ERROR(dog.Deactivate(), EIO, watchdogtext::kCloseError);
+  EXPECT_SYSTEM_ERROR(dog.Deactivate(), EINTR, watchdogtext::kCloseError);
   EXPECT_NO_THROW(dog.Feed());
   dog.Deactivate();
 
@@ -431,7 +425,8 @@ TEST(WatchDogDeathTest, AFailureInTheDestructorEndsTheProcess) {
         // It does not get here.
       }
     };
-    EXPECT_EXIT(destroy(), testing::KilledBySignal(SIGABRT), atClose ? kCloseError : kWriteError);
+    EXPECT_EXIT(destroy(), testing::KilledBySignal(SIGABRT),
+                atClose ? watchdogtext::kCloseError : watchdogtext::kWriteError);
   }
 }
 
@@ -440,8 +435,8 @@ TEST(WatchDogDeathTest, AFailureInTheDestructorEndsTheProcess) {
 TEST(RealDevice, AMissingOneThrowsEnoent) {
   WatchDog dog(30, "/dev/no-such-watchdog");
 
-  EXPECT_SYSTEM_ERROR(dog.Activate(), ENOENT, kOpenError);
-  EXPECT_EXACT_THROW(dog.Activate(), std::system_error, " Could not open watchdog device!: No such file or directory");
+  EXPECT_SYSTEM_ERROR(dog.Activate(), ENOENT, watchdogtext::kOpenError);
+  EXPECT_EXACT_THROW(dog.Activate(), std::system_error, watchdogtext::kOpenError + ": No such file or directory");
 }
 
 TEST(RealDevice, OneThatIsNoWatchdogRefusesTheIntervalAndStaysOpen) {
@@ -449,8 +444,8 @@ TEST(RealDevice, OneThatIsNoWatchdogRefusesTheIntervalAndStaysOpen) {
   ::close(next);
   WatchDog dog(30, "/dev/null");
 
-  EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, kNotSet);
-  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
+  EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, watchdogtext::kNotSet);
+  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, watchdogtext::kNotRetrieved);
 
   EXPECT_EQ(::fcntl(next, F_GETFL, 0) & O_ACCMODE, O_RDWR);
   EXPECT_EQ(::close(next), 0);
@@ -459,8 +454,8 @@ TEST(RealDevice, OneThatIsNoWatchdogRefusesTheIntervalAndStaysOpen) {
 TEST(RealDevice, ANewObjectHasNoDescriptor) {
   WatchDog dog(30, "/dev/null");
 
-  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, kNotRetrieved);
-  EXPECT_EXACT_THROW(dog.SetInterval(10), std::logic_error, kNotSet);
+  EXPECT_EXACT_THROW(dog.GetInterval(), std::logic_error, watchdogtext::kNotRetrieved);
+  EXPECT_EXACT_THROW(dog.SetInterval(10), std::logic_error, watchdogtext::kNotSet);
 }
 
 // --- All of it in random order ---------------------------------------------------------------------------------------
@@ -587,20 +582,20 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
       case 0: {
         expected = {kOpenCall};
         if (firstFails) {
-          EXPECT_SYSTEM_ERROR(dog->Activate(), EBUSY, kOpenError);
+          EXPECT_SYSTEM_ERROR(dog->Activate(), EBUSY, watchdogtext::kOpenError);
           fd = ChangeableDevice::kNone;
           transition += "open refused";
           break;
         }
         fd = device.LastFd() + 1;
         if (interval < 1) {
-          EXPECT_EXACT_THROW(dog->Activate(), std::logic_error, kTooShort);
+          EXPECT_EXACT_THROW(dog->Activate(), std::logic_error, watchdogtext::kTooShort);
           transition += "interval too short";
           break;
         }
         expected.push_back("WDIOC_SETTIMEOUT" + On(fd) + ", " + std::to_string(interval) + ")");
         if (secondFails) {
-          EXPECT_EXACT_THROW(dog->Activate(), std::logic_error, kNotSet);
+          EXPECT_EXACT_THROW(dog->Activate(), std::logic_error, watchdogtext::kNotSet);
           transition += "interval refused";
         } else {
           EXPECT_NO_THROW(dog->Activate());
@@ -612,13 +607,13 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
       }
       case 1:
         if (!active) {
-          EXPECT_EXACT_THROW(dog->Feed(), std::logic_error, kNotActive);
+          EXPECT_EXACT_THROW(dog->Feed(), std::logic_error, watchdogtext::kNotActive);
           transition += "not fed";
           break;
         }
         expected = {"WDIOC_KEEPALIVE" + On(fd) + ", 0)"};
         if (firstFails || !isOpen) {
-          EXPECT_SYSTEM_ERROR(dog->Feed(), number, kCloseError);
+          EXPECT_SYSTEM_ERROR(dog->Feed(), number, watchdogtext::kCloseError);
           transition += "feed refused";
         } else {
           EXPECT_NO_THROW(dog->Feed());
@@ -628,14 +623,14 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
       case 2: {
         const int seconds = static_cast<int>(engine() % 100) - 10;
         if (seconds < 1) {
-          EXPECT_EXACT_THROW(dog->SetInterval(seconds), std::logic_error, kTooShort);
+          EXPECT_EXACT_THROW(dog->SetInterval(seconds), std::logic_error, watchdogtext::kTooShort);
           transition += "too short";
           break;
         }
         interval = seconds;
         expected = {"WDIOC_SETTIMEOUT" + On(fd) + ", " + std::to_string(seconds) + ")"};
         if (firstFails || !isOpen) {
-          EXPECT_EXACT_THROW(dog->SetInterval(seconds), std::logic_error, kNotSet);
+          EXPECT_EXACT_THROW(dog->SetInterval(seconds), std::logic_error, watchdogtext::kNotSet);
           transition += "not set";
         } else {
           EXPECT_NO_THROW(dog->SetInterval(seconds));
@@ -646,7 +641,7 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
       case 3:
         expected = {"WDIOC_GETTIMEOUT" + On(fd) + ")"};
         if (firstFails || !isOpen) {
-          EXPECT_EXACT_THROW(dog->GetInterval(), std::logic_error, kNotRetrieved);
+          EXPECT_EXACT_THROW(dog->GetInterval(), std::logic_error, watchdogtext::kNotRetrieved);
           transition += "not asked";
         } else {
           EXPECT_EQ(dog->GetInterval(), device.timeout);
@@ -661,13 +656,13 @@ TEST(WatchDogInRandomOrder, EveryTransitionDoesWhatTheTableSays) {
         }
         expected = {"write" + On(fd) + ", \"V\")"};
         if (firstFails || !isOpen) {
-          EXPECT_SYSTEM_ERROR(dog->Deactivate(), number, kWriteError);
+          EXPECT_SYSTEM_ERROR(dog->Deactivate(), number, watchdogtext::kWriteError);
           transition += "write refused";
           break;
         }
         expected.push_back("close" + On(fd) + ")");
         if (secondFails) {
-          EXPECT_SYSTEM_ERROR(dog->Deactivate(), EIO, kCloseError);
+          EXPECT_SYSTEM_ERROR(dog->Deactivate(), EIO, watchdogtext::kCloseError);
           transition += "close refused";
         } else {
           EXPECT_NO_THROW(dog->Deactivate());
