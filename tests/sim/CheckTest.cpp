@@ -30,7 +30,7 @@ std::string WhereNamespacesAreForbidden() {
 
 TEST_F(Check, SaysThatTheWholeBoardCanBeSimulatedAndLeavesNothing) {
   const Outcome outcome = InShell(Quoted(kSimulator) + " --check");
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, std::string(kHeading) + kCallsAndOpens +
                                 "  yes  devices under their names, in a /dev of its own\n"
                                 "  yes  a network of its own\n"
@@ -43,7 +43,7 @@ TEST_F(Check, NamesTheSettingThatForbidsNamespaces) {
     GTEST_SKIP() << kNoUserNamespaces;
   }
   const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --check");
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   // The error number depends on the user.
   EXPECT_NE(outcome.output.find(std::string(kHeading) + kCallsAndOpens +
                                 "  no   devices under their names, in a /dev of its own\n"
@@ -62,7 +62,7 @@ TEST_F(Check, NamesTheSettingThatForbidsNamespaces) {
 
 TEST_F(Check, SaysThatTwoOfThemAreOneTooMany) {
   const Outcome outcome = Run({}, {kSimulator, "--check"});
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.output, std::string(kHeading) +
                                 "  no   to answer system calls that a terminal or a pipe would refuse\n"
                                 "       System calls are supervised here already, by another simulator perhaps.\n"
@@ -80,7 +80,7 @@ TEST_F(Check, SaysWhatToInstallWhereThereIsNoIp) {
     HideFolder("/sbin");
   };
   const Outcome outcome = Run(start);
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.output,
             std::string(kHeading) + kCallsAndOpens +
                 "  yes  devices under their names, in a /dev of its own\n"
@@ -92,7 +92,7 @@ TEST_F(Check, SaysWhatToInstallWhereThereIsNoIp) {
 
 TEST_F(Check, RunsNoCommand) {
   const Outcome outcome = InShell(Quoted(kSimulator) + " --check -- touch " + Path("ran"));
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors, "boardsim: --check runs no command.\n");
 }
 
@@ -102,7 +102,7 @@ TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
   }
   const Outcome outcome =
       InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net host -- " + Quoted(kProbe) + " echo");
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors.find("boardsim: namespaces can't be made: "), 0U) << outcome.errors;
   const std::string rest = ", so no device is to be seen in /dev, and the network is this machine's. See --check.\n";
@@ -115,7 +115,7 @@ TEST_F(Check, WhereNamespacesAreForbiddenAPrivateNetworkIsRefused) {
     GTEST_SKIP() << kNoUserNamespaces;
   }
   const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net private -- true");
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_NE(outcome.errors.find(", so there can be no network of its own.\n"), std::string::npos) << outcome.errors;
 }
 

@@ -233,7 +233,7 @@ TEST_F(Control, ASocketThatAKilledOneHasLeftIsReplacedAndOneInUseIsNot) {
   { const Listener dead(path); }
   Start({});
   const Outcome second = Run({"--control", path}, {"true"});
-  EXPECT_EQ(second.status, 125);
+  EXPECT_EQ(second.status, 125) << second.errors;
   EXPECT_EQ(second.errors, "boardsim: the control socket " + path + " can't be made: Address already in use\n");
   EXPECT_EQ(client->Ask("read 0x8001100c"), "ok 0x13");
   Connection late(path);
@@ -244,7 +244,7 @@ TEST_F(Control, ASocketThatAKilledOneHasLeftIsReplacedAndOneInUseIsNot) {
 TEST_F(Control, AFileIsNotReplaced) {
   Shell("echo mine >" + Path("file"));
   const Outcome outcome = Run({"--control", Path("file")}, {"true"});
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors,
             "boardsim: the control socket " + Path("file") + " can't be made: Address already in use\n");
   EXPECT_EQ(Contents(Path("file")), "mine\n");

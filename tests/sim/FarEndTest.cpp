@@ -189,7 +189,7 @@ TEST_F(FarEnd, ItsTerminalIsNotLinkedWhereAFileIs) {
   const std::string link = Path("file");
   Shell("echo mine >" + link);
   const Outcome outcome = Run({"--tty", "/dev/ttyS1=pty:" + link}, {"true"});
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors, "boardsim: the far end of /dev/ttyS1 can't be linked as " + link + ": File exists\n");
   EXPECT_EQ(Contents(link), "mine\n");
   const std::string used = Path("used");
@@ -327,18 +327,18 @@ TEST_F(FarEnd, OneThatCannotBeReachedIsToldInASentence) {
     port = closed.Port();
   }
   const Outcome refused = Run({"--tty", "/dev/ttyS1=tcp:127.0.0.1:" + port}, {"true"});
-  EXPECT_EQ(refused.status, 125);
+  EXPECT_EQ(refused.status, 125) << refused.errors;
   EXPECT_EQ(refused.errors,
             "boardsim: the far end of /dev/ttyS1, 127.0.0.1:" + port + ", can't be reached: Connection refused\n");
   const Outcome missing = Run({"--tty", "/dev/ttyS1=unix:/no/such/socket"}, {"true"});
-  EXPECT_EQ(missing.status, 125);
+  EXPECT_EQ(missing.status, 125) << missing.errors;
   EXPECT_EQ(missing.errors,
             "boardsim: the far end of /dev/ttyS1, /no/such/socket, can't be reached: No such file or directory\n");
   const Outcome longest = Run({"--tty", "/dev/ttyS1=unix:/" + std::string(200, 'x')}, {"true"});
-  EXPECT_EQ(longest.status, 125);
+  EXPECT_EQ(longest.status, 125) << longest.errors;
   EXPECT_NE(longest.errors.find("can't be reached: File name too long\n"), std::string::npos) << longest.errors;
   const Outcome unknown = Run({"--tty", "/dev/ttyS1=tcp:host.invalid:7000"}, {"true"});
-  EXPECT_EQ(unknown.status, 125);
+  EXPECT_EQ(unknown.status, 125) << unknown.errors;
   EXPECT_EQ(unknown.errors.find("boardsim: the far end of /dev/ttyS1, host.invalid:7000, can't be reached: "), 0U)
       << unknown.errors;
 }

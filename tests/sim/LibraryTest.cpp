@@ -81,6 +81,9 @@ class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> 
  protected:
   void SetUp() override {
     BoardTest::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
     if (GetParam() == User::kOrdinary && !AreUserNamespacesAllowed()) {
       GTEST_SKIP() << kNoUserNamespaces;
     }

@@ -160,7 +160,7 @@ TEST_F(Machine, WithoutNamespacesCreatAndOpenat2AreAnsweredAndIoUringIsNotThere)
   start.command = {kProbe, "other-opens"};
   start.user = User::kOrdinary;
   const Outcome outcome = Run(start);
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
 }
 
@@ -220,7 +220,7 @@ TEST_F(Machine, WhereTheRootFolderIsNoMountThePortIsPluggedInAgain) {
   EXPECT_EQ(board->Ask("write 4 hello"), "ok");
   EXPECT_EQ(board->Ask("read 4"), "got hello");
   const Outcome outcome = board->Finish();
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
 }
 
@@ -285,7 +285,7 @@ TEST_F(Machine, AProgramOf32BitsIsToldOnceThatItIsNotSupervised) {
   GTEST_SKIP() << "This machine has no calls of 32 bits.";
 #endif
   const Outcome outcome = Run({}, {kProbe, "foreign-request", "foreign-request"});
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors,
             "boardsim: sim-probe is a program of 32 bits, which can't be supervised: its requests to the devices "
             "fail.\n");
@@ -301,7 +301,7 @@ TEST_F(Machine, AKeyDuringTheStartEndsItWith130AndLeavesNothing) {
   ASSERT_TRUE(Eventually([this] { return ::access(Path("ip.started").c_str(), F_OK) == 0; }));
   EXPECT_EQ(::kill(-board->Process(), SIGINT), 0);
   const Outcome outcome = board->Finish();
-  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(outcome.status, 130) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
 }

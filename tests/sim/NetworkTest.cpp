@@ -79,7 +79,7 @@ TEST_F(Network, AnOrdinaryUserHasTheSame) {
     start.command = {kProbe, step};
     start.user = User::kOrdinary;
     const Outcome outcome = Run(start);
-    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.errors, "");
   }
@@ -104,7 +104,7 @@ TEST_F(Network, WithoutNamespacesRootHasToAskForTheMachinesInWords) {
     for (const Words& options : {Words{"--no-namespaces"}}) {
       SCOPED_TRACE(testing::PrintToString(options));
       const Outcome refused = Run(options, {"touch", Path("ran")});
-      EXPECT_EQ(refused.status, 125);
+      EXPECT_EQ(refused.status, 125) << refused.errors;
       EXPECT_EQ(refused.errors,
                 "boardsim: As root, and without namespaces, the application could change this machine's network: say "
                 "--net host if that is meant.\n");
@@ -124,7 +124,7 @@ TEST_F(Network, WithoutNamespacesThereIsNoneOfItsOwn) {
   for (const char* kind : {"private", "none"}) {
     SCOPED_TRACE(kind);
     const Outcome outcome = Run({"--no-namespaces", "--net", kind}, {"touch", Path("ran")});
-    EXPECT_EQ(outcome.status, 125);
+    EXPECT_EQ(outcome.status, 125) << outcome.errors;
     EXPECT_EQ(outcome.errors, "boardsim: Without namespaces there is only --net host.\n");
   }
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
@@ -145,14 +145,14 @@ Start WithoutIp(const Words& options) {
 
 TEST_F(Network, WithoutIpThereIsASentence) {
   const Outcome outcome = Run(WithoutIp({}));
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors,
             "boardsim: There is no `ip` to make the network with: install iproute2, or give --net none.\n");
 }
 
 TEST_F(Network, TheAdviceToGiveNoneWorksWithoutIp) {
   const Outcome outcome = Run(WithoutIp({"--net", "none"}));
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
 }
 
@@ -162,7 +162,7 @@ TEST_F(Network, AnIpThatFailsIsQuoted) {
   start.command = {"true"};
   start.environment = {"PATH=" + Path("") + ":/usr/bin:/bin"};
   const Outcome outcome = Run(start);
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors, "boardsim: `ip` could not make the network: out of order\n");
 }
 

@@ -28,7 +28,7 @@ class WrongOption : public SimulatorTest, public testing::WithParamInterface<Mis
 
 TEST_P(WrongOption, IsToldInOneSentenceWithStatus125AndNothingRuns) {
   const Outcome outcome = Run(GetParam().options, {"touch", Path("ran")});
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors, std::string("boardsim: ") + GetParam().sentence + '\n');
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
@@ -85,7 +85,7 @@ TEST_F(Options, AFarEndOfNoKnownKindIsToldWithTheKnownOnes) {
   for (const char* farEnd : {"modem", "", "echo:x", "none:", "tcp", "tcp:", "tcp:host", "unix", "exec:", "ECHO"}) {
     SCOPED_TRACE(farEnd);
     const Outcome outcome = Run({"--tty", std::string("/dev/ttyS1=") + farEnd}, {"true"});
-    EXPECT_EQ(outcome.status, 125);
+    EXPECT_EQ(outcome.status, 125) << outcome.errors;
     EXPECT_EQ(outcome.errors, std::string("boardsim: ") + kFarEnds + '"' + farEnd + "\".\n");
   }
 }
@@ -95,7 +95,7 @@ TEST_F(Options, WithoutACommandThereIsASentence) {
   start.bare = true;
   start.command = {kSimulator};
   const Outcome outcome = Run(start);
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors, "boardsim: No command was given. Try --help.\n");
 }
 
@@ -114,7 +114,7 @@ TEST_F(Options, HelpAndVersionAreAnsweredWithStatus0) {
     SCOPED_TRACE(option);
     start.command = {kSimulator, option};
     const Outcome outcome = Run(start);
-    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
     EXPECT_NE(outcome.output.find("boardsim"), std::string::npos);
   }
@@ -142,7 +142,7 @@ TEST_F(OptionsOfABoard, AProgramThatDoesNotExistGives127) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options, {"./no-such-program"});
-    EXPECT_EQ(outcome.status, 127);
+    EXPECT_EQ(outcome.status, 127) << outcome.errors;
     EXPECT_EQ(outcome.errors, "boardsim: ./no-such-program can't be executed: No such file or directory\n");
     Start start;
     start.options = options;
@@ -158,7 +158,7 @@ TEST_F(OptionsOfABoard, AProgramThatCannotBeExecutedGives126) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     SCOPED_TRACE(testing::PrintToString(options));
     const Outcome plain = Run(options, {Path("text")});
-    EXPECT_EQ(plain.status, 126);
+    EXPECT_EQ(plain.status, 126) << plain.errors;
     EXPECT_EQ(plain.errors, "boardsim: " + Path("text") + " can't be executed: Permission denied\n");
     const Outcome folder = Run(options, {Folder()});
     EXPECT_EQ(folder.status, 126);
@@ -168,7 +168,7 @@ TEST_F(OptionsOfABoard, AProgramThatCannotBeExecutedGives126) {
 
 TEST_F(Options, AFullDiskIsFoundBeforeTheProgramStarts) {
   const Outcome outcome = Run({"--log", "/dev/full"}, {"touch", Path("ran")});
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors, "boardsim: the log /dev/full can't be written: No space left on device\n");
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
 }
@@ -205,16 +205,16 @@ Start WithFilesUpTo(rlim_t size, const Words& options, const Words& command) {
 TEST_F(OptionsOfABoard, ALogThatMayNotGrowIsAsGoodAsAFullDisk) {
   const Words options = {"--net", "none", "--mem", "none", "--log", Path("log")};
   const Outcome none = Run(WithFilesUpTo(0, options, {"echo", "ran"}));
-  EXPECT_EQ(none.status, 125);
+  EXPECT_EQ(none.status, 125) << none.errors;
   EXPECT_EQ(none.output, "boardsim: the log " + Path("log") + " can't be written: File too large\n");
   const Outcome some = Run(WithFilesUpTo(512, options, {kProbe, "modem", "mirror", "modem", "mirror"}));
-  EXPECT_EQ(some.status, 0);
+  EXPECT_EQ(some.status, 0) << some.errors;
   EXPECT_EQ(some.output, "boardsim: the log " + Path("log") + " ends here: File too large\n");
 }
 
 TEST_F(OptionsOfABoard, TheLogCanBeStandardError) {
   const Outcome outcome = Run({"--log", "-"}, {"true"});
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_TRUE(
       std::regex_match(outcome.errors, std::regex("\\d+\\.\\d{6} board start\n\\d+\\.\\d{6} board end status=0\n")))
       << outcome.errors;

@@ -29,6 +29,9 @@ class Probe : public BoardTest, public testing::WithParamInterface<Variant> {
  protected:
   void SetUp() override {
     BoardTest::SetUp();
+    if (IsSkipped()) {
+      return;
+    }
     if (GetParam().user == User::kOrdinary && GetParam().namespaces && !AreUserNamespacesAllowed()) {
       GTEST_SKIP() << kNoUserNamespaces;
     }
@@ -42,7 +45,7 @@ class Probe : public BoardTest, public testing::WithParamInterface<Variant> {
   }
   void ExpectPassed(const Words& options, const Words& steps) {
     const Outcome outcome = Run(Steps(options, steps));
-    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.errors, "");
   }
@@ -88,7 +91,7 @@ TEST_P(Probe, MemoryReachesBehindTheLastAddress) {
 
 TEST_P(Probe, AStarvedWatchdogEndsTheProgramAndItsDaemonsWithStatus86) {
   const Outcome outcome = Run(Steps({}, {"starve"}));
-  EXPECT_EQ(outcome.status, 86);
+  EXPECT_EQ(outcome.status, 86) << outcome.errors;
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors.find("boardsim: /dev/watchdog has reset the board: time-out 1 s, last fed "), 0U)
       << outcome.errors;

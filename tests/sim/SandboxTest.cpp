@@ -70,7 +70,7 @@ TEST_P(EitherWay, InputAndOutputAreTheProgramsOwn) {
   EXPECT_EQ(board->Listen(), "first");
   board->Tell("second");
   const Outcome outcome = board->Finish();
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "second\n");
   EXPECT_EQ(outcome.errors, "wrong\n");
 }
@@ -97,10 +97,10 @@ TEST_P(EitherWay, FolderMasksEnvironmentAndDescriptorsAreThoseOfOutside) {
   const Outcome inside = Run(start);
   start.bare = true;
   const Outcome outside = Run(start);
-  EXPECT_EQ(outside.status, 0);
+  EXPECT_EQ(outside.status, 0) << outside.errors;
   EXPECT_NE(outside.output.find("descriptor 17\n"), std::string::npos);
   EXPECT_NE(outside.output.find("umask 027\nBOARD a board\n"), std::string::npos);
-  EXPECT_EQ(inside.status, 0);
+  EXPECT_EQ(inside.status, 0) << inside.errors;
   EXPECT_EQ(inside.output, outside.output);
   EXPECT_EQ(inside.errors, "");
 }
@@ -108,7 +108,7 @@ TEST_P(EitherWay, FolderMasksEnvironmentAndDescriptorsAreThoseOfOutside) {
 TEST_P(EitherWay, WhatAShellWritesGoesToTheDeviceAndMakesNoFile) {
   const Outcome outcome =
       Run(Way() + Words{"--tty", "/dev/ttyS1=exec:cat >" + Path("sent")}, {"sh", "-c", "echo hello >/dev/ttyS1"});
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
   EXPECT_EQ(Contents(Path("sent")), "hello\n");
 }
@@ -120,7 +120,7 @@ TEST_F(Sandbox, AWorkingFolderInDevIsTheBoards) {
     start.command = {"/bin/sh", "-c", "cd /dev; ls -d ttyS1 watchdog mem; cd - >/dev/null; ls"};
     start.prepare = [folder] { [[maybe_unused]] const int result = ::chdir(folder); };
     const Outcome outcome = Run(start);
-    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
     const std::string listed = outcome.output.substr(std::string("mem\nttyS1\nwatchdog\n").size());
     EXPECT_EQ(outcome.output.substr(0, outcome.output.size() - listed.size()), "mem\nttyS1\nwatchdog\n");
     if (std::string(folder) == "/dev/pts") {
@@ -176,7 +176,7 @@ TEST_P(EitherWay, AProgramThatASignalEndsGivesItsStatus) {
 
 TEST_P(EitherWay, ADaemonThatIsLeftBehindEndsWithTheProgram) {
   const Outcome outcome = Run(Way(), {"sh", "-c", "setsid sleep 300 & (setsid sh -c 'sleep 300 & wait' &) ; exit 5"});
-  EXPECT_EQ(outcome.status, 5);
+  EXPECT_EQ(outcome.status, 5) << outcome.errors;
 }
 
 /// The processes below one: the first process of the sandbox, and the program.
@@ -231,7 +231,7 @@ TEST_P(EitherWay, TheFirstProcesssDeathIsThatOfTheProgramAndItsDaemons) {
 
 TEST_P(EitherWay, OneInsideAnotherIsRefusedInWords) {
   const Outcome outcome = Run(Way(), Words{kSimulator} + Way() + Words{"--", "true"});
-  EXPECT_EQ(outcome.status, 125);
+  EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors, "boardsim: System calls are supervised here already, by another simulator perhaps.\n");
 }
 
@@ -264,7 +264,7 @@ TEST_P(EitherWay, ADebuggerStopsTheProgramInsideAndItsRequestsAreAnswered) {
                                       kProbe,
                                       "modem",
                                       "echo"});
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_NE(outcome.output.find("Breakpoint 1, "), std::string::npos) << outcome.output << outcome.errors;
   // The request returns to where it was called, which optimisation may have moved.
   EXPECT_TRUE(std::regex_search(outcome.output, std::regex("\nBreakpoint 2, [^]*\n0x[0-9a-f]+ in (modem|lines) \\(")))
@@ -322,7 +322,7 @@ TEST_F(Sandbox, WhereUserNamespacesAreForbiddenRootsOwnRightsDoAndNoMountGetsOut
       "cat /proc/self/mountinfo >\"$1/after\"' sh \"$0\" \"$1\"";
   start.command = {"/bin/sh", "-c", script, Folder(), kSimulator};
   const Outcome outcome = Run(start);
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "/dev/ttyS1\n");
   EXPECT_EQ(outcome.errors, "");
   EXPECT_NE(Contents(Path("before")), "");

@@ -58,7 +58,7 @@ TEST_F(Serial, ASignalDoesNotInterruptARequestThatHasReachedTheSimulator) {
     while (::poll(&wait, 1, 20000) == 1 && ::read(log, piece, sizeof piece) > 0) {
     }
     const Outcome outcome = board->Finish();
-    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
     ::close(log);
     ::unlink(Path("log").c_str());
@@ -71,7 +71,7 @@ TEST_F(Serial, AMebibyteThatIsPacedComesBackWhole) {
 
 /// Of a mebibyte, what did not come back is what the log tells of.
 void ExpectAllCounted(const Outcome& outcome, const std::string& log) {
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
   const std::regex pattern("/dev/ttyS1 overrun dropped=(\\d+)\n");
   std::string dropped;
@@ -105,7 +105,7 @@ TEST_F(Serial, TheShellsToolsWorkOnIt) {
       Run({}, {"sh", "-c",
                "stty -F /dev/ttyS1 115200 cs7 parenb cstopb && stty -F /dev/ttyS1 -a | tr ' ' '\\n' "
                "| grep -xE '115200|cs.|-?parenb|-?cstopb'"});
-  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "115200\nparenb\ncs7\ncstopb\n");
   EXPECT_EQ(outcome.errors, "");
 }

@@ -14,7 +14,7 @@ using Watchdog = BoardTest;
 /// Expects the reset that a starved watchdog brings, not before its second is over.
 void ExpectBite(const Outcome& outcome, std::chrono::steady_clock::time_point start) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-  EXPECT_EQ(outcome.status, 86);
+  EXPECT_EQ(outcome.status, 86) << outcome.errors;
   EXPECT_EQ(outcome.output, "");
   const std::regex pattern(
       "boardsim: /dev/watchdog has reset the board: time-out 1 s, last fed (\\d+\\.\\d{3}) s ago\n");
@@ -95,7 +95,7 @@ TEST_F(Watchdog, OpenedAsAFileIsMadeAndClosedItCounts) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options, {"sh", "-c", ": >/dev/watchdog"});
-    EXPECT_EQ(outcome.status, 86);
+    EXPECT_EQ(outcome.status, 86) << outcome.errors;
     EXPECT_EQ(outcome.errors.find("boardsim: /dev/watchdog, not stopped by the application, has reset the board: "), 0U)
         << outcome.errors;
   }
@@ -106,7 +106,7 @@ TEST_F(Watchdog, AProgramThatEndsWithItCountingResetsTheBoardAtOnce) {
     SCOPED_TRACE(testing::PrintToString(options));
     const auto start = std::chrono::steady_clock::now();
     const Outcome outcome = Run(options, {kProbe, "abandon"});
-    EXPECT_EQ(outcome.status, 86);
+    EXPECT_EQ(outcome.status, 86) << outcome.errors;
     EXPECT_EQ(outcome.output, "");
     EXPECT_TRUE(std::regex_match(
         outcome.errors, std::regex("boardsim: /dev/watchdog, not stopped by the application, has reset the board: "
@@ -118,7 +118,7 @@ TEST_F(Watchdog, AProgramThatEndsWithItCountingResetsTheBoardAtOnce) {
 
 TEST_F(Watchdog, AProgramThatIsKilledWithItCountingResetsTheBoard) {
   const Outcome outcome = Run({}, {"sh", "-c", "exec 5>/dev/watchdog; echo >&5; kill -KILL $$"});
-  EXPECT_EQ(outcome.status, 86);
+  EXPECT_EQ(outcome.status, 86) << outcome.errors;
   EXPECT_NE(outcome.errors.find("/dev/watchdog, not stopped by the application,"), std::string::npos) << outcome.errors;
 }
 
@@ -157,7 +157,7 @@ TEST_F(Watchdog, ItLiesUnderTheNameOfTheOption) {
     EXPECT_EQ(board->Ask("open w /dev/misc/dog"), Failed(EBUSY));
     EXPECT_EQ(board->Ask("timeout 3"), "60");
     const Outcome outcome = board->Finish();
-    EXPECT_EQ(outcome.status, 86);
+    EXPECT_EQ(outcome.status, 86) << outcome.errors;
     EXPECT_EQ(outcome.errors.find("boardsim: /dev/misc/dog, "), 0U) << outcome.errors;
   }
 }
