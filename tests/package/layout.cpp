@@ -1,5 +1,5 @@
-// The layouts that are built into every program that uses the library: sizes, and where the members lie. A change here is
-// a change of the ABI. Compiled, never run.
+// The layouts that are built into every program that uses the library: sizes, and where the members lie. A change here
+// is a change of the ABI. Compiled, never run.
 #include <cstddef>
 #include <deque>
 #include <initializer_list>
