@@ -4,6 +4,7 @@ import os
 import pathlib
 import shlex
 import signal
+import subprocess
 
 from ctl import ctl, main, shell, TestCase
 
@@ -166,6 +167,32 @@ class Watchdog(TestCase):
             self.assertFalse(os.path.exists("ran"))
             self.assertEqual(self.events(), ["open", "timeout refused: 65536", "close: not stopped", "open", "timeout 30",
                                              "write magic", "close: stopped"])
+
+    def test_OfADriverWithoutMagicCloseTheDeviceIsKeptOpenUntilTheReset(self):
+        # Any close would stop such a driver. There is none to be had, so what it tells of itself is changed.
+        pathlib.Path("support.c").write_text("""
+            #include <linux/watchdog.h>
+            #include <stdarg.h>
+            #include <sys/syscall.h>
+            #include <unistd.h>
+            int ioctl(int fd, unsigned long request, ...) {
+              va_list arguments;
+              va_start(arguments, request);
+              struct watchdog_info* argument = va_arg(arguments, struct watchdog_info*);
+              va_end(arguments);
+              int result = (int)syscall(SYS_ioctl, fd, request, argument);
+              if (result == 0 && request == WDIOC_GETSUPPORT) {
+                argument->options &= ~(unsigned)WDIOF_MAGICCLOSE;
+              }
+              return result;
+            }""")
+        subprocess.run(["cc", "-shared", "-fPIC", "-o", "support.so", "support.c"], check=True)
+        command = shell("watchdog", "run", DEVICE, "--interval", "1", "--", "false")
+        result = self.board("sh", "-c", f"LD_PRELOAD={self.folder}/support.so {command}; echo it has ended", log="log")
+        self.assertEqual((result.status, result.out), (RESET, ""))
+        self.assertIn("boardctl: this driver has no magic close and would stop at any close: /dev/watchdog is kept open "
+                      "until the reset.\n", result.err)
+        self.assertNotIn("close: not stopped", self.events()[:-1])
 
     def test_KilledOtherwiseTheBoardResetsAsTheHelpSays(self):
         script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & sleep 0.5; kill -KILL $!; sleep 60"
