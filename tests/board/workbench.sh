@@ -1,0 +1,180 @@
+#!/usr/bin/env bash
+# The virtual board as a workbench: each use of "scripts/board run" as its help tells it. Called by CI, after the board's
+# own tests.
+set -euo pipefail
+tree=$(readlink -f "$(dirname "$(readlink -f "$0")")/../..")
+board=$tree/scripts/board
+work=$(mktemp -d)
+trap 'rm -rf -- "$work"' EXIT
+cd "$work"
+
+fail() {
+  printf 'FAILED: %s\n' "$*"
+  for file in out err; do
+    printf -- '--- %s\n' "$file"
+    cat -- "$file" 2>/dev/null || true
+  done
+  exit 1
+}
+
+# expect FILE TEXT...: each TEXT is a line of FILE.
+expect() {
+  local text
+  for text in "${@:2}"; do
+    grep -qxF -e "$text" "$1" || fail "\"$text\" is no line of $1."
+  done
+}
+
+# run STATUS ARGUMENT...: scripts/board run ARGUMENT..., which ends with STATUS.
+run() {
+  local status=0
+  "$board" run "${@:2}" >out 2>err || status=$?
+  ((status == $1)) || fail "The status is $status, not $1."
+}
+
+# program NAME: makes one for the board of the text on standard input.
+program() {
+  { printf '#!/bin/sh\n' && cat; } >"$1"
+  chmod +x "$1"
+}
+
+echo '== A program for another machine is refused before anything is booted'
+run 1 /bin/true </dev/null
+grep -q 'for another machine' err || fail 'It is not told.'
+! grep -q 'Building' out err || fail 'Something was built for it.'
+
+echo '== A program of the own folder goes before an example, with files, input, a shared folder and settings of the board'
+mkdir shared
+echo 'from here' >shared/there
+echo 'beside it' >note
+program serial-report <<'END'
+echo "arguments: $1, $2"
+echo 'this is an error' >&2
+sed 's/^/input: /'
+cat /payload/note there
+echo 'from there' > back
+grep -o quiet_here /proc/cmdline
+awk '/MemTotal/ { print ($2 < 520000 ? "little memory" : "much memory") }' /proc/meminfo
+for command in dd cmp mkfifo ls timeout; do command -v $command > /dev/null || echo "no $command"; done
+[ -c /dev/pts/ptmx ] && echo 'terminals'
+exit 7
+END
+printf 'one\ntwo\n' | run 7 --with note --share shared --append quiet_here --memory 512M --timeout 90 -- \
+  serial-report 'a b' "it's"
+expect out "arguments: a b, it's" 'input: one' 'input: two' 'beside it' 'from here' quiet_here 'little memory' terminals
+! grep -q '^no ' out || fail 'Commands are missing.'
+expect err 'this is an error'
+! grep -q 'this is an error' out || fail 'Errors come out with the output.'
+expect shared/back 'from there'
+
+echo '== Output comes as it is written, and input is read as it comes'
+program answer <<'END'
+echo ready
+read -r word
+echo "heard $word"
+END
+mkfifo question
+"$board" run ./answer <question >out 2>err &
+running=$!
+exec {asking}>question
+until grep -qx ready out; do
+  kill -0 "$running" || fail 'It ended without a word.'
+  sleep 0.2
+done
+echo something >&"$asking"
+exec {asking}>&-
+wait "$running" || fail "Its status is $?."
+expect out 'heard something'
+
+echo '== Two at once do not disturb each other'
+program first <<'END'
+echo first; sleep 2; exit 11
+END
+program second <<'END'
+echo second; sleep 2; exit 12
+END
+"$board" run ./first >out 2>err </dev/null &
+one=$!
+"$board" run ./second >out2 2>err2 </dev/null &
+two=$!
+status=0
+wait "$one" || status=$?
+((status == 11)) || fail "The first one ended with status $status."
+status=0
+wait "$two" || status=$?
+((status == 12)) || fail "The second one ended with status $status."
+expect out first
+expect out2 second
+
+echo '== A board that hangs is ended, and that is told'
+program hanging <<'END'
+sleep 1000
+END
+run 125 --timeout 15 ./hanging </dev/null
+grep -q 'without a verdict, by a hang' err || fail 'It is not told.'
+
+echo '== A board that resets is told from one that hangs'
+program resetting <<'END'
+reboot -f
+sleep 100
+END
+run 125 ./resetting </dev/null
+grep -q 'without a verdict, by a reset' err || fail 'It is not told.'
+
+echo '== A port of this machine leads to the board'
+port=$((21000 + $$ % 10000))
+program serving <<'END'
+echo 'hello from the board' | nc -l -p 7000
+END
+"$board" run --net "user,$port:7000" ./serving </dev/null >out 2>err &
+running=$!
+heard=''
+while kill -0 "$running" 2>/dev/null && [[ -z $heard ]]; do
+  # What is connected before the program listens is closed again without a word.
+  heard=$( (exec 3<>"/dev/tcp/127.0.0.1/$port" && timeout 5 head -n 1 <&3) 2>/dev/null) || true
+  sleep 0.3
+done
+wait "$running" || fail "Its status is $?."
+[[ $heard == 'hello from the board' ]] || fail "What was heard is \"$heard\"."
+
+echo '== A debugger stops in the library, whose names and lines it knows'
+"$board" run --gdb watchdog-feed /dev/nothing 5 </dev/null >out 2>err &
+running=$!
+until grep -q 'Listening on port' err; do
+  kill -0 "$running" || fail 'gdbserver did not come.'
+  sleep 0.2
+done
+line=$(sed -n 's/^ *\(gdb-multiarch .*\)/\1/p' err)
+eval "${line/gdb-multiarch/gdb-multiarch -batch -nx -ex 'set breakpoint pending on' -ex 'break WatchDog::Activate'}" \
+  -ex continue -ex backtrace -ex kill </dev/null >debugged 2>&1 || true
+wait "$running" || true
+cp debugged out
+grep -q 'Breakpoint 1, .*WatchDog::Activate' out || fail 'The debugger did not stop there.'
+grep -q 'WatchDog.cpp:' out || fail 'It knows no lines.'
+
+echo '== Of the tests, one that merely fails ends the run with its status and its text'
+(
+  cd "$tree"
+  set --
+  # shellcheck source=scripts/setup.sh
+  source scripts/setup.sh
+  # shellcheck source=scripts/virtual-board/image.sh
+  source scripts/virtual-board/image.sh
+  # shellcheck source=scripts/virtual-board/boot.sh
+  source scripts/virtual-board/boot.sh
+  # shellcheck source=tests/board/boots.sh
+  source tests/board/boots.sh
+  # shellcheck disable=SC2317
+  test_failing() { boot "$1" 'echo "[  FAILED  ] Some.Test"; exit 3' 90 virt; }
+  # shellcheck disable=SC2317
+  test_passing() { boot "$1" 'echo passing' 90 virt; }
+  boots=('failing test_failing' 'passing test_passing')
+  prepare bookworm
+  prepared bookworm
+  test_kernel bookworm
+) >out 2>err && status=0 || status=$?
+((status == 3)) || fail "The status is $status, not 3."
+grep -q 'failing .*FAILED with status 3' err || fail 'Its status is not told.'
+expect err '[  FAILED  ] Some.Test'
+expect out passing
+echo 'The workbench does what its help tells.'
