@@ -40,6 +40,7 @@ std::string Amount(double bytes) {
 Output::Output(Options options)
     : m_options(options),
       m_showsProgress(!options.quiet && IsTerminal(STDERR_FILENO)),
+      m_isTerminal(::isatty(STDOUT_FILENO) == 1),
       m_showsColour(IsTerminal(STDOUT_FILENO) && !IsSet("NO_COLOR")) {}
 
 void Output::Line(std::string_view line) {
@@ -68,7 +69,7 @@ void Output::Say(std::string_view words) {
 }
 
 void Output::Warn(std::string_view words) {
-  EndProgress();
+  HideProgress();
   // Nothing is left to be told if this fails.
   std::fprintf(stderr, "%.*s\n", static_cast<int>(words.size()), words.data());
 }
@@ -79,13 +80,14 @@ void Output::Progress(std::uint64_t done, std::uint64_t total, const char* unit)
     return;
   }
   const auto now = std::chrono::steady_clock::now();
-  if (!m_hasProgress) {
+  if (!m_isStarted) {
     m_start = now;
+    m_isStarted = true;
   } else if (now - m_shown < kPause && done != total) {
     return;
   }
   m_shown = now;
-  m_hasProgress = true;
+  m_isVisible = true;
 
   const double seconds = std::chrono::duration<double>(now - m_start).count();
   const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
@@ -108,9 +110,14 @@ void Output::Progress(std::uint64_t done, std::uint64_t total, const char* unit)
 }
 
 void Output::EndProgress() {
-  if (m_hasProgress) {
+  HideProgress();
+  m_isStarted = false;
+}
+
+void Output::HideProgress() {
+  if (m_isVisible) {
     std::fputs("\r\x1b[K", stderr);
-    m_hasProgress = false;
+    m_isVisible = false;
   }
 }
 
@@ -119,7 +126,9 @@ std::string Output::Bold(const std::string& text) const {
 }
 
 void Output::Write(std::string_view text) {
-  EndProgress();
+  if (m_isTerminal) {
+    HideProgress();
+  }
   // Unbuffered: a line is there as soon as it is known, in a pipe too.
   while (!text.empty()) {
     const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());

@@ -56,11 +56,14 @@ class Output {
 
  private:
   void Write(std::string_view text);
+  void HideProgress();
 
   Options m_options;
   bool m_showsProgress;
+  bool m_isTerminal;
   bool m_showsColour;
-  bool m_hasProgress = false;
+  bool m_isStarted = false;  // with the progress
+  bool m_isVisible = false;  // its line
   std::chrono::steady_clock::time_point m_start;
   std::chrono::steady_clock::time_point m_shown;
 };

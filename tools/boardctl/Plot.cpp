@@ -39,7 +39,7 @@ std::string Escaped(const std::string& text) {
         break;
       default:
         // Other control characters are none of XML.
-        escaped += character >= '\0' && character < ' ' ? ' ' : character;
+        escaped += static_cast<unsigned char>(character) < ' ' ? ' ' : character;
     }
   }
   return escaped;

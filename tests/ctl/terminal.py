@@ -1,0 +1,104 @@
+#!/usr/bin/env python3
+"""boardctl in a real terminal, and what it leaves out where there is none."""
+import pathlib
+import re
+import shlex
+import subprocess
+import tempfile
+
+from ctl import BOARDCTL, BOARDSIM, main, TestCase
+
+PORT = "/dev/ttyS1"
+
+
+class Terminal(TestCase):
+    def setUp(self):
+        super().setUp()
+        # A server of its own, which nobody else's sessions are in; its path must be short.
+        place = tempfile.TemporaryDirectory(prefix="tmux")
+        self.addCleanup(place.cleanup)
+        self.server = ["tmux", "-f", "/dev/null", "-S", f"{place.name}/s"]
+        self.tmux("new-session", "-d", "-x", "100", "-y", "40", "-s", "it", "env PS1='> ' bash --norc --noprofile -i")
+        self.addCleanup(lambda: self.tmux("kill-server"))
+        self.wait_until(lambda: ">" in self.screen(), "the shell's prompt")
+
+    def tmux(self, *words):
+        return subprocess.run([*self.server, *words], capture_output=True, text=True, check=True).stdout
+
+    def type(self, text, end="Enter"):
+        self.tmux("send-keys", "-t", "it", "-l", "--", text)
+        if end:
+            self.tmux("send-keys", "-t", "it", end)
+
+    def screen(self, *options):
+        return self.tmux("capture-pane", "-p", "-t", "it", *options)
+
+    def wait_for_screen(self, pattern, *options):
+        self.wait_until(lambda: re.search(pattern, self.screen(*options), re.M), f"{pattern} on the screen")
+
+    def on_board(self, *words, options=()):
+        return shlex.join([BOARDSIM, *options, "--", BOARDCTL, *words])
+
+    def test_TheProgressIsShownWithRateAndTimeLeftAndIsGoneAtTheEnd(self):
+        far_end = PORT + "=exec:while :; do head -c 500 /dev/zero; sleep 0.1; done"
+        command = self.on_board("serial", "receive", PORT, "--count", "60000", options=["--tty", far_end])
+        self.type(f"clear; {command} > got; echo status $?")
+        self.wait_for_screen(r"^\[#+\.+\] \d+ %  [\d.]+ KiB of 58\.6 KiB  [\d.]+ (?:KiB|B)/s  \d+ s left")
+        self.tmux("send-keys", "-t", "it", "C-c")
+        self.wait_for_screen(r"boardctl: received \d+ bytes in [\d.]+ s: a signal came")
+        self.wait_for_screen(r"\nstatus 130")
+        self.assertNotRegex(self.screen(), r"\[#*\.*\]")
+
+    def test_TheHistogramAndTheTableStandOnTheScreenAndTheHeadIsBoldUnlessNoColorIsSet(self):
+        words = ("serial", "test", PORT, "--speeds", "115200", "--turns", "20", "--size", "500")
+        self.type("clear; " + self.on_board(*words))
+        self.wait_for_screen(r"\nVerdict: good at 1 of 1 speeds")
+        screen = self.screen("-e")
+        self.assertRegex(screen, r"\n +\d+ to \d+ us  #+ \d+\n")
+        self.assertRegex(screen, r"\x1b\[1m +bit/s   bytes")
+        self.type("clear; NO_COLOR=1 " + self.on_board(*words) + "; echo again")
+        self.wait_for_screen(r"\nagain")
+        self.assertNotIn("\x1b[1m", self.screen("-e"))
+
+    def test_ATabCompletesVerbsDevicesAndOptions(self):
+        folder = pathlib.Path(BOARDCTL).parent
+        self.type(f"{BOARDSIM} -- bash --norc --noprofile -i")
+        self.type(f"PS1='board '; PATH={folder}:$PATH; . <(boardctl completion bash); clear")
+        self.wait_for_screen(r"^board\s*$")
+        self.type("boardctl ser", "Tab")
+        self.wait_for_screen("board boardctl serial$")
+        self.type("sh", "Tab")
+        self.wait_for_screen("boardctl serial show$")
+        self.type("", "Tab")
+        self.wait_for_screen("boardctl serial show /dev/ttyS1$")
+        self.type("--js", "Tab")
+        self.wait_for_screen("boardctl serial show /dev/ttyS1 --json$")
+        self.type("")
+        self.wait_for_screen('"kind":"serial_settings"')
+
+
+class WithoutTerminal(TestCase):
+    def test_NeitherProgressNorColourGoesIntoAFile(self):
+        pathlib.Path("file").write_bytes(bytes(60000))
+        for words in (["serial", "send", PORT, "file"], ["serial", "test", PORT, "--speeds", "9600", "--size", "500"]):
+            result = self.on_board(*words)
+            self.assertEqual(result.status, 0)
+            self.assertNotIn("\x1b", result.out + result.err)
+            self.assertNotIn("\r", result.out + result.err)
+
+    def test_AFilesProgressIsShownOnATerminalButNotOnADumbOne(self):
+        pathlib.Path("file").write_bytes(bytes(300000))
+        command = self.shell_on_board()
+        for terminal, shows in (("dumb", False), ("vt100", True)):
+            result = subprocess.run(["script", "-qec", f"TERM={terminal} {command}", "/dev/null"], capture_output=True,
+                                    stdin=subprocess.DEVNULL, check=True)
+            self.assertEqual(b"\x1b[K" in result.stdout, shows, result.stdout)
+            bar = rb"\r\[\.{30}\] 0 %  1.0 KiB of 293.0 KiB  .*\r\[#{30}\] 100 %  293.0 KiB of 293.0 KiB  .*/s  0 s left"
+            self.assertEqual(re.search(bar, result.stdout, re.S) is not None, shows, result.stdout)
+
+    def shell_on_board(self):
+        return shlex.join([BOARDSIM, "--", BOARDCTL, "serial", "send", PORT, "file"])
+
+
+if __name__ == "__main__":
+    main()
