@@ -4,13 +4,13 @@
 #include <functional>
 #include <string>
 
-/// An option of the command line that has a value.
+/// An option of the command line.
 struct Option {
   std::string name;   // "--tty"
-  std::string value;  // as the help shows it
+  std::string value;  // as the help shows it; empty: it has none
   std::string help;
   bool isRepeatable = false;
-  /// Takes one value.
+  /// Takes one value, or the option without one.
   /// @throws SetupError with a sentence on what is wrong.
   std::function<void(const std::string& text)> take;
 };

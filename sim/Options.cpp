@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "SetupError.h"
+#include "Text.h"
 #include "devices/ends/FarEnd.h"
 
 namespace {
@@ -81,6 +82,11 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   for (const auto& kind : options.devices) {
     for (Option& option : kind->Options()) {
       DeviceOption& added = ofDevices.emplace_back(DeviceOption{std::move(option), {}});
+      if (added.option.value.empty()) {
+        app.add_flag_callback(
+            added.option.name, [&added] { added.values = {""}; }, added.option.help);
+        continue;
+      }
       // One argument each: the rest belongs to the command.
       auto* known = app.add_option(added.option.name, added.values, added.option.help)
                         ->allow_extra_args(false)
@@ -91,6 +97,8 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   std::string net;
   app.add_option("--net", net, "The network: private, none or host (private)")->type_name("KIND");
   const auto* noNamespaces = app.add_flag("--no-namespaces", "Answer the opens of devices instead of making a /dev");
+  std::string restarts;
+  app.add_option("--restart", restarts, "Start COMMAND anew after a reset, at most N times")->type_name("N");
   app.add_option("--control", options.control, "Take commands on this socket")->type_name("SOCKET");
   app.add_flag("--check", options.check, "Tell what this machine allows, and the remedies");
   app.add_option("--log", options.log, "Write one line an event, - for standard error")->type_name("FILE");
@@ -109,6 +117,9 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
     for (const std::string& value : given.values) {
       given.option.take(value);
     }
+  }
+  if (!restarts.empty()) {
+    options.restarts = NumberOf("--restart", restarts);
   }
   if (!net.empty()) {
     options.net = ParseNet(net);

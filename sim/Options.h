@@ -14,6 +14,7 @@ struct Options {
   std::vector<std::unique_ptr<DeviceKind>> devices;  // with what the options say of them
   std::optional<Net> net;                            // none: the user did not say
   bool namespaces = true;
+  unsigned int restarts = 0;  // after resets
   std::string log;      // empty: none
   std::string control;  // empty: none
   std::vector<std::string> command;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -60,6 +61,8 @@ void Answers::Give(const TrappedCall& call) {
   try {
     if (call.IsIoctl()) {
       GiveIoctl(call);
+    } else if (call.IsFtruncate()) {
+      GiveFtruncate(call);
     } else {
       GiveOpen(call);
     }
@@ -68,22 +71,36 @@ void Answers::Give(const TrappedCall& call) {
   }
 }
 
-void Answers::GiveIoctl(const TrappedCall& call) {
+/// The device that the descriptor of a call means; null: none.
+Device* Answers::DeviceBehind(const TrappedCall& call) const {
   // Whichever way the descriptor came to the application, it is known by the file behind it.
   struct stat status {};
-  const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.IoctlDescriptor());
-  if (::stat(name.c_str(), &status) == 0 && call.IsWaiting()) {
-    const FileId file = FileId::Of(status);
-    for (const auto& device : m_devices) {
-      if (!device->Is(file)) {
-        continue;
-      }
-      if (!call.IsForeign()) {
-        device->Request(call);
-        return;
-      }
-      TellOfForeignProgram(call);
-    }
+  const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.CalledDescriptor());
+  if (::stat(name.c_str(), &status) != 0 || !call.IsWaiting()) {
+    return nullptr;
+  }
+  const FileId file = FileId::Of(status);
+  const auto device = std::find_if(m_devices.begin(), m_devices.end(),
+                                   [&](const std::unique_ptr<Device>& candidate) { return candidate->Is(file); });
+  return device == m_devices.end() ? nullptr : device->get();
+}
+
+void Answers::GiveIoctl(const TrappedCall& call) {
+  Device* const device = DeviceBehind(call);
+  if (device != nullptr && !call.IsForeign()) {
+    device->Request(call);
+    return;
+  }
+  if (device != nullptr) {
+    TellOfForeignProgram(call);
+  }
+  call.Continue();
+}
+
+void Answers::GiveFtruncate(const TrappedCall& call) const {
+  const Device* device = DeviceBehind(call);
+  if (device != nullptr && device->HasFixedSize()) {
+    throw RequestError{EINVAL};
   }
   call.Continue();
 }
@@ -103,8 +120,11 @@ void Answers::TellOfForeignProgram(const TrappedCall& call) {
 
 /// What openat2() asks for, the filter could not see.
 bool Answers::MayBeOfDevice(const TrappedCall::Opening& opening) const {
-  const int others = O_PATH | O_DIRECTORY | (m_namespaces ? O_CREAT : 0);
-  return (opening.flags & others) == 0 && (opening.flags & O_ACCMODE) != O_RDONLY && opening.resolve == 0;
+  if ((opening.flags & (O_PATH | O_DIRECTORY)) != 0 || opening.resolve != 0) {
+    return false;
+  }
+  const bool isFile = m_namespaces && (opening.flags & O_CREAT) != 0;
+  return (opening.flags & O_TRUNC) != 0 || ((opening.flags & O_ACCMODE) != O_RDONLY && !isFile);
 }
 
 void Answers::GiveOpen(const TrappedCall& call) const {
@@ -126,7 +146,9 @@ void Answers::GiveOpen(const TrappedCall& call) const {
   const std::vector<std::string> names = m_namespaces ? std::vector<std::string>() : NamesOf(absolute);
   const FileId file = m_namespaces ? FileOf(call, absolute) : FileId();
   const auto isMeant = [&](const std::unique_ptr<Device>& device) {
-    return m_namespaces ? device->Is(file) : std::find(names.begin(), names.end(), device->Path()) != names.end();
+    return m_namespaces ? device->Is(file) : std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+      return device->IsCalled(name);
+    });
   };
   const auto device = std::find_if(m_devices.begin(), m_devices.end(), isMeant);
   if (!call.IsWaiting()) {
@@ -136,10 +158,17 @@ void Answers::GiveOpen(const TrappedCall& call) const {
     call.Continue();
     return;
   }
-  (*device)->Opened();
-  if (m_namespaces) {
+  if (call.IsTruncate()) {
+    if ((*device)->HasFixedSize()) {
+      throw RequestError{EINVAL};
+    }
     call.Continue();
-  } else {
-    call.ReturnDescriptor((*device)->Open(opening.flags), opening);
+    return;
   }
+  (*device)->Opened();
+  const bool isHandedOut = !m_namespaces || (*device)->HandsOut(opening.flags);
+  if (isHandedOut && call.ReturnDescriptor((*device)->Open(opening.flags), opening)) {
+    return;
+  }
+  m_namespaces ? call.Continue() : call.Fail(EINVAL);
 }

@@ -17,7 +17,9 @@ class Answers {
   void GiveIoctl(const TrappedCall& call);
   void TellOfForeignProgram(const TrappedCall& call);
   bool MayBeOfDevice(const TrappedCall::Opening& opening) const;
+  void GiveFtruncate(const TrappedCall& call) const;
   void GiveOpen(const TrappedCall& call) const;
+  Device* DeviceBehind(const TrappedCall& call) const;
 
   const Devices& m_devices;
   bool m_namespaces;

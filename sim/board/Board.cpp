@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -13,11 +14,7 @@
 #include "ExitStatus.h"
 #include "SetupError.h"
 
-namespace {
-
-constexpr std::chrono::seconds kFarEndsTime{1};  // for what the application has written before its end
-
-}  // namespace
+namespace {}  // namespace
 
 Board::Board(const Options& options)
     : m_options(options), m_log(options.log.empty() ? EventLog() : EventLog(options.log)) {
@@ -37,8 +34,15 @@ Board::Board(const Options& options)
   if (!m_options.control.empty()) {
     m_control.emplace(m_options.control, m_commands, m_loop);
   }
-  MakeSandbox();
+  Start();
+}
 
+/// Makes the application's surroundings, and connects the devices with them.
+void Board::Start() {
+  m_isReset = false;
+  m_supervisor.reset();
+  m_sandbox.reset();
+  MakeSandbox();
   for (const auto& device : m_devices) {
     device->Attach(m_sandbox->TakeNode(device->Path()));
   }
@@ -50,6 +54,17 @@ Board::Board(const Options& options)
 }
 
 int Board::Run() {
+  int status = RunOnce();
+  for (unsigned int restart = 0; m_isReset && restart < m_options.restarts; ++restart) {
+    Start();
+    m_log.Write("board", "restart");
+    status = RunOnce();
+  }
+  m_log.Write("board", "end status=" + std::to_string(status));
+  return status;
+}
+
+int Board::RunOnce() {
   // A key pressed while all this was set up has not reached the application.
   if (Signals::IsInterruptPending()) {
     return kStatusSignal + SIGINT;
@@ -59,7 +74,7 @@ int Board::Run() {
         return pollfd{m_signals.Get(), POLLIN, 0};
       },
       [this](short) { HandOnSignals(); });
-  const auto calls = m_loop.Watch(
+  auto calls = m_loop.Watch(
       [this] {
         return pollfd{m_supervisor->Get(), POLLIN, 0};
       },
@@ -72,13 +87,14 @@ int Board::Run() {
   while (!m_isReset && !m_sandbox->HasEnded()) {
     m_loop.Turn();
   }
-  const auto latest = Device::Clock::now() + kFarEndsTime;
+  calls = {};
   for (auto device = m_devices.begin(); !m_isReset && device != m_devices.end(); ++device) {
-    (*device)->Finish(latest);
+    (*device)->Finish();
   }
-  const int status = m_isReset ? kStatusReset : ApplicationStatus();
-  m_log.Write("board", "end status=" + std::to_string(status));
-  return status;
+  while (!m_isReset && std::any_of(m_devices.begin(), m_devices.end(), [](auto& device) { return device->IsBusy(); })) {
+    m_loop.Turn();
+  }
+  return m_isReset ? kStatusReset : ApplicationStatus();
 }
 
 Plan Board::MakePlan() const {

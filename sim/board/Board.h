@@ -26,11 +26,14 @@ class Board {
   Board(const Board&) = delete;
   Board& operator=(const Board&) = delete;
 
-  /// Runs the application to its end, or to the reset.
+  /// Runs the application to its end, or to the last reset.
   /// @returns the exit status.
   int Run();
 
  private:
+  void Start();
+  /// @returns the application's status, or that of a reset.
+  int RunOnce();
   Plan MakePlan() const;
   void MakeSandbox();
   void RefuseRootOnThisNetwork() const;

@@ -2,14 +2,13 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
 
 #include "SetupError.h"
+#include "UnixSocket.h"
 
 namespace {
 
@@ -23,28 +22,10 @@ ControlSocket::ControlSocket(const std::string& path, const Commands& commands, 
       m_loop(loop),
       m_listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
   const std::string what = "the control socket " + path + " can't be made";
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    throw SetupError(what, ENAMETOOLONG);
-  }
-  path.copy(address.sun_path, path.size());
-  const auto* name = reinterpret_cast<const sockaddr*>(&address);
-
-  int result = ::bind(m_listener.Get(), name, sizeof address);
-  if (result == -1 && errno == EADDRINUSE) {
-    // What a killed simulator has left behind answers nobody any more. (Nor does a file, which is not ours.)
-    const Descriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode) &&
-        ::connect(probe.Get(), name, sizeof address) == -1 && errno == ECONNREFUSED) {
-      ::unlink(path.c_str());
-      result = ::bind(m_listener.Get(), name, sizeof address);
-    } else {
-      errno = EADDRINUSE;
-    }
-  }
-  if (result == -1 || ::listen(m_listener.Get(), SOMAXCONN) == -1) {
+  const sockaddr_un address = MakeUnixAddress(path, what);
+  RemoveStaleSocket(path);
+  if (::bind(m_listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1 ||
+      ::listen(m_listener.Get(), SOMAXCONN) == -1) {
     throw SetupError(what, errno);
   }
   m_registration = m_loop.Watch([this] { return pollfd{m_listener.Get(), POLLIN, 0}; }, [this](short) { Accept(); });

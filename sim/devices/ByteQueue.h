@@ -12,7 +12,7 @@ class ByteQueue {
   explicit ByteQueue(std::size_t capacity) : m_capacity(capacity) {}
 
   std::size_t Size() const {
-    return m_bytes.size() - m_sent;
+    return m_bytes.size() - m_taken;
   }
   bool IsEmpty() const {
     return Size() == 0;
@@ -24,20 +24,23 @@ class ByteQueue {
   std::uint64_t Dropped() const {
     return m_dropped;
   }
+  /// What is in it, the oldest first, up to the next change.
+  std::string_view View() const {
+    return std::string_view(m_bytes).substr(m_taken);
+  }
 
-  /// Takes as many as there is room for.
+  /// Adds as many as there is room for.
   /// @returns whether these were all.
   bool Append(std::string_view bytes);
-  /// Writes to a descriptor that does not block, as far as this takes it.
-  /// @returns 0, or the error number if nobody will ever take it.
-  int Deliver(int fd);
+  /// Removes the oldest: they have gone on.
+  void Take(std::size_t count);
   /// Discards what is in it. That does not count as dropped.
   void Clear();
 
  private:
   std::size_t m_capacity;
   std::string m_bytes;
-  std::size_t m_sent = 0;  // how many at the beginning have gone already
+  std::size_t m_taken = 0;  // how many at the beginning have gone already
   std::uint64_t m_dropped = 0;
 };
 

@@ -42,7 +42,19 @@ class Device {
   /// The application is about to open it.
   /// @throws RequestError if it may not.
   virtual void Opened() {}
-  /// A descriptor of its own for the application, where no name leads to the device.
+  /// Whether the name is its, where there is only the text to go by.
+  virtual bool IsCalled(const std::string& name) const {
+    return name == Path();
+  }
+  /// Whether an open gets a descriptor from here, although a name leads to the device.
+  virtual bool HandsOut(int /*flags*/) const {
+    return false;
+  }
+  /// The file can't be made shorter, or longer.
+  virtual bool HasFixedSize() const {
+    return false;
+  }
+  /// A descriptor of its own for the application.
   /// @throws RequestError
   virtual Descriptor Open(int flags) const = 0;
   /// Answers a request on the device.
@@ -51,8 +63,12 @@ class Device {
     call.Continue();
   }
 
-  /// The application has ended, and with it all that had the device open. What has to wait, waits no longer than that.
-  virtual void Finish(Clock::time_point /*latest*/) {}
+  /// The application has ended, and with it all that had the device open.
+  virtual void Finish() {}
+  /// Whether what the application has left is still on its way. Asked after its end, until it is not.
+  virtual bool IsBusy() {
+    return false;
+  }
 
  private:
   const std::string m_path;

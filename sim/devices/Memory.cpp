@@ -83,8 +83,12 @@ bool Memory::Is(const FileId& file) const {
   return file == m_id;
 }
 
+bool Memory::HandsOut(int flags) const {
+  return (flags & O_TRUNC) != 0;
+}
+
 Descriptor Memory::Open(int flags) const {
-  Descriptor own(::open(PathOf(m_file.Get()).c_str(), (flags & O_ACCMODE) | O_CLOEXEC));
+  Descriptor own(::open(PathOf(m_file.Get()).c_str(), (flags & (O_ACCMODE | O_APPEND)) | O_CLOEXEC));
   if (!own) {
     throw RequestError{errno};
   }

@@ -22,6 +22,11 @@ class Memory : public Device {
 
   void Attach(Descriptor descriptor) override;
   bool Is(const FileId& file) const override;
+  /// A device is not emptied by an open.
+  bool HandsOut(int flags) const override;
+  bool HasFixedSize() const override {
+    return true;
+  }
   Descriptor Open(int flags) const override;
 
   /// The word at any address, aligned or not.

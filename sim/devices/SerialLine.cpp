@@ -3,7 +3,6 @@
 // Not <termios.h>: its structure is the C library's, and the kernel's is what the application hands over.
 #include <asm/termbits.h>
 #include <fcntl.h>
-#include <linux/serial.h>
 #include <linux/tty.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -12,79 +11,42 @@
 #include <cerrno>
 #include <cstdio>
 #include <iterator>
-#include <sstream>
+#include <limits>
 #include <utility>
-#include <vector>
 
 #include "SetupError.h"
-#include "Text.h"
 #include "devices/Memory.h"
-#include "devices/PseudoTerminal.h"
-#include "sandbox/PrivateDev.h"
+#include "devices/ModemLines.h"
 
 namespace {
 
-constexpr std::size_t kInSize = 65536;  // bytes on their way to the application
+constexpr std::size_t kOutSize = 4096;       // bytes that a driver holds
+constexpr std::size_t kWrittenSize = 20480;  // bytes that wait in the terminal besides
+constexpr std::size_t kInSize = 65536;       // bytes on their way to the application
 constexpr std::size_t kPieceSize = 4096;
-constexpr std::uint32_t kFirstSpeed = 9600;
-constexpr int kPatience = 100;  // milliseconds
+constexpr std::size_t kThrottle = 3968;  // unread bytes, of the 4096 that a terminal keeps
+constexpr std::size_t kUnthrottle = 128;
+constexpr int kMostTurns = 16;  // before others have theirs
+constexpr std::chrono::milliseconds kInputLook{10};
+constexpr std::chrono::seconds kPatience{5};  // after the application's end, with a far end that takes nothing
+constexpr std::chrono::milliseconds kBreak{250};
+constexpr std::chrono::milliseconds kBreakUnit{100};
+constexpr std::chrono::milliseconds kClosingUnit{10};
+constexpr int kLeastBase = 9600;
 
-// The C library's headers lack these.
-constexpr unsigned int kOut1 = 0x2000;
-constexpr unsigned int kOut2 = 0x4000;
-constexpr unsigned int kLoop = 0x8000;
-constexpr unsigned int kOutputs = TIOCM_RTS | TIOCM_DTR | kOut1 | kOut2 | kLoop;
-constexpr unsigned int kInputs = TIOCM_CTS | TIOCM_DSR | TIOCM_CAR | TIOCM_RNG;
-constexpr unsigned int kReady = TIOCM_CTS | TIOCM_DSR | TIOCM_CAR;  // from somebody who is there
 constexpr unsigned int kOpened = TIOCM_RTS | TIOCM_DTR;
+constexpr char kFullByte = '\377';
 
-// A pseudo-terminal always is at 8 bits without parity, receiving.
-constexpr unsigned int kForgotten = CSIZE | PARENB | CREAD;
-
-// What a pseudo-terminal refuses, or forgets. TCFLSH: bytes on their way through the simulator are to go, too.
-constexpr unsigned int kRequests[] = {TCGETS, TCSETS,   TCSETSW,  TCSETSF,  TCGETS2,  TCSETS2,     TCSETSW2,   TCSETSF2,
-                                      TCFLSH, TIOCMGET, TIOCMSET, TIOCMBIS, TIOCMBIC, TIOCGSERIAL, TIOCSSERIAL};
-
-struct ModemLine {
-  const char* name;
-  unsigned int bit;
-};
-constexpr ModemLine kModemLines[] = {{"RTS", TIOCM_RTS}, {"DTR", TIOCM_DTR}, {"CTS", TIOCM_CTS},
-                                     {"DSR", TIOCM_DSR}, {"CD", TIOCM_CAR},  {"RI", TIOCM_RNG},
-                                     {"OUT1", kOut1},    {"OUT2", kOut2},    {"LOOP", kLoop}};
+// What a pseudo-terminal refuses, forgets, or answers without knowing what is on its way.
+constexpr unsigned int kRequests[] = {
+    TCGETS,   TCSETS,   TCSETSW,  TCSETSF,  TCGETS2,    TCSETS2,     TCSETSW2,    TCSETSF2,    TCFLSH,
+    TCXONC,   TCSBRK,   TCSBRKP,  TIOCSBRK, TIOCCBRK,   TIOCOUTQ,    TIOCEXCL,    TIOCNXCL,    TIOCGEXCL,
+    TIOCMGET, TIOCMSET, TIOCMBIS, TIOCMBIC, TIOCMIWAIT, TIOCGICOUNT, TIOCGSERIAL, TIOCSSERIAL, TIOCSERGETLSR};
 
 std::string Hex(unsigned int value) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%x", value);
   return text;
-}
-
-/// The modem lines by name: "RTS DTR CTS".
-std::string ModemLineNames(unsigned int lines) {
-  std::string names;
-  for (const ModemLine& line : kModemLines) {
-    if ((lines & line.bit) != 0) {
-      names += (names.empty() ? "" : " ") + std::string(line.name);
-    }
-  }
-  return names.empty() ? "none" : names;
-}
-
-unsigned int ModemInput(const std::string& name) {
-  for (const ModemLine& line : kModemLines) {
-    if (name == line.name && (line.bit & kInputs) != 0) {
-      return line.bit;
-    }
-  }
-  throw SetupError("the inputs are CTS, DSR, CD and RI, not \"" + name + "\"");
-}
-
-unsigned int ModemInputs(const std::vector<std::string>& names) {
-  unsigned int inputs = 0;
-  for (const std::string& name : names) {
-    inputs |= ModemInput(name);
-  }
-  return inputs;
 }
 
 std::string ParseBytes(const std::string& hex) {
@@ -99,107 +61,62 @@ std::string ParseBytes(const std::string& hex) {
   return bytes;
 }
 
-class SerialLineKind : public DeviceKind {
- public:
-  std::vector<Option> Options() override {
-    return {{"--tty", "PATH[=FAR]", "A serial port, and its far end (/dev/ttyS1=echo)", true,
-             [this](const std::string& text) { TakeTty(text); }},
-            {"--serial-info", "FIVE,NUMBERS",
-             "What TIOCGSERIAL tells: base, FIFO size, flags, irq,\ndivisor (3906250,64,0x10000040,42,0)", false,
-             [this](const std::string& text) { TakeInfo(text); }},
-            {"--uart", "BASE[:STRIDE]", "The first port's registers (0x80011000:4)", false,
-             [this](const std::string& text) { TakeUart(text); }}};
+/// The bits that go over the line for a byte.
+int BitsOf(tcflag_t flags) {
+  const tcflag_t size = flags & CSIZE;
+  const int data = size == CS8 ? 8 : size == CS7 ? 7 : size == CS6 ? 6 : 5;
+  return 1 + data + ((flags & PARENB) != 0 ? 1 : 0) + ((flags & CSTOPB) != 0 ? 2 : 1);
+}
+
+template <typename Moment>
+void Earlier(std::optional<Moment>& earliest, const std::optional<Moment>& moment) {
+  if (moment && (!earliest || *moment < *earliest)) {
+    earliest = moment;
   }
-
-  std::vector<Node> Nodes() const override {
-    std::vector<Node> nodes;
-    for (const auto& [path, farEnd] : Ttys()) {
-      nodes.push_back({path, Node::Kind::kTerminal});
-    }
-    return nodes;
-  }
-
-  TrappedRequests Requests() const override {
-    return {{std::begin(kRequests), std::end(kRequests)}, {}};
-  }
-
-  Devices Make(const Backplane& backplane) const override {
-    Devices devices;
-    for (const auto& [path, farEnd] : Ttys()) {
-      const auto uart = devices.empty() ? std::make_optional(m_uart) : std::nullopt;
-      devices.push_back(std::make_unique<SerialLine>(path, farEnd, m_info, uart, backplane));
-    }
-    return devices;
-  }
-
- private:
-  using Tty = std::pair<std::string, FarEndMaker>;
-
-  std::vector<Tty> Ttys() const {
-    return m_ttys.empty() ? std::vector<Tty>{{"/dev/ttyS1", ParseFarEnd("echo")}} : m_ttys;
-  }
-
-  void TakeTty(const std::string& text) {
-    const auto [path, farEnd] = Cut(text, '=');
-    m_ttys.emplace_back(CheckedNode("--tty", path), ParseFarEnd(path == text ? "echo" : farEnd));
-  }
-
-  void TakeInfo(const std::string& text) {
-    std::uint32_t* const fields[] = {&m_info.baudBase, &m_info.fifoSize, &m_info.flags, &m_info.irq, &m_info.divisor};
-    std::vector<std::string> numbers;
-    std::istringstream list(text);
-    for (std::string number; std::getline(list, number, ',');) {
-      numbers.push_back(number);
-    }
-    if (numbers.size() != std::size(fields)) {
-      throw SetupError("--serial-info needs five numbers: BAUD_BASE,FIFO_SIZE,FLAGS,IRQ,DIVISOR.");
-    }
-    for (std::size_t i = 0; i < numbers.size(); ++i) {
-      *fields[i] = NumberOf("--serial-info", numbers[i]);
-    }
-  }
-
-  void TakeUart(const std::string& text) {
-    const auto [base, stride] = Cut(text, ':');
-    m_uart.base = NumberOf("--uart", base);
-    m_uart.stride = base == text ? m_uart.stride : NumberOf("--uart", stride);
-    if (m_uart.stride == 0) {
-      throw SetupError("--uart needs a stride: the distance of the registers in bytes.");
-    }
-  }
-
-  std::vector<Tty> m_ttys;
-  SerialInfo m_info;
-  UartPlace m_uart;
-};
+}
 
 }  // namespace
 
-SerialLine::SerialLine(const std::string& path, const FarEndMaker& farEnd, const SerialInfo& info,
-                       std::optional<UartPlace> uart, const Backplane& backplane)
+TrappedRequests SerialLine::Requests() {
+  return {{std::begin(kRequests), std::end(kRequests)}, {}};
+}
+
+SerialLine::SerialLine(const std::string& path, const Traits& traits, const Backplane& backplane)
     : Device(path),
-      m_info(info),
-      m_uartPlace(uart),
+      m_info(traits.info),
+      m_uartPlace(traits.uart),
+      m_isPaced(traits.isPaced),
       m_backplane(backplane),
       m_log(backplane.log),
-      m_far(farEnd(path, backplane.log)),
-      m_inputs(m_far->IsConnected() ? kReady : 0),
-      m_in(kInSize) {
+      m_far(traits.farEnd(path, backplane.log)),
+      m_out(kOutSize + kWrittenSize),
+      m_in(kInSize),
+      m_inputs(m_far->Inputs(0)),
+      m_farInputs(m_inputs),
+      m_counted(m_inputs) {
   AddCommands();
 }
 
 void SerialLine::Attach(Descriptor descriptor) {
-  m_master = std::move(descriptor);
-  m_slave = OpenRawSlave(m_master);
-  if (!m_slave || ::fcntl(m_master.Get(), F_SETFL, O_RDWR | O_NONBLOCK) == -1) {
-    throw SetupError("the terminal behind " + Path() + " can't be opened", errno);
-  }
-  m_id = FileId::Of(m_slave);
-  m_outputs = 0;
-  m_forgotten = CS8 | CREAD;
+  m_terminal.emplace(std::move(descriptor));
+  m_late.Clear();
+  m_breakEnds.reset();
+  m_use = m_use == Use::kNever ? Use::kNever : Use::kClosed;
+  m_isClosing = m_isExclusive = m_isHeld = m_isStopped = m_isBreaking = m_isThrottled = false;
+  m_gone += m_out.Size();
+  m_out.Clear();
   m_in.Clear();
-  m_masterRegistration = m_backplane.loop.Watch([this] { return MasterInterest(); }, [this](short) { Carry(false); });
-  m_farRegistration = m_backplane.loop.Watch([this] { return FarInterest(); }, [this](short) { Carry(true); });
+  m_outputs = 0;
+  Program();
+  const auto work = [this](short /*events*/) { Work(); };
+  m_masterRegistration = m_backplane.loop.Watch([this] { return MasterInterest(); }, work);
+  m_opensRegistration = m_backplane.loop.Watch(
+      [this] {
+        return pollfd{m_terminal ? m_terminal->Events() : -1, POLLIN, 0};
+      },
+      work);
+  m_farRegistration = m_backplane.loop.Watch([this] { return FarInterest(); }, work);
+  m_timeRegistration = m_backplane.loop.At([this] { return Next(); }, [this] { Work(); });
 }
 
 void SerialLine::Connect(const Devices& board) {
@@ -209,24 +126,29 @@ void SerialLine::Connect(const Devices& board) {
   for (const auto& device : board) {
     if (const auto* memory = dynamic_cast<const Memory*>(device.get())) {
       m_uart.emplace(*memory, m_uartPlace->base, m_uartPlace->stride);
-      m_uart->Program(kFirstSpeed, CS8);
+      Program();
     }
   }
 }
 
 bool SerialLine::Is(const FileId& file) const {
-  return m_slave && file == m_id;
+  return m_terminal && file == m_terminal->Id();
 }
 
 void SerialLine::Opened() {
-  m_log.Write(Path(), "open");
-  SetOutputs(m_outputs | kOpened);
+  // A close just before is still on its way.
+  Work();
+  if (!m_terminal) {
+    throw RequestError{EIO};
+  }
+  if (m_isExclusive) {
+    throw RequestError{EBUSY};
+  }
+  Begin(Use::kOpening);
 }
 
 Descriptor SerialLine::Open(int flags) const {
-  // By the descriptor that is there: whatever the name has come to mean, it is this device.
-  Descriptor own(
-      ::open(PathOf(m_slave.Get()).c_str(), (flags & (O_ACCMODE | O_NONBLOCK | O_APPEND)) | O_NOCTTY | O_CLOEXEC));
+  Descriptor own = m_terminal->Open(flags & (O_ACCMODE | O_NONBLOCK | O_APPEND));
   if (!own) {
     throw RequestError{errno};
   }
@@ -234,7 +156,9 @@ Descriptor SerialLine::Open(int flags) const {
 }
 
 void SerialLine::Request(const TrappedCall& call) {
-  switch (call.IoctlRequest()) {
+  Work();
+  const unsigned int request = call.IoctlRequest();
+  switch (request) {
     case TCGETS:
     case TCGETS2:
       GetSettings(call);
@@ -246,9 +170,43 @@ void SerialLine::Request(const TrappedCall& call) {
     case TCSETSW2:
     case TCSETSF2:
       SetSettings(call);
-      break;
+      return;
     case TCFLSH:
       Flush(call);
+      break;
+    case TCXONC:
+      ControlFlow(call);
+      break;
+    case TCSBRK:
+      if (call.IoctlArgument() != 0) {
+        AfterOutput(call, [](const TrappedCall& drained) { drained.Return(0); });
+      } else {
+        SendBreak(call, kBreak);
+      }
+      return;
+    case TCSBRKP: {
+      const auto units = static_cast<int>(call.IoctlArgument());
+      SendBreak(call, units == 0 ? kBreak : units * kBreakUnit);
+      return;
+    }
+    case TIOCSBRK:
+    case TIOCCBRK:
+      SetBreak(request == TIOCSBRK);
+      break;
+    case TIOCOUTQ:
+      WrittenUntilNow();
+      call.Write(static_cast<int>(m_out.Size()));
+      break;
+    case TIOCSERGETLSR:
+      WrittenUntilNow();
+      call.Write(m_out.IsEmpty() ? TIOCSER_TEMT : 0U);
+      break;
+    case TIOCEXCL:
+    case TIOCNXCL:
+      m_isExclusive = request == TIOCEXCL;
+      break;
+    case TIOCGEXCL:
+      call.Write(m_isExclusive ? 1 : 0);
       break;
     case TIOCMGET:
       call.Write(ModemLines());
@@ -266,8 +224,15 @@ void SerialLine::Request(const TrappedCall& call) {
       SetOutputs(m_outputs & ~call.Read<unsigned int>());
       m_log.Write(Path(), "TIOCMBIC " + Hex(m_outputs));
       break;
+    case TIOCMIWAIT:
+      AwaitModemLines(call);
+      return;
+    case TIOCGICOUNT:
+      GetCounts(call);
+      break;
     case TIOCGSERIAL:
-      GetInfo(call);
+      call.Write(m_info);
+      m_log.Write(Path(), "TIOCGSERIAL");
       break;
     case TIOCSSERIAL:
       SetInfo(call);
@@ -277,26 +242,39 @@ void SerialLine::Request(const TrappedCall& call) {
       return;
   }
   call.Return(0);
+  Work();
 }
 
-void SerialLine::Finish(Clock::time_point latest) {
-  Carry(false);
-  pollfd far = m_far->Interest(false);
-  while (m_far->HasToDeliver() && Clock::now() < latest) {
-    ::poll(&far, 1, kPatience);
-    Carry(false);
+bool SerialLine::IsBusy() {
+  const std::uint64_t before = m_gone;
+  Work();
+  if (!m_lastMove || m_gone != before) {
+    m_lastMove = Clock::now();
   }
+  const bool isBusy = m_terminal && !m_out.IsEmpty() && CanSend() && Clock::now() < *m_lastMove + kPatience;
+  if (!isBusy && !m_out.IsEmpty()) {
+    m_log.Write(Path(), "lost bytes=" + std::to_string(m_out.Size()));
+    DropOutput();
+  }
+  return isBusy;
 }
+
+// --- The technician's commands ---------------------------------------------------------------------------------------
 
 void SerialLine::AddCommands() {
   // Each answers "ok", but for one.
   const auto add = [this](const char* usage, const std::function<void(const Commands::Words&)>& action) {
-    m_backplane.commands.AddFor(Path(), usage, [action](const Commands::Words& words) {
+    m_backplane.commands.AddFor(Path(), usage, [this, action](const Commands::Words& words) {
       action(words);
+      Work();
       return std::string();
     });
   };
   add("feed TTY HEX", [this](const Commands::Words& words) { Feed(words[0]); });
+  add("break TTY", [this](const Commands::Words& /*none*/) {
+    Work();
+    BreakIn();
+  });
   add("hangup TTY", [this](const Commands::Words& /*none*/) { HangUp(); });
   add("plug TTY", [this](const Commands::Words& /*none*/) { Renew(); });
   add("set TTY INPUT...", [this](const Commands::Words& words) { SetInputs(ModemInputs(words), true); });
@@ -306,34 +284,384 @@ void SerialLine::AddCommands() {
 }
 
 void SerialLine::Feed(const std::string& hex) {
-  if (!m_master) {
+  if (!m_terminal) {
     throw SetupError(Path() + " is not plugged in");
   }
   const std::string bytes = ParseBytes(hex);
   m_log.Write(Path(), "feed bytes=" + std::to_string(bytes.size()));
-  Queue(bytes);
+  Work();
+  Arrive(bytes);
 }
 
 /// The application reads the end of the file and can do nothing else any more.
 void SerialLine::HangUp() {
   m_log.Write(Path(), "hang-up");
-  CarryOut();
-  m_slave.Close();
-  m_master.Close();
+  Work();
+  DropOutput();
   m_in.Clear();
+  m_terminal.reset();
+  m_use = Use::kClosed;
 }
 
 void SerialLine::Renew() {
-  if (m_master) {
+  if (m_terminal) {
     throw SetupError(Path() + " is plugged in");
   }
   Attach(m_backplane.renew(Path()));
 }
 
-void SerialLine::SetInputs(unsigned int bits, bool on) {
-  m_inputs = on ? m_inputs | bits : m_inputs & ~bits;
-  m_log.Write(Path(), "inputs " + ModemLineNames(m_inputs));
+// --- The loop --------------------------------------------------------------------------------------------------------
+
+pollfd SerialLine::MasterInterest() const {
+  // Without an opener, it would tell of that for ever.
+  if (!m_terminal || m_use != Use::kOpen) {
+    return {-1, 0, 0};
+  }
+  const int events = (m_out.Size() < kOutSize ? POLLIN : 0) | (m_isTerminalFull ? POLLOUT : 0);
+  return {m_terminal->Get(), static_cast<short>(events), 0};
 }
+
+pollfd SerialLine::FarInterest() const {
+  // Whoever is at the far end waits while the application does not read.
+  return m_far->Interest(IsListening(), m_isFarFull && CanSend());
+}
+
+std::optional<SerialLine::Clock::time_point> SerialLine::Next() const {
+  std::optional<Clock::time_point> next = m_late.Next();
+  Earlier(next, m_far->Next());
+  Earlier(next, m_breakEnds);
+  if (CanSend() && !m_isFarFull) {
+    Earlier(next, m_outPace.Next(m_out.Size()));
+  }
+  if (m_use == Use::kOpen && !m_isTerminalFull) {
+    Earlier(next, m_inPace.Next(m_in.Size()));
+  }
+  if (m_isThrottled) {
+    Earlier(next, std::make_optional(m_lookAt));
+  }
+  if (m_isClosing && !CanSend()) {
+    Earlier(next, std::make_optional(m_closeEnds));
+  }
+  if (m_lastMove) {
+    Earlier(next, std::make_optional(*m_lastMove + kPatience));
+  }
+  return next;
+}
+
+void SerialLine::Work() {
+  LookForOpens();
+  LookAtFarEnd();
+  m_isFarFull = m_isTerminalFull = false;
+  bool isMoving = true;
+  for (int turn = 0; isMoving && turn < kMostTurns; ++turn) {
+    isMoving = Transmit();
+    isMoving = Receive() || isMoving;
+    isMoving = Deliver() || isMoving;
+  }
+  LookAtInput();
+  EndClose();
+  m_late.Try();
+  m_late.LookForSignals();
+}
+
+// --- Opens and closes ------------------------------------------------------------------------------------------------
+
+void SerialLine::LookForOpens() {
+  if (!m_terminal) {
+    return;
+  }
+  const bool isOpened = m_terminal->TakeOpens();
+  const bool isClosed = m_terminal->IsClosed();
+  if (m_use == Use::kOpening) {
+    m_use = isOpened || !isClosed ? Use::kOpen : m_use;
+  } else if (m_use != Use::kOpen && (isOpened || !isClosed)) {
+    // In a way that is not kept back.
+    Begin(Use::kOpen);
+  }
+  if (m_use == Use::kOpen && isClosed) {
+    LastClose();
+  }
+}
+
+void SerialLine::Begin(Use use) {
+  m_log.Write(Path(), "open");
+  const bool isFirst = m_use == Use::kNever || m_use == Use::kClosed;
+  if (isFirst && m_isClosing) {
+    // What can't go does not belong to whoever opens it now.
+    m_closeEnds = Clock::now();
+    EndClose();
+    m_isClosing = false;
+  }
+  m_use = isFirst ? use : m_use;
+  const bool isZero = (m_terminal->Settings().c_cflag & CBAUD) == B0;
+  SetOutputs(m_outputs | (isFirst ? kOut2 : 0) | (isZero ? 0 : kOpened));
+}
+
+/// The last one who had it open has closed it.
+void SerialLine::LastClose() {
+  m_use = Use::kClosed;
+  if (m_isHeld) {
+    DropOutput();
+  }
+  m_isExclusive = m_isHeld = m_isStopped = m_isBreaking = m_isThrottled = false;
+  m_urgent.reset();
+  DropInput();
+  m_terminal->TakeOpens();
+  m_isClosing = true;
+  m_closeEnds = m_info.closing_wait == ASYNC_CLOSING_WAIT_INF    ? Clock::time_point::max()
+                : m_info.closing_wait == ASYNC_CLOSING_WAIT_NONE ? Clock::now()
+                                                                 : Clock::now() + m_info.closing_wait * kClosingUnit;
+}
+
+/// What a driver does once the output has gone, or has had its time to go.
+void SerialLine::EndClose() {
+  if (!m_isClosing) {
+    return;
+  }
+  TakeWritten(kOutSize);
+  if (!m_out.IsEmpty()) {
+    // A far end that is slow gets all.
+    if (CanSend() || Clock::now() < m_closeEnds) {
+      return;
+    }
+    DropOutput();
+  }
+  m_isClosing = false;
+  const bool hangsUp = (m_terminal->Settings().c_cflag & HUPCL) != 0;
+  SetOutputs(m_outputs & ~(kOut2 | (hangsUp ? kOpened : 0)));
+}
+
+// --- To the far end --------------------------------------------------------------------------------------------------
+
+bool SerialLine::CanSend() const {
+  if (!m_terminal || m_isHeld || m_isStopped || m_isBreaking) {
+    return false;
+  }
+  return (m_terminal->Settings().c_cflag & CRTSCTS) == 0 || (ModemLines() & TIOCM_CTS) != 0;
+}
+
+/// Takes what the application has written, until there are so many bytes.
+void SerialLine::TakeWritten(std::size_t most) {
+  char piece[kPieceSize];
+  while (m_terminal && m_out.Size() < most) {
+    const ssize_t got = ::read(m_terminal->Get(), piece, std::min(sizeof piece, most - m_out.Size()));
+    if (got <= 0) {
+      return;
+    }
+    m_out.Append({piece, static_cast<std::size_t>(got)});
+  }
+}
+
+/// @returns whether something has gone.
+bool SerialLine::Transmit() {
+  if (m_urgent && SendOn({&*m_urgent, 1}) == 1) {
+    m_urgent.reset();
+  }
+  TakeWritten(kOutSize);
+  if (!CanSend() || m_out.IsEmpty()) {
+    m_outPace.Rest();
+    return false;
+  }
+  const std::string_view due = m_out.View().substr(0, m_outPace.Due(m_out.Size()));
+  const std::size_t sent = due.empty() ? 0 : SendOn(due);
+  m_isFarFull = sent < due.size();
+  if (m_isFarFull) {
+    m_outPace.Rest();
+  }
+  m_out.Take(sent);
+  m_outPace.Spend(sent);
+  m_gone += sent;
+  m_counts.tx += static_cast<int>(sent);
+  return sent > 0;
+}
+
+/// @returns how many have gone.
+std::size_t SerialLine::SendOn(std::string_view bytes) {
+  if ((m_outputs & kLoop) == 0 && !m_far->ReturnsBytes()) {
+    return m_far->Send(bytes);
+  }
+  Arrive(bytes);
+  return bytes.size();
+}
+
+void SerialLine::DropOutput() {
+  do {
+    m_gone += m_out.Size();
+    m_out.Clear();
+    TakeWritten(kOutSize);
+  } while (!m_out.IsEmpty());
+}
+
+// --- From the far end ------------------------------------------------------------------------------------------------
+
+/// Whether the far end is heard. Before the first open it waits with what it has to say.
+bool SerialLine::IsListening() const {
+  return m_use == Use::kClosed || (m_use == Use::kOpen && ((m_outputs & kLoop) != 0 || m_in.Room() >= kPieceSize));
+}
+
+/// @returns whether something has come.
+bool SerialLine::Receive() {
+  if (!IsListening()) {
+    return false;
+  }
+  // A marked byte takes the room of two.
+  char piece[kPieceSize / 2];
+  const bool wasConnected = m_far->IsConnected();
+  const std::size_t got = m_far->Receive(piece, sizeof piece);
+  // In the loop the receiver does not listen to the line.
+  if ((m_outputs & kLoop) == 0) {
+    Arrive({piece, got});
+  }
+  if (wasConnected && !m_far->IsConnected()) {
+    LookAtFarEnd();
+  }
+  return got > 0;
+}
+
+void SerialLine::Arrive(std::string_view bytes) {
+  // A port that is closed hears nothing.
+  if (m_use != Use::kOpen || bytes.empty() || (m_terminal->Settings().c_cflag & CREAD) == 0) {
+    return;
+  }
+  m_counts.rx += static_cast<int>(bytes.size());
+  if ((m_terminal->Settings().c_iflag & (IXON | PARMRK | ISTRIP)) == 0) {
+    Queue(bytes);
+  } else {
+    Queue(Filtered(bytes));
+  }
+}
+
+/// Does what a terminal would do too late: it only sees what the application has room for.
+std::string SerialLine::Filtered(std::string_view bytes) {
+  const termios2& settings = m_terminal->Settings();
+  const bool isMarked = (settings.c_iflag & PARMRK) != 0 && (settings.c_iflag & ISTRIP) == 0;
+  std::string rest;
+  for (const char byte : bytes) {
+    const char stripped = (settings.c_iflag & ISTRIP) != 0 ? static_cast<char>(byte & 0x7F) : byte;
+    if ((settings.c_iflag & IXON) != 0) {
+      if (stripped == static_cast<char>(settings.c_cc[VSTOP])) {
+        m_isStopped = true;
+        continue;
+      }
+      const bool isStart = stripped == static_cast<char>(settings.c_cc[VSTART]);
+      m_isStopped = m_isStopped && !isStart && (settings.c_iflag & IXANY) == 0;
+      if (isStart) {
+        continue;
+      }
+    }
+    rest.append(isMarked && stripped == kFullByte ? 2 : 1, stripped);
+  }
+  return rest;
+}
+
+void SerialLine::BreakIn() {
+  if (m_use != Use::kOpen) {
+    return;
+  }
+  ++m_counts.brk;
+  m_log.Write(Path(), "break in");
+  const termios2& settings = m_terminal->Settings();
+  if ((settings.c_iflag & IGNBRK) != 0) {
+    return;
+  }
+  if ((settings.c_iflag & BRKINT) != 0) {
+    if ((settings.c_lflag & NOFLSH) == 0) {
+      DropInput();
+      DropOutput();
+    }
+    m_terminal->Interrupt();
+  } else if ((settings.c_iflag & PARMRK) != 0) {
+    Queue(std::string_view("\377\0\0", 3));
+  } else {
+    Queue(std::string_view("\0", 1));
+  }
+}
+
+/// For whoever can't be made to wait: more than a driver would hold is lost.
+void SerialLine::Queue(std::string_view bytes) {
+  const std::uint64_t before = m_in.Dropped();
+  if (!m_in.Append(bytes)) {
+    m_counts.buf_overrun += static_cast<int>(m_in.Dropped() - before);
+    m_log.Write(Path(), "overrun dropped=" + std::to_string(m_in.Dropped()));
+  }
+}
+
+/// Hands bytes to the application.
+/// @returns whether it has taken some.
+bool SerialLine::Deliver() {
+  if (m_use != Use::kOpen || m_in.IsEmpty()) {
+    m_inPace.Rest();
+    return false;
+  }
+  const std::string_view due = m_in.View().substr(0, m_inPace.Due(m_in.Size()));
+  const ssize_t written = due.empty() ? 0 : ::write(m_terminal->Get(), due.data(), due.size());
+  if (written == -1 && errno != EAGAIN && errno != EINTR) {
+    // A terminal that takes nothing any more has been hung up, which discards all.
+    m_in.Clear();
+    return false;
+  }
+  const auto taken = static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+  m_isTerminalFull = taken < due.size();
+  if (m_isTerminalFull) {
+    m_inPace.Rest();
+  }
+  m_in.Take(taken);
+  m_inPace.Spend(taken);
+  m_handedOver += taken;
+  return taken > 0;
+}
+
+void SerialLine::DropInput() {
+  m_in.Clear();
+  m_terminal->DropInput();
+  m_handedOver = 0;
+  m_lookAt = Clock::now();
+}
+
+/// Whether the far end is told when the application does not read.
+bool SerialLine::IsThrottling() const {
+  const termios2& settings = m_terminal->Settings();
+  return (settings.c_iflag & IXOFF) != 0 || (settings.c_cflag & CRTSCTS) != 0;
+}
+
+void SerialLine::LookAtInput() {
+  if (m_use != Use::kOpen) {
+    return;
+  }
+  if (!IsThrottling()) {
+    if (m_isThrottled) {
+      Throttle(false);
+    }
+    return;
+  }
+  if (!m_isThrottled && m_handedOver >= kThrottle) {
+    m_handedOver = m_terminal->Unread();
+    if (m_isTerminalFull || m_handedOver >= kThrottle) {
+      Throttle(true);
+    }
+  } else if (m_isThrottled && Clock::now() >= m_lookAt) {
+    m_handedOver = m_terminal->Unread();
+    m_lookAt = Clock::now() + kInputLook;
+    if (m_in.IsEmpty() && m_handedOver <= kUnthrottle) {
+      Throttle(false);
+    }
+  }
+}
+
+void SerialLine::Throttle(bool on) {
+  m_isThrottled = on;
+  m_lookAt = Clock::now() + kInputLook;
+  const termios2& settings = m_terminal->Settings();
+  if ((settings.c_iflag & IXOFF) != 0) {
+    m_urgent = static_cast<char>(settings.c_cc[on ? VSTOP : VSTART]);
+    Transmit();
+  }
+  if ((settings.c_cflag & CRTSCTS) != 0) {
+    SetOutputs(on ? m_outputs & ~static_cast<unsigned int>(TIOCM_RTS) : m_outputs | TIOCM_RTS);
+  }
+}
+
+// --- Modem lines -----------------------------------------------------------------------------------------------------
 
 unsigned int SerialLine::ModemLines() const {
   if ((m_outputs & kLoop) == 0) {
@@ -348,82 +676,76 @@ unsigned int SerialLine::ModemLines() const {
   return m_outputs | inputs;
 }
 
-pollfd SerialLine::MasterInterest() const {
-  return {m_master.Get(), static_cast<short>(POLLIN | (m_in.IsEmpty() ? 0 : POLLOUT)), 0};
-}
-
-pollfd SerialLine::FarInterest() const {
-  // Whoever is at the far end waits while the application does not read, as long as a slow line would make him wait.
-  return m_far->Interest(m_in.Room() > 0);
-}
-
-void SerialLine::Carry(bool fromFar) {
-  m_far->Deliver();
-  CarryOut();
-  if (fromFar) {
-    CarryIn();
-  }
-  DeliverIn();
-}
-
-/// Takes what the application has written. Reading up to "nothing there" sees all that was written before.
-void SerialLine::CarryOut() {
-  const bool returns = (m_outputs & kLoop) != 0 || m_far->ReturnsBytes();
-  char piece[kPieceSize];
-  while (true) {
-    const ssize_t got = ::read(m_master.Get(), piece, sizeof piece);
-    if (got <= 0) {
-      return;
-    }
-    const std::string_view bytes(piece, static_cast<std::size_t>(got));
-    if (returns) {
-      Queue(bytes);
-    } else {
-      m_far->Send(bytes);
-    }
-  }
-}
-
-void SerialLine::CarryIn() {
-  char piece[kPieceSize];
-  const bool wasConnected = m_far->IsConnected();
-  const std::size_t got = m_far->Receive(piece, std::min(sizeof piece, m_in.Room()));
-  if (wasConnected && !m_far->IsConnected()) {
-    SetInputs(kReady, false);
-  }
-  // In the loop the receiver does not listen to the line, and on a line that hangs up there is none.
-  if (m_master && (m_outputs & kLoop) == 0) {
-    m_in.Append({piece, got});
-  }
-}
-
-/// Hands bytes to the application for which nobody can be made to wait: more than a driver would hold are lost.
-void SerialLine::Queue(std::string_view bytes) {
-  if (!m_in.Append(bytes)) {
-    m_log.Write(Path(), "overrun dropped=" + std::to_string(m_in.Dropped()));
-  }
-  DeliverIn();
-}
-
-void SerialLine::DeliverIn() {
-  // A terminal that takes nothing any more has been hung up, which discards all.
-  m_in.Deliver(m_master.Get());
-}
-
 void SerialLine::SetOutputs(unsigned int outputs) {
   if (((m_outputs ^ outputs) & kLoop) != 0) {
     // What has been written belongs to where the line led until now.
-    CarryOut();
+    for (int turn = 0; turn < kMostTurns && Transmit(); ++turn) {
+    }
   }
   m_outputs = outputs;
+  LookAtFarEnd();
+  CountModemLines();
+}
+
+void SerialLine::SetInputs(unsigned int bits, bool on) {
+  m_inputs = on ? m_inputs | bits : m_inputs & ~bits;
+  m_log.Write(Path(), "inputs " + ModemLineNames(m_inputs));
+  CountModemLines();
+}
+
+/// Somebody may have come, or gone, or see other outputs.
+void SerialLine::LookAtFarEnd() {
+  m_far->Look();
+  const unsigned int inputs = m_far->Inputs(m_outputs);
+  if (const unsigned int changed = inputs ^ m_farInputs; changed != 0) {
+    m_farInputs = inputs;
+    SetInputs(changed & inputs, true);
+    SetInputs(changed & ~inputs, false);
+  }
+}
+
+/// As a UART does: of the ring indicator, its end.
+void SerialLine::CountModemLines() {
+  const unsigned int inputs = ModemLines() & kInputs;
+  const unsigned int changed = inputs ^ m_counted;
+  m_counts.cts += (changed & TIOCM_CTS) != 0 ? 1 : 0;
+  m_counts.dsr += (changed & TIOCM_DSR) != 0 ? 1 : 0;
+  m_counts.dcd += (changed & TIOCM_CAR) != 0 ? 1 : 0;
+  m_counts.rng += (changed & ~inputs & TIOCM_RNG) != 0 ? 1 : 0;
+  m_counted = inputs;
+}
+
+void SerialLine::SetBreak(bool on) {
+  if (on == m_isBreaking) {
+    return;
+  }
+  m_isBreaking = on;
+  m_log.Write(Path(), on ? "break on" : "break off");
+  if (on && m_far->ReturnsBreaks() && (m_outputs & kLoop) == 0) {
+    BreakIn();
+  }
+}
+
+// --- Requests --------------------------------------------------------------------------------------------------------
+
+/// @returns how many bytes will have gone when all of these have.
+std::uint64_t SerialLine::WrittenUntilNow() {
+  TakeWritten(kOutSize + kWrittenSize);
+  return m_gone + m_out.Size();
+}
+
+void SerialLine::AfterOutput(const TrappedCall& call, std::function<void(const TrappedCall&)> then) {
+  m_late.Add(call, [this, until = WrittenUntilNow(), then = std::move(then)](const TrappedCall& waiting) {
+    if (m_gone < until) {
+      return false;
+    }
+    then(waiting);
+    return true;
+  });
 }
 
 void SerialLine::GetSettings(const TrappedCall& call) const {
-  termios2 settings{};
-  if (::ioctl(m_slave.Get(), TCGETS2, &settings) == -1) {
-    throw RequestError{errno};
-  }
-  settings.c_cflag = (settings.c_cflag & ~kForgotten) | m_forgotten;
+  const termios2& settings = m_terminal->Settings();
   if (call.IoctlRequest() == TCGETS2) {
     call.Write(settings);
   } else {
@@ -437,99 +759,195 @@ void SerialLine::GetSettings(const TrappedCall& call) const {
 
 void SerialLine::SetSettings(const TrappedCall& call) {
   const unsigned int request = call.IoctlRequest();
-  if (request == TCSETSF || request == TCSETSF2) {
-    CarryOut();
-    m_in.Clear();
-    ::ioctl(m_slave.Get(), TCFLSH, TCIFLUSH);
-  }
-  termios2 before{};
-  ::ioctl(m_slave.Get(), TCGETS2, &before);
-
-  tcflag_t flags = 0;
-  int result = 0;
-  // Never in the ways that wait: for a writer that itself waits, until its bytes are carried from here.
+  termios2 settings = m_terminal->Settings();
   if (request == TCSETS || request == TCSETSW || request == TCSETSF) {
-    const auto settings = call.Read<termios>();
-    flags = settings.c_cflag;
-    result = ::ioctl(m_slave.Get(), TCSETS, &settings);
+    const auto older = call.Read<termios>();
+    std::copy_n(reinterpret_cast<const char*>(&older), sizeof older, reinterpret_cast<char*>(&settings));
   } else {
-    const auto settings = call.Read<termios2>();
-    flags = settings.c_cflag;
-    result = ::ioctl(m_slave.Get(), TCSETS2, &settings);
+    settings = call.Read<termios2>();
   }
-  if (result == -1) {
-    throw RequestError{errno};
+  const auto apply = [this, request, settings](const TrappedCall& ready) {
+    Apply(request, settings);
+    ready.Return(0);
+  };
+  if (request == TCSETS || request == TCSETS2) {
+    apply(call);
+  } else {
+    AfterOutput(call, apply);
   }
-  m_forgotten = flags & kForgotten;
+  Work();
+}
 
-  termios2 after{};
-  ::ioctl(m_slave.Get(), TCGETS2, &after);
-  if (!CanRun(after)) {
+void SerialLine::Apply(unsigned int request, termios2 settings) {
+  if (!m_terminal) {
+    throw RequestError{EIO};
+  }
+  if (request == TCSETSF || request == TCSETSF2) {
+    DropInput();
+  }
+  const termios2 before = m_terminal->Settings();
+  if (const int error = m_terminal->Set(settings); error != 0) {
+    throw RequestError{error};
+  }
+  const tcflag_t flags = settings.c_cflag;
+  settings = m_terminal->Settings();
+  if (!CanRun(settings)) {
     constexpr tcflag_t kSpeeds = CBAUD | CBAUD << IBSHIFT;
-    after.c_cflag = (after.c_cflag & ~kSpeeds) | (before.c_cflag & kSpeeds);
-    after.c_ispeed = before.c_ispeed;
-    after.c_ospeed = before.c_ospeed;
-    ::ioctl(m_slave.Get(), TCSETS2, &after);
+    settings.c_cflag = (settings.c_cflag & ~kSpeeds) | (before.c_cflag & kSpeeds);
+    settings.c_ispeed = before.c_ispeed;
+    settings.c_ospeed = before.c_ospeed;
+    m_terminal->Set(settings);
+  }
+  if ((settings.c_iflag & IXON) == 0) {
+    m_isStopped = false;
   }
   // Speed 0 hangs up, and any other one after it picks up again.
   const bool wasZero = (before.c_cflag & CBAUD) == B0;
-  const bool isZero = (after.c_cflag & CBAUD) == B0;
+  const bool isZero = (settings.c_cflag & CBAUD) == B0;
   if (isZero) {
     SetOutputs(m_outputs & ~kOpened);
   } else if (wasZero) {
     SetOutputs(m_outputs | kOpened);
   }
-  ProgramUart(flags, isZero ? 0 : after.c_ospeed);
-  m_log.Write(Path(), "settings speed=" + std::to_string(isZero ? 0 : after.c_ospeed) + " flags=" + Hex(flags));
+  Program();
+  m_log.Write(Path(), "settings speed=" + std::to_string(isZero ? 0 : settings.c_ospeed) + " flags=" + Hex(flags));
 }
 
 /// Whether the UART's clock can be divided to that speed. Drivers take others without an error, and keep the old one.
 bool SerialLine::CanRun(const termios2& settings) const {
   constexpr std::uint32_t kGreatestDivisor = 0xFFFF;
   constexpr std::uint32_t kTolerance = 100;  // a hundredth above the fastest is taken for it
-  const std::uint64_t base = m_info.baudBase;
+  const auto base = static_cast<std::uint64_t>(m_info.baud_base);
   return (settings.c_cflag & CBAUD) == B0 ||
          (settings.c_ospeed >= base / kGreatestDivisor && settings.c_ospeed <= base + base / kTolerance);
 }
 
-void SerialLine::ProgramUart(unsigned int flags, unsigned int baud) const {
-  if (m_uart) {
-    m_uart->Program(baud, flags);
+/// The speed of the line. 38400 stands for others where TIOCSSERIAL said so.
+std::uint32_t SerialLine::Baud() const {
+  const speed_t speed = m_terminal->Settings().c_ospeed;
+  if (speed != 38400) {
+    return (m_terminal->Settings().c_cflag & CBAUD) == B0 ? 0 : speed;
+  }
+  switch (static_cast<unsigned int>(m_info.flags) & ASYNC_SPD_MASK) {
+    case ASYNC_SPD_HI:
+      return 57600;
+    case ASYNC_SPD_VHI:
+      return 115200;
+    case ASYNC_SPD_SHI:
+      return 230400;
+    case ASYNC_SPD_WARP:
+      return 460800;
+    case ASYNC_SPD_CUST:
+      return static_cast<std::uint32_t>(m_info.baud_base / std::max(m_info.custom_divisor, 1));
+    default:
+      return speed;
   }
 }
 
+/// What a driver does for the attributes of the line.
+void SerialLine::Program() {
+  if (!m_terminal) {
+    return;
+  }
+  const tcflag_t flags = m_terminal->Settings().c_cflag;
+  const std::uint32_t baud = Baud();
+  const double rate = m_isPaced ? static_cast<double>(baud) / BitsOf(flags) : 0;
+  m_outPace.SetRate(rate);
+  m_inPace.SetRate(rate);
+  if (m_uart) {
+    m_uart->Program(static_cast<std::uint32_t>(m_info.baud_base), baud, flags);
+  }
+}
+
+/// Discards, as TCFLSH does.
 void SerialLine::Flush(const TrappedCall& call) {
   const auto queue = call.IoctlArgument();
-  if (queue != TCOFLUSH) {
-    CarryOut();
-    m_in.Clear();
+  if (queue > TCIOFLUSH) {
+    throw RequestError{EINVAL};
   }
-  if (::ioctl(m_slave.Get(), TCFLSH, queue) == -1) {
-    throw RequestError{errno};
+  if (queue != TCOFLUSH) {
+    DropInput();
+  }
+  if (queue != TCIFLUSH) {
+    DropOutput();
   }
   m_log.Write(Path(), queue == TCIFLUSH ? "flush input" : queue == TCOFLUSH ? "flush output" : "flush both");
 }
 
-void SerialLine::GetInfo(const TrappedCall& call) const {
-  serial_struct info{};
-  info.baud_base = static_cast<int>(m_info.baudBase);
-  info.xmit_fifo_size = static_cast<int>(m_info.fifoSize);
-  info.flags = static_cast<int>(m_info.flags);
-  info.irq = static_cast<int>(m_info.irq);
-  info.custom_divisor = static_cast<int>(m_info.divisor);
-  info.type = PORT_16550A;
-  call.Write(info);
-  m_log.Write(Path(), "TIOCGSERIAL");
+void SerialLine::ControlFlow(const TrappedCall& call) {
+  const cc_t* const characters = m_terminal->Settings().c_cc;
+  switch (call.IoctlArgument()) {
+    case TCOOFF:
+      m_isHeld = true;
+      break;
+    case TCOON:
+      // It forgets an XOFF of the meantime, too.
+      m_isStopped = m_isStopped && !m_isHeld;
+      m_isHeld = false;
+      break;
+    case TCIOFF:
+      m_urgent = static_cast<char>(characters[VSTOP]);
+      break;
+    case TCION:
+      m_urgent = static_cast<char>(characters[VSTART]);
+      break;
+    default:
+      throw RequestError{EINVAL};
+  }
 }
 
+void SerialLine::SendBreak(const TrappedCall& call, std::chrono::milliseconds duration) {
+  const auto end = [this] {
+    m_breakEnds.reset();
+    SetBreak(false);
+  };
+  const auto attempt = [this, duration, end, until = WrittenUntilNow(),
+                        ends = std::optional<Clock::time_point>()](const TrappedCall& waiting) mutable {
+    if (m_gone < until && !ends) {
+      return false;
+    }
+    if (!ends) {
+      SetBreak(true);
+      ends = m_isPaced ? Clock::now() + duration : Clock::now();
+      m_breakEnds = ends;
+    }
+    if (Clock::now() < *ends) {
+      return false;
+    }
+    end();
+    waiting.Return(0);
+    return true;
+  };
+  m_late.Add(call, attempt, end);
+}
+
+void SerialLine::AwaitModemLines(const TrappedCall& call) {
+  const auto mask = static_cast<unsigned int>(call.IoctlArgument());
+  m_late.Add(call, [this, mask, before = m_counts](const TrappedCall& waiting) {
+    const bool isChanged = ((mask & TIOCM_CTS) != 0 && m_counts.cts != before.cts) ||
+                           ((mask & TIOCM_DSR) != 0 && m_counts.dsr != before.dsr) ||
+                           ((mask & TIOCM_CAR) != 0 && m_counts.dcd != before.dcd) ||
+                           ((mask & TIOCM_RNG) != 0 && m_counts.rng != before.rng);
+    if (isChanged || !m_terminal) {
+      isChanged ? waiting.Return(0) : waiting.Fail(EIO);
+    }
+    return isChanged || !m_terminal;
+  });
+}
+
+void SerialLine::GetCounts(const TrappedCall& call) const {
+  call.Write(m_counts);
+}
+
+/// What it takes, it keeps.
 void SerialLine::SetInfo(const TrappedCall& call) {
   const auto info = call.Read<serial_struct>();
-  m_info.baudBase = static_cast<std::uint32_t>(info.baud_base);
-  m_info.flags = static_cast<std::uint32_t>(info.flags);
-  m_info.divisor = static_cast<std::uint32_t>(info.custom_divisor);
+  if (info.baud_base < kLeastBase || info.irq < 0 || info.type < PORT_UNKNOWN || info.type > PORT_MAX) {
+    throw RequestError{EINVAL};
+  }
+  const int line = m_info.line;
+  m_info = info;
+  m_info.line = line;
+  Program();
   m_log.Write(Path(), "TIOCSSERIAL");
-}
-
-std::unique_ptr<DeviceKind> MakeSerialLineKind() {
-  return std::make_unique<SerialLineKind>();
 }

@@ -6,9 +6,6 @@
 
 namespace {
 
-constexpr std::uint32_t kClock = 62500000;  // Hz
-constexpr std::uint32_t kClocksPerBit = 16;
-
 // Indices of the registers.
 constexpr std::uint32_t kDivisorLow = 0;
 constexpr std::uint32_t kDivisorHigh = 1;
@@ -37,12 +34,11 @@ std::uint32_t LineControl(unsigned int flags) {
 
 }  // namespace
 
-void Uart::Program(std::uint32_t baud, unsigned int flags) const {
+void Uart::Program(std::uint32_t base, std::uint32_t baud, unsigned int flags) const {
   if (baud != 0) {
     // The whole divisor in one word: as words are how it is read, the sum of both comes out right.
-    const std::uint64_t clocks = std::uint64_t{kClocksPerBit} * baud;
-    m_memory.Write(Register(kDivisorLow),
-                   static_cast<std::uint32_t>(std::max<std::uint64_t>((kClock + clocks / 2) / clocks, 1)));
+    const std::uint64_t divisor = (std::uint64_t{base} + baud / 2) / baud;
+    m_memory.Write(Register(kDivisorLow), static_cast<std::uint32_t>(std::max<std::uint64_t>(divisor, 1)));
     m_memory.Write(Register(kDivisorHigh), 0);
   }
   m_memory.Write(Register(kLineControl), LineControl(flags));

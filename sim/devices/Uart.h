@@ -13,9 +13,10 @@ class Uart {
       : m_memory(memory), m_base(base), m_stride(stride) {}
 
   /// What a driver does when it programs the line: divisor and line control, with the access to the divisor off.
+  /// @param base the fastest speed.
   /// @param baud 0: the divisor stays as it is.
   /// @param flags the terminal attributes' c_cflag.
-  void Program(std::uint32_t baud, unsigned int flags) const;
+  void Program(std::uint32_t base, std::uint32_t baud, unsigned int flags) const;
 
  private:
   std::uint32_t Register(std::uint32_t index) const {

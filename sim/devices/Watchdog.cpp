@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <utility>
@@ -15,7 +16,10 @@
 
 namespace {
 
+constexpr const char* kPath = "/dev/watchdog";
+constexpr const char* kNumberedPath = "/dev/watchdog0";
 constexpr char kMagic = 'V';
+constexpr int kFirst = 60;       // seconds
 constexpr int kShortest = 1;     // seconds
 constexpr int kLongest = 65535;  // seconds
 
@@ -25,15 +29,22 @@ std::string Seconds(Watchdog::Clock::duration time) {
   return text;
 }
 
+/// The first watchdog has two names.
+std::string OtherName(const std::string& path) {
+  return path == kPath ? kNumberedPath : "";
+}
+
 class WatchdogKind : public DeviceKind {
  public:
   std::vector<Option> Options() override {
     return {{"--watchdog", "PATH", "The watchdog, or none (/dev/watchdog)", false,
-             [this](const std::string& text) { m_path = text == "none" ? "" : CheckedNode("--watchdog", text); }}};
+             [this](const std::string& text) { m_path = text == "none" ? "" : CheckedNode("--watchdog", text); }},
+            {"--nowayout", "", "Once started, the watchdog is not stopped any more", false,
+             [this](const std::string& /*none*/) { m_traits.noWayOut = true; }}};
   }
 
   std::vector<Node> Nodes() const override {
-    return m_path.empty() ? std::vector<Node>() : std::vector<Node>{{m_path, Node::Kind::kFifo}};
+    return m_path.empty() ? std::vector<Node>() : std::vector<Node>{{m_path, Node::Kind::kFifo, 0, OtherName(m_path)}};
   }
 
   TrappedRequests Requests() const override {
@@ -43,19 +54,20 @@ class WatchdogKind : public DeviceKind {
   Devices Make(const Backplane& backplane) const override {
     Devices devices;
     if (!m_path.empty()) {
-      devices.push_back(std::make_unique<Watchdog>(m_path, backplane));
+      devices.push_back(std::make_unique<Watchdog>(m_path, m_traits, backplane));
     }
     return devices;
   }
 
  private:
-  std::string m_path = "/dev/watchdog";  // empty: none
+  std::string m_path = kPath;  // empty: none
+  Watchdog::Traits m_traits;
 };
 
 }  // namespace
 
-Watchdog::Watchdog(const std::string& path, const Backplane& backplane)
-    : Device(path), m_backplane(backplane), m_log(backplane.log) {
+Watchdog::Watchdog(const std::string& path, const Traits& traits, const Backplane& backplane)
+    : Device(path), m_traits(traits), m_backplane(backplane), m_log(backplane.log) {
   m_backplane.commands.Add("watchdog", [this](const Commands::Words& /*none*/) {
     Look();
     return State();
@@ -65,6 +77,9 @@ Watchdog::Watchdog(const std::string& path, const Backplane& backplane)
 void Watchdog::Attach(Descriptor descriptor) {
   m_fifo = std::move(descriptor);
   m_id = FileId::Of(m_fifo);
+  m_isOpen = m_isArmed = m_maySleep = m_isFed = false;
+  m_timeout = kFirst;
+  m_pretimeout = 0;
   Reopen();
   m_readerRegistration = m_backplane.loop.Watch(
       [this] {
@@ -88,9 +103,14 @@ void Watchdog::Opened() {
   Begin();
 }
 
+bool Watchdog::IsCalled(const std::string& name) const {
+  return name == Path() || (!name.empty() && name == OtherName(Path()));
+}
+
 Descriptor Watchdog::Open(int flags) const {
-  Descriptor own(::open(PathOf(m_fifo.Get()).c_str(), (flags & (O_ACCMODE | O_NONBLOCK)) | O_CLOEXEC));
-  if (!own) {
+  const int kept = flags & (O_ACCMODE | O_NONBLOCK);
+  Descriptor own(::open(PathOf(m_fifo.Get()).c_str(), kept | O_CLOEXEC));
+  if (!own || ::fcntl(own.Get(), F_SETFL, kept | O_DIRECT) == -1) {
     throw RequestError{errno};
   }
   return own;
@@ -115,11 +135,20 @@ void Watchdog::Request(const TrappedCall& call) {
       call.Write(SecondsLeft());
       break;
     case WDIOC_GETSUPPORT:
-      call.Write(watchdog_info{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE, 0, "boardsim"});
+      call.Write(
+          watchdog_info{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT, 0, "boardsim"});
       break;
     case WDIOC_GETSTATUS:
+      call.Write(Status());
+      break;
     case WDIOC_GETBOOTSTATUS:
-      call.Write(0);
+      call.Write(m_bootStatus);
+      break;
+    case WDIOC_SETPRETIMEOUT:
+      SetPretimeout(call);
+      break;
+    case WDIOC_GETPRETIMEOUT:
+      call.Write(m_pretimeout);
       break;
     case WDIOC_SETOPTIONS:
       SetOptions(call);
@@ -130,7 +159,7 @@ void Watchdog::Request(const TrappedCall& call) {
   call.Return(0);
 }
 
-void Watchdog::Finish(Clock::time_point /*latest*/) {
+void Watchdog::Finish() {
   Look();
   if (Deadline()) {
     Reset(", not stopped by the application,");
@@ -140,13 +169,13 @@ void Watchdog::Finish(Clock::time_point /*latest*/) {
 void Watchdog::Look() {
   pollfd reader{m_reader.Get(), POLLIN, 0};
   while (::poll(&reader, 1, 0) > 0) {
-    char bytes[256];
+    char bytes[4096];
     const ssize_t got = ::read(m_reader.Get(), bytes, sizeof bytes);
     if (got > 0) {
       if (!m_isOpen) {
         Begin();
       }
-      m_maySleep = bytes[got - 1] == kMagic;
+      m_maySleep = std::find(bytes, bytes + got, kMagic) != bytes + got;
       Feed(m_maySleep ? "write magic" : "write");
       continue;
     }
@@ -156,27 +185,43 @@ void Watchdog::Look() {
     // All who had it open have closed it. A reader opened anew waits for the next one.
     Reopen();
     m_isOpen = false;
-    if (m_maySleep) {
+    if (m_maySleep && !m_traits.noWayOut) {
       m_isArmed = false;
+    } else if (m_isArmed) {
+      // As a driver does whose watchdog did not stop.
+      m_fed = Clock::now();
     }
-    m_log.Write(Path(), m_maySleep ? "close: stopped" : "close: not stopped");
+    m_log.Write(Path(), m_isArmed ? "close: not stopped" : "close: stopped");
     reader.fd = m_reader.Get();
   }
 }
 
 std::optional<Watchdog::Clock::time_point> Watchdog::Deadline() const {
-  return m_isArmed ? std::make_optional(m_fed + std::chrono::seconds(m_timeout)) : std::nullopt;
+  if (!m_isArmed) {
+    return std::nullopt;
+  }
+  const bool warns = m_pretimeout != 0 && !m_isWarned;
+  return m_fed + std::chrono::seconds(m_timeout - (warns ? m_pretimeout : 0));
 }
 
 void Watchdog::Expire() {
   // It may have been fed just now.
   Look();
-  if (const auto deadline = Deadline(); deadline && *deadline <= Clock::now()) {
+  const auto deadline = Deadline();
+  if (!deadline || *deadline > Clock::now()) {
+    return;
+  }
+  if (m_pretimeout != 0 && !m_isWarned) {
+    m_isWarned = true;
+    m_log.Write(Path(), "pretimeout");
+  } else {
     Reset("");
   }
 }
 
-void Watchdog::Reset(const std::string& circumstance) const {
+void Watchdog::Reset(const std::string& circumstance) {
+  m_isArmed = false;
+  m_bootStatus = WDIOF_CARDRESET;
   m_backplane.reset(
       Path(), circumstance,
       "time-out " + std::to_string(m_timeout) + " s, last fed " + Seconds(Clock::now() - m_fed) + " s ago");
@@ -187,7 +232,7 @@ std::string Watchdog::State() const {
   std::string state = m_isArmed ? "armed" : "stopped";
   state += m_isOpen ? " open" : " closed";
   state += " timeout=" + std::to_string(m_timeout);
-  return m_isArmed ? state + " left=" + Seconds(*Deadline() - Clock::now()) : state;
+  return m_isArmed ? state + " left=" + Seconds(m_fed + std::chrono::seconds(m_timeout) - Clock::now()) : state;
 }
 
 /// Somebody has opened it: at once, or, in a way that is not kept back, as what he does with it tells.
@@ -204,12 +249,29 @@ void Watchdog::Reopen() {
 
 void Watchdog::Arm() {
   m_isArmed = true;
+  m_isWarned = false;
   m_fed = Clock::now();
 }
 
 void Watchdog::Feed(const char* how) {
   m_fed = Clock::now();
+  m_isFed = true;
+  m_isWarned = false;
   m_log.Write(Path(), how);
+}
+
+void Watchdog::Stop() {
+  if (m_traits.noWayOut) {
+    throw RequestError{EBUSY};
+  }
+  m_isArmed = false;
+  m_log.Write(Path(), "stopped by request");
+}
+
+/// What the kernel's watchdogs tell. Whether it was fed, they tell once.
+unsigned int Watchdog::Status() {
+  const bool isFed = std::exchange(m_isFed, false);
+  return m_bootStatus | (m_maySleep ? WDIOF_MAGICCLOSE : 0U) | (isFed ? WDIOF_KEEPALIVEPING : 0U);
 }
 
 void Watchdog::SetTimeout(const TrappedCall& call) {
@@ -219,26 +281,41 @@ void Watchdog::SetTimeout(const TrappedCall& call) {
     throw RequestError{EINVAL};
   }
   m_timeout = seconds;
+  m_pretimeout = m_pretimeout < seconds ? m_pretimeout : 0;
   m_fed = Clock::now();
+  m_isWarned = false;
   m_log.Write(Path(), "timeout " + std::to_string(seconds));
   call.Write(m_timeout);
 }
 
+void Watchdog::SetPretimeout(const TrappedCall& call) {
+  const int seconds = call.Read<int>();
+  if (seconds < 0 || seconds >= m_timeout) {
+    throw RequestError{EINVAL};
+  }
+  m_pretimeout = seconds;
+  m_isWarned = false;
+  m_log.Write(Path(), "pretimeout " + std::to_string(seconds));
+  call.Write(m_pretimeout);
+}
+
 void Watchdog::SetOptions(const TrappedCall& call) {
   const int options = call.Read<int>();
-  if (options == WDIOS_DISABLECARD) {
-    m_isArmed = false;
-    m_log.Write(Path(), "stopped by request");
-  } else if (options == WDIOS_ENABLECARD) {
+  if ((options & (WDIOS_DISABLECARD | WDIOS_ENABLECARD)) == 0) {
+    throw RequestError{ENOTTY};
+  }
+  if ((options & WDIOS_DISABLECARD) != 0) {
+    Stop();
+  }
+  if ((options & WDIOS_ENABLECARD) != 0) {
     Arm();
     m_log.Write(Path(), "started by request");
-  } else {
-    throw RequestError{EINVAL};
   }
 }
 
 int Watchdog::SecondsLeft() const {
-  return m_isArmed ? static_cast<int>(std::chrono::ceil<std::chrono::seconds>(*Deadline() - Clock::now()).count()) : 0;
+  const auto left = m_fed + std::chrono::seconds(m_timeout) - Clock::now();
+  return m_isArmed ? static_cast<int>(std::chrono::ceil<std::chrono::seconds>(left).count()) : 0;
 }
 
 std::unique_ptr<DeviceKind> MakeWatchdogKind() {

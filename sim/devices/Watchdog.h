@@ -9,10 +9,15 @@
 
 /// A hardware watchdog: the reading end of the FIFO that the application has as its device.
 ///
-/// Opening arms it, a written byte or a request feeds it, and a close stops it only if a 'V' was written last.
+/// Opening arms it, a written byte or a request feeds it, and a close stops it only if the last write had a 'V' in it.
 class Watchdog : public Device {
  public:
-  Watchdog(const std::string& path, const Backplane& backplane);
+  /// What the options say of it.
+  struct Traits {
+    bool noWayOut = false;  // once started, nothing stops it
+  };
+
+  Watchdog(const std::string& path, const Traits& traits, const Backplane& backplane);
 
   /// @param descriptor any one of the FIFO.
   void Attach(Descriptor descriptor) override;
@@ -20,10 +25,15 @@ class Watchdog : public Device {
   /// Arms it, or feeds it where an earlier close has not stopped it.
   /// @throws RequestError EBUSY: somebody else has it.
   void Opened() override;
+  bool IsCalled(const std::string& name) const override;
+  bool HandsOut(int /*flags*/) const override {
+    return true;
+  }
+  /// One that keeps writes apart.
   Descriptor Open(int flags) const override;
   void Request(const TrappedCall& call) override;
   /// Resets the board if nobody has stopped it.
-  void Finish(Clock::time_point latest) override;
+  void Finish() override;
 
  private:
   /// Takes what was written, and the close after it.
@@ -31,16 +41,20 @@ class Watchdog : public Device {
   /// When it resets the board, if nothing happens before.
   std::optional<Clock::time_point> Deadline() const;
   void Expire();
-  void Reset(const std::string& circumstance) const;
+  void Reset(const std::string& circumstance);
   std::string State() const;
   void Begin();
   void Reopen();
   void Arm();
   void Feed(const char* how);
+  void Stop();
+  unsigned int Status();
   void SetTimeout(const TrappedCall& call);
+  void SetPretimeout(const TrappedCall& call);
   void SetOptions(const TrappedCall& call);
   int SecondsLeft() const;
 
+  const Traits m_traits;
   const Backplane m_backplane;
   EventLog& m_log;
   Descriptor m_fifo;
@@ -48,8 +62,12 @@ class Watchdog : public Device {
   Descriptor m_reader;
   bool m_isOpen = false;
   bool m_isArmed = false;
-  bool m_maySleep = false;  // the last byte was the magic one
-  int m_timeout = 60;       // seconds
+  bool m_maySleep = false;  // the magic byte was in the last write
+  bool m_isFed = false;     // since the status was asked for
+  bool m_isWarned = false;  // of the reset, since it was fed
+  int m_timeout = 0;        // seconds
+  int m_pretimeout = 0;     // seconds before the reset; 0: none
+  unsigned int m_bootStatus = 0;
   Clock::time_point m_fed;
   EventLoop::Registration m_readerRegistration;
   EventLoop::Registration m_deadlineRegistration;

@@ -91,12 +91,14 @@ Program IoctlPart(const TrappedRequests& requests) {
   return part;
 }
 
-/// Opens for writing without O_CREAT: devices are opened so, and little else. What is kept back can be interrupted by
-/// signals, which programs expect of opening a device at most.
+/// Opens for writing without O_CREAT: devices are opened so, and little else. And those that would empty a file, which
+/// memory is not. What is kept back can be interrupted by signals, which programs expect of opening a device at most.
 Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
   Program part;
   part.LoadArgument(flagsIndex);
-  part.ReturnIfAnySet(O_PATH | O_DIRECTORY | (devicesExist ? O_CREAT : 0), SECCOMP_RET_ALLOW);
+  part.ReturnIfAnySet(O_PATH | O_DIRECTORY, SECCOMP_RET_ALLOW);
+  part.ReturnIfAnySet(O_TRUNC, SECCOMP_RET_USER_NOTIF);
+  part.ReturnIfAnySet(devicesExist ? O_CREAT : 0, SECCOMP_RET_ALLOW);
   part.Keep(O_ACCMODE);
   part.ReturnIfEqual(O_RDONLY, SECCOMP_RET_ALLOW);
   part.Return(SECCOMP_RET_USER_NOTIF);
@@ -120,15 +122,17 @@ Program Filter(const TrappedRequests& requests, bool devicesExist) {
   filter.LoadNumber();
   filter.Append(SYS_ioctl, IoctlPart(requests));
   filter.Append(SYS_openat, OpenPart(2, devicesExist));
+  filter.ReturnIfEqual(SYS_truncate, SECCOMP_RET_USER_NOTIF);
+  filter.ReturnIfEqual(SYS_ftruncate, SECCOMP_RET_USER_NOTIF);
+#ifdef SYS_creat
+  filter.ReturnIfEqual(SYS_creat, SECCOMP_RET_USER_NOTIF);
+#endif
 #ifdef SYS_open
   filter.Append(SYS_open, OpenPart(1, devicesExist));
 #endif
   // The flags of this one can't be seen from here.
   filter.ReturnIfEqual(SYS_openat2, SECCOMP_RET_USER_NOTIF);
   if (!devicesExist) {
-#ifdef SYS_creat
-    filter.ReturnIfEqual(SYS_creat, SECCOMP_RET_USER_NOTIF);
-#endif
     // What is opened in this way is opened by the kernel itself. Programs do without where there is no such thing.
     filter.ReturnIfEqual(SYS_io_uring_setup, SECCOMP_RET_ERRNO | ENOSYS);
   }

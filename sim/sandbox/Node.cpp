@@ -70,6 +70,8 @@ Descriptor MakeNode(const Node& node) {
   MakeFoldersFor(node.path);
   if (node.kind == Node::Kind::kFifo) {
     Require(::mkfifo(node.path.c_str(), kNodeMode) == 0, node.path + " can't be made");
+    Require(node.otherName.empty() || ::link(node.path.c_str(), node.otherName.c_str()) == 0,
+            node.otherName + " can't be made");
     return OpenReader(node.path);
   }
   Descriptor file(::open(node.path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kNodeMode));

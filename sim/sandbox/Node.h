@@ -16,7 +16,8 @@ struct Node {
 
   std::string path;
   Kind kind = Kind::kFile;
-  std::int64_t size = 0;  // of a file
+  std::int64_t size = 0;       // of a file
+  std::string otherName = {};  // of a FIFO; may be empty
 };
 
 /// Makes it under its name, in a /dev of its own.

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <fstream>
+#include <limits>
 
 #include "sandbox/Filter.h"
 
@@ -20,7 +22,15 @@ bool TrappedCall::IsForeign() const {
   return m_call.data.arch != SupervisedArchitecture();
 }
 
-int TrappedCall::IoctlDescriptor() const {
+bool TrappedCall::IsTruncate() const {
+  return m_call.data.nr == SYS_truncate;
+}
+
+bool TrappedCall::IsFtruncate() const {
+  return m_call.data.nr == SYS_ftruncate;
+}
+
+int TrappedCall::CalledDescriptor() const {
   return static_cast<int>(m_call.data.args[0]);
 }
 
@@ -46,7 +56,7 @@ TrappedCall::Opening TrappedCall::Open() const {
       return {AT_FDCWD, number(1), arguments[0], 0};
 #endif
     default:
-      return {AT_FDCWD, O_WRONLY | O_CREAT | O_TRUNC, arguments[0], 0};  // creat()
+      return {AT_FDCWD, O_WRONLY | O_CREAT | O_TRUNC, arguments[0], 0};  // creat(), truncate()
   }
 }
 
@@ -72,6 +82,21 @@ bool TrappedCall::IsWaiting() const {
   return ::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ID_VALID, &m_call.id) == 0;
 }
 
+bool TrappedCall::HasSignal() const {
+  std::ifstream status("/proc/" + std::to_string(Thread()) + "/status");
+  std::uint64_t pending = 0;
+  std::uint64_t held = 0;
+  for (std::string name; status >> name; status.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
+    const bool isPending = name == "SigPnd:" || name == "ShdPnd:";
+    if (isPending || name == "SigBlk:" || name == "SigIgn:") {
+      std::uint64_t signals = 0;
+      status >> std::hex >> signals;
+      (isPending ? pending : held) |= signals;
+    }
+  }
+  return (pending & ~held) != 0;
+}
+
 void TrappedCall::Return(std::int64_t value) const {
   Answer(value, 0, 0);
 }
@@ -80,19 +105,29 @@ void TrappedCall::Fail(int error) const {
   Answer(0, -error, 0);
 }
 
+void TrappedCall::Restart() const {
+  constexpr int kRestart = 512;  // the kernel's ERESTARTSYS, which no header has
+  Answer(0, -kRestart, 0);
+}
+
 void TrappedCall::Continue() const {
   Answer(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
 }
 
-void TrappedCall::ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const {
+bool TrappedCall::ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const {
   seccomp_notif_addfd addition{};
   addition.id = m_call.id;
   addition.flags = SECCOMP_ADDFD_FLAG_SEND;
   addition.srcfd = static_cast<std::uint32_t>(descriptor.Get());
   addition.newfd_flags = static_cast<std::uint32_t>(opening.flags & O_CLOEXEC);
-  if (::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ADDFD, &addition) == -1 && errno != ENOENT) {
-    Fail(errno);
+  if (::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ADDFD, &addition) != -1 || errno == ENOENT) {
+    return true;
   }
+  if (errno == EINVAL) {
+    return false;
+  }
+  Fail(errno);
+  return true;
 }
 
 void TrappedCall::ReadMemory(std::uint64_t address, void* to, std::size_t size) const {

@@ -21,19 +21,23 @@ class TrappedCall {
   bool IsIoctl() const;
   /// Whether it comes from a program of another architecture, which can't be answered. It can only be continued.
   bool IsForeign() const;
+  bool IsTruncate() const;
+  bool IsFtruncate() const;
   /// The thread that called, in the numbering of this process.
   pid_t Thread() const {
     return static_cast<pid_t>(m_call.pid);
   }
 
+  /// Of an ioctl or ftruncate.
+  int CalledDescriptor() const;
+
   // Of an ioctl:
-  int IoctlDescriptor() const;
   unsigned int IoctlRequest() const;
   std::uint64_t IoctlArgument() const {
     return m_call.data.args[2];
   }
 
-  /// What an open asks for.
+  /// What an open, or truncate(), asks for.
   struct Opening {
     int folder;
     int flags;
@@ -62,13 +66,18 @@ class TrappedCall {
 
   /// Whether the thread still waits. If it was killed, its number may mean another one by now.
   bool IsWaiting() const;
+  /// Whether a signal waits for the thread that its own handling or end would follow.
+  bool HasSignal() const;
 
   void Return(std::int64_t value) const;
   void Fail(int error) const;
+  /// A signal comes first: then the call is made anew, or interrupted, as the signal's handler wants it.
+  void Restart() const;
   /// The kernel does what it would have done.
   void Continue() const;
   /// The call is an open, and its result a duplicate of this descriptor.
-  void ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const;
+  /// @returns whether this kernel can do it. The call has its answer then.
+  bool ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const;
 
  private:
   friend class Supervisor;

@@ -34,7 +34,7 @@ if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
 fi
 
 # The first port is on the board's UART, the other one leads to a peer that sends everything back.
-board=(--tty /dev/ttyS2=none --tty /dev/ttyS0=echo)
+board=(${BOARD_PACE:-} --tty /dev/ttyS2=none --tty /dev/ttyS0=echo)
 case "$*" in
   # No driver on the registers, which keep what they are given.
   *--gtest_filter=Presets.*)

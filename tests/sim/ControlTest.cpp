@@ -45,7 +45,7 @@ TEST_F(Control, AHangUpEndsThePortForTheProgramUntilItIsPluggedInAndOpenedAgain)
     EXPECT_EQ(board->Ask("write 3 x"), Failed(EIO));
     EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "4");
     EXPECT_EQ(board->Ask("attributes 4"), "ok");
-    EXPECT_EQ(board->Ask("lines 4"), "0x166");
+    EXPECT_EQ(board->Ask("lines 4"), "0x4166");
     EXPECT_EQ(board->Ask("write 4 hello"), "ok");
     EXPECT_EQ(board->Ask("read 4"), "got hello");
     ExpectEnd();
@@ -92,11 +92,11 @@ TEST_F(Control, BytesThatAreFedBeyondWhatIsKeptAreCounted) {
 
 TEST_F(Control, InputsAreSetAndClearedAndTheProgramCannotAlterThem) {
   Start({});
-  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD OUT2");
   EXPECT_EQ(client->Ask("clear /dev/ttyS1 CTS CD"), "ok");
-  EXPECT_EQ(board->Ask("lines 3"), "0x106");
+  EXPECT_EQ(board->Ask("lines 3"), "0x4106");
   EXPECT_EQ(client->Ask("set /dev/ttyS1 RI"), "ok");
-  EXPECT_EQ(board->Ask("lines 3"), "0x186");
+  EXPECT_EQ(board->Ask("lines 3"), "0x4186");
   EXPECT_EQ(board->Ask("set-lines 3 0x62"), "ok");
   EXPECT_EQ(board->Ask("lines 3"), "0x182");
   EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok DTR DSR RI");
@@ -189,7 +189,7 @@ TEST_F(Control, CommandsComeInPiecesOrTogetherAndFromSeveral) {
   Connection second(Path("control"));
   EXPECT_EQ(second.Ask("read 0x8001100c"), "ok 0x13");
   client->Write("es /dev/ttyS1\nread 0x8001100c\nread");
-  EXPECT_EQ(client->ReadLine(), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(client->ReadLine(), "ok RTS DTR CTS DSR CD OUT2");
   EXPECT_EQ(client->ReadLine(), "ok 0x13");
   {
     // One who goes in the middle of a word, and one who does not wait for the answer.
@@ -199,21 +199,45 @@ TEST_F(Control, CommandsComeInPiecesOrTogetherAndFromSeveral) {
     fourth.Write("help\nhelp\nhelp\n");
   }
   EXPECT_EQ(client->Ask(" 0x8001100c"), "ok 0x13");
-  EXPECT_EQ(second.Ask("lines   /dev/ttyS1 "), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(second.Ask("lines   /dev/ttyS1 "), "ok RTS DTR CTS DSR CD OUT2");
   ExpectEnd();
+}
+
+TEST_F(Control, RtsAndDtrFallAtTheLastCloseUnlessTheProgramSaysOtherwise) {
+  const auto board = Boot({"--control", Path("control")}, {kProbe, "talk"});
+  Connection client(Path("control"));
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(board->Ask("close 3"), "ok");
+  EXPECT_TRUE(Eventually([&] { return client.Ask("lines /dev/ttyS1") == "ok CTS DSR CD"; }));
+  EXPECT_EQ(board->Ask("run stty -F /dev/ttyS1 -hupcl"), "0");
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(board->Ask("close 3"), "ok");
+  EXPECT_TRUE(Eventually([&] { return client.Ask("lines /dev/ttyS1") == "ok RTS DTR CTS DSR CD"; }));
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Control, ABreakComesInAsAZeroByte) {
+  const auto board = Boot({"--control", Path("control")}, {kProbe, "talk"});
+  Connection client(Path("control"));
+  EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
+  EXPECT_EQ(client.Ask("break /dev/ttyS1"), "ok");
+  EXPECT_EQ(client.Ask("feed /dev/ttyS1 41"), "ok");
+  EXPECT_EQ(board->Ask("read 3"), "got ");
+  EXPECT_EQ(board->Finish().status, 0);
 }
 
 TEST_F(Control, GarbageIsAnsweredByAnErrorThatNamesTheCommands) {
   Start({});
   const std::string commands =
-      "feed TTY HEX | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | watchdog | "
+      "feed TTY HEX | break TTY | hangup TTY | plug TTY | set TTY INPUT... | clear TTY INPUT... | lines TTY | watchdog "
+      "| "
       "read ADDRESS | write ADDRESS VALUE | link INTERFACE up|down | help";
   EXPECT_EQ(client->Ask("help"), "ok " + commands);
   for (const char* garbage : {"", "dance", "lines", "lines a b", "read", "write 1", "hangup", "\xff\xfe\x01", "Lines x",
                               "set /dev/ttyS1", "watchdog now"}) {
     EXPECT_EQ(client->Ask(garbage), "error the commands are: " + commands) << garbage;
   }
-  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD");
+  EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD OUT2");
   ExpectEnd();
 }
 

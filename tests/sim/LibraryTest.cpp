@@ -21,8 +21,8 @@ constexpr const char* kSteps = BOARDKIT_LIBRARY_STEPS;
 constexpr const char* kStarve = BOARDKIT_BOARD_STARVE;
 
 // The control flags as the kernel has them, and the log.
-constexpr unsigned int kRaw = 0x8b0;  // 8 bits, receiving, without regard to the modem lines
-constexpr unsigned int kFound = kRaw | 0xd;
+constexpr unsigned int kRaw = 0x8b0;           // 8 bits, receiving, without regard to the modem lines
+constexpr unsigned int kFound = kRaw | 0x40d;  // 9600 baud, hanging up at the last close
 constexpr unsigned int k9600 = 0xd;
 constexpr unsigned int k115200 = 0x1002;
 constexpr unsigned int kOtherSpeed = 0x1000;
@@ -60,7 +60,7 @@ const Lines kFlushes = {"flush input", "flush both", "flush input"};
 const Lines kOpening = Lines{"open", Settings(0, kRaw)} + kFlushes;
 
 /// The loop is cleared, whether it was on or not, and the attributes are put back.
-Lines Closing(const std::string& lines, const std::string& linesSet = "0x6") {
+Lines Closing(const std::string& lines, const std::string& linesSet = "0x4006") {
   return {"TIOCMGET " + lines, "TIOCMSET " + linesSet, Settings(9600, kFound)};
 }
 
@@ -189,20 +189,20 @@ TEST_P(LibraryOnSim, EverySettingOfAPortReachesTheDriverInTheOrderOfTheCalls) {
                        Settings(115200, kSevenOdd), Settings(115200, kSevenOdd | kTwoStopBits),
                        Settings(115200, kAtLast), "flush input", "flush output", "flush both", "flush input",
                        Settings(250000, (kAtLast & ~k115200) | kOtherSpeed)} +
-                 Closing("0x6") + kOpening +
+                 Closing("0x4006") + kOpening +
                  // A custom speed outlasts the closing, and the last setting makes eight bits without parity again.
                  Lines{Settings(250000, kRaw | kOtherSpeed), Settings(250000, (kRaw & ~kSevenBitsLess) | kOtherSpeed),
                        Settings(250000, (kRaw & ~kSevenBitsLess) | kOtherSpeed | kParity),
                        Settings(250000, (kRaw & ~kSevenBitsLess) | kOtherSpeed | kParity),
                        Settings(250000, kRaw | kOtherSpeed), "open"} +
-                 Closing("0x6")) +
+                 Closing("0x4006")) +
           kEnd);
 }
 
 TEST_P(LibraryOnSim, WithoutAttributesAPortIsOpenedFlushedAndTakenOutOfTheLoop) {
   RunStep({"--tty", "/dev/ttyS1=none"}, {"without-attributes"});
 
-  ExpectSame(Log(), kStart + OfPort(Lines{"open"} + kFlushes + Lines{"TIOCMGET 0x6", "TIOCMSET 0x6"}) + kEnd);
+  ExpectSame(Log(), kStart + OfPort(Lines{"open"} + kFlushes + Lines{"TIOCMGET 0x4006", "TIOCMSET 0x4006"}) + kEnd);
 }
 
 TEST_P(LibraryOnSim, TheLoopGoesOnAndOffAndIsOffAfterClosing) {
@@ -213,12 +213,12 @@ TEST_P(LibraryOnSim, TheLoopGoesOnAndOffAndIsOffAfterClosing) {
                         OfPort(kOpening +
                                Lines{Settings(115200, kRaw | k115200),
                                      // On; in the loop, CTS and DSR are what RTS and DTR are.
-                                     "TIOCMGET 0x6", "TIOCMSET 0x8006",
+                                     "TIOCMGET 0x4006", "TIOCMSET 0xc006",
                                      // RTS off and on.
-                                     "TIOCMGET 0x8126", "TIOCMSET 0x8002", "TIOCMGET 0x8102", "TIOCMSET 0x8006",
+                                     "TIOCMGET 0xc166", "TIOCMSET 0xc002", "TIOCMGET 0xc142", "TIOCMSET 0xc006",
                                      // Off and on.
-                                     "TIOCMGET 0x8126", "TIOCMSET 0x6", "TIOCMGET 0x6", "TIOCMSET 0x8006"} +
-                               Closing("0x8126")) +
+                                     "TIOCMGET 0xc166", "TIOCMSET 0x4006", "TIOCMGET 0x4006", "TIOCMSET 0xc006"} +
+                               Closing("0xc166")) +
                         kEnd);
 }
 
@@ -244,7 +244,7 @@ TEST_P(LibraryOnSim, AConversationWithTheFarEndArrivesByteForByteInBothDirection
   EXPECT_EQ(Output(), "1 ! 0\n");
   EXPECT_EQ(peer.Read(1), "") << "nothing else";
   // Somebody is at the other end, so CTS, DSR and CD are on.
-  ExpectSame(Log(), kStart + OfPort(kOpening + Lines{Settings(115200, kRaw | k115200)} + Closing("0x166")) + kEnd);
+  ExpectSame(Log(), kStart + OfPort(kOpening + Lines{Settings(115200, kRaw | k115200)} + Closing("0x4166")) + kEnd);
 }
 
 TEST_P(LibraryOnSim, AHangUpEndsTheWaitingAndThePortCanNotBeClosedAnyMore) {
@@ -269,7 +269,7 @@ constexpr const char* kInfo =
 
 /// What a report asks for, and how it makes the line what it was.
 Lines Reporting(unsigned int speed, unsigned int code) {
-  return Lines{"TIOCGSERIAL"} + Closing("0x6") + kOpening +
+  return Lines{"TIOCGSERIAL"} + Closing("0x4006") + kOpening +
          Lines{Settings(speed, kRaw | code), Settings(speed, kRaw | code), Settings(speed, kRaw | code),
                Settings(speed, kRaw | code), Settings(speed, kRaw | code | kHardware)};
 }
@@ -293,7 +293,7 @@ TEST_P(LibraryOnSim, TheReportTellsWhatTheDriverHasProgrammedAndThePortIsOpenedA
                           OfPort(kOpening +
                                  Lines{Settings(row.speed, kRaw | row.code),
                                        Settings(row.speed, kRaw | row.code | kHardware)} +
-                                 Reporting(row.speed, row.code) + Closing("0x6")) +
+                                 Reporting(row.speed, row.code) + Closing("0x4006")) +
                           kEnd);
   }
 }
@@ -316,8 +316,8 @@ TEST_P(LibraryOnSim, ACustomSpeedStandsInTheReportAndOutlastsIt) {
             "Device:    /dev/ttyS1\nCustom Output Baudrate: 250000\nCustom  Baudrate:       250000\n");
   const std::string custom = Settings(250000, kRaw | kOtherSpeed);
   ExpectSame(Log(), kStart +
-                        OfPort(kOpening + Lines{custom, "TIOCGSERIAL"} + Closing("0x6") + kOpening +
-                               Lines{custom, custom, custom, custom, custom} + Closing("0x6")) +
+                        OfPort(kOpening + Lines{custom, "TIOCGSERIAL"} + Closing("0x4006") + kOpening +
+                               Lines{custom, custom, custom, custom, custom} + Closing("0x4006")) +
                         kEnd);
 }
 

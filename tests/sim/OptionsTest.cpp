@@ -35,7 +35,8 @@ TEST_P(WrongOption, IsToldInOneSentenceWithStatus125AndNothingRuns) {
 }
 
 constexpr const char* kFarEnds =
-    "The far end of a --tty is echo, none, pty[:LINK], tcp:HOST:PORT, unix:PATH or exec:COMMAND, not ";
+    "The far end of a --tty is echo, plug, none, pty[:LINK], tcp:HOST:PORT, tcp-listen:PORT, unix:PATH, "
+    "unix-listen:PATH or exec:COMMAND, not ";
 
 INSTANTIATE_TEST_SUITE_P(
     Each, WrongOption,

@@ -73,6 +73,18 @@ TEST_P(Probe, ThePortIsKnownHoweverItWasCalledAndItsDescriptorCame) {
   ExpectPassed({}, {"descriptors", "names", "executed"});
 }
 
+TEST_P(Probe, AfterTheLastCloseThePortStartsAnew) {
+  ExpectPassed({}, {"last-close"});
+}
+
+TEST_P(Probe, ByALoopBackPlugThePortHearsItselfAndItsFlowControlWorks) {
+  ExpectPassed({"--tty", "/dev/ttyS1=plug"}, {"plug-lines", "hardware-flow", "software-flow", "modem-wait", "breaks"});
+}
+
+TEST_P(Probe, OnALineThatIsPacedOutputWaits) {
+  ExpectPassed({"--pace", "--tty", "/dev/ttyS1=plug"}, {"slow"});
+}
+
 TEST_P(Probe, WrongRequestsFailAsTheKernelsOwnDo) {
   ExpectPassed({}, {"bad-pointers", "wide-requests", "strangers"});
 }
@@ -87,6 +99,10 @@ TEST_P(Probe, AProgramWhoseMemoryNobodyMayReadOpensItsFiles) {
 
 TEST_P(Probe, MemoryReachesBehindTheLastAddress) {
   ExpectPassed({}, {"memory"});
+}
+
+TEST_P(Probe, TheWatchdogIsStoppedByTheMagicByteWhereverItStandsAndHasTwoNames) {
+  ExpectPassed({}, {"magic-inside", "numbered"});
 }
 
 TEST_P(Probe, AStarvedWatchdogEndsTheProgramAndItsDaemonsWithStatus86) {

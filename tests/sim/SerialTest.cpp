@@ -137,10 +137,10 @@ TEST_F(Serial, SeveralPortsHaveLinesAndFarEndsOfTheirOwnAndTheFirstHasTheUart) {
   EXPECT_EQ(board->Ask("open rw /dev/ttyAMA0"), "3");
   EXPECT_EQ(board->Ask("open rw /dev/bus/serial/1"), "4");
   EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), Failed(ENOENT));
-  EXPECT_EQ(board->Ask("lines 3"), "0x6");
-  EXPECT_EQ(board->Ask("lines 4"), "0x166");
+  EXPECT_EQ(board->Ask("lines 3"), "0x4006");
+  EXPECT_EQ(board->Ask("lines 4"), "0x4166");
   EXPECT_EQ(board->Ask("set-lines 3 0x4"), "ok");
-  EXPECT_EQ(board->Ask("lines 4"), "0x166");
+  EXPECT_EQ(board->Ask("lines 4"), "0x4166");
   EXPECT_EQ(board->Ask("write 4 hello"), "ok");
   EXPECT_EQ(board->Ask("read 4"), "got hello");
   EXPECT_EQ(board->Ask("peek 0x80011000"), "0x197");
@@ -148,6 +148,13 @@ TEST_F(Serial, SeveralPortsHaveLinesAndFarEndsOfTheirOwnAndTheFirstHasTheUart) {
   EXPECT_EQ(board->Ask("peek 0x80011000"), "0x197");
   EXPECT_EQ(board->Ask("run stty -F /dev/ttyAMA0 115200"), "0");
   EXPECT_EQ(board->Ask("peek 0x80011000"), "0x22");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Serial, TheDivisorComesFromThePortsOwnBase) {
+  const auto board = Boot({"--serial-info", "3000000,64,0x10000040,42,0"}, {kProbe, "talk"});
+  EXPECT_EQ(board->Ask("run stty -F /dev/ttyS1 115200"), "0");
+  EXPECT_EQ(board->Ask("peek 0x80011000"), "0x1a");
   EXPECT_EQ(board->Finish().status, 0);
 }
 
@@ -169,6 +176,16 @@ TEST_F(Serial, TheRegistersLieWhereTheOptionSays) {
   const auto usual = Boot({"--uart", "0x40000100"}, {kProbe, "talk"});
   EXPECT_EQ(usual->Ask("peek 0x4000010c"), "0x13");
   EXPECT_EQ(usual->Finish().status, 0);
+}
+
+TEST_F(Serial, MemoryCannotBeTruncated) {
+  for (const User user : {User::kOneself, User::kOrdinary}) {
+    Start start;
+    start.command = {kProbe, "memory-size"};
+    start.user = user;
+    const Outcome outcome = Run(start);
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  }
 }
 
 TEST_F(Serial, AllRegistersAreThereWhenTheProgramStarts) {

@@ -39,8 +39,8 @@ TEST_F(StarvedWatchdog, BitesWhenTheMagicByteWasNotTheLastWrite) {
   ExpectBitten({}, "starve-magic-first");
 }
 
-TEST_F(StarvedWatchdog, BitesWhenTheMagicByteWasNotTheLastOfItsWrite) {
-  ExpectBitten({}, "starve-magic-inside");
+TEST_F(StarvedWatchdog, BitesAlsoAfterTheMagicByteWhereThereIsNoWayOut) {
+  ExpectBitten({"--nowayout"}, "no-way-out");
 }
 
 TEST_F(StarvedWatchdog, BitesAfterACloseWithoutTheMagicByte) {
@@ -124,7 +124,7 @@ TEST_F(Watchdog, AProgramThatIsKilledWithItCountingResetsTheBoard) {
 
 TEST_F(Watchdog, AShellCanFeedAndStopIt) {
   EXPECT_EQ(Run({}, {"sh", "-c", "printf x >/dev/watchdog; printf V >/dev/watchdog; exit 5"}).status, 5);
-  EXPECT_EQ(Run({}, {"sh", "-c", "echo V >/dev/watchdog; exit 5"}).status, 86);
+  EXPECT_EQ(Run({}, {"sh", "-c", "echo V >/dev/watchdog; exit 5"}).status, 5);
 }
 
 TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
@@ -136,6 +136,27 @@ TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
   EXPECT_EQ(client.Ask("watchdog").find("ok armed open timeout=60 left="), 0U);
   EXPECT_EQ(board->Ask("write 3 V"), "ok");
   EXPECT_EQ(board->Finish().status, 0);
+}
+
+TEST_F(Watchdog, AfterAResetTheProgramIsStartedAnewAndToldOfIt) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    const Outcome outcome = Run(options + Words{"--restart", "1", "--log", Path("log")}, {kProbe, "restarted"});
+    EXPECT_EQ(outcome.status, 0) << outcome.errors;
+    EXPECT_NE(Contents(Path("log")).find(" board restart\n"), std::string::npos);
+  }
+}
+
+TEST_F(Watchdog, AProgramIsStartedAnewNoMoreOftenThanTheOptionSays) {
+  const Outcome outcome = Run({"--restart", "2"}, {"sh", "-c", "echo started; : >/dev/watchdog"});
+  EXPECT_EQ(outcome.status, 86);
+  EXPECT_EQ(outcome.output, "started\nstarted\nstarted\n");
+}
+
+TEST_F(Watchdog, APretimeoutIsLoggedBeforeTheReset) {
+  const auto board =
+      Boot({"--log", Path("log")}, {"sh", "-c", "exec 3>/dev/watchdog; \"$0\" pretimeout; sleep 300", kProbe});
+  EXPECT_EQ(board->Finish().status, 86);
+  EXPECT_TRUE(std::regex_search(Contents(Path("log")), std::regex("/dev/watchdog pretimeout\n.*/dev/watchdog reset")));
 }
 
 TEST_F(Watchdog, ThePortAndMemoryAreNoneOfIt) {

@@ -46,6 +46,31 @@ static void memory(void) {
   CHECK(pwrite(reading, &word, sizeof word, 0) == sizeof word && first[0] == 9);
 }
 
+/* Nothing makes it shorter, nor empties it. */
+static void memory_size(void) {
+  int mem = open("/dev/mem", O_RDWR);
+  CHECK(mem != -1);
+  volatile uint32_t* words = map(mem, PROT_READ | PROT_WRITE, 0);
+  words[0] = 5;
+  int emptied = open("/dev/mem", O_WRONLY | O_CREAT | O_TRUNC, 0666);
+  CHECK(emptied != -1 && words[0] == 5 && write(emptied, "\6", 1) == 1 && words[0] == 6);
+  CHECK(ftruncate(emptied, 0) == -1 && errno == EINVAL);
+  CHECK(truncate("/dev/mem", 0) == -1 && errno == EINVAL);
+  CHECK(creat("/dev/mem", 0666) != -1 && words[0] == 6);
+  CHECK(system("printf x | dd of=/dev/mem bs=1 seek=4 status=none") == 0 && words[0] == 6 && words[1] == 'x');
+  CHECK(system("test \"$(dd if=/dev/mem bs=4 skip=1 count=1 status=none | tr -d '\\000')\" = x") == 0);
+  int reading = open("/dev/mem", O_RDONLY);
+  CHECK(reading != -1 && lseek(reading, 4, SEEK_SET) == 4);
+  char byte = 0;
+  CHECK(read(reading, &byte, 1) == 1 && byte == 'x' && write(reading, "y", 1) == -1 && errno == EBADF);
+  /* Other files are. */
+  char path[] = "/tmp/probe-XXXXXX";
+  int file = mkstemp(path);
+  CHECK(file != -1 && write(file, "abc", 3) == 3 && ftruncate(file, 2) == 0 && lseek(file, 0, SEEK_END) == 2);
+  CHECK(truncate(path, 1) == 0 && lseek(file, 0, SEEK_END) == 1);
+  CHECK(open(path, O_WRONLY | O_TRUNC) != -1 && lseek(file, 0, SEEK_END) == 0 && unlink(path) == 0);
+}
+
 static int answer_of(int family, const char* address) {
   struct sockaddr_storage storage;
   memset(&storage, 0, sizeof storage);
@@ -242,6 +267,7 @@ static void foreign_request(void) {
 }
 
 const struct step kBoardSteps[] = {{"memory", memory},
+                                   {"memory-size", memory_size},
                                    {"other-opens", other_opens},
                                    {"raised-by-openat2", raised_by_openat2},
                                    {"foreign-request", foreign_request},

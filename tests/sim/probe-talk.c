@@ -28,9 +28,12 @@ static void open_file(const char* how, const char* path) {
   int fd = open(path, flags | O_NOCTTY, 0666);
   if (fd == -1) {
     say(-1);
-  } else {
-    printf("%d\n", fd);
+    return;
   }
+  if (strstr(path, "tty") != NULL && strchr(how, 'k') == NULL) {
+    make_raw(fd);
+  }
+  printf("%d\n", fd);
 }
 
 static void read_text(int fd) {

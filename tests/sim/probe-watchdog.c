@@ -75,15 +75,32 @@ static void requests(void) {
   CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number > 0 && number <= 30);
   struct watchdog_info support;
   CHECK(ioctl(fd, WDIOC_GETSUPPORT, &support) == 0);
-  CHECK(support.options == (WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE));
+  CHECK(support.options == (WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT));
   CHECK(strcmp((const char*)support.identity, "boardsim") == 0);
   number = -1;
   CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == 0);
   number = -1;
   CHECK(ioctl(fd, WDIOC_GETBOOTSTATUS, &number) == 0 && number == 0);
+  /* Whether it was fed is told once. */
   CHECK(ioctl(fd, WDIOC_KEEPALIVE, 0) == 0);
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == WDIOF_KEEPALIVEPING);
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == 0);
+  CHECK(write(fd, "V", 1) == 1);
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == (WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE));
+  CHECK(write(fd, "x", 1) == 1);
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == WDIOF_KEEPALIVEPING);
   CHECK(ioctl(fd, WDIOC_GETTEMP, &number) == -1 && errno == ENOTTY);
-  CHECK(ioctl(fd, WDIOC_SETPRETIMEOUT, &number) == -1 && errno == ENOTTY);
+  CHECK(ioctl(fd, WDIOC_GETPRETIMEOUT, &number) == 0 && number == 0);
+  number = 30;
+  CHECK(ioctl(fd, WDIOC_SETPRETIMEOUT, &number) == -1 && errno == EINVAL);
+  number = 10;
+  CHECK(ioctl(fd, WDIOC_SETPRETIMEOUT, &number) == 0);
+  number = 0;
+  CHECK(ioctl(fd, WDIOC_GETPRETIMEOUT, &number) == 0 && number == 10);
+  /* It does not fit into a shorter time. */
+  set_timeout(fd, 10);
+  CHECK(ioctl(fd, WDIOC_GETPRETIMEOUT, &number) == 0 && number == 0);
+  set_timeout(fd, 30);
   number = WDIOS_DISABLECARD;
   CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
   CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number == 0);
@@ -91,7 +108,10 @@ static void requests(void) {
   CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
   CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number > 0);
   number = 0x100;
-  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == -1 && errno == EINVAL);
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == -1 && errno == ENOTTY);
+  number = WDIOS_DISABLECARD | WDIOS_ENABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
+  CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number > 0);
   CHECK(ioctl(fd, WDIOC_GETTIMEOUT, (void*)8) == -1 && errno == EFAULT);
   set_timeout(fd, 60);
   stop(fd);
@@ -186,7 +206,7 @@ static void starve(void) {
   sleep(300);
 }
 
-/* The magic byte counts only as the last one before the close. */
+/* The magic byte counts only in the last write before the close. */
 static void starve_magic_first(void) {
   int fd;
   short_open(&fd);
@@ -194,11 +214,47 @@ static void starve_magic_first(void) {
   sleep(300);
 }
 
-static void starve_magic_inside(void) {
+/* But anywhere in that. */
+static void magic_inside(void) {
+  static const char* const kWrites[] = {"Vx", "xVx", "V\n"};
+  for (size_t i = 0; i < sizeof kWrites / sizeof kWrites[0]; ++i) {
+    int fd;
+    short_open(&fd);
+    CHECK(write(fd, "x", 1) == 1);
+    CHECK(write(fd, kWrites[i], strlen(kWrites[i])) == (ssize_t)strlen(kWrites[i]) && close(fd) == 0);
+  }
+  pause_milliseconds(1300);
+}
+
+/* Nothing stops it any more. */
+static void no_way_out(void) {
   int fd;
   short_open(&fd);
-  CHECK(write(fd, "Vx", 2) == 2 && close(fd) == 0);
+  int option = WDIOS_DISABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &option) == -1 && errno == EBUSY);
+  stop(fd);
   sleep(300);
+}
+
+/* One device, two names. */
+static void numbered(void) {
+  int fd = open(WATCHDOG "0", O_WRONLY);
+  CHECK(fd != -1 && timeout_of(fd) == 60);
+  CHECK(open_watchdog() == -1 && errno == EBUSY);
+  stop(fd);
+}
+
+/* The first time it starves, the second time it tells what happened. */
+static void restarted(void) {
+  int fd;
+  short_open(&fd);
+  int status = 0;
+  CHECK(ioctl(fd, WDIOC_GETBOOTSTATUS, &status) == 0);
+  if (status == 0) {
+    sleep(300);
+  }
+  CHECK(status == WDIOF_CARDRESET);
+  stop(fd);
 }
 
 static void starve_closed(void) {
@@ -247,6 +303,13 @@ static void starve_created(void) {
   sleep(300);
 }
 
+/* Descriptor 3 is it: a warning, a second before the reset. */
+static void pretimeout(void) {
+  int seconds = 1;
+  set_timeout(3, 2);
+  CHECK(ioctl(3, WDIOC_SETPRETIMEOUT, &seconds) == 0);
+}
+
 /* Ends with it counting. */
 static void abandon(void) {
   int fd = open_watchdog();
@@ -265,10 +328,14 @@ const struct step kWatchdogSteps[] = {{"one-owner", one_owner},
                                       {"reopened", reopened},
                                       {"starve", starve},
                                       {"starve-magic-first", starve_magic_first},
-                                      {"starve-magic-inside", starve_magic_inside},
+                                      {"magic-inside", magic_inside},
+                                      {"no-way-out", no_way_out},
+                                      {"numbered", numbered},
+                                      {"restarted", restarted},
                                       {"starve-closed", starve_closed},
                                       {"starve-reopened", starve_reopened},
                                       {"starve-enabled", starve_enabled},
                                       {"starve-created", starve_created},
+                                      {"pretimeout", pretimeout},
                                       {"abandon", abandon},
                                       {NULL, NULL}};

@@ -3,7 +3,7 @@
 #include <string.h>
 
 static const struct step* find(const char* name) {
-  const struct step* const lists[] = {kSerialSteps, kWatchdogSteps, kBoardSteps};
+  const struct step* const lists[] = {kSerialSteps, kLineSteps, kWatchdogSteps, kBoardSteps};
   for (size_t i = 0; i < sizeof lists / sizeof lists[0]; ++i) {
     for (const struct step* step = lists[i]; step->name != NULL; ++step) {
       if (strcmp(step->name, name) == 0) {

@@ -30,10 +30,13 @@ struct step {
 
 /* Each ends with an empty one. */
 extern const struct step kSerialSteps[];
+extern const struct step kLineSteps[];
 extern const struct step kWatchdogSteps[];
 extern const struct step kBoardSteps[];
 
 int open_tty(void);
+/* What comes is no longer edited, echoed or obeyed. */
+void make_raw(int fd);
 /* The modem lines. */
 int lines(int fd);
 void set_lines(int fd, int bits);

@@ -29,10 +29,13 @@ std::unique_ptr<FarEnd> Make(const std::string& device, const std::string& targe
 }
 
 constexpr Kind kKinds[] = {{"echo", "", Kind::Target::kNone, nullptr, Make<EchoEnd>},
+                           {"plug", "", Kind::Target::kNone, nullptr, Make<PlugEnd>},
                            {"none", "", Kind::Target::kNone, nullptr, Make<NoEnd>},
                            {"pty", "LINK", Kind::Target::kOptional, nullptr, Make<PtyEnd>},
                            {"tcp", "HOST:PORT", Kind::Target::kNeeded, TcpEnd::IsTarget, Make<TcpEnd>},
+                           {"tcp-listen", "PORT", Kind::Target::kNeeded, TcpListenEnd::IsTarget, Make<TcpListenEnd>},
                            {"unix", "PATH", Kind::Target::kNeeded, nullptr, Make<UnixEnd>},
+                           {"unix-listen", "PATH", Kind::Target::kNeeded, nullptr, Make<UnixListenEnd>},
                            {"exec", "COMMAND", Kind::Target::kNeeded, nullptr, Make<CommandEnd>}};
 
 bool Fits(const Kind& kind, const std::string& text, const std::string& word, const std::string& target) {

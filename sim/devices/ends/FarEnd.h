@@ -3,17 +3,22 @@
 
 #include <poll.h>
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "board/EventLog.h"
+#include "devices/ModemLines.h"
 
 /// What a serial line leads to.
 class FarEnd {
  public:
+  using Clock = std::chrono::steady_clock;
+
   FarEnd() = default;
   virtual ~FarEnd() = default;
   FarEnd(const FarEnd&) = delete;
@@ -21,23 +26,34 @@ class FarEnd {
 
   /// Whether somebody is there.
   virtual bool IsConnected() const = 0;
+  /// What the port's inputs see.
+  /// @param outputs those of the port.
+  virtual unsigned int Inputs(unsigned int /*outputs*/) const {
+    return IsConnected() ? kReady : 0;
+  }
   /// Whether what is sent comes back at once. Then the line sends nothing.
   virtual bool ReturnsBytes() const {
+    return false;
+  }
+  virtual bool ReturnsBreaks() const {
     return false;
   }
 
   /// What to wait for.
   /// @param listening whether the line would take bytes.
-  virtual pollfd Interest(bool /*listening*/) const {
+  /// @param sending whether it has some.
+  virtual pollfd Interest(bool /*listening*/, bool /*sending*/) const {
     return {-1, 0, 0};
   }
-  /// Takes bytes. What is too much is counted and dropped.
-  virtual void Send(std::string_view /*bytes*/) {}
-  /// Hands on what it has taken, as far as that goes without waiting.
-  virtual void Deliver() {}
-  /// Whether Deliver() has left something.
-  virtual bool HasToDeliver() const {
-    return false;
+  /// When to look again, whatever happens.
+  virtual std::optional<Clock::time_point> Next() const {
+    return std::nullopt;
+  }
+  /// Looks whether somebody has come.
+  virtual void Look() {}
+  /// @returns how many bytes it takes now. Where nobody is, they are gone: a line does not know.
+  virtual std::size_t Send(std::string_view bytes) {
+    return bytes.size();
   }
   /// Reads what has come, into the buffer.
   /// @returns the number of bytes; 0 if there are none, or nobody is there any more.

@@ -1,12 +1,14 @@
 #ifndef BOARDKIT_SIM_DEVICES_ENDS_PTYEND_H
 #define BOARDKIT_SIM_DEVICES_ENDS_PTYEND_H
 
+#include <optional>
 #include <string>
 
 #include "Descriptor.h"
+#include "devices/OpenWatch.h"
 #include "devices/ends/StreamEnd.h"
 
-/// A pseudo-terminal of the machine.
+/// A pseudo-terminal of the machine. Its users come and go.
 class PtyEnd : public StreamEnd {
  public:
   /// @param link a name for it; without one, its own is printed.
@@ -14,8 +16,13 @@ class PtyEnd : public StreamEnd {
   PtyEnd(const std::string& device, const std::string& link, EventLog& log);
   ~PtyEnd() override;
 
+  pollfd Interest(bool listening, bool sending) const override;
+  void Look() override;
+  std::size_t Send(std::string_view bytes) override;
+  std::size_t Receive(char* buffer, std::size_t size) override;
+
  private:
-  Descriptor m_slave;  // held, so that users of it may come and go
+  std::optional<OpenWatch> m_opens;
   std::string m_link;  // to remove
 };
 

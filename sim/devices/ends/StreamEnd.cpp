@@ -6,35 +6,21 @@
 #include <cerrno>
 #include <utility>
 
-namespace {
+StreamEnd::StreamEnd(std::string device, EventLog& log) : m_device(std::move(device)), m_log(log) {}
 
-constexpr std::size_t kQueueSize = 65536;  // bytes
-
-}  // namespace
-
-StreamEnd::StreamEnd(std::string device, EventLog& log)
-    : m_device(std::move(device)), m_log(log), m_queue(kQueueSize) {}
-
-pollfd StreamEnd::Interest(bool listening) const {
-  const int events = (listening ? POLLIN : 0) | (HasToDeliver() ? POLLOUT : 0);
-  return {m_stream.Get(), static_cast<short>(events), 0};
+pollfd StreamEnd::Interest(bool listening, bool sending) const {
+  const int events = (listening ? POLLIN : 0) | (sending ? POLLOUT : 0);
+  // Who has gone is told of whatever is asked for, and heard of only when somebody listens.
+  return {events != 0 ? m_stream.Get() : -1, static_cast<short>(events), 0};
 }
 
-void StreamEnd::Send(std::string_view bytes) {
-  if (!m_stream) {
-    return;
+std::size_t StreamEnd::Send(std::string_view bytes) {
+  const ssize_t written = m_stream ? ::write(m_stream.Get(), bytes.data(), bytes.size()) : -1;
+  if (written >= 0) {
+    return static_cast<std::size_t>(written);
   }
-  if (!m_queue.Append(bytes)) {
-    m_log.Write(m_device, "overrun far-end dropped=" + std::to_string(m_queue.Dropped()));
-  }
-  Deliver();
-}
-
-void StreamEnd::Deliver() {
-  if (m_stream && m_queue.Deliver(m_stream.Get()) != 0) {
-    // Nobody hears it. Reading tells whether somebody is there still, after his last words.
-    m_queue.Clear();
-  }
+  // Where nobody hears it, it is gone. Reading tells whether somebody is there still, after his last words.
+  return m_stream && (errno == EAGAIN || errno == EINTR) ? 0 : bytes.size();
 }
 
 std::size_t StreamEnd::Receive(char* buffer, std::size_t size) {
@@ -42,7 +28,7 @@ std::size_t StreamEnd::Receive(char* buffer, std::size_t size) {
   if (m_stream && (got == 0 || (got == -1 && errno != EAGAIN && errno != EINTR))) {
     m_log.Write(m_device, "far-end gone");
     m_stream.Close();
-    m_queue.Clear();
+    Gone();
   }
   return got > 0 ? static_cast<std::size_t>(got) : 0;
 }

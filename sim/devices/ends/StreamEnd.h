@@ -4,7 +4,6 @@
 #include <string>
 
 #include "Descriptor.h"
-#include "devices/ByteQueue.h"
 #include "devices/ends/FarEnd.h"
 
 /// A far end that is reached by one descriptor, which a derived class opens.
@@ -15,29 +14,32 @@ class StreamEnd : public FarEnd {
   bool IsConnected() const override {
     return static_cast<bool>(m_stream);
   }
-  pollfd Interest(bool listening) const override;
-  void Send(std::string_view bytes) override;
-  void Deliver() override;
-  bool HasToDeliver() const override {
-    return !m_queue.IsEmpty();
-  }
+  pollfd Interest(bool listening, bool sending) const override;
+  std::size_t Send(std::string_view bytes) override;
   std::size_t Receive(char* buffer, std::size_t size) override;
 
  protected:
   const std::string& Device() const {
     return m_device;
   }
+  const Descriptor& Stream() const {
+    return m_stream;
+  }
+  void Log(const std::string& event) const {
+    m_log.Write(m_device, event);
+  }
   /// Nobody has to wait for it from now on.
   void Use(Descriptor stream);
   void Close() {
     m_stream.Close();
   }
+  /// The other side has gone.
+  virtual void Gone() {}
 
  private:
   const std::string m_device;
   EventLog& m_log;
   Descriptor m_stream;
-  ByteQueue m_queue;
 };
 
 #endif

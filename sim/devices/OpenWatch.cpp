@@ -1,0 +1,36 @@
+#include "devices/OpenWatch.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "SetupError.h"
+
+OpenWatch::OpenWatch(const Descriptor& terminal) : m_events(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  if (!m_events || ::inotify_add_watch(m_events.Get(), PathOf(terminal.Get()).c_str(), IN_OPEN | IN_CLOSE) == -1) {
+    throw SetupError("opens of a terminal can't be watched", errno);
+  }
+}
+
+bool OpenWatch::Take() const {
+  bool isOpened = false;
+  char events[4096];
+  for (ssize_t got = 0; (got = ::read(m_events.Get(), events, sizeof events)) > 0;) {
+    for (ssize_t at = 0; at < got;) {
+      inotify_event event{};
+      std::memcpy(&event, events + at, sizeof event);
+      isOpened = isOpened || (event.mask & (IN_OPEN | IN_Q_OVERFLOW)) != 0;
+      at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+  }
+  return isOpened;
+}
+
+bool IsHungUp(const Descriptor& master) {
+  pollfd wait{master.Get(), 0, 0};
+  return ::poll(&wait, 1, 0) == 1 && (wait.revents & POLLHUP) != 0;
+}

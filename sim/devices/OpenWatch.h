@@ -1,0 +1,28 @@
+#ifndef BOARDKIT_SIM_DEVICES_OPENWATCH_H
+#define BOARDKIT_SIM_DEVICES_OPENWATCH_H
+
+#include "Descriptor.h"
+
+/// Tells of opens of a terminal, of which its master learns nothing.
+class OpenWatch {
+ public:
+  /// @param terminal need not stay open.
+  /// @throws SetupError
+  explicit OpenWatch(const Descriptor& terminal);
+
+  /// Readable after an open or a close.
+  int Get() const {
+    return m_events.Get();
+  }
+  /// Forgets the events until now.
+  /// @returns whether there was an open among them.
+  bool Take() const;
+
+ private:
+  Descriptor m_events;
+};
+
+/// Whether a terminal has been open, and is no more.
+bool IsHungUp(const Descriptor& master);
+
+#endif
