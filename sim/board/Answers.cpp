@@ -55,6 +55,11 @@ std::vector<std::string> NamesOf(const std::filesystem::path& path) {
   return names;
 }
 
+/// Programs that take a file's name for that of a file would give up at an error.
+void ResizeUnlessFixed(const TrappedCall& call, const Device* device) {
+  device != nullptr && device->HasFixedSize() ? call.Return(0) : call.Continue();
+}
+
 }  // namespace
 
 void Answers::Give(const TrappedCall& call) {
@@ -99,10 +104,7 @@ void Answers::GiveIoctl(const TrappedCall& call) {
 
 void Answers::GiveFtruncate(const TrappedCall& call) const {
   const Device* device = DeviceBehind(call);
-  if (device != nullptr && device->HasFixedSize()) {
-    throw RequestError{EINVAL};
-  }
-  call.Continue();
+  ResizeUnlessFixed(call, device);
 }
 
 /// Once: it may be a terminal program, which asks often.
@@ -159,10 +161,7 @@ void Answers::GiveOpen(const TrappedCall& call) const {
     return;
   }
   if (call.IsTruncate()) {
-    if ((*device)->HasFixedSize()) {
-      throw RequestError{EINVAL};
-    }
-    call.Continue();
+    ResizeUnlessFixed(call, device->get());
     return;
   }
   (*device)->Opened();

@@ -183,10 +183,12 @@ void SerialLine::Request(const TrappedCall& call) {
       } else {
         SendBreak(call, kBreak);
       }
+      Work();
       return;
     case TCSBRKP: {
       const auto units = static_cast<int>(call.IoctlArgument());
       SendBreak(call, units == 0 ? kBreak : units * kBreakUnit);
+      Work();
       return;
     }
     case TIOCSBRK:

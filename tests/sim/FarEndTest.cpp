@@ -333,14 +333,10 @@ TEST_F(FarEnd, TwoBoardsAreJoinedByASocketAndOneMayComeBack) {
 }
 
 TEST_F(FarEnd, AServerThatCameBackIsFoundAgain) {
-  Listener listener(AF_UNIX);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  Path("far-end").copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_TRUE(listener.Listen(address));
+  const Listener listener(Path("far-end"));
   board = Boot({"--tty", "/dev/ttyS1=unix:" + Path("far-end"), "--log", Path("log")}, {kProbe, "talk"});
   for (int i = 0; i < 3; ++i) {
-    const Peer server(listener.Accept());
+    const Connection server(listener.Accept());
     EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
     EXPECT_TRUE(Eventually([&] { return board->Ask("lines 3") == "0x4166"; }));
     EXPECT_EQ(board->Ask("write 3 hello"), "ok");
@@ -355,12 +351,9 @@ TEST_F(FarEnd, AListeningTcpPortIsOneOfTheLoopbackAddress) {
   std::string port;
   {
     // A port that was free a moment ago.
-    Listener closed(AF_INET);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_TRUE(closed.Listen(address));
-    port = std::to_string(ntohs(address.sin_port));
+    const Listener closed(AF_INET);
+    ASSERT_TRUE(closed.Works());
+    port = closed.Port();
   }
   board = Boot({"--tty", "/dev/ttyS1=tcp-listen:" + port, "--tty", "/dev/ttyS2=none"}, {kProbe, "talk"});
   EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");

@@ -54,8 +54,7 @@ static void memory_size(void) {
   words[0] = 5;
   int emptied = open("/dev/mem", O_WRONLY | O_CREAT | O_TRUNC, 0666);
   CHECK(emptied != -1 && words[0] == 5 && write(emptied, "\6", 1) == 1 && words[0] == 6);
-  CHECK(ftruncate(emptied, 0) == -1 && errno == EINVAL);
-  CHECK(truncate("/dev/mem", 0) == -1 && errno == EINVAL);
+  CHECK(ftruncate(emptied, 0) == 0 && truncate("/dev/mem", 0) == 0 && words[0] == 6);
   CHECK(creat("/dev/mem", 0666) != -1 && words[0] == 6);
   CHECK(system("printf x | dd of=/dev/mem bs=1 seek=4 status=none") == 0 && words[0] == 6 && words[1] == 'x');
   CHECK(system("test \"$(dd if=/dev/mem bs=4 skip=1 count=1 status=none | tr -d '\\000')\" = x") == 0);
