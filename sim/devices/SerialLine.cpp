@@ -338,9 +338,7 @@ std::optional<SerialLine::Clock::time_point> SerialLine::Next() const {
   if (m_use == Use::kOpen && !m_isTerminalFull) {
     Earlier(next, m_inPace.Next(m_in.Size()));
   }
-  if (m_isThrottled) {
-    Earlier(next, std::make_optional(m_lookAt));
-  }
+  Earlier(next, m_lookAt);
   if (m_isClosing && !CanSend()) {
     Earlier(next, std::make_optional(m_closeEnds));
   }
@@ -617,7 +615,6 @@ void SerialLine::DropInput() {
   m_in.Clear();
   m_terminal->DropInput();
   m_handedOver = 0;
-  m_lookAt = Clock::now();
 }
 
 /// Whether the far end is told when the application does not read.
@@ -628,31 +625,37 @@ bool SerialLine::IsThrottling() const {
 
 void SerialLine::LookAtInput() {
   if (m_use != Use::kOpen) {
+    m_lookAt.reset();
     return;
   }
   if (!IsThrottling()) {
+    m_lookAt.reset();
     if (m_isThrottled) {
       Throttle(false);
     }
     return;
   }
-  if (!m_isThrottled && m_handedOver >= kThrottle) {
-    m_handedOver = m_terminal->Unread();
-    if (m_isTerminalFull || m_handedOver >= kThrottle) {
-      Throttle(true);
-    }
-  } else if (m_isThrottled && Clock::now() >= m_lookAt) {
-    m_handedOver = m_terminal->Unread();
+  if (!m_isThrottled && m_isTerminalFull) {
+    Throttle(true);
+  }
+  if (!m_lookAt && (m_isThrottled || m_handedOver >= kThrottle)) {
+    // What was handed over takes a moment to be there.
     m_lookAt = Clock::now() + kInputLook;
-    if (m_in.IsEmpty() && m_handedOver <= kUnthrottle) {
-      Throttle(false);
+  } else if (m_lookAt && Clock::now() >= *m_lookAt) {
+    m_lookAt.reset();
+    m_handedOver = m_terminal->Unread();
+    const bool isRead = m_in.IsEmpty() && m_handedOver <= kUnthrottle;
+    if (m_isThrottled ? isRead : m_handedOver >= kThrottle) {
+      Throttle(!m_isThrottled);
+    }
+    if (m_isThrottled) {
+      m_lookAt = Clock::now() + kInputLook;
     }
   }
 }
 
 void SerialLine::Throttle(bool on) {
   m_isThrottled = on;
-  m_lookAt = Clock::now() + kInputLook;
   const termios2& settings = m_terminal->Settings();
   if ((settings.c_iflag & IXOFF) != 0) {
     m_urgent = static_cast<char>(settings.c_cc[on ? VSTOP : VSTART]);

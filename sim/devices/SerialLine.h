@@ -156,7 +156,7 @@ class SerialLine : public Device {
   bool m_isTerminalFull = false;
   bool m_isThrottled = false;
   std::size_t m_handedOver = 0;  // since the last look
-  Clock::time_point m_lookAt;
+  std::optional<Clock::time_point> m_lookAt;
 
   unsigned int m_outputs = 0;  // of the modem lines, and the loop
   unsigned int m_inputs = 0;

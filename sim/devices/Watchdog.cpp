@@ -248,7 +248,7 @@ void Watchdog::Reopen() {
 }
 
 void Watchdog::Arm() {
-  m_isArmed = true;
+  m_isArmed = m_isFed = true;
   m_isWarned = false;
   m_fed = Clock::now();
 }
@@ -283,6 +283,7 @@ void Watchdog::SetTimeout(const TrappedCall& call) {
   m_timeout = seconds;
   m_pretimeout = m_pretimeout < seconds ? m_pretimeout : 0;
   m_fed = Clock::now();
+  m_isFed = true;
   m_isWarned = false;
   m_log.Write(Path(), "timeout " + std::to_string(seconds));
   call.Write(m_timeout);

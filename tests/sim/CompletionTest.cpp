@@ -60,7 +60,7 @@ TEST_F(Completion, BashKnowsEveryOptionAndTheValuesOfThese) {
   for (const char* farEnd : {"echo", "none", "pty", "tcp:", "unix:", "exec:"}) {
     EXPECT_OFFERS(InBash("--tty /dev/ttyS1 ="), farEnd);
   }
-  EXPECT_EQ(InBash("--tty /dev/ttyS1 = un"), "unix:\n");
+  EXPECT_EQ(InBash("--tty /dev/ttyS1 = un"), "unix:\nunix-listen:\n");
   EXPECT_EQ(InBash("--log " + Path("lo")), "\n");
   Shell("touch " + Path("log"));
   EXPECT_EQ(InBash("--log " + Path("lo")), Path("log") + '\n');
@@ -93,7 +93,7 @@ TEST_F(Completion, ZshKnowsEveryOptionAndTheValuesOfThese) {
   }
   EXPECT_EQ(InZsh("boardsim --no-n"), "boardsim --no-namespaces ");
   EXPECT_EQ(InZsh("boardsim --net pr"), "boardsim --net private ");
-  EXPECT_EQ(InZsh("boardsim --tty /dev/ttyS1=un"), "boardsim --tty /dev/ttyS1=unix:");
+  EXPECT_EQ(InZsh("boardsim --tty /dev/ttyS1=exe"), "boardsim --tty /dev/ttyS1=exec:");
   EXPECT_EQ(InZsh("boardsim --net none truncat"), "boardsim --net none truncate ");
 }
 

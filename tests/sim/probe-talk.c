@@ -30,7 +30,7 @@ static void open_file(const char* how, const char* path) {
     say(-1);
     return;
   }
-  if (strstr(path, "tty") != NULL && strchr(how, 'k') == NULL) {
+  if ((strstr(path, "tty") != NULL || strstr(path, "serial") != NULL) && strchr(how, 'k') == NULL) {
     make_raw(fd);
   }
   printf("%d\n", fd);

@@ -78,7 +78,7 @@ static void requests(void) {
   CHECK(support.options == (WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT));
   CHECK(strcmp((const char*)support.identity, "boardsim") == 0);
   number = -1;
-  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == 0);
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == WDIOF_KEEPALIVEPING);
   number = -1;
   CHECK(ioctl(fd, WDIOC_GETBOOTSTATUS, &number) == 0 && number == 0);
   /* Whether it was fed is told once. */
