@@ -57,7 +57,7 @@ TEST_F(Completion, BashKnowsEveryOptionAndTheValuesOfThese) {
   EXPECT_EQ(InBash("--net ''"), "private\nnone\nhost\n");
   EXPECT_EQ(InBash("--net private --mem ''"), "none\n");
   EXPECT_EQ(InBash("--tty /dev/t"), "/dev/ttyS1=\n");
-  for (const char* farEnd : {"echo", "none", "pty", "tcp:", "unix:", "exec:"}) {
+  for (const char* farEnd : {"echo", "plug", "none", "pty", "tcp:", "tcp-listen:", "unix:", "unix-listen:", "exec:"}) {
     EXPECT_OFFERS(InBash("--tty /dev/ttyS1 ="), farEnd);
   }
   EXPECT_EQ(InBash("--tty /dev/ttyS1 = un"), "unix:\nunix-listen:\n");
