@@ -3,14 +3,14 @@
 # scripts/virtual-board/boot.sh.
 
 # add_tests: to the payload, the tests and the library with 64-bit file offsets and times, in a folder of their own; and
-# what tests the examples.
+# what tests the examples and boardctl.
 add_tests() {
   local root=$folder/tests added=$folder/tests/payload/time64
   rm -rf -- "$root"
   mkdir -p "$added"
   cp -a -- "$folder"/armhf-time64/stage/lib/libboardkit.so.* "$folder/armhf-time64/tests/board-tests" "$added/"
   "$target-strip" "$added/board-tests" "$added"/libboardkit.so.*.*
-  cp -- tests/examples/{run,expect}.sh "$root/payload/"
+  cp -- tests/examples/{run,expect}.sh tests/board/boardctl.sh "$root/payload/"
   archive "$root" >>"$folder/payload.gz"
 }
 
@@ -84,6 +84,12 @@ test_small() {
     -device loader,addr=0x8001100c,data=0x3,data-len=4
 }
 
+# test_tools: boardctl with the kernel's own drivers.
+test_tools() {
+  BOARD_MODULES=softdog,veth,virtio_pci,virtio_net BOARD_APPEND=iomem=relaxed \
+    boot "$1" ./boardctl.sh 200 virt -dtb "$device_tree" "${network_card[@]}"
+}
+
 # test_evk: another machine, with a watchdog in hardware.
 test_evk() {
   boot "$1" 'BOARD_HARDWARE_WATCHDOG=1 ./board-tests --gtest_filter="WatchDogDriver.*"' 400 evk
@@ -137,6 +143,7 @@ boots=(
   'starved-evk test_reset evk starve'
   'starved test_reset virt starve'
   'network test_network'
+  'tools test_tools'
   'died test_reset virt die'
 )
 
