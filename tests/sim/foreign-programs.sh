@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Runs programs of others on the simulated board, as they come: foreign-programs.sh BOARDSIM
+#
+# Each line of the output is a program that works there. The first one that does not ends it.
+# shellcheck disable=SC2016 # what stands in quotes is for the board's own shell
+set -euo pipefail
+
+boardsim=$(readlink -f "$1")
+folder=$(mktemp -d)
+trap 'rm -rf -- "$folder"' EXIT
+cd "$folder"
+
+# check NAME COMMAND...: passes if the command does, within a minute.
+check() {
+  local name=$1
+  shift
+  if ! timeout 60 "$@" >"$folder/output" 2>&1 </dev/null; then
+    echo "$name fails:" >&2
+    cat "$folder/output" >&2
+    exit 1
+  fi
+  echo "$name"
+}
+
+board=("$boardsim" --net none)
+
+head -c 1000000 /dev/urandom >sent
+
+check "busybox stty and cat" "${board[@]}" --tty /dev/ttyS1=exec:'cat >heard' -- \
+  sh -c 'busybox stty -F /dev/ttyS1 raw -echo && busybox cat sent >/dev/ttyS1'
+cmp sent heard
+
+check "busybox watchdog" "${board[@]}" -- sh -c 'timeout 2 busybox watchdog -F -T 1 -t 0.3 /dev/watchdog; test $? -ne 86'
+
+check "busybox devmem" "${board[@]}" --reg 0x40000000=0x600dcafe -- \
+  sh -c 'test "$(busybox devmem 0x40000000 32)" = 0x600DCAFE'
+
+check "wdctl" "${board[@]}" -- sh -c 'wdctl /dev/watchdog | grep -q boardsim; echo V >/dev/watchdog'
+
+check "setserial" "${board[@]}" -- sh -c '
+  setserial /dev/ttyS1 spd_cust divisor 17 && setserial -a /dev/ttyS1 | grep -q "divisor: 17" &&
+  setserial -a /dev/ttyS1 | grep -q spd_cust'
+
+mkdir received
+check "sz" "${board[@]}" --tty /dev/ttyS1=exec:'cd received && exec rz -q -y' -- \
+  sh -c 'stty -F /dev/ttyS1 raw -echo && exec sz -q sent </dev/ttyS1 >/dev/ttyS1'
+cmp sent received/sent
+
+check "python3-serial" "${board[@]}" --tty /dev/ttyS1=plug -- /usr/bin/python3 -c '
+import serial
+with serial.Serial("/dev/ttyS1", 115200, timeout=5, rtscts=True) as port:
+    port.write(b"hello")
+    port.flush()
+    assert port.read(5) == b"hello"
+    port.rts = False
+    assert not port.cts
+    assert port.out_waiting == 0
+'
+
+check "picocom" "${board[@]}" -- sh -c 'printf hello | picocom -q -b 115200 -x 500 /dev/ttyS1 | grep -q hello'
+
+check "screen" "${board[@]}" -- sh -c '
+  export SCREENDIR=$PWD/screens; mkdir -m 700 screens
+  screen -dmS line /dev/ttyS1 115200 && sleep 1 && screen -S line -X quit
+  for i in $(seq 50); do stty -F /dev/ttyS1 raw && exec 3<>/dev/ttyS1 && exit 0; sleep 0.1; done; exit 1'
+
+check "agetty" "${board[@]}" --tty /dev/ttyS1=exec:'cat >asked' -- sh -c '
+  setsid agetty -L 115200 ttyS1 vt100 & for i in $(seq 100); do grep -q login: asked && exit 0; sleep 0.1; done; exit 1'
+
+check "tcpdump" "$boardsim" -- sh -c '
+  ip address add 192.0.2.77/24 dev eth0; tcpdump -i lo -c 1 -w packet >/dev/null 2>&1 & sleep 1
+  ping -c 2 127.0.0.1 >/dev/null 2>&1 || (echo >/dev/udp/127.0.0.1/9) 2>/dev/null || bash -c "echo >/dev/udp/127.0.0.1/9"
+  wait $!'
