@@ -68,20 +68,20 @@ class IpNet {
 
   /// Gives @p iface the address @p addr with @p prefixLength, in the family that @p ipv6 selects.
   ///
-  /// Removed before are all addresses of the family if @p flush is set, else the one that GetIfaceInfo() reports.
+  /// First, all addresses of the family are removed if @p flush is set, else the one that GetIfaceInfo() reports.
   /// Special values of @p addr: "" (and "0.0.0.0" for IPv4) only removes; "::" for IPv6 sets the link-local address
   /// that belongs to the hardware address, always with prefix length 64, and always anew.
-  /// @returns false, having changed nothing, if GetIfaceInfo() reports the asked address and prefix length already;
+  /// @returns false, having changed nothing, if GetIfaceInfo() reports the requested address and prefix length already;
   /// else true, also where there was nothing to remove.
   bool SetAddr(std::string iface, std::string addr, int prefixLength, bool ipv6, bool flush);
 
   /// Makes @p gw, reached through @p iface, the default gateway of the family that @p ipv6 selects.
   ///
-  /// Removed before is what `ip route flush all` removes (all default routes of the family) if @p flush is set, else
+  /// First, `ip route flush all` removes all default routes of the family if @p flush is set; else what is removed is
   /// the route that GetGwInfo() reports if it has all three keys: without a default route through a gateway that is
   /// nothing, or a wrong one. An empty @p gw, "0.0.0.0" for IPv4 and "::" for IPv6 only remove.
-  /// @returns false, having changed nothing, if the first default route already is the asked one; else true, also where
-  /// there was nothing to remove.
+  /// @returns false, having changed nothing, if the first default route is the requested one already; else true, also
+  /// where there was nothing to remove.
   bool SetGw(std::string iface, std::string gw, bool ipv6, bool flush);
 
   /// Switches the debug trace on or off: while it is on, every command text is appended to it, each followed by a

@@ -44,7 +44,7 @@ class OpSystem {
   ///
   /// The output is returned byte for byte, the last newline included, with two exceptions: a NUL byte cuts off the rest
   /// of its line (or of its 511-byte piece of a longer line), and a signal whose handler was installed without
-  /// `SA_RESTART` ends the reading early, which is not told from the end of the output.
+  /// `SA_RESTART` ends the reading early, which cannot be told from the end of the output.
   /// @throws std::logic_error with the whole output as its message, and nothing else, if the command ends with a
   /// non-zero status: any exit code, 127 for a command that the shell cannot find, or death by a signal.
   /// @throws std::system_error "popen failed" if the command cannot be started.

@@ -122,7 +122,7 @@ class SerialPort {
   /// settings applied so far.
   void Open(BaudRate baudRate, CharacterSize charSize, Parity parity, StopBits stopBits, FlowControl flowControl);
 
-  /// True from the opening, also if its last steps failed, to a successful Close().
+  /// True from opening (even if its last steps failed) until Close() succeeds.
   bool IsOpen() const;
 
   /// Switches the loopback off, restores the saved attributes and closes. The receive buffer stays.
@@ -141,7 +141,7 @@ class SerialPort {
 
   /// Sets both directions to any speed in bits per second and keeps it over Close() and Open(); 0 forgets it and
   /// applies the remembered BaudRate again, as SetBaudRate() does. On a device without terminal attributes it is only
-  /// remembered. The driver may round, or keep the old speed; GetBaudRate() and the line tell.
+  /// remembered. The driver may round, or keep the old speed; GetBaudRate() tells.
   /// @throws std::system_error "Unsupported baud rate." if the driver refuses, and for 0 what SetBaudRate() throws;
   /// what is remembered does not change.
   void SetCustomBaudRate(std::uint32_t bitsPerSecond);

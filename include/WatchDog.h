@@ -59,18 +59,18 @@ class WatchDog {
   /// The value is remembered before the driver is asked and kept if the driver refuses. The driver may round it:
   /// GetInterval() tells what it really uses.
   /// @throws std::logic_error "Watchdog interval must be greater than 0 seconds" (nothing changes) or "Could not set
-  /// watchdog interval", which a new object gets always.
+  /// watchdog interval", which is always thrown on a new object.
   void SetInterval(int seconds);
 
   /// The time-out in seconds that the driver uses.
-  /// @throws std::logic_error "Could not retrieve watchdog interval", which a new object gets always.
+  /// @throws std::logic_error "Could not retrieve watchdog interval", which is always thrown on a new object.
   int GetInterval() const;
 
   /// Stops the timer, unless the driver does not honour the magic close, and closes the device; does nothing on an
   /// inactive object.
   /// @throws std::system_error " Could write watchdog device!", with the device open, or " Could not close watchdog
-  /// device!"; the object stays active. After a failed close the descriptor's number is free again all the same: what
-  /// the object does next goes nowhere, or to the file that got the number since.
+  /// device!"; the object stays active. Even after a failed close the descriptor's number is free: what the object does
+  /// next fails, or reaches the file that has been given the number since.
   void Deactivate();
 
  private:

@@ -17,9 +17,9 @@ namespace {
 
 constexpr int kMostFrames = 20;               // captured, those that are skipped included
 constexpr std::size_t kComparedLength = 200;  // characters of a line that tell frames apart
-constexpr std::size_t kWordSize = 128;        // bytes, the terminating NUL included; the formats below know it too
+constexpr std::size_t kWordSize = 128;        // bytes with the terminating NUL; the formats below repeat it
 
-/// What the C library allocates, given back even if memory runs out while it is being used.
+/// Frees what the C library allocated, even if memory runs out meanwhile.
 struct Free {
   void operator()(void* memory) const {
     std::free(memory);
@@ -28,7 +28,7 @@ struct Free {
 
 /// Appends the nested name in @p symbol to @p name; false if the text does not read like one.
 ///
-/// By contract: this understands lengths and the final 'E' and nothing else. Names in logs look the way it makes them.
+/// By contract: this understands lengths and the final 'E' and nothing else. Users know the names as it writes them.
 bool ReadNestedName(const char* symbol, std::string& name) {
   while (*symbol != '\0') {
     if (std::isdigit(static_cast<unsigned char>(*symbol)) == 0) {

@@ -139,8 +139,12 @@ long File::Seek(long offset, int whence) const {
   const off_t position = ::lseek(m_fd.Get(), offset, whence);
   // Where off_t is wider than long, an offset that does not fit fails as it does in an lseek with a narrow off_t.
   const auto told = static_cast<long>(position);
+  if (position != -1 && told != position) {
+    errno = EOVERFLOW;
+  }
   if (position == -1 || told != position) {
-    ThrowSystemError(position == -1 ? errno : EOVERFLOW, {"Seeking failed for '", m_name, "' failed."});
+    // By contract: here, too, the word "failed" appears twice.
+    ThrowSystemError({"Seeking failed for '", m_name, "' failed."});
   }
   return told;
 }
@@ -153,6 +157,7 @@ int File::Ioctl(int request, ...) const {
   va_end(arguments);
 
   if (result == -1) {
+    // By contract: "failed" twice, as above.
     ThrowSystemError({"IO Control failed for '", m_name, "' failed."});
   }
   return result;

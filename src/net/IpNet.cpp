@@ -24,7 +24,6 @@ namespace {
 
 constexpr char kBlank = ' ';
 constexpr int kIpV4Bits = 32;
-constexpr const char* kLinkLocalPrefix = "64";  // as it goes into the command
 
 const char* FamilyOption(bool ipv6) {
   return ipv6 ? "-6" : "-4";
@@ -118,7 +117,7 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
 
   if (ipv6 && addr == "::") {
     addr = GetLinkLocalAddr(current["link"]);
-    prefix = kLinkLocalPrefix;
+    prefix = "64";
   }
   if (!addr.empty() && (ipv6 || addr != "0.0.0.0")) {
     // By contract: the newline is there even if nothing is removed; the shell skips the empty line.
@@ -126,6 +125,7 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
     command += Join({"\nip ", family, " addr add ", addr, "/", prefix, broadcast, " dev ", iface});
   }
 
+  // By contract: an empty text is run, too.
   Run(command);
   return true;
 }
@@ -146,6 +146,7 @@ bool IpNet::SetGw(std::string iface, std::string gw, bool ipv6, bool flush) {
   if (flush) {
     command = Join({"ip ", family, " route flush all"});
   } else if (FoundInMap(current, wanted, true)) {
+    // By contract: the route goes through the interface that it has, which need not be the new one.
     command = Join({"ip ", family, " route del default via ", current["via"], " dev ", current["dev"]});
   }
 

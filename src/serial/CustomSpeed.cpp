@@ -10,7 +10,7 @@ int boardkit::SetCustomSpeed(int fd, std::uint32_t bitsPerSecond) {
     return -1;
   }
 
-  // No separate input speed: the output's holds for both, and none is left for settings that follow.
+  // No separate input speed, which would outlive this one: the output speed holds for both.
   settings.c_cflag &= ~static_cast<tcflag_t>(CBAUD | CBAUD << IBSHIFT);
   settings.c_cflag |= BOTHER;
   settings.c_ispeed = bitsPerSecond;

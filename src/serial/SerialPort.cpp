@@ -62,6 +62,7 @@ void SerialPort::OpenSerialPortDevice() {
     ThrowSystemError({"Open Serial Port '", m_device, "' failed?"});
   }
 
+  // By contract: the result is ignored.
   ::fcntl(fd, F_SETFL, 0);
 
   if (m_termiosSupported) {

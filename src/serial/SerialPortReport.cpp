@@ -56,6 +56,7 @@ std::string SerialPort::ToString() {
     return report.str();
   }
 
+  // By contract: the settings are read even if the custom speed is what shows.
   termios settings{};
   GetTheCurrentPortSettings(settings);
   if (m_customBaudRate != 0) {

@@ -16,7 +16,7 @@
 using boardkit::IsTemporary;
 using boardkit::ThrowSystemError;
 
-// Unlike WriteLoop(), it has texts of its own, treats only a result of 0 as no progress, and reports that as a system
+// Unlike WriteLoop(), this has texts of its own, treats only a result of 0 as no progress, and reports that as a system
 // error, too.
 void SerialPort::Write(const void* data, unsigned int count) {
   RequireOpen();
@@ -67,7 +67,7 @@ bool SerialPort::IsDataReceived(int timeoutMs) const {
   pollfd wanted{m_fd, POLLIN, 0};
   const int ready = ::poll(&wanted, 1, timeoutMs);
   if (ready < 0) {
-    // EINTR is not retried either: how long the call has waited is not known.
+    // By contract: EINTR is not repeated, as nobody knows how long the call has waited.
     ThrowSystemError("SerialPort::IsDataReceived: poll() failed!");
   }
   return ready > 0;
@@ -106,7 +106,7 @@ int SerialPort::AvailableBytesToRead() const {
 
 void SerialPort::ReadAllAvailableData() {
   for (int count = AvailableBytesToRead(); count > 0; --count) {
-    // Byte by byte and no further, so that what arrives meanwhile waits for the next call.
+    // By contract: byte by byte, and a failure ends it silently. What arrives meanwhile waits for the next call.
     std::uint8_t byte = 0;
     if (::read(m_fd, &byte, 1) < 1) {
       return;
@@ -134,7 +134,7 @@ void SerialPort::FlushInputAndOutput() const {
   }
 }
 
-// Unlike ReadLoop(), it has texts of its own and reports the end of file as a system error, too.
+// Unlike ReadLoop(), this has texts of its own and reports the end of file as a system error, too.
 void SerialPort::ReadExactly(int fd, void* buffer, unsigned int count) {
   auto* position = static_cast<char*>(buffer);
   while (count != 0) {

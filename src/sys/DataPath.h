@@ -11,9 +11,9 @@
 #include "SystemCalls.h"
 
 /// @file
-/// The functions on the data paths, called without the linkage table where the compiler can: the transfer of a single
-/// byte takes little longer than its system call, so saving a jump shows. These names are bound when a program starts;
-/// all others are bound at their first call, which keeps the start short.
+/// The functions on the data paths, called without the linkage table where the compiler supports it: the transfer of a
+/// single byte takes little longer than its system call, so saving a jump shows. These names are bound when a program
+/// starts; all others are bound at their first call, which keeps the start short.
 
 #if defined(__GNUC__) && __has_attribute(noplt)
 

@@ -7,7 +7,7 @@
 
 namespace boardkit {
 
-/// One text out of its pieces. (A chain of + would be a chain of temporaries, each with its code.)
+/// Joins the pieces. (A chain of + would create a temporary for each.)
 std::string Join(std::initializer_list<std::string_view> pieces);
 
 }  // namespace boardkit

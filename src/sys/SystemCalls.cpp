@@ -17,6 +17,7 @@
 #include <string>
 
 #include "DataPath.h"
+#include "Join.h"
 #include "Retry.h"
 #include "SystemError.h"
 
@@ -148,7 +149,8 @@ void InstallSignalHandler(int signal, void (*handler)(int, siginfo_t*, void*)) {
   }
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // SA_RESTART says the same; users watch this call
+#pragma GCC diagnostic ignored \
+    "-Wdeprecated-declarations"  // SA_RESTART has the same effect, but the call is part of the contract
   if (::siginterrupt(signal, 0) != 0) {
     ThrowSystemError("Error setting signal interrupt: ");
   }
@@ -224,9 +226,10 @@ void* dlsym_e(void* handle, const char* symbol) {
   ::dlerror();
   void* const address = ::dlsym(handle, symbol);
   if (const char* const text = ::dlerror(); text != nullptr) {
-    throw std::logic_error(std::string("Error looking up symbol \"") + symbol + "\": " + text);
+    throw std::logic_error(boardkit::Join({"Error looking up symbol \"", symbol, "\": ", text}));
   }
   if (address == nullptr) {
+    // By contract: no call has failed, so the error number is whatever errno happens to hold.
     ThrowSystemError({"Cannot find symbol \"", symbol, "\"."});
   }
   return address;

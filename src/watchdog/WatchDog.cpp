@@ -54,6 +54,7 @@ void WatchDog::SetInterval(int seconds) {
     throw std::logic_error("Watchdog interval must be greater than 0 seconds");
   }
 
+  // By contract: kept even if the driver refuses it, and nothing here or in GetInterval() checks for active.
   m_interval = seconds;
   // The driver writes back the timeout that it chose; GetInterval() asks for it.
   if (::ioctl(m_fd, WDIOC_SETTIMEOUT, &seconds) != 0) {
@@ -80,6 +81,7 @@ void WatchDog::Deactivate() {
   }
 
   if (::close(m_fd) == -1) {
+    // By contract: the object stays active, although the device is closed.
     ThrowSystemError(" Could not close watchdog device!");
   }
   m_active = false;

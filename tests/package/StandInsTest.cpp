@@ -1,0 +1,61 @@
+// A program may put functions of its own in the place of the library's: those of its own name are called, also by the
+// library itself. Whoever watches the library from outside counts on it.
+#include <File.h>
+#include <IpNet.h>
+#include <OpSystem.h>
+#include <SystemCalls.h>
+
+#include <fcntl.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ScriptedIp.h"
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+Calls seen;
+
+}  // namespace
+
+void WriteLoop(int /*fd*/, const void* data, unsigned int length) {
+  seen.push_back("WriteLoop " + std::string(static_cast<const char*>(data), length));
+}
+
+void ReadLoop(int /*fd*/, void* buffer, unsigned int length) {
+  seen.push_back("ReadLoop " + std::to_string(length));
+  static_cast<char*>(buffer)[0] = 'x';
+}
+
+unsigned int IpNet::GetValue(std::string /*text*/, std::string key, unsigned int /*start*/, std::string& value,
+                             bool wholeWord) {
+  seen.push_back("GetValue " + key + (wholeWord ? " as a word" : ""));
+  value = "standing/in";
+  return 0;
+}
+
+TEST(StandIns, SeeTheTransfersOfAFile) {
+  seen.clear();
+  unsigned char byte = 0;
+  const File file("/dev/null", O_RDWR, 0);
+  file.PutString("text");
+  file.ReadBytes(&byte, 1);
+  EXPECT_EQ(seen, (Calls{"WriteLoop text", "ReadLoop 1"}));
+  EXPECT_EQ(byte, 'x');
+}
+
+TEST(StandIns, PickTheWordsOfAnInterfacesListing) {
+  const ScriptedIp ip;
+  OpSystem system;
+  seen.clear();
+  EXPECT_EQ(IpNet(system).GetIfaceInfo("eth0"), (IpNet::Record{{"link", "standing/in"},
+                                                               {"ipv4", "standing"},
+                                                               {"ipv4pflen", "in"},
+                                                               {"ipv6", "standing"},
+                                                               {"ipv6pflen", "in"}}));
+  EXPECT_EQ(seen, (Calls{"GetValue link/", "GetValue inet as a word", "GetValue inet6 as a word"}));
+}
