@@ -177,7 +177,7 @@ run_program() {
     find_port
     network=${network:-user},$port:2345
     with+=("$cache/gdb/usr/bin/gdbserver")
-    make_run "$run" "exec gdbserver --once :2345 $(quote "/payload/$name" "${words[@]:1}")"
+    make_run "$run" "exec gdbserver --once 0.0.0.0:2345 $(quote "/payload/$name" "${words[@]:1}")"
   else
     make_run "$run" "exec $(quote "/payload/$name" "${words[@]:1}")"
   fi

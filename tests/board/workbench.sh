@@ -138,6 +138,7 @@ wait "$running" || fail "Its status is $?."
 [[ $heard == 'hello from the board' ]] || fail "What was heard is \"$heard\"."
 
 echo '== A debugger stops in the library, whose names and lines it knows'
+# The first stop is in the program, at its way into the library.
 "$board" run --gdb watchdog-feed /dev/nothing 5 </dev/null >out 2>err &
 running=$!
 until grep -q 'Listening on port' err; do
@@ -145,8 +146,8 @@ until grep -q 'Listening on port' err; do
   sleep 0.2
 done
 line=$(sed -n 's/^ *\(gdb-multiarch .*\)/\1/p' err)
-eval "${line/gdb-multiarch/gdb-multiarch -batch -nx -ex 'set breakpoint pending on' -ex 'break WatchDog::Activate'}" \
-  -ex continue -ex backtrace -ex kill </dev/null >debugged 2>&1 || true
+breaking="gdb-multiarch -batch -nx -ex 'set breakpoint pending on' -ex 'break WatchDog::Activate'"
+eval "$breaking ${line#gdb-multiarch} -ex continue -ex continue -ex backtrace -ex kill" </dev/null >debugged 2>&1 || true
 wait "$running" || true
 cp debugged out
 grep -q 'Breakpoint 1, .*WatchDog::Activate' out || fail 'The debugger did not stop there.'
