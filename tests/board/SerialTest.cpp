@@ -87,16 +87,6 @@ class Serial : public testing::Test {
   int m_base = tty.Driver().baud_base;
 };
 
-std::string Pattern(std::size_t length) {
-  std::string text(length, '\0');
-  std::uint32_t state = 1;
-  for (char& byte : text) {
-    state = state * 1664525U + 1013904223U;
-    byte = static_cast<char>(state >> 24U);
-  }
-  return text;
-}
-
 /// No more than a chunk is under way: less than the driver keeps, and what the other end waits for.
 constexpr std::size_t kChunk = 2048;
 

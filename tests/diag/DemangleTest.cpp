@@ -1,6 +1,5 @@
 #include <climits>
 #include <fstream>
-#include <iterator>
 #include <new>
 #include <random>
 #include <set>

@@ -1,6 +1,5 @@
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <filesystem>

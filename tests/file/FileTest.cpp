@@ -68,13 +68,6 @@ void Write(const File& file, const std::string& text) {
   file.WriteBytes(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
 }
 
-/// The number of the descriptor that the next open gives.
-int NextDescriptor() {
-  const int fd = ::dup(0);
-  ::close(fd);
-  return fd;
-}
-
 /// The test's own folder, and a check that no descriptor is left behind.
 class FileTest : public testing::Test {
  protected:

@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>

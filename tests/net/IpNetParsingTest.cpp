@@ -1,5 +1,4 @@
 #include <climits>
-#include <map>
 #include <ostream>
 #include <random>
 #include <string>

@@ -1,6 +1,5 @@
 #include "OpSystem.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>

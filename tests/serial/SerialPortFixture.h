@@ -2,11 +2,11 @@
 #define BOARDKIT_TESTS_SERIALPORTFIXTURE_H
 
 #include <cerrno>
-#include <string>
 
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "Lists.h"
 #include "SerialPort.h"
 #include "SerialTexts.h"
 #include "SerialTty.h"
@@ -25,11 +25,6 @@ inline const Calls kClosingWithoutAttributes = {"TIOCMGET(70)", "TIOCMSET(70, 0x
 /// The first @p count of @p calls.
 inline Calls First(std::size_t count, const Calls& calls) {
   return {calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(count)};
-}
-
-inline Calls operator+(Calls calls, const Calls& more) {
-  calls.insert(calls.end(), more.begin(), more.end());
-  return calls;
 }
 
 /// Every test here also checks that the device is not left open.

@@ -1,10 +1,8 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -18,6 +16,7 @@
 
 #include "ExpectBytes.h"
 #include "JoiningThread.h"
+#include "OpenDescriptors.h"
 #include "PtyLine.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
@@ -44,15 +43,6 @@ void ExpectSame(const termios& one, const termios& other) {
   EXPECT_EQ(std::memcmp(one.c_cc, other.c_cc, sizeof(one.c_cc)), 0);
   EXPECT_EQ(::cfgetispeed(&one), ::cfgetispeed(&other));
   EXPECT_EQ(::cfgetospeed(&one), ::cfgetospeed(&other));
-}
-
-/// Every byte value, in an order that shows what is lost or doubled.
-std::string Pattern(std::size_t length) {
-  std::string text(length, '\0');
-  for (std::size_t i = 0; i < length; ++i) {
-    text[i] = static_cast<char>(i * 31 + i / 251);
-  }
-  return text;
 }
 
 /// On a real line; only the modem bits, which such a line does not have, are stood in for.
@@ -127,9 +117,7 @@ TEST_F(PtyPort, WithoutAttributesTheLineStaysAsItIs) {
 }
 
 TEST_F(PtyPort, TheDescriptorBlocksAndIsInheritedByChildren) {
-  // The port gets the lowest one that is free.
-  const int fd = ::open("/dev/null", O_RDONLY);
-  ::close(fd);
+  const int fd = NextDescriptor();
   const SerialPort port(m_line.Device(), true);
 
   EXPECT_EQ(::isatty(fd), 1);
@@ -312,14 +300,6 @@ TEST_F(PtyPort, WithoutTheStandInsItCannotBeClosed) {
 
 // --- What is no line -------------------------------------------------------------------------------------------------
 
-int CountDescriptors() {
-  int count = 0;
-  for (int fd = 0; fd < 256; ++fd) {
-    count += ::fcntl(fd, F_GETFD) != -1 ? 1 : 0;
-  }
-  return count;
-}
-
 TEST(NoLine, APathThatDoesNotExistThrowsEnoent) {
   for (const bool termiosSupported : {false, true}) {
     SCOPED_TRACE(termiosSupported ? "with attributes" : "without attributes");
@@ -332,12 +312,12 @@ TEST(NoLine, APathThatDoesNotExistThrowsEnoent) {
 TEST(NoLine, ARegularFileIsRejectedAndClosedWithAttributesOrWithout) {
   std::string path = std::filesystem::temp_directory_path() / "no-line-XXXXXX";
   ::close(::mkstemp(path.data()));
-  const int descriptors = CountDescriptors();
+  const auto descriptors = OpenDescriptors();
 
   EXPECT_SYSTEM_ERROR(SerialPort(path, true), ENOTTY, serialtext::kSaveFailed);
   EXPECT_SYSTEM_ERROR(SerialPort(path, false), ENOTTY, serialtext::kFlushFailed);
 
-  EXPECT_EQ(CountDescriptors(), descriptors);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
   std::filesystem::remove(path);
 }
 

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,16 +16,10 @@
 
 namespace {
 
-/// Mapping one register: @p inPage is its offset there, @p length that and 32 more bytes, as the notes write it.
-Calls Access(const std::string& length) {
-  return {"open(\"/dev/mem\", 0x2)",
-          "mmap(anywhere, " + length + ", PROT_READ | PROT_WRITE, MAP_SHARED, 71, 0x80011000)",
-          "munmap(" + length + ")", "close(71)"};
-}
-
-const Calls kAccessLineControl = Access("0x2c");
-const Calls kAccessLatchLow = Access("0x20");
-const Calls kAccessLatchHigh = Access("0x24");
+/// From the page's start on, up to 32 bytes behind the register.
+const Calls kAccessLineControl = MemoryStandIn::CallsFor(0x80011000, 0x2C);
+const Calls kAccessLatchLow = MemoryStandIn::CallsFor(0x80011000, 0x20);
+const Calls kAccessLatchHigh = MemoryStandIn::CallsFor(0x80011000, 0x24);
 const Calls kAskingTheDriver = {"tcgetattr(70)", "tcgetattr(70)", "TIOCGSERIAL(70)"};
 const Calls kSetting = {"tcgetattr(70)", "tcsetattr(70, TCSANOW)"};
 

@@ -41,7 +41,6 @@ class SettingsTest : public SerialTtyTest {
     const SerialRegisters registers(m_tty);
     m_tty.written.clear();
     port.ToString();
-    m_tty.memory = -1;
 
     // Closing, opening, then the five setters.
     constexpr std::size_t kWritten = 7;

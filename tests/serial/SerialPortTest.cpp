@@ -542,7 +542,7 @@ void DestroyWhileFailing(const char* function) {
 }
 
 /// A regular expression for @p text: a full stop for each character that would mean something else.
-std::string Pattern(std::string text) {
+std::string Expression(std::string text) {
   for (char& character : text) {
     character = std::strchr("()[]{}?*+|^$\\", character) == nullptr ? character : '.';
   }
@@ -553,7 +553,7 @@ TEST(DestructionDeathTest, APortThatCannotBeClosedEndsTheProcess) {
   EXPECT_EXIT(DestroyWhileFailing("TIOCMGET"), testing::KilledBySignal(SIGABRT), serialtext::kLoopbackGetFailed);
   EXPECT_EXIT(DestroyWhileFailing("TIOCMSET"), testing::KilledBySignal(SIGABRT), serialtext::kLoopbackSetFailed);
   EXPECT_EXIT(DestroyWhileFailing("tcsetattr"), testing::KilledBySignal(SIGABRT),
-              Pattern(serialtext::CloseFailed(SerialTty::kDevice) + ": Input/output error"));
+              Expression(serialtext::CloseFailed(SerialTty::kDevice) + ": Input/output error"));
 }
 
 // --- The attributes as a whole ---------------------------------------------------------------------------------------

@@ -131,11 +131,6 @@ std::string OwnMounts() {
 
 }  // namespace
 
-Words operator+(Words first, const Words& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
-
 Board::Board(const Start& start, const std::string& folder)
     : m_errorsPath(folder + "/errors-" + std::to_string(Clock::now().time_since_epoch().count())) {
   int input[2];

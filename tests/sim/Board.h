@@ -11,10 +11,9 @@
 #include <string_view>
 #include <vector>
 
-using Words = std::vector<std::string>;
+#include "Lists.h"
 
-/// One list of words after the other.
-Words operator+(Words first, const Words& second);
+using Words = std::vector<std::string>;
 
 constexpr const char* kSimulator = BOARDKIT_BOARDSIM;
 /// What takes the network of the machine, in words for root.

@@ -1,6 +1,17 @@
 #include "ExpectBytes.h"
 
 #include <algorithm>
+#include <cstdint>
+
+std::string Pattern(std::size_t length) {
+  std::string text(length, '\0');
+  std::uint32_t state = 1;
+  for (char& byte : text) {
+    state = state * 1664525U + 1013904223U;
+    byte = static_cast<char>(state >> 24U);
+  }
+  return text;
+}
 
 testing::AssertionResult SameBytes(const char* bytesText, const char* expectedText, const std::string& bytes,
                                    const std::string& expected) {

@@ -2,6 +2,7 @@
 #define BOARDKIT_TESTS_OPENDESCRIPTORS_H
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <set>
 
@@ -15,6 +16,13 @@ inline std::set<int> OpenDescriptors() {
     }
   }
   return descriptors;
+}
+
+/// The number of the descriptor that the next open gives: the lowest one that is free.
+inline int NextDescriptor() {
+  const int fd = ::dup(0);
+  ::close(fd);
+  return fd;
 }
 
 #endif

@@ -1,12 +1,7 @@
 #include "SerialTty.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include <gtest/gtest.h>
 
@@ -36,7 +31,7 @@ SerialTty::SerialTty() {
       ++m_opened;
       return Returns(kFd);
     }
-    return question.bytes == "/dev/mem" && memory != -1 ? Returns(::dup2(memory, kMemoryFd)) : Real();
+    return question.bytes == "/dev/mem" && memory != nullptr ? memory->Open() : Real();
   });
   Simulate("close", [this](const Question&) {
     ++m_closed;
@@ -124,27 +119,10 @@ void SerialTty::Simulate(const std::string& function, const Simulation& simulati
   });
 }
 
-SerialRegisters::SerialRegisters(SerialTty& tty) {
-  constexpr std::int64_t kPage = 4096;
-  constexpr std::int64_t kSize = (std::int64_t{1} << 32U) + 2 * kPage;
-  std::string path = std::filesystem::temp_directory_path() / "registers-XXXXXX";
-  m_file = ::mkstemp64(path.data());
-  EXPECT_NE(m_file, -1) << path;
-  EXPECT_EQ(::unlink(path.c_str()), 0);
-  EXPECT_EQ(::ftruncate64(m_file, kSize), 0);
-  tty.memory = m_file;
+SerialRegisters::SerialRegisters(SerialTty& tty) : m_tty(tty) {
+  m_tty.memory = this;
 }
 
 SerialRegisters::~SerialRegisters() {
-  ::close(m_file);
-}
-
-std::uint32_t SerialRegisters::Get(std::uint32_t address) const {
-  std::uint32_t value = 0;
-  EXPECT_EQ(::pread64(m_file, &value, sizeof(value), address), static_cast<ssize_t>(sizeof(value)));
-  return value;
-}
-
-void SerialRegisters::Set(std::uint32_t address, std::uint32_t value) const {
-  EXPECT_EQ(::pwrite64(m_file, &value, sizeof(value), address), static_cast<ssize_t>(sizeof(value)));
+  m_tty.memory = nullptr;
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "MemoryStandIn.h"
 #include "ScriptedKernel.h"
 
 /// The control flags of @p attributes. Some C libraries set the input's speed there even if it is that of the output,
@@ -22,7 +23,6 @@ class SerialTty {
  public:
   static constexpr const char* kDevice = "/dev/ttyS1";
   static constexpr int kFd = 70;  // no descriptor of the kernel's: all calls on it are answered here
-  static constexpr int kMemoryFd = 71;
 
   SerialTty();
   SerialTty(const SerialTty&) = delete;
@@ -44,7 +44,7 @@ class SerialTty {
   serial_struct info{};
   std::string received;  ///< what waits to be read
   std::string sent;
-  int memory = -1;  ///< the file that stands for /dev/mem, which is opened on kMemoryFd then
+  const MemoryStandIn* memory = nullptr;  ///< what is opened in the place of /dev/mem, if anything
 
  private:
   /// Simulates @p function for this device; on other descriptors it is the C library's.
@@ -54,8 +54,8 @@ class SerialTty {
   int m_closed = 0;
 };
 
-/// The physical memory around the registers of the board's UART: a sparse file in the place of /dev/mem.
-class SerialRegisters {
+/// The registers of the board's UART, in physical memory that is there while they live.
+class SerialRegisters : public MemoryStandIn {
  public:
   static constexpr std::uint32_t kLatchLow = 0x80011000;
   static constexpr std::uint32_t kLatchHigh = 0x80011004;
@@ -66,11 +66,8 @@ class SerialRegisters {
   SerialRegisters(const SerialRegisters&) = delete;
   SerialRegisters& operator=(const SerialRegisters&) = delete;
 
-  std::uint32_t Get(std::uint32_t address) const;
-  void Set(std::uint32_t address, std::uint32_t value) const;
-
  private:
-  int m_file;
+  SerialTty& m_tty;
 };
 
 #endif

@@ -9,20 +9,19 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
+#include "Lists.h"
+#include "MemoryStandIn.h"
 #include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 #include "SysTexts.h"
@@ -40,24 +39,12 @@ std::string Hexadecimal(unsigned long long number) {
   return text.str();
 }
 
-/// All physical memory that 32 bits reach, and some pages behind it: a sparse file that is opened in the place of
-/// /dev/mem. Nothing else is opened meanwhile, and no descriptor may be left.
+/// Nothing but physical memory is opened meanwhile, and no descriptor may be left.
 class PhysicalMemory : public testing::Test {
  protected:
-  static constexpr int kFd = 71;  // what /dev/mem is opened on
-
   PhysicalMemory() {
-    std::string path = std::filesystem::temp_directory_path() / "physical-memory-XXXXXX";
-    const int fd = ::mkstemp(path.data());
-    // Far from the numbers that others get, so that it is not taken for a descriptor that was left behind.
-    m_file = ::fcntl(fd, F_DUPFD, kFd + 1);
-    ::close(fd);
-    ::unlink(path.c_str());
-    EXPECT_EQ(::ftruncate64(m_file, (1LL << 32U) + 2LL * pageSize), 0);
-    m_descriptors = OpenDescriptors();
-
     m_kernel.Simulate("open", [this](const Question& question) {
-      return question.bytes == "/dev/mem" ? Returns(::dup3(m_file, kFd, 0)) : Fails(ENOENT);
+      return question.bytes == "/dev/mem" ? m_memory.Open() : Fails(ENOENT);
     });
     // Behind the answers of a script, the C library's.
     for (const char* function : {"mmap", "munmap", "close"}) {
@@ -67,37 +54,13 @@ class PhysicalMemory : public testing::Test {
   }
   ~PhysicalMemory() override {
     EXPECT_EQ(OpenDescriptors(), m_descriptors);
-    ::close(m_file);
   }
 
-  std::uint32_t Get(std::uint32_t address) const {
-    std::uint32_t value = 0;
-    EXPECT_EQ(::pread64(m_file, &value, sizeof(value), static_cast<std::int64_t>(address)), sizeof(value));
-    return value;
-  }
-  void Set(std::uint32_t address, std::uint32_t value) const {
-    EXPECT_EQ(::pwrite64(m_file, &value, sizeof(value), static_cast<std::int64_t>(address)), sizeof(value));
-  }
-
-  /// The calls for one access: those of a mapping of @p length bytes from @p start on.
-  static Calls CallsFor(unsigned long long start, unsigned int length) {
-    return {"open(\"/dev/mem\", 0x2)",
-            "mmap(anywhere, " + Hexadecimal(length) + ", PROT_READ | PROT_WRITE, MAP_SHARED, 71, " +
-                Hexadecimal(start) + ")",
-            "munmap(" + Hexadecimal(length) + ")", "close(71)"};
-  }
-
-  static Calls Twice(Calls calls) {
-    const Calls again = calls;
-    calls.insert(calls.end(), again.begin(), again.end());
-    return calls;
-  }
-
+  const MemoryStandIn m_memory;
   ScriptedKernel m_kernel;
-  int m_file = -1;
 
  private:
-  std::set<int> m_descriptors;
+  std::set<int> m_descriptors = OpenDescriptors();
 };
 
 std::vector<unsigned int> Places() {
@@ -119,13 +82,13 @@ std::vector<unsigned int> Places() {
 TEST_F(PhysicalMemory, AReadOpensMapsUnmapsAndCloses) {
   for (const unsigned int address : Places()) {
     SCOPED_TRACE(Hexadecimal(address));
-    Set(address, 0x12345678U ^ address);
+    m_memory.Set(address, 0x12345678U ^ address);
 
     EXPECT_EQ(ReadFromPhysicalMemoryAddress(address), 0x12345678U ^ address);
 
     const unsigned int offset = address % pageSize;
-    EXPECT_EQ(m_kernel.SeenNow(), CallsFor(address - offset, offset + 32));
-    Set(address, 0);
+    EXPECT_EQ(m_kernel.SeenNow(), MemoryStandIn::CallsFor(address - offset, offset + 32));
+    m_memory.Set(address, 0);
   }
 }
 
@@ -136,9 +99,9 @@ TEST_F(PhysicalMemory, AWriteTakesTheSameCalls) {
     WriteToPhysicalMemoryAddress(address, 0x87654321U ^ address);
 
     const unsigned int offset = address % pageSize;
-    EXPECT_EQ(m_kernel.SeenNow(), CallsFor(address - offset, offset + 32));
-    EXPECT_EQ(Get(address), 0x87654321U ^ address);
-    Set(address, 0);
+    EXPECT_EQ(m_kernel.SeenNow(), MemoryStandIn::CallsFor(address - offset, offset + 32));
+    EXPECT_EQ(m_memory.Get(address), 0x87654321U ^ address);
+    m_memory.Set(address, 0);
   }
 }
 
@@ -147,38 +110,39 @@ TEST_F(PhysicalMemory, AWordCloseToTheEndOfAPageMapsTwo) {
     GTEST_SKIP() << "the numbers are those of pages of 4096 bytes";
   }
   ReadFromPhysicalMemoryAddress(0x1FFC);
-  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0x1000, 0x101C));
+  EXPECT_EQ(m_kernel.SeenNow(), MemoryStandIn::CallsFor(0x1000, 0x101C));
   ReadFromPhysicalMemoryAddress(0x1FFF);
-  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0x1000, 0x101F));
+  EXPECT_EQ(m_kernel.SeenNow(), MemoryStandIn::CallsFor(0x1000, 0x101F));
   ReadFromPhysicalMemoryAddress(0x80011000);
-  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0x80011000, 0x20));
+  EXPECT_EQ(m_kernel.SeenNow(), MemoryStandIn::CallsFor(0x80011000, 0x20));
   ReadFromPhysicalMemoryAddress(0xFFFFFFFC);
-  EXPECT_EQ(m_kernel.SeenNow(), CallsFor(0xFFFFF000, 0x101C));
+  EXPECT_EQ(m_kernel.SeenNow(), MemoryStandIn::CallsFor(0xFFFFF000, 0x101C));
 }
 
 TEST_F(PhysicalMemory, AWriteLeavesTheNeighboursAlone) {
   for (const unsigned int address : {0x2000U, 0x2004U, 0x80011000U, 2 * pageSize - 4}) {
     SCOPED_TRACE(Hexadecimal(address));
-    Set(address - 4, 0x11111111);
-    Set(address, 0x22222222);
-    Set(address + 4, 0x33333333);
+    m_memory.Set(address - 4, 0x11111111);
+    m_memory.Set(address, 0x22222222);
+    m_memory.Set(address + 4, 0x33333333);
 
     WriteToPhysicalMemoryAddress(address, 0xFFFFFFFF);
 
-    EXPECT_EQ(Get(address - 4), 0x11111111U);
-    EXPECT_EQ(Get(address), 0xFFFFFFFFU);
-    EXPECT_EQ(Get(address + 4), 0x33333333U);
+    EXPECT_EQ(m_memory.Get(address - 4), 0x11111111U);
+    EXPECT_EQ(m_memory.Get(address), 0xFFFFFFFFU);
+    EXPECT_EQ(m_memory.Get(address + 4), 0x33333333U);
     EXPECT_EQ(ReadFromPhysicalMemoryAddress(address), 0xFFFFFFFFU);
   }
 }
 
 TEST_F(PhysicalMemory, NothingIsKeptBetweenTheCalls) {
-  Set(0x1000, 1);
+  m_memory.Set(0x1000, 1);
   EXPECT_EQ(ReadFromPhysicalMemoryAddress(0x1000), 1U);
-  Set(0x1000, 2);
+  m_memory.Set(0x1000, 2);
   EXPECT_EQ(ReadFromPhysicalMemoryAddress(0x1000), 2U);
 
-  EXPECT_EQ(m_kernel.Seen(), Twice(CallsFor(0x1000 - 0x1000 % pageSize, 0x1000 % pageSize + 32)));
+  const Calls all = MemoryStandIn::CallsFor(0x1000 - 0x1000 % pageSize, 0x1000 % pageSize + 32);
+  EXPECT_EQ(m_kernel.Seen(), all + all);
 }
 
 TEST_F(PhysicalMemory, ADeviceThatCannotBeOpenedThrowsTheSameTextForReadingAndWriting) {
@@ -201,7 +165,7 @@ TEST_F(PhysicalMemory, AMappingThatIsRefusedThrowsAndClosesTheDevice) {
     EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), error, systext::kMapError);
     EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(pageSize, 1), error, systext::kMapError);
 
-    const Calls all = CallsFor(pageSize, 32);
+    const Calls all = MemoryStandIn::CallsFor(pageSize, 32);
     EXPECT_EQ(m_kernel.SeenNow(), (Calls{all[0], all[1], all[3], all[0], all[1], all[3]}));
   }
 }
@@ -211,11 +175,11 @@ TEST_F(PhysicalMemory, AFailedCloseBehindARefusedMappingDoesNotHideIt) {
 
   EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(pageSize), EPERM, systext::kMapError);
 
-  ::close(kFd);
+  ::close(MemoryStandIn::kFd);
 }
 
 TEST_F(PhysicalMemory, FailuresToUnmapAndToCloseAreIgnored) {
-  Set(0x1004, 0xCAFE);
+  m_memory.Set(0x1004, 0xCAFE);
   // A mapping that the test can remove, since the tested code is told that it could not.
   void* const words = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(words, MAP_FAILED);
@@ -228,8 +192,9 @@ TEST_F(PhysicalMemory, FailuresToUnmapAndToCloseAreIgnored) {
   EXPECT_NO_THROW(WriteToPhysicalMemoryAddress(pageSize + 4, 0xCAFE));
   EXPECT_EQ(ReadFromPhysicalMemoryAddress(pageSize + 4), 0xCAFEU);
 
-  EXPECT_EQ(m_kernel.SeenNow(), Twice(CallsFor(pageSize, 36)));
-  ::close(kFd);
+  const Calls all = MemoryStandIn::CallsFor(pageSize, 36);
+  EXPECT_EQ(m_kernel.SeenNow(), all + all);
+  ::close(MemoryStandIn::kFd);
   EXPECT_EQ(::munmap(words, pageSize), 0);
 }
 
@@ -237,20 +202,20 @@ TEST_F(PhysicalMemory, ThreadsDoNotDisturbEachOther) {
   // Each has a kernel, and so a descriptor number, of its own.
   const auto work = [this](unsigned int address, int fd) {
     ScriptedKernel kernel;
-    kernel.Simulate("open", [this, fd](const Question&) { return Returns(::dup3(m_file, fd, 0)); });
+    kernel.Simulate("open", [this, fd](const Question&) { return m_memory.Open(fd); });
     for (unsigned int i = 0; i < 500; ++i) {
       WriteToPhysicalMemoryAddress(address, i);
       ASSERT_EQ(ReadFromPhysicalMemoryAddress(address), i);
     }
   };
-  ASSERT_EQ(Get(0x3000), 0U);
+  ASSERT_EQ(m_memory.Get(0x3000), 0U);
 
-  JoiningThread other([&] { work(0x3004, kFd + 10); });
-  work(0x3000, kFd + 11);
+  JoiningThread other([&] { work(0x3004, MemoryStandIn::kFd + 1); });
+  work(0x3000, MemoryStandIn::kFd + 2);
   other.Join();
 
-  EXPECT_EQ(Get(0x3000), 499U);
-  EXPECT_EQ(Get(0x3004), 499U);
+  EXPECT_EQ(m_memory.Get(0x3000), 499U);
+  EXPECT_EQ(m_memory.Get(0x3004), 499U);
 }
 
 TEST(RealPhysicalMemory, IsOutOfReachWithoutPrivilege) {

@@ -3,10 +3,8 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -14,6 +12,7 @@
 #include <climits>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -64,14 +63,6 @@ class Pipe {
   }
   std::array<int, 2> m_ends = {-1, -1};
 };
-
-std::string Pattern(std::size_t length) {
-  std::string text(length, '\0');
-  for (std::size_t i = 0; i < length; ++i) {
-    text[i] = static_cast<char>(i * 31 + i / 251);
-  }
-  return text;
-}
 
 /// All error numbers but the two that the loops repeat the call for.
 std::vector<int> OtherErrors() {

@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
 #include "WatchDogTexts.h"
 
@@ -440,8 +441,7 @@ TEST(RealDevice, AMissingOneThrowsEnoent) {
 }
 
 TEST(RealDevice, OneThatIsNoWatchdogRefusesTheIntervalAndStaysOpen) {
-  const int next = ::dup(0);
-  ::close(next);
+  const int next = NextDescriptor();
   WatchDog dog(30, "/dev/null");
 
   EXPECT_EXACT_THROW(dog.Activate(), std::logic_error, watchdogtext::kNotSet);
