@@ -57,6 +57,7 @@ become_root() {
 }
 
 # install_missing PACKAGE=PROBE...: installs the packages whose probe is not there, and says nothing if there are none.
+# Several of the tree's scripts may do so at the same time.
 install_missing() {
   local need missing=() as_root
   for need in "$@"; do
@@ -69,7 +70,7 @@ install_missing() {
 
   local log apt
   log=$(mktemp)
-  apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -y -o DPkg::Lock::Timeout=120)
+  apt=("${as_root[@]}" flock . env DEBIAN_FRONTEND=noninteractive apt-get -y -o DPkg::Lock::Timeout=120)
   printf 'Installing with apt-get: %s\n' "${missing[*]}"
   # A source that can't be reached need not be one of those that matter: the installation itself tells.
   "${apt[@]}" update </dev/null >"$log" 2>&1 || true
@@ -100,10 +101,10 @@ check_build() {
   fi
 }
 
-# build PRESET FOLDER [CMAKE_OPTION]...: configures PRESET in FOLDER and builds all of it.
+# configure PRESET FOLDER [CMAKE_OPTION]...: configures PRESET in FOLDER.
 #
 # Warnings are errors where CI=true is set, and nowhere else: a newer compiler must not keep users from building.
-build() {
+configure() {
   local preset=$1 folder=$2 strict=OFF
   shift 2
   if [[ ${CI:-} == true ]]; then
@@ -112,7 +113,20 @@ build() {
   mkdir -p -- "$folder"
   quietly "$folder/configure.log" "Configuring $folder" \
     cmake --preset "$preset" -B "$folder" -DCMAKE_COMPILE_WARNING_AS_ERROR=$strict "$@"
-  quietly "$folder/build.log" "Building $folder" cmake --build "$folder" --parallel "$(nproc)"
+}
+
+# build_targets FOLDER [TARGET]...: builds the targets, or all, of what is configured in FOLDER.
+build_targets() {
+  local folder=$1
+  shift
+  set -- "${@/#/--target=}"
+  quietly "$folder/build.log" "Building $folder" cmake --build "$folder" --parallel "$(nproc)" "$@"
+}
+
+# build PRESET FOLDER [CMAKE_OPTION]...: configures PRESET in FOLDER and builds all of it.
+build() {
+  configure "$@"
+  build_targets "$2"
 }
 
 # find_own_network: sets own_network to the options with which unshare gives this user a network of his own, or fails.
