@@ -698,8 +698,9 @@ TEST(IpNetFailures, PopenAndPcloseFailuresPassThrough) {
       {"SetGw", [](IpNet& n) { n.SetGw("lo", "192.0.2.1", false, false); }},
   };
   const ScriptedIp ip;
-  for (const auto& [name, call] : calls) {
-    SCOPED_TRACE(name);
+  for (const auto& entry : calls) {
+    SCOPED_TRACE(entry.first);
+    const auto call = entry.second;
     {
       ScriptedKernel kernel;
       kernel.Script("popen", {Fails(ENOMEM)});

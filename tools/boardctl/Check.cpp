@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr const char* kDigits = "0123456789";
 
 [[noreturn]] void Refuse(const std::string& text, const std::string& what) {
   throw std::invalid_argument('"' + text + "\" is no " + what);
