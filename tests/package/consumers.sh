@@ -22,9 +22,10 @@ configure -S "$here/add-subdirectory" -B "$work/sub" -DBOARDKIT_SOURCE_DIR="$sou
 cmake --build "$work/sub"
 "$work/sub/app"
 if [ "$shared" = ON ]; then
-  # Somebody else's project installs what it wants itself.
-  cmake --install "$work/sub" --prefix "$work/unasked"
-  [ ! -e "$work/unasked" ]
+  # Somebody else's project installs only what it asks for.
+  cmake --install "$work/sub" --prefix "$work/asked" >/dev/null
+  installed=$(cd "$work/asked" && find . ! -type d)
+  [ "$installed" = ./bin/app ]
 fi
 
 say "install, then move the tree"
@@ -51,4 +52,14 @@ export PKG_CONFIG_PATH="$libdir/pkgconfig"
 "$cxx" -std=c++11 "$here/main.cpp" "$here/surface.cpp" $(pkg-config --cflags --libs boardkit) -Wl,-rpath,"$libdir" -o "$work/app"
 "$work/app"
 [ "$(readlink -f "$(pkg-config --variable=prefix boardkit)")" = "$(readlink -f "$prefix")" ]
-say "all three ran"
+if [ "$shared" = ON ]; then
+  say "add_subdirectory, in a project that installs the library with itself"
+  configure -S "$here/add-subdirectory" -B "$work/sub" -DBOARDKIT_INSTALL=ON -DCMAKE_INSTALL_RPATH="\$ORIGIN/../lib" \
+    -DCMAKE_INSTALL_LIBDIR=lib
+  cmake --build "$work/sub"
+  cmake --install "$work/sub" --prefix "$work/both" >/dev/null
+  rm -r "$work/sub"
+  mv "$work/both" "$work/moved with its library"
+  "$work/moved with its library/bin/app"
+fi
+say "all of them ran"

@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 # refused BUILD SOURCE_DIR SYMBOL [FLAGS]: expects that the build fails for want of SYMBOL.
 refused() {
   cmake -G Ninja -S "$2" -B "$work/$1" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="${4:-}" -DCMAKE_BUILD_TYPE=Debug \
-    -DBOARDKIT_TESTS=OFF >"$work/$1.log"
+    -DBOARDKIT_TESTS=OFF -DBOARDKIT_EXAMPLES=OFF -DBOARDKIT_SIM=OFF -DBOARDKIT_TOOLS=OFF >"$work/$1.log"
   if cmake --build "$work/$1" --target boardkit >"$work/$1.log" 2>&1; then
     printf 'The build "%s" was not refused.\n' "$1"
     exit 1
