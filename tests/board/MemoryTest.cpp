@@ -111,6 +111,9 @@ TEST(PhysicalMemory, WithoutTheDeviceTheOpeningsErrorIsReported) {
     EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(kWords, 0), ENOENT, systext::kMemoryError);
     return testing::Test::HasFailure() ? 1 : 0;
   });
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 2) {
+    GTEST_SKIP() << "the devices can't be hidden here";
+  }
   EXPECT_EQ(status, 0);
 }
 

@@ -119,7 +119,7 @@ class Arguments(TestCase):
         for arguments, words in WRONG:
             with self.subTest(arguments=arguments):
                 # Apart from this machine's network, should it not be refused.
-                apart = ["unshare", "-rn"] if "net" in arguments else []
+                apart = self.away_from_the_network() if "net" in arguments else []
                 result = finish(start([*apart, BOARDCTL, *arguments]))
                 self.assertEqual(result.status, 2, result.err)
                 self.assertEqual(result.out, "")

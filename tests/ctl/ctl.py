@@ -3,6 +3,7 @@
 The environment names BOARDCTL, BOARDSIM and SOURCE, the source folder. A test is a method whose name is a sentence
 without blanks; each is a ctest of its own.
 """
+import functools
 import json
 import os
 import pathlib
@@ -97,6 +98,12 @@ def ctl(*arguments, given=None, **keywords):
     return finish(start([BOARDCTL, *arguments], **keywords), given)
 
 
+@functools.lru_cache(maxsize=None)
+def works(*command):
+    """Whether a command that only tries something succeeds."""
+    return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, check=False).returncode == 0
+
+
 def shell(*arguments):
     """boardctl with the arguments, as a word of a shell's text."""
     return shlex.join([BOARDCTL, *arguments])
@@ -115,6 +122,21 @@ class TestCase(unittest.TestCase):
         os.chdir(self.folder)
         self.addCleanup(os.chdir, before)
 
+    def own_network(self):
+        """What gives a command a network of its own."""
+        # Where user namespaces are forbidden, root's rights do.
+        for words in (["unshare", "--map-root-user", "--net"], ["unshare", "--net"]):
+            if works(*words, "true"):
+                return words
+        self.skipTest("no network of its own can be made here")
+
+    def away_from_the_network(self):
+        """What keeps a command, which should not get so far, from this machine's network."""
+        try:
+            return self.own_network()
+        except unittest.SkipTest:
+            return []  # it has no rights over that one, either
+
     def board(self, *command, options=(), given=None, log=None):
         """Runs a command on a simulated board."""
         return finish(self.start_board(*command, options=options, given=given, log=log), given)
@@ -123,7 +145,11 @@ class TestCase(unittest.TestCase):
         """Starts it, and leaves it running."""
         simulator, as_user = BOARDSIM, []
         command = list(command)
-        if self.user == "ordinary" and os.geteuid() == 0:
+        is_lowered = self.user == "ordinary" and os.geteuid() == 0
+        lower = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if is_lowered else []
+        if (is_lowered or os.geteuid() != 0) and not works(*lower, "unshare", "--map-root-user", "true"):
+            self.skipTest("user namespaces are forbidden here")
+        if is_lowered:
             # From a place where he may read them.
             place = pathlib.Path(self.folder) / "programs"
             if not place.exists():
@@ -136,8 +162,7 @@ class TestCase(unittest.TestCase):
                         shutil.copy(line.split()[2], place)
             simulator = str(place / "boardsim")
             command = [word.replace(BOARDCTL, str(place / "boardctl")) for word in command]
-            as_user = ["env", f"LD_LIBRARY_PATH={place}", f"GCOV_PREFIX={self.folder}",
-                       "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+            as_user = ["env", f"LD_LIBRARY_PATH={place}", f"GCOV_PREFIX={self.folder}", *lower]
         if log:
             options = [*options, "--log", log]
         keywords = {} if given is None else {"stdin": subprocess.PIPE}
@@ -174,4 +199,6 @@ def main():
     if suite.countTestCases() == 0:
         sys.exit("there is no such test")
     result = unittest.TextTestRunner(verbosity=2).run(suite)
-    sys.exit(0 if result.wasSuccessful() and not result.skipped else 1)
+    if result.wasSuccessful() and result.skipped:
+        sys.exit(77)  # which says so to ctest
+    sys.exit(0 if result.wasSuccessful() else 1)

@@ -200,7 +200,7 @@ class HostileNames(TestCase):
         for trap in "reboot", "x":
             (tools / trap).write_text(f"#!/bin/sh\ntouch {self.folder}/trapped\n")
             (tools / trap).chmod(0o755)
-        return finish(start(["unshare", "-rn", "sh", "-c", "; ".join([f"PATH={self.folder}/tools:$PATH", "ip link set lo up > /dev/null", *steps])]))
+        return finish(start([*self.own_network(), "sh", "-c", "; ".join([f"PATH={self.folder}/tools:$PATH", "ip link set lo up > /dev/null", *steps])]))
 
     def check_nothing_ran(self):
         self.assertFalse(os.path.exists("trapped"))
@@ -221,7 +221,7 @@ class HostileNames(TestCase):
             for words in (["show", name], ["address", name, ADDRESS], ["link-local", name], ["gateway", name, "192.0.2.1"],
                           ["clear", "address", name]):
                 with self.subTest(words=words):
-                    result = finish(start(["unshare", "-rn", BOARDCTL, "net", *words]))
+                    result = finish(start([*self.away_from_the_network(), BOARDCTL, "net", *words]))
                     self.assertEqual((result.status, result.out), (2, ""))
                     self.assertIn("is no name of an interface", result.err)
 

@@ -47,6 +47,7 @@ run 0 printed "$examples/fork-beside-commands"
 expect printed "commands waited for a child that was not theirs"
 
 [ -n "$boardsim" ] || exit 0
+need_board "$boardsim"
 
 prints 0 "$boardsim" --reg 0x40000000=0x10 -- "$examples/memory" 0x40000000 <<'END'
 0x10 -> 0x11

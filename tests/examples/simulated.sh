@@ -5,6 +5,7 @@ set -eu
 examples=$1 boardsim=$2
 # shellcheck source=tests/examples/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
+need_board "$boardsim"
 
 # stop STATUS FILE: tells the program in the background to end, and expects it to end with STATUS.
 stop() {

@@ -5,6 +5,7 @@ set -eu
 examples=$1 boardsim=$2
 # shellcheck source=tests/examples/expect.sh
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
+need_board "$boardsim"
 
 # Without digits in its path, which would be read as lengths of the traceback's names.
 cp "$examples/board-tour" board-tour

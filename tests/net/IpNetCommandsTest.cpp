@@ -738,7 +738,7 @@ TEST(IpNetFailures, TheChangesOwnPopenAndPcloseFailuresPassThrough) {
 
 TEST(IpNetFailures, AMissingIpToolIsReportedInTheShellsWords) {
   const ScriptedIp ip;  // puts PATH back
-  ::setenv("PATH", "/nonexistent", 1);
+  ::setenv("PATH", "/no-such-folder", 1);
   OpSystem os;
   IpNet net(os);
   try {

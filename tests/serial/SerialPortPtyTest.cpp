@@ -303,8 +303,8 @@ TEST_F(PtyPort, WithoutTheStandInsItCannotBeClosed) {
 TEST(NoLine, APathThatDoesNotExistThrowsEnoent) {
   for (const bool termiosSupported : {false, true}) {
     SCOPED_TRACE(termiosSupported ? "with attributes" : "without attributes");
-    EXPECT_SYSTEM_ERROR(SerialPort("/nonexistent/ttyS1", termiosSupported), ENOENT,
-                        serialtext::OpenFailed("/nonexistent/ttyS1"));
+    EXPECT_SYSTEM_ERROR(SerialPort("/no-such-folder/ttyS1", termiosSupported), ENOENT,
+                        serialtext::OpenFailed("/no-such-folder/ttyS1"));
     EXPECT_SYSTEM_ERROR(SerialPort("", termiosSupported), ENOENT, serialtext::OpenFailed(""));
   }
 }
