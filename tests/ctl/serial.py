@@ -231,7 +231,7 @@ class LineTest(TestCase):
             self.assertEqual(self.loop_events(), words != [])
 
     def loop_events(self):
-        return any("TIOCMSET 0x8" in line for line in pathlib.Path("log").read_text().splitlines())
+        return any("TIOCMSET 0xc" in line for line in pathlib.Path("log").read_text().splitlines())
 
     def test_AllStandardSpeedsFrom9600OnAreTriedAndThoseThatTheUartLacksArePassedOver(self):
         result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--size", "100", "--turns", "1",
@@ -288,13 +288,13 @@ class LineTest(TestCase):
 
     def test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack(self):
         process = self.start_board(BOARDCTL, "serial", "test", PORT, "--loop", "--turns", "100000", log="log")
-        self.wait_for_text("log", "TIOCMSET 0x8")
+        self.wait_for_text("log", "TIOCMSET 0xc")
         process.send_signal(signal.SIGTERM)
         result = finish(process)
         self.assertEqual(result.status, 143)
         lines = pathlib.Path("log").read_text().splitlines()
         self.assertIn("settings speed=9600", [line for line in lines if "settings" in line][-1])
-        self.assertIn("TIOCMSET 0x6", [line for line in lines if "TIOCMSET" in line][-1])
+        self.assertIn("TIOCMSET 0x4006", [line for line in lines if "TIOCMSET" in line][-1])
         self.assertIn("Verdict: not good", result.out)
 
 

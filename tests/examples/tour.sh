@@ -76,7 +76,7 @@ expect_not page "$escape"
 expect_not page "$(printf '\r')"
 expect_narrow page
 # The board saw the same.
-expect log "speed=115200" "TIOCMSET 0x8006" "TIOCGSERIAL"
+expect log "speed=115200" "TIOCMSET 0xc006" "TIOCGSERIAL"
 expect_not log "overrun"
 expect_events /dev/watchdog log <<'END'
 open
