@@ -15,8 +15,8 @@ struct Options {
   std::optional<Net> net;                            // none: the user did not say
   bool namespaces = true;
   unsigned int restarts = 0;  // after resets
-  std::string log;      // empty: none
-  std::string control;  // empty: none
+  std::string log;            // empty: none
+  std::string control;        // empty: none
   std::vector<std::string> command;
 };
 

@@ -9,7 +9,6 @@
 
 namespace {
 
-
 [[noreturn]] void Refuse(const std::string& text, const std::string& what) {
   throw std::invalid_argument('"' + text + "\" is no " + what);
 }
