@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # A boot of the virtual board, and its verdict. Sourced behind image.sh.
 
 # More memory than the address of the UART takes, at 1 GiB.

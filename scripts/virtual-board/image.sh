@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # What a virtual board boots from: kernels and packages of Debian, what this tree is built to, and archives of both.
 # Sourced behind scripts/setup.sh; $cache holds what is fetched, $folder what is built.
 
@@ -94,11 +94,10 @@ fetch_kernel_packages() (
   for package in *.deb; do
     dpkg-deb -x "$package" "$2/tree"
   done
-  modules=$(echo "$2"/tree/{,usr/}lib/modules/*)
-  modules=$(printf '%s\n' $modules | grep -v '\*')
+  found=$(printf '%s\n' "$2"/tree/{,usr/}lib/modules/* | grep -v '\*')
   mkdir -p "$2/lib/modules"
-  mv -- "$modules" "$2/lib/modules/"
-  version=$(basename "$modules")
+  mv -- "$found" "$2/lib/modules/"
+  version=$(basename "$found")
   mv -- "$(find "$2" -name 'vmlinuz*' -type f)" "$2/vmlinuz"
   mv -- "$(find "$2" -name imx6ul-14x14-evk.dtb -type f)" "$2/evk.dtb"
   rm -r -- "$2/tree"

@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # A program or a shell on the virtual board, for those who work on one without having it. Sourced behind boot.sh.
 
 limit='' with=() share='' append='' memory=$memory_size network='' debugged='' kernel=bookworm

@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # The boots that the board's tests take, a few at a time. Sourced behind
 # scripts/virtual-board/boot.sh.
 

@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # The packages for armhf on the virtual board: dpkg itself installs them there, a client uses them, dpkg removes them.
 # Sourced behind scripts/virtual-board/boot.sh.
 

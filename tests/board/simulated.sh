@@ -34,6 +34,7 @@ if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
 fi
 
 # The first port is on the board's UART, the other one leads to a peer that sends everything back.
+# shellcheck disable=SC2206 # an option or nothing
 board=(${BOARD_PACE:-} --tty /dev/ttyS2=none --tty /dev/ttyS0=echo)
 case "$*" in
   # No driver on the registers, which keep what they are given.
