@@ -69,7 +69,8 @@ class Watchdog(TestCase):
             self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
 
     def test_TheTerminalsStopKeyDoesNotStopTheFeeding(self):
-        script = (f"set -m; {shell('--quiet', 'watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & sleep 0.5; "
+        script = (f"set -m; {shell('--quiet', 'watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & "
+                  "until grep -qs 'timeout 1' log; do sleep 0.02; done; "
                   "for i in TSTP TTIN TTOU; do kill -$i $!; done; sleep 1.5; kill -INT $!; wait $!")
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out, pathlib.Path("said").read_text()), (130, "", ""))
@@ -188,14 +189,16 @@ class Watchdog(TestCase):
             }""")
         subprocess.run(["cc", "-shared", "-fPIC", "-o", "support.so", "support.c"], check=True)
         command = shell("watchdog", "run", DEVICE, "--interval", "1", "--", "false")
-        result = self.board("sh", "-c", f"LD_PRELOAD={self.folder}/support.so {command}; echo it has ended", log="log")
+        # In a build with the address sanitizer, its library need not come first.
+        loaded = f"ASAN_OPTIONS=verify_asan_link_order=0 LD_PRELOAD={self.folder}/support.so"
+        result = self.board("sh", "-c", f"{loaded} {command}; echo it has ended", log="log")
         self.assertEqual((result.status, result.out), (RESET, ""))
         self.assertIn("boardctl: this driver has no magic close and would stop at any close: /dev/watchdog is kept open "
                       "until the reset.\n", result.err)
         self.assertNotIn("close: not stopped", self.events()[:-1])
 
     def test_KilledOtherwiseTheBoardResetsAsTheHelpSays(self):
-        script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & sleep 0.5; kill -KILL $!; sleep 60"
+        script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & until grep -qs 'timeout 1' log; do sleep 0.02; done; kill -KILL $!; sleep 60"
         self.assertEqual(self.board("sh", "-c", script, log="log").status, RESET)
         for verb in "feed", "run":
             self.assertIn(" killed", ctl("watchdog", verb, "--help").out)
