@@ -10,6 +10,24 @@ complain() {
   failed=1
 }
 
+# The symbols of the Debian package are the exported ones.
+LC_ALL=C
+export LC_ALL
+grep -v '^#' src/exported-symbols.txt | c++filt | sort -u > "${TMPDIR:-/tmp}/exported.$$"
+sed -n 's/^ (c++)"\(.*\)@Base" [0-9.]*$/\1/p' debian/libboardkit*.symbols | sort -u |
+  diff "${TMPDIR:-/tmp}/exported.$$" - || complain 'debian/*.symbols (>) differs from src/exported-symbols.txt (<).'
+rm "${TMPDIR:-/tmp}/exported.$$"
+case $(sed -n '1s/.*(\(.*\)-[^-]*).*/\1/p' debian/changelog) in
+  "$version") ;;
+  *) complain "debian/changelog begins with another version than $version." ;;
+esac
+
+# The source archive has no recipes, for they name its sum.
+if [ ! -e packaging/yocto ]; then
+  echo 'The recipes are not here: this takes a clone.'
+  [ "$failed" -eq 0 ] && exit 77
+  exit 1
+fi
 recipe=packaging/yocto/recipes-support/boardkit/boardkit_$version.bb
 [ -e "$recipe" ] || complain "There is no $recipe."
 sum=$(md5sum LICENSE | cut -c 1-32)
@@ -28,16 +46,4 @@ done
 if grep -nE '[[:blank:]]$' -r packaging; then complain 'These lines end in blanks.'; fi
 awk 'length($0) > 80 { print FILENAME ": " $0; long = 1 } END { exit long }' packaging/buildroot/package/boardkit/[Cb]*[nk] ||
   complain 'These lines are too long.'
-
-# The symbols of the Debian package are the exported ones.
-LC_ALL=C
-export LC_ALL
-grep -v '^#' src/exported-symbols.txt | c++filt | sort -u > "${TMPDIR:-/tmp}/exported.$$"
-sed -n 's/^ (c++)"\(.*\)@Base" [0-9.]*$/\1/p' debian/libboardkit*.symbols | sort -u |
-  diff "${TMPDIR:-/tmp}/exported.$$" - || complain 'debian/*.symbols (>) differs from src/exported-symbols.txt (<).'
-rm "${TMPDIR:-/tmp}/exported.$$"
-case $(sed -n '1s/.*(\(.*\)-[^-]*).*/\1/p' debian/changelog) in
-  "$version") ;;
-  *) complain "debian/changelog begins with another version than $version." ;;
-esac
 exit $failed

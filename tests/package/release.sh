@@ -3,14 +3,16 @@
 # Usage: release.sh SOURCE_DIR VERSION
 set -eu
 version=$2
-if ! git -C "$1" rev-parse --git-dir > /dev/null 2>&1 || ! command -v dpkg-parsechangelog > /dev/null; then
-  echo 'This takes a clone, and dpkg-dev.'
+if ! git -C "$1" rev-parse --git-dir > /dev/null 2>&1 || ! command -v arm-linux-gnueabihf-g++ > /dev/null; then
+  echo 'This takes a clone, and a compiler for 32-bit ARM (g++-arm-linux-gnueabihf).'
   exit 77
 fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 git clone -q --no-hardlinks "$1" "$work/tree"
 cd "$work/tree"
+git config user.name x
+git config user.email x@x
 
 # refused VERSION: sets message to what is said.
 refused() {
@@ -29,6 +31,10 @@ expect() {
   done
 }
 
+echo '== no version at all'
+refused one
+expect 'A version is three numbers'
+
 echo '== another version, a tree that is not clean, and a tag that is there'
 echo >> README.md
 git tag v9.8.7
@@ -41,17 +47,48 @@ expect 'The tree is not clean' 'There is a tag v9.8.7 already' 'CMakeLists.txt d
 
 echo '== the archive has the same bytes from another clone and at another time'
 # Of these contents, no recipe names the sum.
-git -c user.name=x -c user.email=x@x commit -q -a -m 'Other contents'
+git commit -q -a -m 'Other contents'
 refused "$version"
 sum=$(sha256sum "build/release-$version/boardkit-$version.tar.gz")
-git -c user.name=x -c user.email=x@x commit -q --allow-empty -m 'Another commit'
+git commit -q --allow-empty -m 'Another commit'
 git clone -q . "$work/again"
 cd "$work/again"
 umask 077
 refused "$version"
 [ "$(sha256sum "build/release-$version/boardkit-$version.tar.gz")" = "$sum" ]
-expect 'has another sum of the archive'
+expect "boardkit_$version.bb does not say $version: no line matches ^SRC_URI" \
+  "boardkit.hash does not say $version: no line matches ^sha256"
 
-echo '== no version at all'
-refused one
-expect 'A version is three numbers'
+echo '== the sum is written into the recipes, which change nothing in the archive'
+cd "$work/tree"
+scripts/release --sums "$version"
+git commit -q -a -m 'Tell the sum'
+tar -tf "build/release-$version/boardkit-$version.tar.gz" | grep -E '/packaging/(systemd|udev)/.'
+if tar -tf "build/release-$version/boardkit-$version.tar.gz" | grep -E '/packaging/(yocto|buildroot)'; then
+  echo 'The recipes are in the archive.'
+  exit 1
+fi
+git tag "v$version"
+refused "$version"
+expect "There is a tag v$version already"
+[ "$(sha256sum "build/release-$version/boardkit-$version.tar.gz")" = "$sum" ]
+if grep 'no line matches' "$work/message"; then exit 1; fi
+
+echo '== a next version without the tag of the last one'
+next=${version%%.*}.99.0
+sed -i "s/^## $version /## $next (2099-01-01)\n\n&/" CHANGELOG.md
+git tag -d "v$version"
+refused "$next"
+expect "The tag v$version of the last release is not here"
+
+echo '== and one that lacks a symbol and has another layout'
+git tag "v$version"
+sed -i '/^_Z9WriteLoopiPKvj$/d' src/exported-symbols.txt
+sed -i 's/^  bool m_active = false;/  long m_added = 0;\n&/' include/WatchDog.h
+git diff --quiet include && exit 1
+git commit -q -a -m 'Break the promise'
+refused "$next"
+expect "lacks what $version exports: WriteLoop(int, void const*, unsigned int)" \
+  'The layouts are not what tests/package/layout.cpp tells, says' \
+  "The layouts are not those of $version, says arm-linux-gnueabihf-g++"
+
