@@ -137,14 +137,11 @@ std::string File::ReadLink(const std::string& path) {
 
 long File::Seek(long offset, int whence) const {
   const off_t position = ::lseek(m_fd.Get(), offset, whence);
-  // Where off_t is wider than long, an offset that does not fit fails as it does in an lseek with a narrow off_t.
   const auto told = static_cast<long>(position);
-  if (position != -1 && told != position) {
-    errno = EOVERFLOW;
-  }
+  // Where off_t is wider than long, an offset that does not fit fails as it does in an lseek with a narrow off_t.
   if (position == -1 || told != position) {
     // By contract: here, too, the word "failed" appears twice.
-    ThrowSystemError({"Seeking failed for '", m_name, "' failed."});
+    ThrowSystemError(position == -1 ? errno : EOVERFLOW, {"Seeking failed for '", m_name, "' failed."});
   }
   return told;
 }

@@ -15,7 +15,7 @@ namespace boardkit {
 /// The same with a message in pieces: errno is read before they are joined, as joining may change it.
 [[noreturn]] void ThrowSystemError(std::initializer_list<std::string_view> message);
 
-/// The same with an errno that was saved by a caller that had something to tidy up first.
+/// The same with a number of the caller's: saved before it tidied up, or of a failure that no call reports.
 [[noreturn]] void ThrowSystemError(int error, std::initializer_list<std::string_view> message);
 
 }  // namespace boardkit
