@@ -1,4 +1,4 @@
-// Shows the addresses of a network interface: ip-configuration lo
+// Shows the addresses of a network interface, of lo if none is named: ip-configuration eth0
 //
 // Needs no rights.
 #include <IpNet.h>
@@ -8,15 +8,12 @@
 #include <iostream>
 
 int main(int argc, char* argv[]) {
-  if (argc != 2) {
-    std::cerr << "Usage: ip-configuration INTERFACE\n";
-    return 2;
-  }
   try {
+    const char* const iface = argc > 1 ? argv[1] : "lo";
     // [use]
     OpSystem system;
     IpNet net(system);
-    for (const auto& entry : net.GetIfaceInfo(argv[1])) {
+    for (const auto& entry : net.GetIfaceInfo(iface)) {
       std::cout << entry.first << " = " << entry.second << '\n';
     }
     // [use]

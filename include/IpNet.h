@@ -7,7 +7,7 @@
 /// @code{.cpp}
 /// OpSystem system;
 /// IpNet net(system);
-/// for (const auto& entry : net.GetIfaceInfo(argv[1])) {
+/// for (const auto& entry : net.GetIfaceInfo(iface)) {
 ///   std::cout << entry.first << " = " << entry.second << '\n';
 /// }
 /// @endcode

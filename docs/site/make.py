@@ -94,6 +94,11 @@ def snippets(path):
     return {name: textwrap.dedent(part) for name, part in SNIPPET.findall(path.read_text())}
 
 
+def whole(path):
+    """An example as users write it, without the marks of its parts."""
+    return re.sub(r"(?m)^.*\[\w+\]\n", "", path.read_text())
+
+
 def main(output):
     output = pathlib.Path(output)
     output.mkdir(parents=True, exist_ok=True)
@@ -104,8 +109,7 @@ def main(output):
         parts = snippets(example)
         if parts:
             comment = "#" if example.suffix == ".sh" else "//"
-            whole = re.sub(r"(?m)^.*\[\w+\]\n", "", example.read_text())
-            (output / f"whole-{example.name}").write_text(whole)
+            (output / f"whole-{example.name}").write_text(whole(example))
             (output / example.name).write_text("".join(
                 f"{comment} [{name}]\n{part}{comment} [{name}]\n" for name, part in parts.items()))
     for source in FOLDER.glob("*.dot"):

@@ -43,7 +43,7 @@ def check_readme():
         complaints.append("README.md shows fewer than two programs.")
     for block in re.findall(r"```cpp\n(.*?)```\n", text, re.S):
         name = re.search(r": ([\w-]+)", block.splitlines()[0]).group(1)
-        compare(f"The program {name} of README.md", block, pathlib.Path(f"examples/{name}.cpp").read_text())
+        compare(f"The program {name} of README.md", block, make.whole(pathlib.Path(f"examples/{name}.cpp")))
     for target in re.findall(r"\]\(([^)#]+)", text):
         if not re.match(r"https?:", target) and not pathlib.Path(target).exists():
             complaints.append(f"README.md links to {target}, which is not there.")
