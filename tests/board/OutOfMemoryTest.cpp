@@ -303,24 +303,30 @@ TEST_F(OutOfMemoryNetwork, IsToldWhicheverAllocationOfAQueryOrAChangeFails) {
 TEST_F(OutOfMemoryNetwork, LeavesTheDebugTraceWholeAndAlive) {
   const std::string name = "eth0-with-a-long-name-behind-it";
   const std::string line = "ip addr show dev " + name + '\n';
-  bool hasFailed = true;
-  for (std::size_t which = 0; hasFailed; ++which) {
-    SCOPED_TRACE("allocation " + std::to_string(which));
-    IpNet net(m_opSystem);
-    net.SetDebugState(true);
-    net.GetIfaceInfo(name);
-    {
-      const FailingAllocation failing(which);
-      try {
+  // Where in a line the text has to grow depends on how long it is already.
+  for (const int earlierLines : {0, 1, 2, 3}) {
+    bool hasFailed = true;
+    for (std::size_t which = 0; hasFailed; ++which) {
+      SCOPED_TRACE(std::to_string(earlierLines) + " lines, allocation " + std::to_string(which));
+      IpNet net(m_opSystem);
+      net.SetDebugState(true);
+      for (int i = 0; i < earlierLines; ++i) {
         net.GetIfaceInfo(name);
-      } catch (const std::bad_alloc&) {
       }
-      hasFailed = failing.HasFailed();
+      const std::string before = net.GetDebugOutput();
+      {
+        const FailingAllocation failing(which);
+        try {
+          net.GetIfaceInfo(name);
+        } catch (const std::bad_alloc&) {
+        }
+        hasFailed = failing.HasFailed();
+      }
+      const std::string trace = net.GetDebugOutput();
+      EXPECT_TRUE(trace == before || trace == before + line) << trace;
+      net.GetIfaceInfo(name);
+      EXPECT_EQ(net.GetDebugOutput(), trace + line);
     }
-    const std::string trace = net.GetDebugOutput();
-    EXPECT_TRUE(trace == line || trace == line + line) << trace;
-    net.GetIfaceInfo(name);
-    EXPECT_EQ(net.GetDebugOutput(), trace + line);
   }
 }
 
