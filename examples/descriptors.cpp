@@ -17,9 +17,9 @@ int main() {
   try {
     // [use]
     char buffer[5];
-    WriteLoop(writing, "hello", 5);            // all five bytes, or an exception
-    ReadLoop(reading, buffer, sizeof buffer);  // exactly five bytes, or an exception
-    DebugSleep(20);                            // milliseconds; signals do not shorten it
+    WriteLoop(writing, "hello", 5);            // all five, or an exception
+    ReadLoop(reading, buffer, sizeof buffer);  // likewise
+    DebugSleep(20);                            // ms, whatever signals come
     // [use]
     std::cout << std::string(buffer, sizeof buffer) << '\n';
 

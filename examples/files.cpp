@@ -16,7 +16,7 @@ int main() {
 
     unsigned char text[4];
     file.Seek(0, SEEK_SET);
-    file.ReadBytes(text, sizeof text);  // exactly four bytes, or an exception that names the file
+    file.ReadBytes(text, sizeof text);  // all four, or an exception
     // [use]
     std::cout << std::string(text, text + sizeof text) << '\n';
 

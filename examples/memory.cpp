@@ -17,8 +17,9 @@ int main(int argc, char* argv[]) {
   const auto address = static_cast<unsigned int>(std::strtoul(argv[1], nullptr, 0));
   try {
     // [use]
+    // Each call makes one access of 32 bits.
     const unsigned int before = ReadFromPhysicalMemoryAddress(address);
-    WriteToPhysicalMemoryAddress(address, before | 0x1U);  // one 32-bit access each
+    WriteToPhysicalMemoryAddress(address, before | 0x1U);
     // [use]
     std::cout << std::hex << "0x" << before << " -> 0x" << ReadFromPhysicalMemoryAddress(address) << '\n';
 

@@ -12,13 +12,13 @@ namespace {
 volatile sig_atomic_t stop = 0;
 
 void RequestStop(int, siginfo_t*, void*) {
-  stop = 1;  // nothing but a flag: hardly any function is safe in a handler
+  stop = 1;  // nothing but a flag: hardly any function is safe here
 }
 
 }  // namespace
 
 int main() {
-  DeactivateSignalP(SIGUSR1);  // before there are threads, which inherit it
+  DeactivateSignalP(SIGUSR1);  // before there are threads
   InstallSignalHandler(SIGTERM, RequestStop);
   // [use]
   ::raise(SIGUSR1);

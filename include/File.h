@@ -10,7 +10,7 @@
 ///
 /// unsigned char text[4];
 /// file.Seek(0, SEEK_SET);
-/// file.ReadBytes(text, sizeof text);  // exactly four bytes, or an exception that names the file
+/// file.ReadBytes(text, sizeof text);  // all four, or an exception
 /// @endcode
 /// This is a part of `examples/files.cpp`. The handbook has more: @ref files.
 

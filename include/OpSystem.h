@@ -9,7 +9,7 @@
 /// std::cout << system.ExecCmd("echo hello", false);
 /// try {
 ///   system.ExecCmd("ls /nowhere", false);
-/// } catch (const std::logic_error& failure) {  // the command's status was not 0
+/// } catch (const std::logic_error& failure) {  // its status was not 0
 ///   std::cout << "it said: " << failure.what();
 /// }
 /// @endcode

@@ -7,8 +7,8 @@
 /// @code{.cpp}
 /// SerialPort port(argv[1], true);  // opens the device
 /// port.SetBaudRate(SerialPort::BAUD_115200);
-/// port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);  // makes the line raw,
-/// port.SetParity(SerialPort::PARITY_EVEN);             // so this comes later
+/// port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);
+/// port.SetParity(SerialPort::PARITY_EVEN);  // after the flow control
 /// port.Write("status?\n");
 /// if (port.IsDataReceived(1000)) {  // milliseconds
 ///   std::cout << "first byte: " << port.ReadOneByte() << '\n';

@@ -6,9 +6,9 @@
 ///
 /// @code{.cpp}
 /// char buffer[5];
-/// WriteLoop(writing, "hello", 5);            // all five bytes, or an exception
-/// ReadLoop(reading, buffer, sizeof buffer);  // exactly five bytes, or an exception
-/// DebugSleep(20);                            // milliseconds; signals do not shorten it
+/// WriteLoop(writing, "hello", 5);            // all five, or an exception
+/// ReadLoop(reading, buffer, sizeof buffer);  // likewise
+/// DebugSleep(20);                            // ms, whatever signals come
 /// @endcode
 /// This is a part of `examples/descriptors.cpp`. The handbook has more: @ref descriptors, @ref signals, @ref memory.
 ///

@@ -1,6 +1,6 @@
-"""The parts of the manual pages that are taken from the headers and from the error catalogue.
+"""The parts of the manual pages that are taken from the headers, the error catalogue and the examples.
 
-Usage: manual.py, from the top folder: writes the sections SYNOPSIS and ERRORS of docs/man/*.3boardkit anew.
+Usage: manual.py, from the top folder: writes the sections SYNOPSIS, ERRORS and EXAMPLES of docs/man/*.3boardkit anew.
 """
 
 import json
@@ -9,6 +9,8 @@ import re
 
 import make
 
+# Of the headers with more than one page in the handbook, the examples of the others.
+FURTHER_EXAMPLES = {"SystemCalls.h": ["signals", "memory"]}
 FAMILIES = {header: subsystem for subsystem, (_, header) in make.SUBSYSTEMS.items()}
 
 
@@ -93,6 +95,20 @@ def errors_of(header):
     return sentences("\n".join(result)) + "\n" if result else ""
 
 
+def examples_of(header):
+    """What the header's example shows, and those of its other pages in the handbook."""
+    own = re.search(r"This is a part of `examples/([\w-]+)\.cpp`", header.read_text()).group(1)
+    result = []
+    for name in [own, *FURTHER_EXAMPLES.get(header.name, [])]:
+        path = pathlib.Path(f"examples/{name}.cpp")
+        result += [".PP"] if result else []
+        result += [".EX", *map(roff, make.snippets(path)["use"].splitlines()), ".EE", ".PP"]
+        result += ["This is a part of", f".BR examples/{roff(name)}.cpp ."]
+        trial = re.search(r"boardsim -- [^\n]*", path.read_text())
+        result += ["Without a board:", f".B {roff(trial.group(0))}"] if trial else []
+    return "\n".join(result) + "\n"
+
+
 def sentences(text):
     """Lines short enough for the linter."""
     result = []
@@ -116,6 +132,7 @@ def sentences(text):
 
 SYNOPSIS = re.compile(r"(?s)(?<=\.SH SYNOPSIS\n\.nf\n)(.*?)(?=\.fi\n)")
 ERRORS = re.compile(r"(?s)(?<=\.SH ERRORS\n)(.*?)(?=\.SH )")
+EXAMPLES = re.compile(r"(?s)(?<=\.SH EXAMPLES\n)(.*?)(?=\.SH )")
 
 
 def synopsis_in(text):
@@ -128,12 +145,18 @@ def errors_in(text):
     return found.group(1) if found else ""
 
 
+def examples_in(text):
+    found = EXAMPLES.search(text)
+    return found.group(1) if found else ""
+
+
 def main():
     for header in pathlib.Path("include").glob("*.h"):
         page = page_of(header)
         text = page.read_text()
         text = SYNOPSIS.sub(lambda _: synopsis_of(header).replace("-", "\\-"), text, count=1)
         text = ERRORS.sub(lambda _: errors_of(header), text, count=1)
+        text = EXAMPLES.sub(lambda _: examples_of(header), text, count=1)
         page.write_text(text)
 
 

@@ -3,7 +3,8 @@
 - Every public header begins with the example of its page of the handbook.
 - Every example that a page of the handbook or the README shows or names exists; the README's programs are those files.
 - The handbook names no file, and the site's pages no script, that is not there.
-- The synopsis of each manual page in section 3 is what its header declares, and its ERRORS section is the catalogue's.
+- The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, and its
+  EXAMPLES are parts of the examples, narrow enough for a terminal.
 """
 
 import pathlib
@@ -78,6 +79,11 @@ def check_manual():
         text = page.read_text()
         compare(f"The synopsis of {page}", manual.synopsis_in(text), manual.synopsis_of(header))
         compare(f"The section ERRORS of {page}", manual.errors_in(text), manual.errors_of(header))
+        compare(f"The section EXAMPLES of {page}", manual.examples_in(text), manual.examples_of(header))
+        for line in re.search(r"(?s)\.EX\n(.*)\.EE", manual.examples_of(header)).group(1).splitlines():
+            # A manual page's text is indented by 7 columns of 80.
+            if len(line.replace("\\-", "-").replace("\\(aq", "'").replace("\\e", "\\")) > 73:
+                complaints.append(f"{page} has an example that is too wide for a terminal: {line}")
 
 
 check_headers()
