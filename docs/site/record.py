@@ -14,7 +14,7 @@ import sys
 
 COLUMNS, ROWS = 84, 24
 CHARACTER, LINE = 8.4, 19  # pixels
-LINES_PER_STEP, STEP_S, HOLD_S = 4, 0.8, 4
+LINES_PER_STEP, STEP_S, HOLD_S = 5, 0.8, 4
 
 
 def chapters(lines):
@@ -25,18 +25,22 @@ def chapters(lines):
             keep = any(name in line for name in ("Serial port", "Watchdog ---", "once more"))
             if not keep and shown[-1] != "   ...":
                 shown += ["   ..."]
-        elif line.startswith("That was all"):
+        elif line.startswith(("That was all", "The same from the command line")):
             keep = True
             shown.append("")
+        elif line.startswith("$"):
+            keep = not line.startswith("$ boardctl serial show")
+            if not keep:
+                shown += ["   ...", ""]
         if keep:
-            shown.append(line[:COLUMNS])
+            shown.append(line if len(line) <= COLUMNS else line[:COLUMNS - 1] + "…")
     return shown
 
 
 def colour(line):
     if line.startswith("$"):
         return "prompt"
-    if line.startswith("---"):
+    if line.startswith(("---", "The same")):
         return "chapter"
     if "has reset the board" in line or "throws" in line:
         return "alarm"
@@ -87,9 +91,13 @@ def recorded(source):
 
 
 def compare(source, target):
-    """Numbers aside, for times differ from run to run, and with repeated lines once, for so does their count."""
+    """Numbers, their bars and columns aside, for times differ from run to run, and with repeated lines once, for so does
+    their count. So does the order of the reset and of the last word before it, which come at the same time."""
     def masked(lines):
-        lines = [re.sub(r"0x[0-9a-f]+|[0-9]+(\.[0-9]+)?( ms| s)?", "#", line) for line in lines if line]
+        lines = [re.sub(r"0x[0-9a-f]+|[0-9]+(\.[0-9]+)?( ms| s)?\b", "#", line) for line in lines if line]
+        lines = [re.sub(r"^ +# to # us  .*", "# to # us", re.sub(r"(?<=#) +(?=#)", " ", line)) for line in lines]
+        lines = [re.sub(r" +", " ", line) for line in lines]
+        lines = [line for number, line in enumerate(lines) if "not fed for" not in line or line not in lines[:number]]
         return [line for line, before in zip(lines, [None, *lines]) if line != before]
 
     with open(target, encoding="utf-8") as file:
