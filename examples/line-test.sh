@@ -26,13 +26,10 @@ wait_for() {
   fail "no \"$1\" in $2"
 }
 
-# [start]
 "$boardsim" --tty /dev/ttyS1=none --log log --control control -- "$application" /dev/ttyS1 115200 > output 2>&1 &
 board=$!
 wait_for 'ttyS1 settings speed=115200' log
-# [start]
 
-# [control]
 ask() {
   printf '%s\n' "$*" | socat -t 5 - UNIX-CONNECT:control
 }
@@ -40,12 +37,9 @@ ask() {
 [ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing" # "one" and a newline
 wait_for one output
 [ "$(ask hangup /dev/ttyS1)" = ok ] || fail "the cable can't be pulled"
-# [control]
 
-# [verdict]
 status=0
 wait "$board" || status=$?
 [ "$status" -ne 0 ] || fail "the application took the hang-up for success"
 wait_for 'serial-echo: ' output # it said why
-# [verdict]
 printf 'passed\n'

@@ -106,10 +106,10 @@ def main(output):
     (output / "header.html").write_text(header())
     (output / "catalogue.md").write_text(catalogue(errors))
     for example in pathlib.Path("examples").glob("*.*"):
+        (output / f"whole-{example.name}").write_text(whole(example))
         parts = snippets(example)
         if parts:
             comment = "#" if example.suffix == ".sh" else "//"
-            (output / f"whole-{example.name}").write_text(whole(example))
             (output / example.name).write_text("".join(
                 f"{comment} [{name}]\n{part}{comment} [{name}]\n" for name, part in parts.items()))
     for source in FOLDER.glob("*.dot"):
