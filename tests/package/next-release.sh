@@ -1,0 +1,69 @@
+#!/bin/sh
+# Releases what is committed, in a clone, and then a next version: once with additions, once with another value of an
+# enumerator, which neither the list of symbols nor the layouts tell of.
+# Usage: next-release.sh SOURCE_DIR VERSION
+set -eu
+version=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+git clone -q --no-hardlinks "$1" "$work/tree"
+cd "$work/tree"
+git config user.name x
+git config user.email x@x
+# Those of the tree are another history.
+git tag | xargs -r git tag -d
+
+# released VERSION: scripts/release has nothing against it, when the recipes have the sum.
+released() {
+  scripts/release --sums "$1"
+  git diff --quiet || git commit -q -a -m "Tell the sum of $1"
+  scripts/release "$1" >"$work/message" 2>&1 || {
+    cat "$work/message"
+    exit 1
+  }
+  for text in "$PWD/build/release-$1/boardkit-$1.tar.gz" "git tag -s -m \"boardkit $1\" v$1 $(git rev-parse HEAD)" "$2"; do
+    grep -F -e "$text" "$work/message" || {
+      cat "$work/message"
+      echo "Nothing says: $text"
+      exit 1
+    }
+  done
+}
+
+# version_is FROM TO: sets it wherever it stands, and commits.
+version_is() {
+  # shellcheck disable=SC2046  # words
+  sed -i "s/\"boardkit $1\"/\"boardkit $2\"/" $(git ls-files '*.1' '*.3boardkit' '*.7')
+  sed -i "s/^project(boardkit VERSION $1 /project(boardkit VERSION $2 /" CMakeLists.txt
+  sed -i "s/^## $1 /## $2 (2099-01-01)\\n\\n&/" CHANGELOG.md
+  sed -i "1s/($1-/($2-/" debian/changelog
+  sed -i "s/^BOARDKIT_VERSION = $1$/BOARDKIT_VERSION = $2/" packaging/buildroot/package/boardkit/boardkit.mk
+  git mv "packaging/yocto/recipes-support/boardkit/boardkit_$1.bb" "packaging/yocto/recipes-support/boardkit/boardkit_$2.bb"
+  git commit -q -a -m "Call it $2"
+}
+
+echo "== $version"
+released "$version" "There was no release of ${version%%.*}.x before"
+git tag "v$version"
+
+next=${version%.*}.99
+echo "== $next, with one function more"
+version_is "$version" "$next"
+sed -i 's/^_Z6mmap_ePvjiiil$/_Z5addedv\n&/' src/exported-symbols.txt
+sed -i 's/^int LinuxGetThreadId();/&\nvoid added();/' include/SystemCalls.h
+echo 'void added() {}' >>src/sys/SystemCalls.cpp
+git commit -q -a -m 'Add a function'
+released "$next" "The ABI is that of $version, with additions at most."
+
+echo "== the same with another value of an enumerator"
+sed -i 's/STOP_BITS_2 = 1 /STOP_BITS_2 = 7 /' include/SerialPort.h
+git diff --quiet && exit 1
+git commit -q -a -m 'Change a value'
+scripts/release --sums "$next"
+git commit -q -a -m 'Tell the sum'
+if scripts/release "$next" >"$work/message" 2>&1; then
+  cat "$work/message"
+  echo 'It should have been refused.'
+  exit 1
+fi
+grep -F "The ABI is not that of $version with additions." "$work/message"
