@@ -1,4 +1,4 @@
-// What BusyBox's tool does differently.
+// What BusyBox's tool does in its own way.
 #include <cstring>
 #include <sstream>
 #include <string>

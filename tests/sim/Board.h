@@ -16,15 +16,15 @@
 using Words = std::vector<std::string>;
 
 constexpr const char* kSimulator = BOARDKIT_BOARDSIM;
-/// How root runs it without namespaces, on the machine's own network.
+/// What takes the network of the machine, in words for root.
 inline const Words kWithoutNamespaces = {"--no-namespaces", "--net", "host"};
 
-/// Nothing here may take longer, however busy the machine is.
+/// Nothing here may take longer, however loaded the machine is.
 constexpr std::chrono::seconds kLongest{60};
 
 enum class User {
   kOneself,
-  kOrdinary  // a user without rights, where root runs the tests
+  kOrdinary  // somebody without rights, where the tests are root's
 };
 
 /// How to start the simulator.
@@ -128,10 +128,10 @@ class BoardTest : public SimulatorTest {
 bool AreUserNamespacesAllowed();
 constexpr const char* kNoUserNamespaces = "User namespaces are forbidden here.";
 
-/// Cuts off the first line.
+/// Cuts the first line off.
 /// @returns whether there is a whole one.
 bool TakeLine(std::string& pending, std::string& line);
-/// The answer where no line comes.
+/// What is heard where no line comes.
 constexpr const char* kNothing = "(nothing)";
 
 std::string Contents(const std::string& path);

@@ -10,7 +10,7 @@
 
 namespace {
 
-// What is answered before anything is set up.
+// What is answered before anything is made.
 using Options = SimulatorTest;
 using OptionsOfABoard = BoardTest;
 

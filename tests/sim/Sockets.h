@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-/// The other end of a stream. No wait lasts for ever.
+/// Somebody at the other end of a stream. Nothing that is waited for takes for ever.
 class Connection {
  public:
   explicit Connection(int fd);
-  /// Connects to a UNIX socket as soon as it exists.
+  /// Calls a UNIX socket as soon as there is one.
   explicit Connection(const std::string& path);
   ~Connection();
   Connection(const Connection&) = delete;
@@ -24,11 +24,11 @@ class Connection {
   void Write(std::string_view bytes) const;
   /// What comes next, in one piece; empty if nothing does.
   std::string ReadSome(int milliseconds) const;
-  /// That many bytes, or fewer if no more come.
+  /// As many bytes; fewer if no more come.
   std::string Read(std::size_t size) const;
   /// The next line without its end; "(nothing)" at the end, or if it takes too long.
   std::string ReadLine();
-  /// Sends a command and returns the answer.
+  /// Gives a command, and takes the answer.
   std::string Ask(const std::string& command);
 
  private:
@@ -41,7 +41,7 @@ class Listener {
  public:
   /// Of the loopback address, on a port of its own: AF_INET or AF_INET6.
   explicit Listener(int family);
-  /// A UNIX socket to which every user may connect.
+  /// A UNIX socket that everybody may call.
   explicit Listener(const std::string& path);
   ~Listener();
   Listener(const Listener&) = delete;
