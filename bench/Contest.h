@@ -8,7 +8,7 @@
 /// @file
 /// How the library is compared with bare code, on a machine that does other work at the same time.
 ///
-/// Two contenders that run one after the other see different noise. Here they take turns within one run: a turn is a
+/// Two contenders that run one after the other see different noise. Here they alternate within one run: a turn is a
 /// short batch of each, then the same in the opposite order, so that a drift and the advantage of going second cancel
 /// out; the next turn begins with the other contender. Each turn gives one ratio, and the median of the ratios counts.
 /// A disturbance spoils the turn in which it falls, and spoiled turns do not move a median.

@@ -16,6 +16,7 @@ class Commands {
   using Handler = std::function<std::string(const Words& arguments)>;
 
   Commands() = default;
+  ~Commands() = default;
   Commands(const Commands&) = delete;
   Commands& operator=(const Commands&) = delete;
 

@@ -82,6 +82,7 @@ bool Run(const std::vector<std::string>& words) {
       ::dup2(nowhere.Get(), standard);
     }
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words) {
       arguments.push_back(const_cast<char*>(word.c_str()));  // NOLINT(cppcoreguidelines-pro-type-const-cast)
     }

@@ -1,5 +1,5 @@
-# GoogleTest for another architecture: built from its sources, which distributions package, for a library that is built
-# for the board is hardly ever at hand.
+# GoogleTest for another architecture: built from its sources, which distributions package, since a library built for
+# the board is hardly ever available.
 set(BOARDKIT_GTEST_SOURCE /usr/src/googletest CACHE PATH "GoogleTest's sources, for cross-building the tests")
 
 set(BUILD_GMOCK OFF)

@@ -16,7 +16,7 @@ constexpr bool kFlush = true;
 
 class Network : public testing::TestWithParam<const char*> {
  protected:
-  // The real ip makes the ground, also where the other one is first in PATH; in one call, for each takes its time.
+  // The real ip prepares the interface, even where another one is first in PATH; in one call, since each is slow.
   Network() {
     system.ExecCmd(
         "printf 'link add veth0 type veth peer name veth1\nlink set veth1 up\naddr flush dev eth0\n"

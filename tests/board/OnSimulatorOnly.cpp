@@ -1,5 +1,5 @@
-// Part of the board's tests where they are built for the developer's machine: its network and its watchdog are not
-// theirs.
+// Part of the board's tests where they are built for the developer's machine, whose network and watchdog they must not
+// use.
 #include <sys/stat.h>
 
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// Every allocation of every operation fails in turn. Whoever called must be told; a result with parts missing would
-// look like a whole one.
+// Every allocation of every operation fails in turn. The caller must be told: a result with missing parts would look
+// like a complete one.
 #include <File.h>
 #include <IpNet.h>
 #include <OpSystem.h>
@@ -34,7 +34,7 @@ namespace {
 // Long enough to need an allocation, as texts of no more than 15 characters do not.
 const std::string kMissing = "/tmp/there-is-no-file-of-this-name-here";
 
-/// What an operation came to: its result, or how it failed.
+/// How an operation ended: its result, or its failure.
 std::string OutcomeOf(const std::function<std::string()>& operation) {
   errno = 0;  // some failures tell of whatever failed before
   try {
@@ -69,7 +69,7 @@ std::size_t FailEachAllocation(const std::string& name, const std::function<std:
       EXPECT_EQ(got, outcome);
       return which;
     }
-    // A file's transfers put every failure into words of their own, so this one, too.
+    // A file's transfers reword every failure, this one included.
     const bool isTransfer = name == "FileFailedWrite" || name == "FileFailedRead";
     if (!isTold && !(isTransfer && got.rfind("std::bad_alloc", 0) == 0)) {
       ADD_FAILURE() << "nobody was told; the operation came to \"" << got << '"';
@@ -154,7 +154,7 @@ const Operation kOperations[] = {
      }},
     {"SerialPortReportInALocaleThatGroupsDigits",
      [] {
-       // Not made anew each time: how often a locale allocates is the C++ library's affair.
+       // Made once: how often a locale allocates is up to the C++ library.
        static const std::locale grouping(std::locale::classic(), new Grouping);
        const std::locale before = std::locale::global(grouping);
        std::string report;

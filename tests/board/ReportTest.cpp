@@ -28,7 +28,7 @@ serial_struct DriverOf(const char* device) {
   return driver;
 }
 
-/// What the kernel says of the driver; the interrupt's number is the kernel's choice.
+/// What the kernel reports about the driver; the kernel chooses the interrupt's number.
 std::string DriverLines(const char* device) {
   const serial_struct driver = DriverOf(device);
   std::ostringstream lines;

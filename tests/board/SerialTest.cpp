@@ -87,7 +87,7 @@ class Serial : public testing::Test {
   int m_base = tty.Driver().baud_base;
 };
 
-/// No more than a chunk is under way: less than the driver keeps, and what the other end waits for.
+/// At most one chunk is in flight: less than the driver buffers, and as much as the other end waits for.
 constexpr std::size_t kChunk = 2048;
 
 std::string WriteAndReadBack(SerialPort& port, const std::string& text) {
@@ -341,7 +341,7 @@ TEST_F(Serial, ACustomSpeedThatTheClockAllowsIsSetAndKeptOverClosing) {
   EXPECT_EQ(GetExtendedAttributes(tty.Fd()).controlFlags & ExtendedAttributes::kSpeedMask,
             ExtendedAttributes::kOtherSpeed);
 
-  // The setters go through the ordinary attributes, which have no place for it.
+  // The setters use the ordinary attributes, which cannot hold it.
   port.SetNumOfStopBits(SerialPort::STOP_BITS_2);
   port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
   port.SetBaudRate(SerialPort::BAUD_19200);
@@ -378,7 +378,7 @@ TEST_F(Serial, AMebibyteReachesTheOtherEndAndComesBackUnchanged) {
   SerialPort port(kDevice, true);
   port.SetBaudRate(SerialPort::BAUD_115200);
   if (const char* const trigger = std::getenv("BOARD_RX_TRIGGER")) {
-    // Since a speed below 2400 that is a single one, which for so many takes a minute.
+    // After a speed below 2400 it is 1, with which this many bytes take a minute.
     File(trigger, O_WRONLY, 0).PutString("14");
   }
   constexpr std::size_t kSize = 1048576;

@@ -23,7 +23,7 @@ GLIBCXX 3.4.29
 END
 
 "$objdump" --dynamic-syms "$library" | grep -F '*UND*' > "$work/undefined"
-# The C and C++ libraries have versions for all their symbols; what is weak need not be anywhere.
+# All symbols of the C and C++ libraries have versions; weak ones need not exist.
 if grep -v -e ' w ' -e '[ (][A-Z]*_[0-9][0-9.]*' "$work/undefined"; then
   complain 'These are neither of the C library nor of the C++ library.'
 fi

@@ -19,7 +19,7 @@ test_board() {
   local run=$1 peer=$1.peer status=0 command
   mkdir -p "$peer"
   mkfifo "$peer/line.in" "$peer/line.out"
-  # The peer keeps what it gets, and sends it back: by chunks, for the emulator is busy with each arrival anew.
+  # The peer keeps what it gets and sends it back, in chunks: each arrival costs the emulator time.
   dd bs=2048 iflag=fullblock status=none <"$peer/line.out" | tee "$peer/received" >"$peer/line.in" &
   local echoing=$!
   answer_in_memory "$peer/memory" &
@@ -51,7 +51,7 @@ test_board() {
   return "$status"
 }
 
-# answer_in_memory FILE: waits for the tests' word in the board's memory, and puts another one beside it.
+# answer_in_memory FILE: waits for the tests' word in the board's memory, and writes another one beside it.
 answer_in_memory() {
   local offset=$((0x80020000 - memory_start)) _
   for _ in {1..1200}; do

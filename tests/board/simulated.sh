@@ -11,11 +11,11 @@ if [[ ${1:-} == --gtest_list_tests ]]; then
   exec "$program" "$@"
 fi
 
-# Where ordinary users do not look, but some systems keep `ip`.
+# Not in an ordinary user's PATH, but some systems have `ip` there.
 export PATH="$PATH:/usr/sbin:/sbin"
 as_user=()
 if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
-  # In a place where he may read them, and from one where he may be.
+  # Copied to where this user may read them, and run from a folder that this user may enter.
   folder=$(mktemp -d)
   trap 'rm -rf -- "$folder"' EXIT
   chmod 755 "$folder"
@@ -27,7 +27,7 @@ if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
   program=$folder/${program##*/}
   export LD_LIBRARY_PATH=$folder
   as_user=(setpriv --reuid=65534 --regid=65534 --clear-groups)
-  # Where he may write what a build with counters has counted.
+  # Where this user may write the counters of a build for coverage.
   export GCOV_PREFIX=$folder/counts
   install -d -m 777 "$GCOV_PREFIX"
   cd /

@@ -72,7 +72,7 @@ def main(root):
         faults.extend(f'the {key} "{value}" stands there twice' for value in set(values) if values.count(value) > 1)
     faults.extend(f'"{text}" is thrown, but stands not in docs/errors.json' for text in sorted(thrown - told))
     faults.extend(f'"{text}" stands in docs/errors.json, but nobody throws it' for text in sorted(told - thrown))
-    if len(thrown) < 60:  # there are more; a reader that finds nothing would be content with everything
+    if len(thrown) < 60:  # there are more; a parser that finds nothing would accept everything
         faults.append(f"only {len(thrown)} texts were found in the sources")
     print(f"{len(errors)} errors, {len(thrown)} texts thrown")
     print("\n".join(faults))

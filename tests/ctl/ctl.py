@@ -123,7 +123,7 @@ class TestCase(unittest.TestCase):
         self.addCleanup(os.chdir, before)
 
     def own_network(self):
-        """What gives a command a network of its own."""
+        """The words that give a command a network of its own."""
         # Where user namespaces are forbidden, root's rights do.
         for words in (["unshare", "--map-root-user", "--net"], ["unshare", "--net"]):
             if works(*words, "true"):
@@ -131,7 +131,7 @@ class TestCase(unittest.TestCase):
         self.skipTest("no network of its own can be made here")
 
     def away_from_the_network(self):
-        """What keeps a command, which should not get so far, from this machine's network."""
+        """The words that keep a command off this machine's network, should it get that far."""
         try:
             return self.own_network()
         except unittest.SkipTest:
@@ -150,7 +150,7 @@ class TestCase(unittest.TestCase):
         if (is_lowered or os.geteuid() != 0) and not works(*lower, "unshare", "--map-root-user", "true"):
             self.skipTest("user namespaces are forbidden here")
         if is_lowered:
-            # From a place where he may read them.
+            # Copied to where this user may read them.
             place = pathlib.Path(self.folder) / "programs"
             if not place.exists():
                 place.mkdir(mode=0o755)

@@ -241,7 +241,7 @@ class HostileNames(TestCase):
                     self.check_nothing_ran()
 
     def test_AnAddressThatIsNoneGoesIntoNoCommand(self):
-        # An ip that lies, for no kernel does.
+        # A lying ip: no kernel reports such a thing.
         (pathlib.Path("tools")).mkdir()
         ip = pathlib.Path("tools/ip")
         ip.write_text(f"#!/bin/sh\necho '2: v0: <UP>'; echo '    link/ether 02:00:00:00:00:01 brd x'; echo '    inet 1.2.3.4;x/24 scope global v0'\n")

@@ -14,7 +14,7 @@ PORT = "/dev/ttyS1"
 class Terminal(TestCase):
     def setUp(self):
         super().setUp()
-        # A server of its own, which nobody else's sessions are in; its path must be short.
+        # A server of its own, without other sessions; its path must be short.
         place = tempfile.TemporaryDirectory(prefix="tmux")
         self.addCleanup(place.cleanup)
         self.server = ["tmux", "-f", "/dev/null", "-S", f"{place.name}/s"]

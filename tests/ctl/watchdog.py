@@ -170,7 +170,7 @@ class Watchdog(TestCase):
                                              "write magic", "close: stopped"])
 
     def test_OfADriverWithoutMagicCloseTheDeviceIsKeptOpenUntilTheReset(self):
-        # Any close would stop such a driver. There is none to be had, so what it tells of itself is changed.
+        # Any close would stop such a driver. None is available, so the test changes what the driver says of itself.
         pathlib.Path("support.c").write_text("""
             #include <linux/watchdog.h>
             #include <stdarg.h>

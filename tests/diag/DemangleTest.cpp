@@ -76,7 +76,7 @@ TEST(Demangle, LengthsOfZeroGiveEmptyNames) {
 TEST(Demangle, DigitsOfThePathCount) {
   EXPECT_EQ(Demangle("libc.so.1(_ZN1a1bEv+0x1)"), "(::a::b");
   EXPECT_EQ(Demangle("/usr/lib/libboardkit.so.0(_ZN8WatchDog4FeedEv+0x1)"), "::WatchDog::Feed");
-  // So many that the text ends first: the other ways are tried.
+  // A length beyond the text's end: the other ways are tried.
   EXPECT_EQ(Demangle("/build-2024/program(_ZN8WatchDog4FeedEv+0x1)"), "WatchDog::Feed()");
 }
 
@@ -121,7 +121,7 @@ TEST(Demangle, ANameLongerThan127CharactersIsCut) {
   EXPECT_EQ(Demangle(("p(_Z1f" + std::string(123, 'i') + "+").c_str()), expected + "int)");
   EXPECT_EQ(Demangle(("p(_Z1f" + std::string(200, 'i') + "+").c_str()), expected + "int)");
   EXPECT_EQ(Demangle(("p(_Z1f" + std::string(123, 'i') + "?+").c_str()), expected + "int)");
-  // One that would be read is none, and the cut text is the first word's.
+  // Cut off, it is no longer a symbol, and the cut text is taken as a first word.
   EXPECT_EQ(Demangle(("p(_Z1f" + std::string(122, 'i') + "?+").c_str()), "p(_Z1f" + std::string(121, 'i'));
 }
 

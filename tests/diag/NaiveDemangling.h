@@ -35,7 +35,7 @@ inline bool NestedName(const std::string& symbol, std::string& result) {
     std::size_t length = 0;
     while (i < symbol.size() && IsDigit(symbol[i])) {
       length = length * 10 + static_cast<std::size_t>(symbol[i] - '0');
-      // More than there can be stays more than there can be.
+      // Too many stays too many.
       length = length > 1000000 ? 1000000 : length;
       ++i;
     }

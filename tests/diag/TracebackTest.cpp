@@ -96,7 +96,7 @@ std::string Joined(const std::vector<std::string>& lines) {
   return text;
 }
 
-/// What comes of a stack with these symbol lines, the first of which is that of Traceback itself.
+/// The traceback of a stack with these symbol lines; the first is Traceback's own.
 std::string TracebackOf(const std::vector<std::string>& lines, int skip) {
   ScriptedKernel kernel;
   const auto count = static_cast<long>(lines.size());
@@ -348,7 +348,7 @@ TEST(RealStack, ASharedObjectsFunctionIsShown) {
 
 }  // namespace
 
-/// The lines of this program's frames begin with what it was called, whose digits would count: it gets a name without.
+/// The lines of this program's frames begin with its name, whose digits would count: so it gets one without digits.
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   std::string name = "diag-tests";

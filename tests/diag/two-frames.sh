@@ -56,7 +56,7 @@ check() {
 }
 
 levels='-O0 -O1 -O2 -O3 -Os -Og -Ofast'
-# One that not every compiler knows.
+# Not every compiler knows this one.
 if "$cxx" -Oz -fsyntax-only library.cpp -I. -std=c++17 2> messages; then
   levels="$levels -Oz"
 else

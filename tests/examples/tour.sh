@@ -71,7 +71,7 @@ expect page \
   "valley::LookUp" \
   "valley::Descend repeats 3 times!" \
   "That was all of it, and all went well."
-# What a terminal would be told is noise here, and so is a line that it would break.
+# Control sequences for terminals are noise here, and so are lines wider than a terminal.
 expect_not page "$escape"
 expect_not page "$(printf '\r')"
 expect_narrow page

@@ -74,7 +74,7 @@ class FileTest : public testing::Test {
   FileTest() {
     std::string folder = std::filesystem::temp_directory_path() / "file-test-XXXXXX";
     EXPECT_NE(::mkdtemp(folder.data()), nullptr);
-    // What the kernel calls it, should there be a link on the way.
+    // The kernel's name for it, in case there is a link in the path.
     m_folder = std::filesystem::canonical(folder);
   }
   ~FileTest() override {
@@ -252,7 +252,7 @@ TEST_F(FileAdopting, EveryKindOfFileHasAName) {
   const int fd = ::open(deleted.c_str(), O_RDONLY);
   std::filesystem::remove(deleted);
 
-  // The name is seen in a failure: none of them can be sought, nor the deleted one to before its start.
+  // A failure shows the name: none of these can seek, and the deleted one cannot seek before its start.
   struct Named {
     int fd;
     std::string beginning;  // of its name
@@ -742,7 +742,7 @@ TEST_F(FileExists, AFileWithoutReadPermissionDoesNotExist) {
   ASSERT_EQ(::chmod(path.c_str(), 0), 0);
   std::filesystem::permissions(std::filesystem::path(path).parent_path(), std::filesystem::perms::all);
 
-  // In a process of its own: root, who may read everything, has to become somebody else.
+  // In a process of its own: root may read everything, so it has to become another user.
   const pid_t child = ::fork();
   if (child == 0) {
     constexpr uid_t kNobody = 65534;
@@ -885,10 +885,10 @@ TEST_F(FileIoctl, TheThirdArgumentIsTheListOfArgumentsItself) {
   EXPECT_EQ(file.Ioctl(TIOCMSET, &bits), 0);
 
 #ifdef __x86_64__
-  // It begins with the bytes of the registers that are used up: by the object's address and the request.
+  // It begins with the number of register bytes in use: those of the object's address and of the request.
   const unsigned int expected = 2 * sizeof(long);
 #else
-  // It is no more than the address of the first argument, which is an address itself.
+  // It is just the address of the first argument, which is itself an address.
   const auto expected = reinterpret_cast<std::uintptr_t>(&bits);
 #endif
   std::ostringstream call;
@@ -949,7 +949,7 @@ TEST_F(FileIoctl, ANumberThatIsGivenDoesNotReachTheKernel) {
   const File other(master);
   ASSERT_EQ(::ioctl(slave, TCFLSH, 0), 0);
 
-  // The address of the list is the number of no queue.
+  // No queue has the address of the list as its number.
   EXPECT_SYSTEM_ERROR(terminal.Ioctl(TCFLSH, 0), EINVAL, filetext::IoctlFailed(name.data()));
 }
 

@@ -1,4 +1,4 @@
-// What IpNet runs, to the byte, and what it makes of the answers: against a scripted `ip` first in PATH.
+// What IpNet runs, byte for byte, and how it reads the answers: with a scripted `ip` first in PATH.
 
 #include <cerrno>
 #include <climits>

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// The rules of IpNet's parsing stated a second time, character by character and with no eye on speed, as the reference
-/// for generated texts.
+/// The rules of IpNet's parsing stated a second time, character by character and without regard to speed, as the
+/// reference for generated texts.
 namespace naive {
 
 constexpr unsigned int kMiss = 4294967295U;

@@ -48,7 +48,7 @@ std::ostream& operator<<(std::ostream& out, const Family& family);
 ///
 /// The network has lo and two pairs of virtual Ethernet interfaces, eth0 with peer0 and eth1 with peer1, all of them up
 /// and without addresses; eth0 has the hardware address 02:00:00:00:00:01. Addresses are usable at once: the kernel
-/// does not look for duplicates. Whatever the library is given, the tests set up and look with iproute2's tool.
+/// does not look for duplicates. Whichever tool the library uses, the tests prepare and inspect with iproute2's.
 class RealIpTest : public testing::Test {
  protected:
   static constexpr const char* kMac = "02:00:00:00:00:01";

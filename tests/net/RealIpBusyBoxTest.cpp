@@ -1,4 +1,4 @@
-// What BusyBox's tool does in its own way.
+// What BusyBox's tool does differently.
 #include <cstring>
 #include <sstream>
 #include <string>

@@ -1,4 +1,4 @@
-// The library on the real kernel, with both the tools that boards have: what it returns and what the kernel has then.
+// The library on the real kernel, with both tools that boards have: what it returns, and the kernel's state afterwards.
 #include <unistd.h>
 
 #include <filesystem>
@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(With, RealIpFamily,
                                   testing::PrintToString(std::get<Family>(test.param));
                          });
 
-/// With iproute2's tool alone: what the other one does not show or does not know.
+/// With iproute2's tool alone: what the other one does not show or support.
 class RealIpRoute2 : public RealIpTest {
  protected:
   RealIpRoute2() : RealIpTest(Tool::kIpRoute2) {}
@@ -888,7 +888,7 @@ TEST_F(RealIpRoute2, AFailingDeletionBeforeASucceedingAdditionGoesUnreportedExce
 }
 
 TEST_P(RealIp, AnIpV6DefaultRouteOfASmallerMetricHidesTheOneThatIsSet) {
-  // Both as a router's announcement and a static setting make them: the announced route is listed first.
+  // One from a router's announcement and one set statically: the announced route is listed first.
   Ip("-6 route add default via fe80::1 dev eth0 metric 50");
   Ip("-6 route add default via fe80::2 dev eth0 metric 1024");
 

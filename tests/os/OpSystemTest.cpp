@@ -165,7 +165,7 @@ TEST_F(ExecCmd, AnErrorWhileReadingEndsTheOutputLikeItsEnd) {
 
   constexpr itimerval kNever = {{0, 0}, {0, 0}};
   ASSERT_EQ(::setitimer(ITIMER_REAL, &kNever, nullptr), 0);
-  // Not back to the default action: on a busy machine a last signal is still on its way, and would end the tests.
+  // Not back to the default action: on a busy machine a last signal may still arrive, and would end the tests.
   action.sa_handler = SIG_IGN;
   ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
 }

@@ -1,5 +1,5 @@
-// A program may put functions of its own in the place of the library's: those of its own name are called, also by the
-// library itself. Whoever watches the library from outside counts on it.
+// A program may define functions with the names of the library's: its own are then called, by the library too. Tools
+// that watch the library from outside rely on that.
 #include <File.h>
 #include <IpNet.h>
 #include <OpSystem.h>

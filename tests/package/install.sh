@@ -44,5 +44,5 @@ if configure -S "$source" -B "$work/of\$great" $only_library >"$work/message" 2>
   echo 'It should have been refused.'
   exit 1
 fi
-# CMake breaks its lines where the length of the path has it.
+# Where CMake breaks its lines depends on the path's length.
 tr -s ' \n' ' ' <"$work/message" | grep -o 'has a dollar sign'

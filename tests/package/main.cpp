@@ -24,7 +24,7 @@ void Check(bool condition, const char* what) {
   }
 }
 
-/// What @p action throws; the types and texts must get across the border of the shared object.
+/// What @p action throws; types and texts must survive the way out of the shared object.
 template <typename Exception, typename Action>
 std::string Thrown(Action action) {
   try {

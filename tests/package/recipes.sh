@@ -42,7 +42,7 @@ options=$(grep -ho 'DBOARDKIT_[A-Z]*' "$recipe" packaging/buildroot/package/boar
 for option in $options; do
   grep -q "option(${option#D} " CMakeLists.txt || complain "There is no option ${option#D}."
 done
-# What buildroot's own checks look at first.
+# What Buildroot's own checker complains about first.
 if grep -nE '[[:blank:]]$' -r packaging; then complain 'These lines end in blanks.'; fi
 awk 'length($0) > 80 { print FILENAME ": " $0; long = 1 } END { exit long }' packaging/buildroot/package/boardkit/[Cb]*[nk] ||
   complain 'These lines are too long.'

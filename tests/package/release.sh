@@ -1,5 +1,5 @@
 #!/bin/sh
-# Tells scripts/release to release what cannot be released, and looks whether it says all of why.
+# Asks scripts/release for releases that are impossible, and checks that it gives every reason.
 # Usage: release.sh SOURCE_DIR VERSION
 set -eu
 version=$2

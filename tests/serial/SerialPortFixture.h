@@ -37,8 +37,7 @@ class SerialTtyTest : public testing::Test {
   SerialTty m_tty;
 };
 
-/// Expects that @p statement changes nothing and fails for want of an open port, with the errno that happens to be
-/// there.
+/// Expects that @p statement changes nothing and fails because no port is open, with whatever errno was set before.
 #define EXPECT_NOT_OPEN(statement)                               \
   do {                                                           \
     errno = EXDEV;                                               \

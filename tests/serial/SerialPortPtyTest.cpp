@@ -88,7 +88,7 @@ TEST_F(PtyPort, OpeningMakesTheLineRawWithEightBits) {
   EXPECT_EQ(raw.c_cc[VTIME], 0);
 }
 
-// Eight bits without parity are all that a pseudo-terminal takes; some C libraries look whether it did.
+// A pseudo-terminal accepts only eight bits without parity, and some C libraries check.
 TEST_F(PtyPort, OpenAppliesItsSettings) {
   SerialPort port(m_line.Device(), true);
   port.Close();

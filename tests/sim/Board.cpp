@@ -59,7 +59,8 @@ void EnterMountNamespace() {
   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
 }
 
-/// Root's programs would reach the machine's own devices if the simulator did not answer. That is to be seen, not felt.
+/// Root's programs would reach the machine's own devices if the simulator did not answer: a test must show that, and
+/// the machine must not suffer from it.
 void HideDevices() {
   EnterMountNamespace();
   for (const char* device : {"/dev/mem", "/dev/watchdog", "/dev/watchdog0", "/dev/ttyS1"}) {
@@ -81,7 +82,7 @@ void HideDevices() {
   if (::geteuid() == 0 && !start.options.empty() && start.options.front() == "--no-namespaces") {
     HideDevices();
   }
-  // The numbers of descriptors are told and compared: none is to come from whoever runs the tests.
+  // Descriptor numbers are printed and compared, so none may be inherited from the caller of the tests.
   ::syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, 0);
   for (const std::string& variable : start.environment) {
     ::putenv(::strdup(variable.c_str()));
@@ -230,7 +231,7 @@ SimulatorTest::SimulatorTest() : m_folder(testing::TempDir() + "boardsim-test-XX
   EXPECT_EQ(::mkdir(Temporary().c_str(), 0777), 0);
   // For the ordinary user.
   EXPECT_EQ(::chmod(m_folder.c_str(), 0777) | ::chmod(Temporary().c_str(), 0777), 0);
-  // Whatever outlives a simulator becomes a child of this process and is found.
+  // Whatever outlives a simulator becomes a child of this process, which finds it.
   EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
   m_mounts = OwnMounts();
 }

@@ -16,15 +16,15 @@
 using Words = std::vector<std::string>;
 
 constexpr const char* kSimulator = BOARDKIT_BOARDSIM;
-/// What takes the network of the machine, in words for root.
+/// How root runs it without namespaces, on the machine's own network.
 inline const Words kWithoutNamespaces = {"--no-namespaces", "--net", "host"};
 
-/// Nothing here may take longer, however loaded the machine is.
+/// Nothing here may take longer, however busy the machine is.
 constexpr std::chrono::seconds kLongest{60};
 
 enum class User {
   kOneself,
-  kOrdinary  // somebody without rights, where the tests are root's
+  kOrdinary  // a user without rights, where root runs the tests
 };
 
 /// How to start the simulator.
@@ -128,10 +128,10 @@ class BoardTest : public SimulatorTest {
 bool AreUserNamespacesAllowed();
 constexpr const char* kNoUserNamespaces = "User namespaces are forbidden here.";
 
-/// Cuts the first line off.
+/// Cuts off the first line.
 /// @returns whether there is a whole one.
 bool TakeLine(std::string& pending, std::string& line);
-/// What is heard where no line comes.
+/// The answer where no line comes.
 constexpr const char* kNothing = "(nothing)";
 
 std::string Contents(const std::string& path);

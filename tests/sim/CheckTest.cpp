@@ -22,7 +22,7 @@ constexpr const char* kCallsAndOpens =
     "  yes  to keep signals from interrupting these calls\n"
     "  yes  to answer opens with devices, where it gets no /dev of its own\n";
 
-/// A shell's words that run the ones behind them where no more user namespaces can be made, without root's rights.
+/// Shell words that run what follows where no further user namespaces can be made, without root's rights.
 std::string WhereNamespacesAreForbidden() {
   return "exec unshare --user --map-root-user sh -c 'echo 0 >/proc/sys/user/max_user_namespaces; "
          "exec setpriv --bounding-set=-all --inh-caps=-all \"$@\"' sh ";

@@ -26,7 +26,7 @@ class Completion : public SimulatorTest {
                  "'source " +
                  File("boardsim.fish") + "; complete -C \"boardsim " + words + "\"' 2>&1 | cut -f 1");
   }
-  /// What the key for completion makes of a line. Zsh completes on a terminal only; another key shows the line.
+  /// A line after the completion key. Zsh completes only on a terminal; another key shows the line.
   std::string InZsh(const std::string& line) {
     Shell("cat >" + Path(".zshrc") + " <<'END'\nPS1=; fpath=(" + std::string(BOARDKIT_COMPLETIONS) +
           " $fpath); autoload -Uz compinit; compinit -u -D\n"

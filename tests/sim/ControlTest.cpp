@@ -192,7 +192,7 @@ TEST_F(Control, CommandsComeInPiecesOrTogetherAndFromSeveral) {
   EXPECT_EQ(client->ReadLine(), "ok RTS DTR CTS DSR CD OUT2");
   EXPECT_EQ(client->ReadLine(), "ok 0x13");
   {
-    // One who goes in the middle of a word, and one who does not wait for the answer.
+    // One client leaves in the middle of a word, another one does not wait for the answer.
     const Connection third(Path("control"));
     third.Write("lines /dev/tty");
     const Connection fourth(Path("control"));

@@ -66,7 +66,7 @@ class FarEnd : public BoardTest {
       return ::ioctl(peer->Get(), SIOCOUTQ, &waiting) == 0 && waiting == 0;
     });
   }
-  /// Whether the simulator works all the time. It gets but a part of it on a loaded machine.
+  /// Whether the simulator is busy all the time. On a loaded machine it gets only a share of that time.
   bool IsBusy() const {
     const long before = TicksOf(board->Process());
     ::usleep(1000000);
@@ -198,7 +198,7 @@ TEST_F(FarEnd, OneThatGoesTakesItsModemLinesWithIt) {
   peer->Close();
   EXPECT_EQ(board->Ask("read 3"), "got last words");
   EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x4006"; }));
-  // Nobody hears it, and nothing fails.
+  // Nobody receives it, and nothing fails.
   EXPECT_EQ(board->Ask("write 3 hello"), "ok");
   EXPECT_EQ(board->Ask("lines 3"), "0x4006");
   EXPECT_EQ(board->Finish().status, 0);
@@ -217,7 +217,7 @@ TEST_F(FarEnd, OneThatDoesNotReadHoldsTheProgramUpAndNothingIsLost) {
   Connect({}, {"flood"});
   ExpectFlood();
   EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
-  // Then it hears again.
+  // Then it receives again.
   EXPECT_EQ(board->Ask("write 3 again"), "ok");
   EXPECT_EQ(peer->Read(5), "again");
   EXPECT_EQ(board->Finish().status, 0);
@@ -270,7 +270,7 @@ TEST_F(FarEnd, WhatComesWhileThePortIsHungUpIsTakenAndLost) {
 TEST_F(FarEnd, WhereNothingCanMoveNoTimeIsSpent) {
   Connect({"--control", Path("control")});
   Connection client(Path("control"));
-  // The program does not read, and whoever is at the far end has sent all that he can.
+  // The program does not read, and the far end has sent as much as it can.
   const std::string piece(4096, 'x');
   EXPECT_TRUE(Eventually([&] {
     while (::send(peer->Get(), piece.data(), piece.size(), MSG_DONTWAIT) > 0) {

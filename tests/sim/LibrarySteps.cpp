@@ -97,7 +97,7 @@ void Loop() {
   port.Close();  // with the loop on
 }
 
-/// Asks, and sends back what comes: one half direct, one half through the buffer.
+/// Asks, and echoes the answer: one half directly, one half through the buffer.
 void Converse() {
   SerialPort port(kPort, true);
   port.SetBaudRate(SerialPort::BAUD_115200);
@@ -169,7 +169,7 @@ void WatchdogFed() {
   // The destructors have one of them to stop.
 }
 
-/// Whether there is a machine of that address: it says that nobody listens.
+/// Whether a machine has that address: it answers that nobody listens.
 bool Answers(const char* address, int family) {
   constexpr int kDiscard = 9;
   sockaddr_in to4{};
@@ -229,7 +229,7 @@ void Network() {
   Tell("nosuch0", [&] { net.SetAddr("nosuch0", "192.0.2.10", 24, kIpV4, kNoFlush); });
 }
 
-/// A word to whoever looks at the memory from outside, and his answer.
+/// A word for whoever reads the memory from outside, and the answer.
 void Memory() {
   WriteToPhysicalMemoryAddress(kWord, 0x5EED1E55);
   while (ReadFromPhysicalMemoryAddress(kWord + 4) == 0) {

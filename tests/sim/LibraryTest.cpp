@@ -1,5 +1,5 @@
-// The library on the simulated board: what it tells its caller, what arrives at the far ends, and all that the board's
-// log has of it, in order, compared with what was asked.
+// The library on the simulated board: what it returns, what arrives at the far ends, and the board's whole log in
+// order, compared with what was asked for.
 #include <unistd.h>
 
 #include <cstdlib>
@@ -76,7 +76,7 @@ void ExpectSame(const Lines& log, const Lines& expected) {
   EXPECT_EQ(text(log), text(expected));
 }
 
-/// One run of the simulator, by the user who runs the tests, or by an ordinary one; he may be the same.
+/// One run of the simulator, by the user who runs the tests or by an ordinary user (who may be the same).
 class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> {
  protected:
   void SetUp() override {
@@ -87,7 +87,7 @@ class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> 
     if (GetParam() == User::kOrdinary && !AreUserNamespacesAllowed()) {
       GTEST_SKIP() << kNoUserNamespaces;
     }
-    // Where ordinary users do not look, but some systems keep `ip`.
+    // Not in an ordinary user's PATH, but some systems have `ip` there.
     ::setenv("PATH", (std::string(std::getenv("PATH")) + ":/usr/sbin:/sbin").c_str(), 1);
   }
 
@@ -98,7 +98,7 @@ class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> 
     start.command = command;
     start.user = GetParam();
     if (GetParam() == User::kOrdinary) {
-      // He may not look where it was built.
+      // This user may not read the build folder.
       for (const auto& file : std::filesystem::directory_iterator(BOARDKIT_LIBRARY_FOLDER)) {
         if (file.path().filename().string().rfind("libboardkit.so.", 0) == 0) {
           Shared(file.path());
@@ -120,7 +120,7 @@ class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> 
     return Finish();
   }
 
-  /// A step that ends well and without complaints.
+  /// A step that succeeds and prints no complaint.
   void RunStep(const Lines& options, const Lines& step) {
     EXPECT_EQ(RunWithLog(options, Lines{kSteps} + step), 0);
     EXPECT_EQ(Errors(), "");
@@ -149,7 +149,7 @@ class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> 
     }
     return lines;
   }
-  /// What comes before a reset, which is told with this account of it, and ends everything.
+  /// What comes before a reset, which is logged with these words and ends everything.
   Lines LogBeforeReset(const std::string& account) const {
     Lines log = Log();
     if (log.size() < 2) {
@@ -267,7 +267,7 @@ TEST_P(LibraryOnSim, AHangUpEndsTheWaitingAndThePortCanNotBeClosedAnyMore) {
 constexpr const char* kInfo =
     "\nFlowcontrol: Hardware\nBaud Base:     3906250\nFIFO Size:     64\nFlags:       0x10000040\n";
 
-/// What a report asks for, and how it makes the line what it was.
+/// What a report asks for, and how it restores the line.
 Lines Reporting(unsigned int speed, unsigned int code) {
   return Lines{"TIOCGSERIAL"} + Closing("0x4006") + kOpening +
          Lines{Settings(speed, kRaw | code), Settings(speed, kRaw | code), Settings(speed, kRaw | code),

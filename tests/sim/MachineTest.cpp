@@ -42,7 +42,7 @@ class Machine : public BoardTest {
 constexpr const char* kNodes = "null zero full random urandom tty";
 
 TEST_F(Machine, TheNodesThatTheBoardSharesWithItKeepTheirOwnersRightsAndTimes) {
-  // A /dev whose nodes are files, of which nobody is afraid.
+  // A /dev whose nodes are plain files, so that nothing can be harmed.
   const std::string script =
       "mount -t tmpfs nodes /dev && cd /dev && for node in $2; do echo >$node; chmod 640 $node; "
       "touch -d @1000000 $node; done; stat -c '%n %a %u %g %Y %s' * >\"$3/before\"; "
@@ -122,7 +122,7 @@ TEST_F(Machine, ItsNetworkIsNotTheBoardsToChange) {
   }
 }
 
-/// Those of Linux that are over what all share, by their numbers: sys_admin, sys_module, sys_rawio, sys_time, mknod.
+/// The capabilities, by number, over what all share: sys_admin, sys_module, sys_rawio, sys_time, mknod.
 constexpr unsigned long kOverMachine = 1UL << 21 | 1UL << 16 | 1UL << 17 | 1UL << 25 | 1UL << 27;
 constexpr unsigned long kOverNetwork = 1UL << 12;
 

@@ -93,7 +93,7 @@ TEST_F(Network, WithNoneThereIsNothingButLoWhichIsUp) {
 TEST_F(Network, WithHostItIsTheMachines) {
   EXPECT_EQ(InShell({"--net", "host"}, "ip -o link | cut -d ' ' -f 2"), Shell("ip -o link | cut -d ' ' -f 2"));
   EXPECT_EQ(InShell(kWithoutNamespaces, "ip -o link | cut -d ' ' -f 2"), Shell("ip -o link | cut -d ' ' -f 2"));
-  // But nobody in there may change it, not even its own user, who is somebody else to the machine.
+  // But nobody in there may change it, not even its owner, who is another user in there.
   EXPECT_NE(Run({"--net", "host"}, {"ip", "link", "set", "lo", "mtu", "1280"}).status, 0);
 }
 
@@ -130,7 +130,7 @@ TEST_F(Network, WithoutNamespacesThereIsNoneOfItsOwn) {
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
 }
 
-/// The folders in which there could be an `ip` are empty, or not looked into.
+/// The folders that could have an `ip` are empty or not in PATH.
 Start WithoutIp(const Words& options) {
   Start start;
   start.options = options;

@@ -10,7 +10,7 @@
 
 namespace {
 
-// What is answered before anything is made.
+// What is answered before anything is set up.
 using Options = SimulatorTest;
 using OptionsOfABoard = BoardTest;
 

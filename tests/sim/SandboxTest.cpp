@@ -17,7 +17,7 @@ namespace {
 
 using Sandbox = BoardTest;
 
-/// Each test of these is about both ways to run.
+/// These tests run in both ways.
 class EitherWay : public BoardTest, public testing::WithParamInterface<bool> {
  protected:
   static Words Way() {
@@ -59,7 +59,7 @@ TEST_P(EitherWay, StandardDescriptorsThatAreClosedAreNobodysElse) {
       }
     };
     EXPECT_EQ(Run(start).status, 86);
-    // What is said on standard error gets nowhere then, least of all into files that were opened later.
+    // Messages to standard error are lost then, and must not end up in files that were opened later.
     EXPECT_EQ(Contents(Path("log")).find("boardsim: "), std::string::npos);
   }
 }
@@ -110,7 +110,7 @@ TEST_P(EitherWay, WhatAShellWritesGoesToTheDeviceAndMakesNoFile) {
       Run(Way() + Words{"--tty", "/dev/ttyS1=exec:cat >" + Path("sent")}, {"sh", "-c", "echo hello >/dev/ttyS1"});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");
-  // A port that nobody has set up yet does what a terminal does with the end of a line.
+  // A port that has not been set up yet treats ends of lines as a terminal does.
   EXPECT_EQ(Contents(Path("sent")), "hello\r\n");
 }
 

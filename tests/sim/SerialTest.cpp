@@ -41,7 +41,7 @@ TEST_F(Serial, ASignalDoesNotInterruptARequestThatHasReachedTheSimulator) {
   }
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     SCOPED_TRACE(testing::PrintToString(options));
-    // A log that nobody reads holds the simulator up in the middle of a request.
+    // A log that nobody reads blocks the simulator in the middle of a request.
     ASSERT_EQ(::mkfifo(Path("log").c_str(), 0666), 0);
     const int log = ::open(Path("log").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const auto board = Boot(options + Words{"--log", Path("log")}, {kProbe, "held-up"});

@@ -6,11 +6,11 @@
 #include <string>
 #include <string_view>
 
-/// Somebody at the other end of a stream. Nothing that is waited for takes for ever.
+/// The other end of a stream. No wait lasts for ever.
 class Connection {
  public:
   explicit Connection(int fd);
-  /// Calls a UNIX socket as soon as there is one.
+  /// Connects to a UNIX socket as soon as it exists.
   explicit Connection(const std::string& path);
   ~Connection();
   Connection(const Connection&) = delete;
@@ -24,11 +24,11 @@ class Connection {
   void Write(std::string_view bytes) const;
   /// What comes next, in one piece; empty if nothing does.
   std::string ReadSome(int milliseconds) const;
-  /// As many bytes; fewer if no more come.
+  /// That many bytes, or fewer if no more come.
   std::string Read(std::size_t size) const;
   /// The next line without its end; "(nothing)" at the end, or if it takes too long.
   std::string ReadLine();
-  /// Gives a command, and takes the answer.
+  /// Sends a command and returns the answer.
   std::string Ask(const std::string& command);
 
  private:
@@ -41,7 +41,7 @@ class Listener {
  public:
   /// Of the loopback address, on a port of its own: AF_INET or AF_INET6.
   explicit Listener(int family);
-  /// A UNIX socket that everybody may call.
+  /// A UNIX socket to which every user may connect.
   explicit Listener(const std::string& path);
   ~Listener();
   Listener(const Listener&) = delete;

@@ -160,7 +160,7 @@ TEST_F(Watchdog, APretimeoutIsLoggedBeforeTheReset) {
 }
 
 TEST_F(Watchdog, ThePortAndMemoryAreNoneOfIt) {
-  // Requests of a watchdog on a port go to the kernel, which knows no such thing.
+  // A watchdog's requests on a port go to the kernel, which does not know them there.
   const auto board = Boot({}, {kProbe, "talk"});
   EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
   EXPECT_EQ(board->Ask("timeout 3"), Failed(ENOTTY));

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs programs of others on the simulated board, as they come: foreign-programs.sh BOARDSIM
+# Runs other projects' programs, unchanged, on the simulated board: foreign-programs.sh BOARDSIM
 #
 # Each line of the output is a program that works there. The first one that does not ends it.
 # shellcheck disable=SC2016 # what stands in quotes is for the board's own shell

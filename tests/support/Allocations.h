@@ -6,7 +6,7 @@
 /// Guards that look at, or meddle with, what operator new does in the whole process while they live. A test executable
 /// that uses them is built with Allocations.cpp, which replaces it.
 
-/// The bytes that the C library has handed out to anybody and not got back; 0 where it does not count them, as under
+/// The bytes that the C library has allocated and that are not freed yet; 0 where it does not count them, as under
 /// sanitizers and memcheck, which look for leaks themselves.
 long long AllocatedBytes();
 

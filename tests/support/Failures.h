@@ -6,7 +6,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
-/// What the assertions in @p action, in whatever thread, say as they fail: one text, for which the test does not.
+/// The messages of the failing assertions in @p action, in any thread, as one text; the test itself does not fail.
 template <typename Action>
 std::string FailuresOf(const Action& action) {
   testing::TestPartResultArray results;

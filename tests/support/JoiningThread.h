@@ -8,7 +8,7 @@
 /// joined whichever way the test is left. A broken pipe is an error there, never a signal.
 class JoiningThread {
  public:
-  /// @param release ends what @p work may wait for, where a test is left before it has called Join().
+  /// @param release ends what @p work may be waiting for, if the test is left before it calls Join().
   explicit JoiningThread(const std::function<void()>& work, std::function<void()> release = {});
   ~JoiningThread();
   JoiningThread(const JoiningThread&) = delete;

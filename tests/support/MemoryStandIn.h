@@ -9,7 +9,7 @@
 /// /dev/mem.
 class MemoryStandIn {
  public:
-  static constexpr int kFd = 71;  // what it is opened on: no descriptor that anybody else gets
+  static constexpr int kFd = 71;  // its descriptor, which nothing else gets
 
   MemoryStandIn();
   ~MemoryStandIn();

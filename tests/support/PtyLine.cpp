@@ -33,7 +33,7 @@ int BytesWaiting(int fd) {
 PtyLine::PtyLine() : m_farEnd(::posix_openpt(O_RDWR | O_NOCTTY)), m_givenUp(::eventfd(0, 0)) {
   EXPECT_NE(m_farEnd, -1) << std::strerror(errno);
   EXPECT_NE(m_givenUp, -1) << std::strerror(errno);
-  // So that nobody waits in a transfer, where giving up would not be seen.
+  // So that nothing blocks in a transfer, where giving up would go unnoticed.
   EXPECT_EQ(::fcntl(m_farEnd, F_SETFL, O_NONBLOCK), 0);
   EXPECT_EQ(::grantpt(m_farEnd), 0);
   EXPECT_EQ(::unlockpt(m_farEnd), 0);

@@ -195,7 +195,7 @@ ssize_t write(int fd, const void* data, size_t count) {
   if (activeKernel == nullptr) {
     return real(fd, data, count);
   }
-  // Enormous counts are about the count alone: there is no such buffer.
+  // Enormous counts test the count alone: there is no such buffer.
   constexpr size_t kMostShown = 1U << 24U;
   const bool isShown = count <= kMostShown;
   const std::string bytes(static_cast<const char*>(data), isShown ? count : 0);

@@ -50,7 +50,7 @@ Answer Fills(const Value& value) {
 ///
 /// The test executable defines the functions itself (the linker prefers an executable's definition to a library's), so
 /// the tested code has no seam. A function without a script is answered by the C library. A scripted one that is called
-/// more often than there are answers fails the test, unless there is a simulation to go on with.
+/// more often than there are answers fails the test, unless a simulation takes over.
 ///
 /// The requests of ioctl() have names of their own: "TIOCMSET" and "TIOCMSET(7, 0x2)".
 ///

@@ -39,14 +39,14 @@ std::string Hexadecimal(unsigned long long number) {
   return text.str();
 }
 
-/// Nothing but physical memory is opened meanwhile, and no descriptor may be left.
+/// Only physical memory is opened meanwhile, and no descriptor may leak.
 class PhysicalMemory : public testing::Test {
  protected:
   PhysicalMemory() {
     m_kernel.Simulate("open", [this](const Question& question) {
       return question.bytes == "/dev/mem" ? m_memory.Open() : Fails(ENOENT);
     });
-    // Behind the answers of a script, the C library's.
+    // Once a script's answers are used up, the C library answers.
     for (const char* function : {"mmap", "munmap", "close"}) {
       m_kernel.Simulate(function, [](const Question&) { return Real(); });
     }
@@ -219,7 +219,7 @@ TEST_F(PhysicalMemory, ThreadsDoNotDisturbEachOther) {
 }
 
 TEST(RealPhysicalMemory, IsOutOfReachWithoutPrivilege) {
-  // In a process of its own, which gives its privileges up.
+  // In a process of its own, which drops its privileges.
   const pid_t child = ::fork();
   if (child == 0) {
     constexpr uid_t kNobody = 65534;
@@ -324,7 +324,7 @@ TEST(MunmapA, UnmapsAndReturnsTheResult) {
   EXPECT_EQ(munmap_a(mapping, 3 * pageSize), 0);
 
   EXPECT_EQ(kernel.Seen(), (Calls{"munmap(" + Hexadecimal(3ULL * pageSize) + ")"}));
-  // What is free can be had again.
+  // What was released can be mapped again.
   EXPECT_EQ(::mmap(mapping, 3 * pageSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0),
             mapping);
   EXPECT_EQ(::munmap(mapping, 3 * pageSize), 0);

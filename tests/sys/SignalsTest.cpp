@@ -36,7 +36,7 @@ using Calls = ScriptedKernel::Calls;
 
 constexpr int kRestorer = 0x04000000;  // a flag that some C libraries add for themselves
 
-/// What the handler was told, the last time.
+/// What the handler was last called with.
 std::atomic<int> handledCount{0};
 std::atomic<int> handledSignal{0};
 std::atomic<int> handledInInformation{0};
@@ -67,7 +67,7 @@ class Signals : public testing::Test {
     handledCount = 0;
   }
   ~Signals() override {
-    // What is still pending goes nowhere.
+    // Pending signals are discarded.
     for (const int signal : kUsed) {
       ::signal(signal, SIG_IGN);
     }
@@ -209,7 +209,7 @@ TEST_F(InstallingAHandler, AnInterruptedReadGoesOn) {
   const pthread_t reader = ::pthread_self();
   JoiningThread sender([&] {
     for (int i = 1; i <= 3; ++i) {
-      // Most likely the reader waits by now; if not, the signal comes before, which proves less and breaks nothing.
+      // The reader most likely waits by now. If not, the signal comes too early: that proves less, but breaks nothing.
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       ::pthread_kill(reader, SIGUSR1);
       while (handledCount != i) {
@@ -404,7 +404,7 @@ TEST(LinuxGetThreadId, IsTheProcessIdInTheMainThreadAndAnotherOneInEveryOther) {
   std::promise<void> go;
   const std::shared_future<void> allow = go.get_future().share();
   for (std::promise<int>& promise : found) {
-    // All live at once: the kernel gives numbers of dead threads again.
+    // All are alive at once, since the kernel reuses the numbers of dead threads.
     threads.emplace_back([&promise, allow] {
       const int id = LinuxGetThreadId();
       EXPECT_EQ(id, static_cast<int>(::syscall(SYS_gettid)));

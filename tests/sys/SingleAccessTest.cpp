@@ -2,8 +2,8 @@
 //
 // The word lies on pages that nobody may touch. Each touch is a SIGSEGV, which tells its address; the page is then
 // opened for a single step of the processor and closed again by the SIGTRAP behind it. So completed steps are accesses,
-// and the touched pages tell where an access begins and ends. A program of its own, since no checker that runs
-// instructions itself can do such steps.
+// and the touched pages tell where an access begins and ends. A program of its own, since checkers that emulate
+// instructions cannot single-step.
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -45,7 +45,7 @@ void OnTouch(int, siginfo_t* information, void* context) {
   }
   touches[static_cast<std::size_t>(touched)] = offset;
   touched = touched + 1;
-  // One page at a time, so that an access that touches both is seen to.
+  // One page at a time, so that an access that touches both shows.
   ::mprotect(pages + offset / kPage * kPage, kPage, PROT_READ | PROT_WRITE);
   static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL] |= kSingleStep;
 }

@@ -9,7 +9,7 @@ __attribute__((visibility("default"))) int boardkit_test_function() {
 __attribute__((visibility("default"))) int boardkit_test_variable = 7;
 }
 
-// A symbol that is there and whose value is null: no compiler makes one.
+// A symbol that exists and whose value is null: compilers do not produce one.
 __asm__(
     ".globl boardkit_test_null\n"
     ".set boardkit_test_null, 0\n");

@@ -51,7 +51,7 @@ class WatchDogTest : public testing::Test {
     m_kernel.Watch("ioctl");
   }
 
-  /// Ends @p dog without a trace in what is seen.
+  /// Ends @p dog without leaving a trace in the recorded calls.
   void Stop(WatchDog& dog) {
     dog.Deactivate();
     m_kernel.SeenNow();
@@ -166,7 +166,7 @@ TEST_F(WatchDogTest, ASecondActivationThatIsRefusedLeavesItActiveOnNoDescriptor)
   EXPECT_SYSTEM_ERROR(dog->Deactivate(), EBADF, watchdogtext::kWriteError);
 
   EXPECT_EQ(m_kernel.SeenNow(), (Calls{kOpenCall, "WDIOC_KEEPALIVE(-1, 0)", "write(-1, \"V\")"}));
-  // The next activation finds its way back.
+  // The next activation works again.
   dog->Activate();
   delete dog;
   EXPECT_EQ(m_kernel.SeenNow(), (Calls{kOpenCall, "WDIOC_SETTIMEOUT(71, 30)", "write(71, \"V\")", "close(71)"}));
@@ -423,7 +423,7 @@ TEST(WatchDogDeathTest, AFailureInTheDestructorEndsTheProcess) {
         WatchDog dog(30, kDevice);
         dog.Activate();
       } catch (...) {
-        // It does not get here.
+        // Never reached.
       }
     };
     EXPECT_EXIT(destroy(), testing::KilledBySignal(SIGABRT),
@@ -509,7 +509,7 @@ class ChangeableDevice {
     kernel.Watch("ioctl").Watch("read").Watch("fcntl");
   }
 
-  /// As this device can count only in eights.
+  /// Rounded up to the multiple of eight that this device can count.
   static int Rounded(int seconds) {
     return (seconds + 7) / 8 * 8;
   }

@@ -13,6 +13,8 @@ class CommandEnd : public StreamEnd {
   /// @throws SetupError
   CommandEnd(const std::string& device, const std::string& command, EventLog& log);
   ~CommandEnd() override;
+  CommandEnd(const CommandEnd&) = delete;
+  CommandEnd& operator=(const CommandEnd&) = delete;
 
  private:
   pid_t m_command = -1;

@@ -15,6 +15,8 @@ class PtyEnd : public StreamEnd {
   /// @throws SetupError
   PtyEnd(const std::string& device, const std::string& link, EventLog& log);
   ~PtyEnd() override;
+  PtyEnd(const PtyEnd&) = delete;
+  PtyEnd& operator=(const PtyEnd&) = delete;
 
   pollfd Interest(bool listening, bool sending) const override;
   void Look() override;
