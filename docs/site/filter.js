@@ -8,7 +8,7 @@ document.addEventListener("DOMContentLoaded", () => {
   field.type = "search";
   field.id = "filter";
   field.className = "filter";
-  field.placeholder = "Part of an error text, an error number (EBUSY) or a function";
+  field.placeholder = "A text, EBUSY, a function";
   field.setAttribute("aria-label", "Filter the errors");
   const count = document.createElement("p");
   count.setAttribute("aria-live", "polite");
