@@ -5,7 +5,7 @@
 # The scripts may be called from anywhere, also through a symlink; they work in the tree's top folder.
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.." || exit
 
-# Where ordinary users do not look, but some systems keep `ip`.
+# Not in an ordinary user's PATH, but some systems have `ip` there.
 export PATH="$PATH:/usr/sbin:/sbin"
 
 # What every build needs, for install_missing. A compiler of the user's own choice replaces ours.
@@ -71,13 +71,13 @@ install_missing() {
   ((${#missing[@]})) || return 0
 
   is_there apt-get || die "There is no apt-get here; please install these packages by other means: ${missing[*]}."
-  become_root "These packages are missing, and installing them takes root or sudo: ${missing[*]}."
+  become_root "These packages are missing, and installing them needs root or sudo: ${missing[*]}."
 
   local log apt
   log=$(mktemp)
   apt=("${as_root[@]}" flock . env DEBIAN_FRONTEND=noninteractive apt-get -y -o DPkg::Lock::Timeout=120)
   printf 'Installing with apt-get: %s\n' "${missing[*]}"
-  # A source that can't be reached need not be one of those that matter: the installation itself tells.
+  # An unreachable source need not matter: the installation shows that.
   "${apt[@]}" update </dev/null >"$log" 2>&1 || true
   if ! "${apt[@]}" install --no-install-recommends "${missing[@]}" </dev/null >>"$log" 2>&1; then
     cat -- "$log" >&2
@@ -98,11 +98,11 @@ check_build() {
   while [[ ! -e $existing ]]; do
     existing=$(dirname -- "$existing")
   done
-  [[ -d $existing && -w $existing ]] || die "The build folder $PWD/$1 can't be written."
+  [[ -d $existing && -w $existing ]] || die "The build folder $PWD/$1 is not writable."
 
   if [[ -n ${CXX:-} ]]; then
     # CMake too takes the first word for the compiler and the others for its options.
-    is_there "${CXX%% *}" || die "The environment variable CXX names a compiler that is not there: ${CXX%% *}."
+    is_there "${CXX%% *}" || die "The environment variable CXX names a compiler that does not exist: ${CXX%% *}."
   fi
 }
 
