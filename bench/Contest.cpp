@@ -28,6 +28,8 @@ double Judged(Measure measure, double bare, double boardkit) {
       return boardkit - bare;
     case Measure::kTime:
       return boardkit;
+    case Measure::kDeviation:
+      return std::abs(boardkit / bare - 1);
     case Measure::kRatio:
     case Measure::kNothing:
       break;

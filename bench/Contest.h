@@ -23,6 +23,7 @@ enum class Measure {
   kRatio,       ///< library to bare
   kDifference,  ///< what the library takes more than bare code: seconds a call, or another amount
   kTime,        ///< the seconds that a call takes
+  kDeviation,   ///< how far the ratio is from 1, on either side
   kNothing      ///< there is no limit: the numbers are for information
 };
 

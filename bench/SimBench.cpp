@@ -25,14 +25,20 @@
 
 namespace {
 
-constexpr double kUntouchedLimit = 1.05;
-constexpr double kStartLimit = 60e-3;     // seconds over the bare program's
-constexpr double kTrappedLimit = 200e-6;  // seconds
-constexpr double kByteLimit = 1e-3;       // seconds
+constexpr double kUntouchedLimit = 60e-9;      // seconds over the bare call's
+constexpr double kUntouchedRatioLimit = 1.05;  // of a call that takes longer than that varies
+constexpr double kStartLimit = 20e-3;          // seconds over the bare program's
+constexpr double kTrappedLimit = 10e-6;        // seconds
+constexpr double kByteLimit = 1e-3;            // seconds
+constexpr double kFloodLimit = 0.2;            // seconds, at 50 MiB/s
+constexpr double kPaceLimit = 0.01;
 constexpr long kTurns = 200;
 constexpr long kStartTurns = 10;
 
 constexpr const char* kTty = "/dev/ttyS1";
+constexpr const char* kSink = "cat >/dev/null";
+constexpr std::size_t kFloodSize = std::size_t{10} * 1024 * 1024;  // bytes
+constexpr std::size_t kBytesPerSecond = 11520;                     // at 115200 8N1
 
 void Require(bool success, const char* what) {
   if (!success) {
@@ -56,17 +62,21 @@ class Line {
     termios settings{};
     Require(::tcgetattr(m_tty.Get(), &settings) == 0, "tcgetattr");
     ::cfmakeraw(&settings);
+    ::cfsetspeed(&settings, B115200);
     Require(::tcsetattr(m_tty.Get(), TCSANOW, &settings) == 0, "tcsetattr");
   }
 
   int Get() const {
     return m_tty.Get();
   }
+  bool IsOnBoard() const {
+    return m_master.Get() == -1;
+  }
 
   void SendByteAndBack() const {
     char byte = 'x';
     Require(::write(m_tty.Get(), &byte, 1) == 1, "write");
-    if (m_master.Get() != -1) {
+    if (!IsOnBoard()) {
       Require(::read(m_master.Get(), &byte, 1) == 1 && ::write(m_master.Get(), &byte, 1) == 1, "the other end");
     }
     Require(::read(m_tty.Get(), &byte, 1) == 1, "read");
@@ -83,6 +93,8 @@ struct Case {
   Measure measure;
   double limit;
   void (*call)(const Line& line);
+  std::vector<std::string> options = {};  // of the board
+  long turns = kTurns;
 };
 
 constexpr std::size_t kSmall = 64;  // bytes
@@ -137,15 +149,65 @@ void SendByteAndBack(const Line& line) {
   line.SendByteAndBack();
 }
 
+void WriteAll(int fd, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t written = ::write(fd, Buffer().data(), std::min(size - done, Buffer().size()));
+    Require(written > 0, "write");
+    done += static_cast<std::size_t>(written);
+  }
+}
+
+/// To the far end, which takes it. Beside the board, through a pipe to the same.
+void Flood(const Line& line) {
+  if (line.IsOnBoard()) {
+    WriteAll(line.Get(), kFloodSize);
+    Require(::tcdrain(line.Get()) == 0, "tcdrain");
+  } else {
+    std::FILE* const sink = ::popen(kSink, "we");
+    Require(sink != nullptr, kSink);
+    WriteAll(::fileno(sink), kFloodSize);
+    Require(::pclose(sink) == 0, kSink);
+  }
+}
+
+/// What goes over the line in some seconds.
+template <std::size_t seconds>
+void Pace(const Line& line) {
+  WriteAll(line.Get(), seconds * kBytesPerSecond);
+  Require(::tcdrain(line.Get()) == 0, "tcdrain");
+}
+
+const std::vector<std::string>& SinkOptions() {
+  static const std::vector<std::string> options{"--tty", std::string(kTty) + "=exec:" + kSink};
+  return options;
+}
+
 // Each call costs some ten nanoseconds more, whatever it does: that is the kernel's own price for a filter.
-constexpr Case kCases[] = {{"untouched: getppid", 1000, Measure::kNothing, 0, CallNothing},
-                           {"untouched: pread, 64 bytes", 500, Measure::kNothing, 0, Read<kSmall>},
-                           {"untouched: pread, 64 KiB", 50, Measure::kRatio, kUntouchedLimit, Read<kLarge>},
-                           {"looked at: open for reading", 50, Measure::kNothing, 0, OpenForReading},
-                           {"looked at: TIOCGWINSZ", 200, Measure::kNothing, 0, AskForSize},
-                           {"trapped: TIOCMGET", 50, Measure::kTime, kTrappedLimit, AskForModemLines},
-                           {"trapped: open of the port", 20, Measure::kTime, kTrappedLimit, OpenForBoth},
-                           {"byte to the far end and back", 20, Measure::kTime, kByteLimit, SendByteAndBack}};
+const std::vector<Case>& Cases() {
+  static const std::vector<Case> cases{
+      {"untouched: getppid", 1000, Measure::kDifference, kUntouchedLimit, CallNothing},
+      {"untouched: pread, 64 bytes", 500, Measure::kDifference, kUntouchedLimit, Read<kSmall>},
+      {"untouched: pread, 64 KiB", 50, Measure::kRatio, kUntouchedRatioLimit, Read<kLarge>},
+      {"looked at: open for reading", 50, Measure::kDifference, kUntouchedLimit, OpenForReading},
+      {"looked at: TIOCGWINSZ", 200, Measure::kDifference, kUntouchedLimit, AskForSize},
+      {"trapped: TIOCMGET", 50, Measure::kTime, kTrappedLimit, AskForModemLines},
+      {"trapped: open of the port", 20, Measure::kTime, kTrappedLimit, OpenForBoth},
+      {"byte to the far end and back", 20, Measure::kTime, kByteLimit, SendByteAndBack},
+      {"10 MiB to a command", 1, Measure::kTime, kFloodLimit, Flood, SinkOptions(), kStartTurns}};
+  return cases;
+}
+
+/// Behind those of the contests: one that is measured by the clock alone, and a short one of its kind.
+const std::vector<Case>& PacedCases() {
+  static const std::vector<std::string> options{"--pace", "--tty", std::string(kTty) + "=none"};
+  static const std::vector<Case> cases{{"paced", 1, Measure::kDeviation, kPaceLimit, Pace<10>, options},
+                                       {"paced, shortly", 1, Measure::kDeviation, kPaceLimit, Pace<1>, options}};
+  return cases;
+}
+
+const Case& CaseOf(unsigned char number) {
+  return number < Cases().size() ? Cases()[number] : PacedCases().at(number - Cases().size());
+}
 
 // --- The worker as the contest sees it -------------------------------------------------------------------------------
 
@@ -176,9 +238,12 @@ void WaitFor(pid_t child, const std::string& what) {
   }
 }
 
-std::vector<std::string> OnBoard(std::vector<std::string> command) {
-  command.insert(command.begin(), {BOARDKIT_BOARDSIM, "--"});
-  return command;
+std::vector<std::string> OnBoard(const std::vector<std::string>& options, const std::vector<std::string>& command) {
+  std::vector<std::string> whole{BOARDKIT_BOARDSIM};
+  whole.insert(whole.end(), options.begin(), options.end());
+  whole.emplace_back("--");
+  whole.insert(whole.end(), command.begin(), command.end());
+  return whole;
 }
 
 class Worker {
@@ -217,13 +282,30 @@ class Worker {
   pid_t m_process = -1;
 };
 
+std::vector<std::string> WorkerCommand() {
+  return {std::filesystem::read_symlink("/proc/self/exe"), kSimWorkerOption};
+}
+
 Contest MakeContest(unsigned char number) {
-  const std::vector<std::string> command{std::filesystem::read_symlink("/proc/self/exe"), kSimWorkerOption};
-  const Case& measured = kCases[number];
+  const Case& measured = CaseOf(number);
   const auto makeBatch = [number](const std::vector<std::string>& started) -> Batch {
     return [worker = std::make_shared<Worker>(started), number] { return worker->Do(number); };
   };
-  return {measured.calls, kTurns, measured.limit, makeBatch(command), makeBatch(OnBoard(command)), measured.measure};
+  return {measured.calls,
+          measured.turns,
+          measured.limit,
+          makeBatch(WorkerCommand()),
+          makeBatch(OnBoard(measured.options, WorkerCommand())),
+          measured.measure};
+}
+
+/// The time that the line's speed says, and the time that it takes.
+Amounts MeasurePace(Effort effort) {
+  const bool isShort = effort == Effort::kSmoke;
+  const auto number = static_cast<unsigned char>(Cases().size() + (isShort ? 1 : 0));
+  const Case& measured = CaseOf(number);
+  const Worker worker(OnBoard(measured.options, WorkerCommand()));
+  return {Unit::kSecond, measured.measure, measured.limit, isShort ? 1.0 : 10.0, worker.Do(number).count()};
 }
 
 Contest MakeStart() {
@@ -232,7 +314,7 @@ Contest MakeStart() {
       return TimeCalls(1, [&command] { WaitFor(Spawn(command, {STDIN_FILENO, STDOUT_FILENO}), command.front()); });
     };
   };
-  return {1, kStartTurns, kStartLimit, makeBatch({"true"}), makeBatch(OnBoard({"true"})), Measure::kDifference};
+  return {1, kStartTurns, kStartLimit, makeBatch({"true"}), makeBatch(OnBoard({}, {"true"})), Measure::kDifference};
 }
 
 }  // namespace
@@ -240,17 +322,18 @@ Contest MakeStart() {
 void RegisterSimBench(Effort effort) {
   RegisterContest("start of `true`, with network", effort, MakeStart);
   unsigned char number = 0;
-  for (const Case& measured : kCases) {
+  for (const Case& measured : Cases()) {
     RegisterContest(measured.name, effort, [number] { return MakeContest(number); });
     ++number;
   }
+  RegisterAmounts("paced: 115200 baud, by clock", [effort] { return MeasurePace(effort); });
 }
 
 int RunSimWorker() {
   const Line line;
   unsigned char number = 0;
   while (::read(STDIN_FILENO, &number, sizeof number) == sizeof number) {
-    const Case& measured = kCases[number];
+    const Case& measured = CaseOf(number);
     const double seconds = TimeCalls(measured.calls, [&] { measured.call(line); }).count();
     Require(::write(STDOUT_FILENO, &seconds, sizeof seconds) == sizeof seconds, "nobody takes the answer");
   }

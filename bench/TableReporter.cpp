@@ -57,6 +57,8 @@ std::string FormatLimit(Measure measure, Unit unit, double limit) {
       return '+' + Format(limit, unit);
     case Measure::kTime:
       return Format(limit, unit);
+    case Measure::kDeviation:
+      return "+-" + FormatRatio(limit);
     case Measure::kNothing:
       return "-";
     case Measure::kRatio:
