@@ -1,5 +1,6 @@
 #include "Text.h"
 
+#include <cstdio>
 #include <limits>
 #include <stdexcept>
 
@@ -25,6 +26,12 @@ std::uint32_t NumberOf(const std::string& option, const std::string& text) {
     return *number;
   }
   throw SetupError(option + " needs a number of 32 bits, not \"" + text + "\".");
+}
+
+std::string Hex(std::uint32_t number) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", number);
+  return text;
 }
 
 std::pair<std::string, std::string> Cut(const std::string& text, char separator) {

@@ -14,8 +14,6 @@
 #include "ExitStatus.h"
 #include "SetupError.h"
 
-namespace {}  // namespace
-
 Board::Board(const Options& options)
     : m_options(options), m_log(options.log.empty() ? EventLog() : EventLog(options.log)) {
   const Backplane backplane{m_log, m_loop, m_commands,
@@ -45,6 +43,7 @@ void Board::Start() {
   MakeSandbox();
   for (const auto& device : m_devices) {
     device->Attach(m_sandbox->TakeNode(device->Path()));
+    device->Tell(SystemFolder(m_sandbox->TakeEntry(device->Path())));
   }
   for (const auto& device : m_devices) {
     device->Connect(m_devices);
@@ -69,22 +68,30 @@ int Board::RunOnce() {
   if (Signals::IsInterruptPending()) {
     return kStatusSignal + SIGINT;
   }
+  bool hasEnded = false;
   const auto signals = m_loop.Watch(
       [this] {
         return pollfd{m_signals.Get(), POLLIN, 0};
       },
-      [this](short) { HandOnSignals(); });
-  auto calls = m_loop.Watch(
+      [this, &hasEnded](short) {
+        HandOnSignals();
+        hasEnded = m_sandbox->HasEnded();
+      });
+  EventLoop::Registration calls;
+  calls = m_loop.Watch(
       [this] {
         return pollfd{m_supervisor->Get(), POLLIN, 0};
       },
-      [this](short events) {
+      [this, &calls](short events) {
         if ((events & POLLIN) != 0) {
           AnswerCall();
+        } else {
+          // All who could call have gone, which it would tell of until the first process has, too.
+          calls = {};
         }
       });
   m_sandbox->Go();
-  while (!m_isReset && !m_sandbox->HasEnded()) {
+  while (!m_isReset && !hasEnded) {
     m_loop.Turn();
   }
   calls = {};

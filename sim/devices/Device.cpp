@@ -1,8 +1,8 @@
 #include "devices/Device.h"
 
 #include "devices/Memory.h"
-#include "devices/SerialLine.h"
 #include "devices/Watchdog.h"
+#include "devices/line/SerialLine.h"
 
 std::vector<std::unique_ptr<DeviceKind>> AllDeviceKinds() {
   std::vector<std::unique_ptr<DeviceKind>> kinds;

@@ -10,6 +10,7 @@
 #include "Descriptor.h"
 #include "Option.h"
 #include "board/Backplane.h"
+#include "devices/SystemFolder.h"
 #include "sandbox/Filter.h"
 #include "sandbox/Node.h"
 #include "sandbox/TrappedCall.h"
@@ -34,6 +35,8 @@ class Device {
   /// Takes what the application has under the name, from the other side.
   /// @throws SetupError
   virtual void Attach(Descriptor descriptor) = 0;
+  /// Tells in /sys of itself, as long as it is attached.
+  virtual void Tell(SystemFolder /*folder*/) {}
   /// Connects it with other devices of the board, once all are attached.
   virtual void Connect(const Devices& /*board*/) {}
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "SetupError.h"
@@ -57,11 +56,8 @@ class MemoryKind : public DeviceKind {
 
 Memory::Memory(std::vector<RegisterPreset> presets, const Backplane& backplane)
     : Device(kPath), m_presets(std::move(presets)) {
-  backplane.commands.Add("read ADDRESS", [this](const Commands::Words& words) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", Read(ParseWord(words[0])));
-    return std::string(text);
-  });
+  backplane.commands.Add("read ADDRESS",
+                         [this](const Commands::Words& words) { return Hex(Read(ParseWord(words[0]))); });
   backplane.commands.Add("write ADDRESS VALUE", [this](const Commands::Words& words) {
     Write(ParseWord(words[0]), ParseWord(words[1]));
     return std::string();

@@ -13,6 +13,8 @@ constexpr unsigned int kLoop = 0x8000;
 
 constexpr unsigned int kOutputs = TIOCM_RTS | TIOCM_DTR | kOut1 | kOut2 | kLoop;
 constexpr unsigned int kInputs = TIOCM_CTS | TIOCM_DSR | TIOCM_CAR | TIOCM_RNG;
+/// What a driver raises at an open.
+constexpr unsigned int kRaised = TIOCM_RTS | TIOCM_DTR;
 /// What somebody at the far end switches on.
 constexpr unsigned int kReady = TIOCM_CTS | TIOCM_DSR | TIOCM_CAR;
 

@@ -5,10 +5,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstring>
 
 #include "SetupError.h"
+
+namespace {
+
+constexpr std::size_t kLongestEvent = sizeof(inotify_event) + NAME_MAX + 1;
+
+}  // namespace
 
 OpenWatch::OpenWatch(const Descriptor& terminal) : m_events(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
   if (!m_events || ::inotify_add_watch(m_events.Get(), PathOf(terminal.Get()).c_str(), IN_OPEN | IN_CLOSE) == -1) {
@@ -19,7 +26,9 @@ OpenWatch::OpenWatch(const Descriptor& terminal) : m_events(::inotify_init1(IN_C
 bool OpenWatch::Take() const {
   bool isOpened = false;
   char events[4096];
-  for (ssize_t got = 0; (got = ::read(m_events.Get(), events, sizeof events)) > 0;) {
+  // A piece with room for another event was the last one.
+  for (ssize_t got = sizeof events; got > static_cast<ssize_t>(sizeof events - kLongestEvent);) {
+    got = ::read(m_events.Get(), events, sizeof events);
     for (ssize_t at = 0; at < got;) {
       inotify_event event{};
       std::memcpy(&event, events + at, sizeof event);

@@ -12,12 +12,15 @@
 #include <utility>
 
 #include "SetupError.h"
+#include "Text.h"
 #include "sandbox/PrivateDev.h"
 
 namespace {
 
 constexpr const char* kPath = "/dev/watchdog";
 constexpr const char* kNumberedPath = "/dev/watchdog0";
+constexpr watchdog_info kSupport{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT, 0,
+                                 "boardsim"};
 constexpr char kMagic = 'V';
 constexpr int kFirst = 60;       // seconds
 constexpr int kShortest = 1;     // seconds
@@ -44,7 +47,11 @@ class WatchdogKind : public DeviceKind {
   }
 
   std::vector<Node> Nodes() const override {
-    return m_path.empty() ? std::vector<Node>() : std::vector<Node>{{m_path, Node::Kind::kFifo, 0, OtherName(m_path)}};
+    if (m_path.empty()) {
+      return {};
+    }
+    return {{m_path, Node::Kind::kFifo, 0, OtherName(m_path),
+             SystemEntry{"watchdog", "watchdog0", "watchdog", "watchdog"}}};
   }
 
   TrappedRequests Requests() const override {
@@ -89,6 +96,21 @@ void Watchdog::Attach(Descriptor descriptor) {
   m_deadlineRegistration = m_backplane.loop.At([this] { return Deadline(); }, [this] { Expire(); });
 }
 
+void Watchdog::Tell(SystemFolder folder) {
+  m_told = std::move(folder);
+  m_told.Write("identity", reinterpret_cast<const char*>(kSupport.identity));
+  m_told.Write("options", Hex(kSupport.options));
+  m_told.Write("min_timeout", std::to_string(kShortest));
+  m_told.Write("max_timeout", std::to_string(kLongest));
+  m_told.Write("nowayout", m_traits.noWayOut ? "1" : "0");
+  m_told.Write("bootstatus", std::to_string(m_bootStatus));
+  // That of the node, which is a FIFO.
+  m_told.Write("dev", "0:0");
+  m_told.Write("uevent", "DEVNAME=watchdog0");
+  TellState();
+  m_tellRegistration = m_backplane.loop.At([this] { return NextSecond(); }, [this] { TellState(); });
+}
+
 bool Watchdog::Is(const FileId& file) const {
   return file == m_id;
 }
@@ -101,6 +123,7 @@ void Watchdog::Opened() {
     throw RequestError{EBUSY};
   }
   Begin();
+  TellState();
 }
 
 bool Watchdog::IsCalled(const std::string& name) const {
@@ -108,7 +131,8 @@ bool Watchdog::IsCalled(const std::string& name) const {
 }
 
 Descriptor Watchdog::Open(int flags) const {
-  const int kept = flags & (O_ACCMODE | O_NONBLOCK);
+  // Also for both: reading would take away what was written.
+  const int kept = O_WRONLY | (flags & O_NONBLOCK);
   Descriptor own(::open(PathOf(m_fifo.Get()).c_str(), kept | O_CLOEXEC));
   if (!own || ::fcntl(own.Get(), F_SETFL, kept | O_DIRECT) == -1) {
     throw RequestError{errno};
@@ -135,8 +159,7 @@ void Watchdog::Request(const TrappedCall& call) {
       call.Write(SecondsLeft());
       break;
     case WDIOC_GETSUPPORT:
-      call.Write(
-          watchdog_info{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT, 0, "boardsim"});
+      call.Write(kSupport);
       break;
     case WDIOC_GETSTATUS:
       call.Write(Status());
@@ -156,6 +179,7 @@ void Watchdog::Request(const TrappedCall& call) {
     default:
       throw RequestError{ENOTTY};
   }
+  TellState();
   call.Return(0);
 }
 
@@ -194,6 +218,7 @@ void Watchdog::Look() {
     m_log.Write(Path(), m_isArmed ? "close: not stopped" : "close: stopped");
     reader.fd = m_reader.Get();
   }
+  TellState();
 }
 
 std::optional<Watchdog::Clock::time_point> Watchdog::Deadline() const {
@@ -247,15 +272,18 @@ void Watchdog::Reopen() {
   m_reader = Descriptor(::open(PathOf(m_fifo.Get()).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
+/// One that counts already is not fed by that.
 void Watchdog::Arm() {
-  m_isArmed = m_isFed = true;
-  m_isWarned = false;
-  m_fed = Clock::now();
+  if (!m_isArmed) {
+    m_isArmed = m_isFed = true;
+    m_isWarned = false;
+    m_fed = Clock::now();
+  }
 }
 
 void Watchdog::Feed(const char* how) {
   m_fed = Clock::now();
-  m_isFed = true;
+  m_isFed = m_isFed || m_isArmed;
   m_isWarned = false;
   m_log.Write(Path(), how);
 }
@@ -283,7 +311,7 @@ void Watchdog::SetTimeout(const TrappedCall& call) {
   m_timeout = seconds;
   m_pretimeout = m_pretimeout < seconds ? m_pretimeout : 0;
   m_fed = Clock::now();
-  m_isFed = true;
+  m_isFed = m_isFed || m_isArmed;
   m_isWarned = false;
   m_log.Write(Path(), "timeout " + std::to_string(seconds));
   call.Write(m_timeout);
@@ -312,6 +340,19 @@ void Watchdog::SetOptions(const TrappedCall& call) {
     Arm();
     m_log.Write(Path(), "started by request");
   }
+}
+
+/// When less time is left than /sys tells.
+std::optional<Watchdog::Clock::time_point> Watchdog::NextSecond() const {
+  return m_isArmed ? std::make_optional(m_fed + std::chrono::seconds(m_timeout - m_toldLeft + 1)) : std::nullopt;
+}
+
+void Watchdog::TellState() {
+  m_toldLeft = SecondsLeft();
+  m_told.Write("state", m_isArmed ? "active" : "inactive");
+  m_told.Write("timeout", std::to_string(m_timeout));
+  m_told.Write("pretimeout", std::to_string(m_pretimeout));
+  m_told.Write("timeleft", std::to_string(m_toldLeft));
 }
 
 int Watchdog::SecondsLeft() const {

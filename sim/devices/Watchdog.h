@@ -9,7 +9,7 @@
 
 /// A hardware watchdog: the reading end of the FIFO that the application has as its device.
 ///
-/// Opening arms it, a written byte or a request feeds it, and a close stops it only if the last write had a 'V' in it.
+/// Opening arms it, written bytes or a request feed it, and a close stops it only if the last write had a 'V' in it.
 class Watchdog : public Device {
  public:
   /// What the options say of it.
@@ -21,15 +21,16 @@ class Watchdog : public Device {
 
   /// @param descriptor any one of the FIFO.
   void Attach(Descriptor descriptor) override;
+  void Tell(SystemFolder folder) override;
   bool Is(const FileId& file) const override;
-  /// Arms it, or feeds it where an earlier close has not stopped it.
+  /// Arms it, if an earlier close has not left it counting.
   /// @throws RequestError EBUSY: somebody else has it.
   void Opened() override;
   bool IsCalled(const std::string& name) const override;
   bool HandsOut(int /*flags*/) const override {
     return true;
   }
-  /// One that keeps writes apart.
+  /// One that keeps writes apart, and from which nothing can be read.
   Descriptor Open(int flags) const override;
   void Request(const TrappedCall& call) override;
   /// Resets the board if nobody has stopped it.
@@ -53,6 +54,9 @@ class Watchdog : public Device {
   void SetPretimeout(const TrappedCall& call);
   void SetOptions(const TrappedCall& call);
   int SecondsLeft() const;
+  std::optional<Clock::time_point> NextSecond() const;
+  /// Tells in /sys how it is.
+  void TellState();
 
   const Traits m_traits;
   const Backplane m_backplane;
@@ -69,8 +73,11 @@ class Watchdog : public Device {
   int m_pretimeout = 0;     // seconds before the reset; 0: none
   unsigned int m_bootStatus = 0;
   Clock::time_point m_fed;
+  SystemFolder m_told;
+  int m_toldLeft = 0;  // seconds
   EventLoop::Registration m_readerRegistration;
   EventLoop::Registration m_deadlineRegistration;
+  EventLoop::Registration m_tellRegistration;
 };
 
 std::unique_ptr<DeviceKind> MakeWatchdogKind();

@@ -11,7 +11,7 @@
 
 /// What the processes inside tell the simulator.
 struct Message {
-  enum class Kind : char { kNothing, kNode, kNetwork, kListener, kForbidden, kFailed, kEnded };
+  enum class Kind : char { kNothing, kNode, kEntry, kNetwork, kListener, kForbidden, kFailed, kEnded };
 
   Kind kind = Kind::kNothing;
   int status = 0;

@@ -15,6 +15,7 @@
 #include "sandbox/Mounts.h"
 #include "sandbox/PrivateDev.h"
 #include "sandbox/Surroundings.h"
+#include "sandbox/SystemEntries.h"
 #include "sandbox/Users.h"
 
 namespace {
@@ -93,6 +94,9 @@ Descriptor MakeInnerNamespaces(const Plan& plan, bool hasUsers, pid_t applicatio
   }
   if (plan.net == Net::kHost || !MountSystemFiles()) {
     ProtectSystemFiles();
+  }
+  for (const auto& [path, folder] : MakeSystemEntries(plan.nodes)) {
+    simulator.Send(Message(Message::Kind::kEntry, path), folder.Get());
   }
   if (hasUsers) {
     // What is plugged in here later shows up in the application's copy.

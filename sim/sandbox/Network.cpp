@@ -133,6 +133,18 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
   throw SetupError("`ip` could not make the network: " + complaint.substr(0, complaint.find('\n')));
 }
 
+void SetUp(const char* interface) {
+  ifreq request{};
+  std::strcpy(request.ifr_name, interface);
+  const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  bool isUp = socket && ::ioctl(socket.Get(), SIOCGIFFLAGS, &request) == 0;
+  request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);
+  isUp = isUp && ::ioctl(socket.Get(), SIOCSIFFLAGS, &request) == 0;
+  if (!isUp) {
+    throw SetupError(std::string(interface) + " can't be set up", errno);
+  }
+}
+
 void Enter(const Descriptor& network) {
   if (::setns(network.Get(), CLONE_NEWNET) == -1) {
     throw SetupError("the network of the board can't be entered", errno);
@@ -147,7 +159,6 @@ void MakePrivateNetwork(const Descriptor& peers, const Descriptor& board) {
   ForgoTentativeAddresses();
 
   std::string farCommands = "link set lo up\n";
-  std::string commands = farCommands;
   for (const Interface& interface : kInterfaces) {
     const std::string peer = interface.peer;
     farCommands += "link add " + peer + " index " + interface.peerIndex + " type veth peer name " + interface.name +
@@ -157,12 +168,14 @@ void MakePrivateNetwork(const Descriptor& peers, const Descriptor& board) {
       farCommands += std::string("address add ") + interface.peerAddress6 + " dev " + peer + " nodad\n";
     }
     farCommands += "link set " + peer + " up\n";
-    if (interface.isUp) {
-      commands += std::string("link set ") + interface.name + " up\n";
-    }
   }
   RunIp(farCommands, [&peers] { return ::setns(peers.Get(), CLONE_NEWNET) == 0; });
-  RunIp(commands);
+  SetUp("lo");
+  for (const Interface& interface : kInterfaces) {
+    if (interface.isUp) {
+      SetUp(interface.name);
+    }
+  }
   for (const Interface& interface : kInterfaces) {
     if (interface.isUp && UsesIpV6(interface.name)) {
       AwaitLinkAddress(interface.name);
@@ -172,14 +185,7 @@ void MakePrivateNetwork(const Descriptor& peers, const Descriptor& board) {
 
 void MakeEmptyNetwork(const Descriptor& board) {
   Enter(board);
-  // Without `ip`: this is what is left where there is none.
-  ifreq request{};
-  std::strcpy(request.ifr_name, "lo");
-  request.ifr_flags = IFF_UP;
-  const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!socket || ::ioctl(socket.Get(), SIOCSIFFLAGS, &request) == -1) {
-    throw SetupError("lo can't be set up", errno);
-  }
+  SetUp("lo");
 }
 
 std::string PeerOf(const std::string& interface) {

@@ -2,9 +2,18 @@
 #define BOARDKIT_SIM_SANDBOX_NODE_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "Descriptor.h"
+
+/// What /sys tells of a device: /sys/class/SUBSYSTEM/NAME.
+struct SystemEntry {
+  std::string subsystem;
+  std::string name;
+  std::string parent;  // the part of the board that it is on
+  std::string driver;
+};
 
 /// A file of the application's, whose other side is a simulated device.
 struct Node {
@@ -18,6 +27,7 @@ struct Node {
   Kind kind = Kind::kFile;
   std::int64_t size = 0;       // of a file
   std::string otherName = {};  // of a FIFO; may be empty
+  std::optional<SystemEntry> entry = std::nullopt;
 };
 
 /// Makes it under its name, in a /dev of its own.

@@ -85,6 +85,10 @@ Descriptor Sandbox::TakeNode(const std::string& path) {
   return std::move(m_nodes[path]);
 }
 
+Descriptor Sandbox::TakeEntry(const std::string& path) {
+  return std::move(m_entries[path]);
+}
+
 Descriptor Sandbox::TakeListener() {
   return std::move(m_listener);
 }
@@ -165,6 +169,9 @@ bool Sandbox::ReceiveMessage() {
   switch (message.kind) {
     case Message::Kind::kNode:
       m_nodes[message.text] = std::move(descriptor);
+      return true;
+    case Message::Kind::kEntry:
+      m_entries[message.text] = std::move(descriptor);
       return true;
     case Message::Kind::kNetwork:
       m_peers = std::move(descriptor);

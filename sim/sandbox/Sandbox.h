@@ -29,6 +29,8 @@ class Sandbox {
 
   /// Gives away the other side of a node.
   Descriptor TakeNode(const std::string& path);
+  /// Gives away the folder for what /sys tells of a node; none where there is no such thing.
+  Descriptor TakeEntry(const std::string& path);
   /// Gives away where the supervised system calls arrive.
   Descriptor TakeListener();
 
@@ -64,6 +66,7 @@ class Sandbox {
   pid_t m_application = -1;
   std::optional<int> m_status;
   std::map<std::string, Descriptor> m_nodes;  // by their paths
+  std::map<std::string, Descriptor> m_entries;
   Descriptor m_listener;
   Descriptor m_peers;  // the network namespace of the interfaces' other ends
   Channel m_channel;

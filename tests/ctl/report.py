@@ -46,7 +46,7 @@ class Report(TestCase):
         self.assertTrue(os.access(versions["ip_file"], os.X_OK))
         self.assertEqual(report["memory"]["total_bytes"] // 2**20, os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE") // 2**20)
         self.assertEqual([port["device"] for port in report["serial_ports"]], ["/dev/ttyS1"])
-        self.assertEqual([dog["device"] for dog in report["watchdogs"]], ["/dev/watchdog"])
+        self.assertEqual([dog["device"] for dog in report["watchdogs"]], ["/dev/watchdog0"])
         self.assertTrue(report["physical_memory"]["usable"])
         self.assertEqual([(each["interface"], each["up"]) for each in report["interfaces"]],
                          [("lo", True), ("eth0", True), ("eth1", False)])

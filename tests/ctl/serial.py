@@ -31,10 +31,10 @@ class Serial(TestCase):
         result = self.board("bash", "-c", script, options=["--tty", PORT, "--tty", "/dev/ttyS10=none"])
         self.assertEqual((result.status, result.err), (0, ""))
         lines = result.out.splitlines()
-        self.assertRegex(lines[0], rf"^{PORT}      driver not told, open by bash \(\d+\)$")
-        self.assertEqual(lines[1], "/dev/ttyS10     driver not told, open by nobody")
-        self.assertRegex(lines[2], rf'^{{"schema":1,"kind":"serial_port","device":"{PORT}","driver":null,'
-                                   r'"has_uart":null,"held_by":\[{"pid":\d+,"name":"bash"}\]}$')
+        self.assertRegex(lines[0], rf"^{PORT}      serial8250, open by bash \(\d+\)$")
+        self.assertEqual(lines[1], "/dev/ttyS10     serial8250, open by nobody")
+        self.assertRegex(lines[2], rf'^{{"schema":1,"kind":"serial_port","device":"{PORT}","driver":"serial8250",'
+                                   r'"has_uart":true,"held_by":\[{"pid":\d+,"name":"bash"}\]}$')
         self.assertEqual(len(lines), 4)
 
     def test_AWholeSetOfSettingsIsShownAndNothingIsChanged(self):

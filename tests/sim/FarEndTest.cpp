@@ -384,6 +384,22 @@ TEST_F(FarEnd, ItIsAskedToWaitWhenTheProgramDoesNotRead) {
   EXPECT_EQ(board->Finish().status, 0);
 }
 
+TEST_F(FarEnd, RtsFallsWhenTheProgramDoesNotReadAndRisesWhenItHas) {
+  Connect({});
+  EXPECT_EQ(board->Ask("run stty -F /dev/ttyS1 crtscts"), "0");
+  EXPECT_EQ(board->Ask("lines 3"), "0x4166");
+  const std::string piece(6000, 'x');
+  peer->Write(piece);
+  EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x4162"; }));
+  for (std::size_t got = 0; got < piece.size();) {
+    const std::string answer = board->Ask("read 3");
+    ASSERT_EQ(answer.rfind("got ", 0), 0U);
+    got += answer.size() - 4;
+  }
+  EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x4166"; }));
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
 TEST_F(FarEnd, NobodyIsThereWithNone) {
   ExpectSteps({"--tty", "/dev/ttyS1=none"}, {kProbe, "nobody"});
 }

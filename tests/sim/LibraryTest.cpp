@@ -298,6 +298,14 @@ TEST_P(LibraryOnSim, TheReportTellsWhatTheDriverHasProgrammedAndThePortIsOpenedA
   }
 }
 
+TEST_P(LibraryOnSim, TheReportTellsTheDivisorOfThePortsOwnBase) {
+  RunStep({"--tty", "/dev/ttyS1=none", "--serial-info", "3000000,64,0x10000040,42,0"}, {"report", "115200"});
+
+  EXPECT_NE(Output().find("Baud Base:     3000000\n"), std::string::npos) << Output();
+  // What the library calls the real speed is that of the clock that it expects.
+  EXPECT_NE(Output().find("\nDivisor Latch: 1a\nReal baud rate: 150240\n"), std::string::npos) << Output();
+}
+
 TEST_P(LibraryOnSim, TheReportReadsTheRegistersThatTheBoardWasGivenAndWritesTheAccessBitAlone) {
   RunStep({"--tty", "/dev/ttyS1=none", "--uart", "0x90000000", "--reg", "0x80011000=0x61", "--reg", "0x80011004=1",
            "--reg", "0x8001100c=0x1b", "--serial-info", "4000000,128,0x123,7,5"},

@@ -83,6 +83,10 @@ TEST_F(Watchdog, OpenedAnewAfterACloseItGoesOnAndCanBeStopped) {
   ExpectSteps({}, {kProbe, "reopened"});
 }
 
+TEST_F(Watchdog, OneThatCountsIsNotFedByAnOpenNorByAStart) {
+  ExpectSteps({}, {kProbe, "reopened-late"});
+}
+
 TEST_F(Watchdog, OpenedAsAFileIsMadeItIsArmedByTheFirstRequest) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     SCOPED_TRACE(testing::PrintToString(options));

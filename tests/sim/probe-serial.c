@@ -473,6 +473,17 @@ static void info(void) {
   close(fd);
 }
 
+/* A divisor of its own, which /sys is to tell as well. */
+static void changed_info(void) {
+  int fd = open_tty();
+  struct serial_struct changed;
+  CHECK(ioctl(fd, TIOCGSERIAL, &changed) == 0);
+  changed.custom_divisor = 17;
+  changed.flags = 0x10000030;
+  CHECK(ioctl(fd, TIOCSSERIAL, &changed) == 0);
+  close(fd);
+}
+
 static void* call_from_thread(void* argument) {
   int fd = *(int*)argument;
   CHECK((lines(fd) & OPENED) == OPENED);
@@ -780,6 +791,7 @@ const struct step kSerialSteps[] = {{"modem", modem},
                                     {"fresh", fresh},
                                     {"flush", flush},
                                     {"info", info},
+                                    {"changed-info", changed_info},
                                     {"descriptors", descriptors},
                                     {"names", names},
                                     {"nodes", nodes},

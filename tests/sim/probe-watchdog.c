@@ -27,6 +27,11 @@ static void set_timeout(int fd, int seconds) {
   CHECK(ioctl(fd, WDIOC_SETTIMEOUT, &granted) == 0 && granted == seconds && timeout_of(fd) == seconds);
 }
 
+static void pause_milliseconds(int milliseconds) {
+  struct timespec time = {milliseconds / 1000, (long)(milliseconds % 1000) * 1000000};
+  CHECK(nanosleep(&time, NULL) == 0);
+}
+
 static void one_owner(void) {
   int fd = open_watchdog();
   CHECK(fd != -1);
@@ -104,6 +109,9 @@ static void requests(void) {
   number = WDIOS_DISABLECARD;
   CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
   CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number == 0);
+  /* One that does not count can't be fed. */
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && ioctl(fd, WDIOC_KEEPALIVE, 0) == 0);
+  CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == 0);
   number = WDIOS_ENABLECARD;
   CHECK(ioctl(fd, WDIOC_SETOPTIONS, &number) == 0);
   CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &number) == 0 && number > 0);
@@ -117,15 +125,38 @@ static void requests(void) {
   stop(fd);
 }
 
+/* There is nothing to be read, and what was written does not get lost by an attempt. */
+static void unreadable(void) {
+  char byte;
+  int fd = open_watchdog();
+  CHECK(fd != -1 && write(fd, "V", 1) == 1);
+  CHECK(read(fd, &byte, 1) == -1 && (errno == EINVAL || errno == EBADF));
+  CHECK(close(fd) == 0);
+  fd = open(WATCHDOG, O_WRONLY);
+  CHECK(fd != -1 && read(fd, &byte, 1) == -1 && errno == EBADF);
+  stop(fd);
+}
+
+/* Started anew without a close that stops it, it is not fed by the open. */
+static void reopened_late(void) {
+  int left = 0;
+  int fd = open_watchdog();
+  CHECK(fd != -1);
+  set_timeout(fd, 60);
+  CHECK(close(fd) == 0);
+  pause_milliseconds(1100);
+  fd = open_watchdog();
+  CHECK(fd != -1 && ioctl(fd, WDIOC_GETTIMELEFT, &left) == 0 && left < 60);
+  int option = WDIOS_ENABLECARD;
+  CHECK(ioctl(fd, WDIOC_SETOPTIONS, &option) == 0);
+  CHECK(ioctl(fd, WDIOC_GETTIMELEFT, &left) == 0 && left < 60);
+  stop(fd);
+}
+
 static void short_open(int* fd) {
   *fd = open_watchdog();
   CHECK(*fd != -1);
   set_timeout(*fd, 1);
-}
-
-static void pause_milliseconds(int milliseconds) {
-  struct timespec time = {milliseconds / 1000, (long)(milliseconds % 1000) * 1000000};
-  CHECK(nanosleep(&time, NULL) == 0);
 }
 
 /* Fed by the request and by writing it lives for longer than its time-out; stopped, it never bites. */
@@ -264,7 +295,7 @@ static void starve_closed(void) {
   sleep(300);
 }
 
-/* Opened anew after such a close it is fed, and can be stopped. */
+/* Opened anew after such a close it can be stopped. */
 static void reopened(void) {
   int fd;
   short_open(&fd);
@@ -320,6 +351,8 @@ static void abandon(void) {
 const struct step kWatchdogSteps[] = {{"one-owner", one_owner},
                                       {"timeouts", timeouts},
                                       {"requests", requests},
+                                      {"unreadable", unreadable},
+                                      {"reopened-late", reopened_late},
                                       {"fed", fed},
                                       {"retimed", retimed},
                                       {"retimed-late", retimed_late},

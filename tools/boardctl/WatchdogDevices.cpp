@@ -97,7 +97,7 @@ WatchdogLook LookAtWatchdog(const std::string& device) {
     look.name = NameOf(node.st_rdev);
   }
   const bool isOld = major(node.st_rdev) == kMiscMajor && minor(node.st_rdev) == kOldMinor;
-  // A simulated one is a pipe.
+  // A simulated one is a pipe, whose other side hears of a close a moment later: what /sys tells may be old.
   if (look.name.empty() && !(S_ISCHR(node.st_mode) && isOld) && !S_ISFIFO(node.st_mode)) {
     throw std::runtime_error(device + " is no watchdog");
   }
@@ -128,7 +128,7 @@ std::vector<std::string> WatchdogPaths() {
   }
   // One that /sys does not tell of has the old name alone.
   struct stat node {};
-  if (::stat(kOldDevice, &node) == 0 && (!S_ISCHR(node.st_mode) || NameOf(node.st_rdev).empty())) {
+  if (::stat(kOldDevice, &node) == 0 && NameOf(node.st_rdev).empty()) {
     paths.emplace_back(kOldDevice);
   }
   return paths;

@@ -1,4 +1,4 @@
-#include "devices/Pace.h"
+#include "devices/line/Pace.h"
 
 #include <algorithm>
 

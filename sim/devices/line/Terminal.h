@@ -1,5 +1,5 @@
-#ifndef BOARDKIT_SIM_DEVICES_TERMINAL_H
-#define BOARDKIT_SIM_DEVICES_TERMINAL_H
+#ifndef BOARDKIT_SIM_DEVICES_LINE_TERMINAL_H
+#define BOARDKIT_SIM_DEVICES_LINE_TERMINAL_H
 
 #include <asm/termbits.h>
 
@@ -28,6 +28,8 @@ class Terminal {
   const FileId& Id() const {
     return m_id;
   }
+  /// Its minor number, the application's side.
+  unsigned int Number() const;
   /// @returns whether it was opened since the last time.
   bool TakeOpens() const {
     return m_opens.Take();

@@ -1,4 +1,4 @@
-#include "devices/LateCalls.h"
+#include "devices/line/LateCalls.h"
 
 #include <utility>
 

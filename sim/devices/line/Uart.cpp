@@ -1,4 +1,4 @@
-#include "devices/Uart.h"
+#include "devices/line/Uart.h"
 
 #include <asm/termbits.h>
 

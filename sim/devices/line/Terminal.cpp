@@ -1,4 +1,4 @@
-#include "devices/Terminal.h"
+#include "devices/line/Terminal.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -47,6 +47,12 @@ Terminal::Terminal(Descriptor master) : m_master(std::move(master)), m_opens(Ope
 
 Descriptor Terminal::Open(int flags) const {
   return OpenPeer(m_master, flags);
+}
+
+unsigned int Terminal::Number() const {
+  unsigned int number = 0;
+  ::ioctl(m_master.Get(), TIOCGPTN, &number);
+  return number;
 }
 
 int Terminal::Set(const termios2& settings) {

@@ -1,5 +1,5 @@
-#ifndef BOARDKIT_SIM_DEVICES_PACE_H
-#define BOARDKIT_SIM_DEVICES_PACE_H
+#ifndef BOARDKIT_SIM_DEVICES_LINE_PACE_H
+#define BOARDKIT_SIM_DEVICES_LINE_PACE_H
 
 #include <chrono>
 #include <cstddef>

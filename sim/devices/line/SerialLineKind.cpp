@@ -1,5 +1,6 @@
 #include <linux/serial.h>
 
+#include <algorithm>
 #include <iterator>
 #include <sstream>
 #include <utility>
@@ -7,7 +8,7 @@
 
 #include "SetupError.h"
 #include "Text.h"
-#include "devices/SerialLine.h"
+#include "devices/line/SerialLine.h"
 #include "sandbox/PrivateDev.h"
 
 namespace {
@@ -40,13 +41,17 @@ class SerialLineKind : public DeviceKind {
   std::vector<Node> Nodes() const override {
     std::vector<Node> nodes;
     for (const auto& [path, farEnd] : Ttys()) {
-      nodes.push_back({path, Node::Kind::kTerminal});
+      // The first port is known by its registers, the others by their number.
+      const std::string place = nodes.empty() ? Hex(m_uart.base).substr(2) : std::to_string(nodes.size());
+      std::string name = path.substr(std::string("/dev/").size());
+      std::replace(name.begin(), name.end(), '/', '!');
+      nodes.push_back({path, Node::Kind::kTerminal, 0, "", SystemEntry{"tty", name, place + ".serial", "serial8250"}});
     }
     return nodes;
   }
 
   TrappedRequests Requests() const override {
-    return SerialLine::Requests();
+    return SerialRequests::Numbers();
   }
 
   Devices Make(const Backplane& backplane) const override {
