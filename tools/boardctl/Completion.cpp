@@ -35,7 +35,8 @@ const std::map<std::string, Words>& Values() {
       {"--timestamps", {"relative", "absolute"}},
       {"--speed", {"9600", "19200", "38400", "57600", "115200", "230400", "460800", "921600"}},
       {"--svg", {kFiles}},
-      {"--alive", {kFiles}}};
+      {"--alive", {kFiles}},
+      {"--", {kFiles}}};  // a command of the user's own
   return kValues;
 }
 
@@ -87,85 +88,16 @@ Words Arguments(const std::string& name, const std::string& group) {
   return found;
 }
 
-std::vector<const CLI::App*> Below(const CLI::App* app) {
-  return app->get_subcommands([](const CLI::App*) { return true; });
-}
-
-const CLI::App* Below(const CLI::App* app, const std::string& name) {
-  for (const CLI::App* const below : Below(app)) {
-    if (below->get_name() == name) {
-      return below;
-    }
-  }
-  return nullptr;
-}
-
-const CLI::Option* OptionOf(const CLI::App* app, const std::string& name) {
-  for (; app != nullptr; app = app->get_parent()) {
-    for (const CLI::Option* const option : app->get_options()) {
-      if (option->check_name(name)) {
-        return option;
-      }
-    }
-  }
-  return nullptr;
-}
-
-Words OptionsOf(const Program& program, const CLI::App* app) {
-  const Verb* const verb = program.VerbOf(app);
-  Words names;
-  for (const CLI::App* level = app; level != nullptr; level = level->get_parent()) {
-    for (const CLI::Option* const option : level->get_options()) {
-      const std::string name = option->get_name();
-      const bool isRefused = verb != nullptr && ((name == "--json" && !verb->hasJson) ||
-                                                 (name == "--dry-run" && !verb->hasDryRun) || name == "--version");
-      if (!option->get_positional() && !isRefused && std::find(names.begin(), names.end(), name) == names.end()) {
-        names.push_back(name);
-      }
-    }
-  }
-  return names;
-}
-
 }  // namespace
 
 Words Complete(const Program& program, const Words& words) {
   const std::string current = words.empty() ? "" : words.back();
-  const CLI::App* app = &program.Tree();
-  const CLI::Option* open = nullptr;  // waits for its value
-  std::size_t position = 0;
-  for (std::size_t i = 0; i + 1 < words.size(); ++i) {
-    if (words[i] == "--") {
-      return {kFiles};  // the words of a command
-    }
-    if (open != nullptr) {
-      open = nullptr;
-    } else if (words[i].rfind('-', 0) == 0) {
-      const CLI::Option* const option = OptionOf(app, words[i]);
-      open = option != nullptr && option->get_items_expected_max() != 0 ? option : nullptr;
-    } else if (const CLI::App* const below = Below(app, words[i]); below != nullptr) {
-      app = below;
-    } else {
-      ++position;
-    }
-  }
-
-  Words all;
-  if (open != nullptr) {
-    const auto found = Values().find(open->get_name());
-    all = found == Values().end() ? Words() : found->second;
-  } else if (current.rfind('-', 0) == 0) {
-    all = OptionsOf(program, app);
-  } else {
-    for (const CLI::App* const below : Below(app)) {
-      all.push_back(below->get_name());
-    }
-    for (const CLI::Option* const option : app->get_options()) {
-      if (option->get_positional() && position-- == 0) {
-        all = Arguments(option->get_name(), app->get_parent()->get_name());
-        break;
-      }
-    }
+  const Words before(words.begin(), words.end() - (words.empty() ? 0 : 1));
+  const Expected expected = program.ExpectedBehind(before, current.rfind('-', 0) == 0);
+  Words all = expected.words;
+  if (!expected.value.empty()) {
+    const auto found = Values().find(expected.value);
+    all = found == Values().end() ? Arguments(expected.value, expected.group) : found->second;
   }
 
   Words fitting;
@@ -197,6 +129,5 @@ void AddCompletion(Program& program) {
         return found != scripts.end() ? found->second
                                       : throw std::invalid_argument('"' + shell + "\" is none of bash, zsh, fish");
       },
-      "bash, zsh or fish")
-      ->required();
+      "bash, zsh or fish", kRequired);
 }

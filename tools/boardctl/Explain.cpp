@@ -1,5 +1,6 @@
 #include <iostream>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "Catalogue.h"
 #include "Groups.h"
@@ -69,7 +70,6 @@ void AddExplain(Program& program) {
                        "The catalogue is built in: no file is needed. What is not in it is passed over.",
                        "explain \"popen failed: Cannot allocate memory\"", "nothing; no device is opened."},
                       [text](Call& call) { return Explain(*text, call.out); });
-  verb.add_option("TEXT", *text, "the text as it was printed; - reads a log from standard input")
-      ->type_name("")
-      ->required();
+  AddArgument(verb, "TEXT", "", *text, AnyText, "the text as it was printed; - reads a log from standard input",
+              kRequired);
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "Check.h"
@@ -177,7 +178,7 @@ CLI::App& AddAddressVerb(Program& program, CLI::App& group, const Verb& verb, in
                          Arguments*& arguments) {
   const auto kept = std::make_shared<Arguments>();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
-  AddArgument(app, "ADDRESS", "", kept->address, check::WordAddress, kAddress)->required();
+  AddArgument(app, "ADDRESS", "", kept->address, check::WordAddress, kAddress, kRequired);
   arguments = kept.get();
   return app;
 }
@@ -211,7 +212,7 @@ void AddMemory(Program& program) {
                                     "mem write 0x80011010 0x10 --mask 0x10",
                                     "the word as written, until the device or a driver changes it.", true, true},
                                    Write, arguments);
-  AddArgument(write, "VALUE", "", arguments->value, check::Word, "the word, in the same notation")->required();
+  AddArgument(write, "VALUE", "", arguments->value, check::Word, "the word, in the same notation", kRequired);
   AddArgument(
       write, "--mask", "M", arguments->mask,
       [](const std::string& text) { return std::make_optional(check::Word(text)); },

@@ -8,6 +8,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <vector>
@@ -472,13 +473,13 @@ CLI::App& AddNetVerb(Program& program, CLI::App& group, const Verb& verb, int (*
   arguments = kept.get();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
   if (verb.hasChanged) {
-    app.add_flag("--changed", kept->asksForChange, "status 3 if nothing had to be changed");
+    AddFlag(app, "--changed", kept->asksForChange, "status 3 if nothing had to be changed");
   }
   return app;
 }
 
-CLI::Option* AddInterface(CLI::App& app, Arguments& arguments, const char* description) {
-  return AddArgument(app, "IFACE", "", arguments.interface, check::Interface, description);
+void AddInterface(CLI::App& app, Arguments& arguments, const char* description, Presence presence = kOptional) {
+  AddArgument(app, "IFACE", "", arguments.interface, check::Interface, description, presence);
 }
 
 std::string What(const std::string& text) {
@@ -515,11 +516,10 @@ void AddNet(Program& program) {
        "already. --dry-run prints the commands of ip, and runs only those that ask.",
        "net address eth0 192.0.2.10/24 --dry-run", kRemains, true, true, false, true},
       SetAddress, arguments);
-  AddInterface(address, *arguments, kInterface)->required();
+  AddInterface(address, *arguments, kInterface, kRequired);
   AddArgument(address, "ADDRESS/LENGTH", "", arguments->network, check::IpNetwork,
-              "192.0.2.10/24, 2001:db8::10/64; to remove one: boardctl net clear")
-      ->required();
-  address.add_flag("--flush", arguments->isFlushed, kFlush);
+              "192.0.2.10/24, 2001:db8::10/64; to remove one: boardctl net clear", kRequired);
+  AddFlag(address, "--flush", arguments->isFlushed, kFlush);
 
   CLI::App& local = AddNetVerb(program, group,
                                {"link-local", "Gives IFACE the IPv6 link-local address of its hardware address",
@@ -527,8 +527,8 @@ void AddNet(Program& program) {
                                 "--dry-run prints the commands of ip, and runs only those that ask.",
                                 "net link-local eth0", kRemains, true, true, false, true},
                                SetLinkLocal, arguments);
-  AddInterface(local, *arguments, kInterface)->required();
-  local.add_flag("--flush", arguments->isFlushed, kFlush);
+  AddInterface(local, *arguments, kInterface, kRequired);
+  AddFlag(local, "--flush", arguments->isFlushed, kFlush);
 
   CLI::App& gateway = AddNetVerb(
       program, group,
@@ -538,8 +538,8 @@ void AddNet(Program& program) {
        "--dry-run prints the commands of ip, and runs only those that ask.", "net gateway eth0 192.0.2.1", kRemains,
        true, true, false, true},
       SetGateway, arguments);
-  AddInterface(gateway, *arguments, kInterface)->required();
-  AddArgument(gateway, "ADDRESS", "", arguments->gateway, check::IpAddress, "192.0.2.1, 2001:db8::1")->required();
+  AddInterface(gateway, *arguments, kInterface, kRequired);
+  AddArgument(gateway, "ADDRESS", "", arguments->gateway, check::IpAddress, "192.0.2.1, 2001:db8::1", kRequired);
 
   CLI::App& clear = AddNetVerb(
       program, group,
@@ -552,8 +552,8 @@ void AddNet(Program& program) {
        "that ask.",
        "net clear address eth0 --ipv6", kRemains, true, true, false, true},
       Clear, arguments);
-  AddArgument(clear, "WHAT", "", arguments->what, What, "address or gateway")->required();
+  AddArgument(clear, "WHAT", "", arguments->what, What, "address or gateway", kRequired);
   AddInterface(clear, *arguments, kInterface);
-  clear.add_flag("--ipv6", arguments->isIpv6, "the first IPv6 address, or the IPv6 route, not that of IPv4");
-  clear.add_flag("--flush", arguments->isFlushed, kFlush);
+  AddFlag(clear, "--ipv6", arguments->isIpv6, "the first IPv6 address, or the IPv6 route, not that of IPv4");
+  AddFlag(clear, "--flush", arguments->isFlushed, kFlush);
 }

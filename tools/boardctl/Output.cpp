@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 namespace {

@@ -55,7 +55,7 @@ std::uint32_t ParseSpeed(const std::string& text) {
 }
 
 void AddDevice(CLI::App& verb, std::string& device) {
-  AddArgument(verb, "DEVICE", "", device, check::Path, "the serial port, for example /dev/ttyS1")->required();
+  AddArgument(verb, "DEVICE", "", device, check::Path, "the serial port, for example /dev/ttyS1", kRequired);
 }
 
 void AddSpeed(CLI::App& verb, LineOptions& line) {

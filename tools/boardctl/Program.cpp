@@ -1,9 +1,11 @@
 #include "Program.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 
 #include "Catalogue.h"
 #include "Completion.h"
@@ -64,6 +66,26 @@ std::string NamesOf(const std::vector<const CLI::App*>& apps) {
 
 std::vector<const CLI::App*> Below(const CLI::App* app) {
   return app->get_subcommands([](const CLI::App* below) { return !below->get_name().empty(); });
+}
+
+const CLI::App* Below(const CLI::App* app, const std::string& name) {
+  for (const CLI::App* const below : Below(app)) {
+    if (below->get_name() == name) {
+      return below;
+    }
+  }
+  return nullptr;
+}
+
+const CLI::Option* OptionOf(const CLI::App* app, const std::string& name) {
+  for (; app != nullptr; app = app->get_parent()) {
+    for (const CLI::Option* const option : app->get_options()) {
+      if (option->check_name(name)) {
+        return option;
+      }
+    }
+  }
+  return nullptr;
 }
 
 /// How many letters have to be changed, added or removed to make one of the other.
@@ -187,27 +209,29 @@ class HelpFormatter : public CLI::Formatter {
 
 }  // namespace
 
-Program::Program() : m_app("", "boardctl") {
-  m_app.formatter(std::make_shared<HelpFormatter>(*this));
-  m_app.set_help_flag("-h,--help", "print this help");
-  m_app.set_version_flag("--version", "boardctl " BOARDCTL_VERSION, "print the version");
-  m_app.add_flag("--json", m_options.json, "the results as JSON, one object a line");
-  m_app.add_flag("--quiet", m_options.quiet, "no words besides results and failures, no progress");
-  m_app.add_flag("--dry-run", m_dryRun, "tell what would be changed, and change nothing");
+Program::Program() : m_app(std::make_unique<CLI::App>("", "boardctl")) {
+  m_app->formatter(std::make_shared<HelpFormatter>(*this));
+  m_app->set_help_flag("-h,--help", "print this help");
+  m_app->set_version_flag("--version", "boardctl " BOARDCTL_VERSION, "print the version");
+  m_app->add_flag("--json", m_options.json, "the results as JSON, one object a line");
+  m_app->add_flag("--quiet", m_options.quiet, "no words besides results and failures, no progress");
+  m_app->add_flag("--dry-run", m_dryRun, "tell what would be changed, and change nothing");
   // The options of all verbs may stand behind the verb, too, and what nobody knows is called by its name below.
-  m_app.fallthrough();
-  m_app.allow_extras();
-  m_app.require_subcommand(0, 1);
+  m_app->fallthrough();
+  m_app->allow_extras();
+  m_app->require_subcommand(0, 1);
 }
 
+Program::~Program() = default;
+
 CLI::App& Program::AddGroup(const char* name, const char* summary) {
-  CLI::App* const group = m_app.add_subcommand(name, summary);
+  CLI::App* const group = m_app->add_subcommand(name, summary);
   group->require_subcommand(0, 1);
   return *group;
 }
 
 CLI::App& Program::AddVerb(CLI::App* group, const Verb& verb, Run run) {
-  CLI::App* const app = (group == nullptr ? m_app : *group).add_subcommand(verb.name, verb.summary);
+  CLI::App* const app = (group == nullptr ? *m_app : *group).add_subcommand(verb.name, verb.summary);
   app->require_subcommand(0);
   m_verbs[app] = {verb, std::move(run)};
   return *app;
@@ -216,6 +240,56 @@ CLI::App& Program::AddVerb(CLI::App* group, const Verb& verb, Run run) {
 const Verb* Program::VerbOf(const CLI::App* app) const {
   const auto found = m_verbs.find(app);
   return found == m_verbs.end() ? nullptr : &found->second.verb;
+}
+
+Expected Program::ExpectedBehind(const std::vector<std::string>& words, bool isOption) const {
+  const CLI::App* app = m_app.get();
+  const CLI::Option* open = nullptr;  // waits for its value
+  std::size_t position = 0;
+  for (const std::string& word : words) {
+    if (word == "--") {
+      return {{}, word, {}};
+    }
+    if (open != nullptr) {
+      open = nullptr;
+    } else if (word.rfind('-', 0) == 0) {
+      const CLI::Option* const option = OptionOf(app, word);
+      open = option != nullptr && option->get_items_expected_max() != 0 ? option : nullptr;
+    } else if (const CLI::App* const below = Below(app, word); below != nullptr) {
+      app = below;
+    } else {
+      ++position;
+    }
+  }
+
+  if (open != nullptr) {
+    return {{}, open->get_name(), {}};
+  }
+  Expected expected;
+  if (isOption) {
+    const Verb* const verb = VerbOf(app);
+    for (const CLI::App* level = app; level != nullptr; level = level->get_parent()) {
+      for (const CLI::Option* const option : level->get_options()) {
+        const std::string name = option->get_name();
+        const bool isRefused = verb != nullptr && ((name == "--json" && !verb->hasJson) ||
+                                                   (name == "--dry-run" && !verb->hasDryRun) || name == "--version");
+        const bool isThere = std::find(expected.words.begin(), expected.words.end(), name) != expected.words.end();
+        if (!option->get_positional() && !isRefused && !isThere) {
+          expected.words.push_back(name);
+        }
+      }
+    }
+    return expected;
+  }
+  for (const CLI::Option* const option : app->get_options()) {
+    if (option->get_positional() && position-- == 0) {
+      return {{}, option->get_name(), app->get_parent()->get_name()};
+    }
+  }
+  for (const CLI::App* const below : Below(app)) {
+    expected.words.push_back(below->get_name());
+  }
+  return expected;
 }
 
 int Program::Main(int argc, const char* const* argv) {
@@ -230,7 +304,7 @@ int Program::Main(int argc, const char* const* argv) {
   }
 
   Output words({});
-  const CLI::App* chosen = &m_app;
+  const CLI::App* chosen = m_app.get();
   std::string wrong;
   try {
     if (isCompleting) {
@@ -259,7 +333,7 @@ int Program::Parse(const std::vector<std::string>& arguments, const CLI::App*& c
   bool isAnswered = false;
   try {
     // The parser takes them from the end.
-    m_app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+    m_app->parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
   } catch (const CLI::CallForHelp&) {
     isAnswered = true;
   } catch (const CLI::CallForVersion& version) {
@@ -281,7 +355,7 @@ int Program::Parse(const std::vector<std::string>& arguments, const CLI::App*& c
   }
 
   const bool isVerb = VerbOf(chosen) != nullptr;
-  const char* const kind = isVerb ? "argument" : chosen == &m_app ? "group" : "verb";
+  const char* const kind = isVerb ? "argument" : chosen == m_app.get() ? "group" : "verb";
   std::vector<std::string> names;
   for (const CLI::App* const below : Below(chosen)) {
     names.push_back(below->get_name());
@@ -291,7 +365,7 @@ int Program::Parse(const std::vector<std::string>& arguments, const CLI::App*& c
       names.push_back(option->get_name());
     }
   }
-  if (const std::vector<std::string> unknown = m_app.remaining(true); !unknown.empty()) {
+  if (const std::vector<std::string> unknown = m_app->remaining(true); !unknown.empty()) {
     const std::string& word = unknown.front();
     throw UsageError("there is no " + std::string(word.front() == '-' && word.size() > 1 ? "option" : kind) + " \"" +
                      word + '"' + Nearest(word, names));
@@ -343,4 +417,22 @@ int Program::RunVerb(const CLI::App& chosen) {
   }
   out.EndProgress();
   return signals::Caught() != 0 ? kStatusSignal + signals::Caught() : status;
+}
+
+void AddTakenArgument(CLI::App& verb, const std::string& name, const char* type,
+                      std::function<void(const std::string&)> take, const std::string& description, Presence presence) {
+  const auto takeOrRefuse = [take = std::move(take), name](const std::string& text) {
+    try {
+      take(text);
+    } catch (const std::invalid_argument& error) {
+      throw CLI::ValidationError(name, error.what());
+    }
+  };
+  verb.add_option_function<std::string>(name, takeOrRefuse, description)
+      ->type_name(type)
+      ->required(presence == kRequired);
+}
+
+void AddFlag(CLI::App& verb, const std::string& name, bool& target, const std::string& description) {
+  verb.add_flag(name, target, description);
 }

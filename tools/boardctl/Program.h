@@ -1,14 +1,17 @@
 #ifndef BOARDKIT_CTL_PROGRAM_H
 #define BOARDKIT_CTL_PROGRAM_H
 
-#include <CLI/CLI.hpp>
 #include <functional>
 #include <map>
-#include <stdexcept>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Output.h"
+
+namespace CLI {
+class App;
+}
 
 /// What a verb is called with, besides its own arguments.
 struct Call {
@@ -32,6 +35,13 @@ struct Verb {
   bool hasChanged = false;    // tells of status 3; the option itself is the verb's own
 };
 
+/// What may come next on a command line.
+struct Expected {
+  std::vector<std::string> words;  // names of groups, verbs or options
+  std::string value;  // the option or argument whose value may come: "--bits", "DEVICE"; "--" for a command
+  std::string group;  // that of its verb
+};
+
 /// The command line: groups, their verbs and options, help, exit statuses and what failures look like.
 ///
 /// A group is added so:
@@ -51,6 +61,9 @@ class Program {
   using Run = std::function<int(Call&)>;
 
   Program();
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
 
   CLI::App& AddGroup(const char* name, const char* summary);
   CLI::App& AddVerb(CLI::App* group, const Verb& verb, Run run);
@@ -58,9 +71,8 @@ class Program {
   /// Parses, runs the verb and returns the exit status.
   int Main(int argc, const char* const* argv);
 
-  const CLI::App& Tree() const {
-    return m_app;
-  }
+  /// What may come behind @p words, or an option there.
+  Expected ExpectedBehind(const std::vector<std::string>& words, bool isOption) const;
   /// The verb that @p app stands for; null for the program itself and for groups.
   const Verb* VerbOf(const CLI::App* app) const;
 
@@ -74,7 +86,7 @@ class Program {
   int RunVerb(const CLI::App& chosen);
   void CheckGlobals(const CLI::App& chosen) const;
 
-  CLI::App m_app;
+  std::unique_ptr<CLI::App> m_app;
   std::map<const CLI::App*, Entry> m_verbs;
   Output::Options m_options;
   bool m_dryRun = false;
@@ -82,19 +94,27 @@ class Program {
   std::vector<std::string> m_command;
 };
 
+enum Presence { kOptional, kRequired };
+
+/// Adds an argument whose text is given to @p take, which throws std::invalid_argument with a phrase.
+void AddTakenArgument(CLI::App& verb, const std::string& name, const char* type,
+                      std::function<void(const std::string&)> take, const std::string& description, Presence presence);
+
 /// Binds an argument: an option ("--speed", with the @p type of its value) or a positional one ("DEVICE", which needs
 /// none). @p parse makes the value of the text, or throws std::invalid_argument with a phrase.
 template <typename T, typename Parse>
-CLI::Option* AddArgument(CLI::App& verb, const std::string& name, const char* type, T& target, Parse parse,
-                         const std::string& description) {
-  const auto take = [&target, parse, name](const std::string& text) {
-    try {
-      target = parse(text);
-    } catch (const std::invalid_argument& e) {
-      throw CLI::ValidationError(name, e.what());
-    }
-  };
-  return verb.add_option_function<std::string>(name, take, description)->type_name(type);
+void AddArgument(CLI::App& verb, const std::string& name, const char* type, T& target, Parse parse,
+                 const std::string& description, Presence presence = kOptional) {
+  AddTakenArgument(
+      verb, name, type, [&target, parse](const std::string& text) { target = parse(text); }, description, presence);
 }
+
+/// What needs no check: a text for which anything may stand.
+inline std::string AnyText(const std::string& text) {
+  return text;
+}
+
+/// Binds an option without a value.
+void AddFlag(CLI::App& verb, const std::string& name, bool& target, const std::string& description);
 
 #endif

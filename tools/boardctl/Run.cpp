@@ -1,6 +1,7 @@
 #include <OpSystem.h>
 
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "Groups.h"
 #include "Program.h"
@@ -93,5 +94,5 @@ void AddRun(Program& program) {
                        "words: this program's own is 1 unless it is 0.",
                        "run -- uname -a", "what COMMAND has done.", true, false, true},
                       [text](Call& call) { return RunCommand(*text, call); });
-  verb.add_option("COMMAND", *text, "a text for the shell")->type_name("");
+  AddArgument(verb, "COMMAND", "", *text, AnyText, "a text for the shell");
 }

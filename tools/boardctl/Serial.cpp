@@ -9,6 +9,7 @@
 #include <climits>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
 
@@ -444,7 +445,7 @@ void AddSend(Program& program, CLI::App& group) {
   AddArgument(verb, "FILE", "", arguments->file, check::Path, "the bytes; - or nothing for standard input");
   AddSpeed(verb, arguments->line);
   AddFormat(verb, arguments->line);
-  verb.add_flag("--hex", arguments->isHex, "FILE has hexadecimal digits, two a byte: 48 65 6C");
+  AddFlag(verb, "--hex", arguments->isHex, "FILE has hexadecimal digits, two a byte: 48 65 6C");
 }
 
 void AddReceive(Program& program, CLI::App& group) {
@@ -473,7 +474,7 @@ void AddReceive(Program& program, CLI::App& group) {
       verb, "--idle", "MS", arguments->idleMs,
       [](const std::string& text) { return check::Decimal(text, 1, kLongestMs); },
       "end when nothing has come for MS milliseconds");
-  verb.add_flag("--hex", arguments->isHex, "as hexadecimal digits, 16 bytes a line");
+  AddFlag(verb, "--hex", arguments->isHex, "as hexadecimal digits, 16 bytes a line");
   AddArgument(
       verb, "--timestamps", "KIND", arguments->stamps,
       [](const std::string& text) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
 #include <system_error>
@@ -349,8 +350,8 @@ void AddSerialTest(Program& program, CLI::App& group) {
   AddDevice(verb, arguments->line.device);
   AddArgument(verb, "--speeds", "LIST", arguments->speeds, ParseSpeeds,
               "bits per second, with commas between them (default: the standard ones from 9600 on)");
-  verb.add_flag("--loop", arguments->isInternal,
-                "over the UART's internal loop: what is connected neither gets nor sends anything");
+  AddFlag(verb, "--loop", arguments->isInternal,
+          "over the UART's internal loop: what is connected neither gets nor sends anything");
   AddArgument(
       verb, "--size", "N", arguments->size, [](const std::string& text) { return check::Decimal(text, 1, kMostBytes); },
       "bytes in the block (default: half a second's)");

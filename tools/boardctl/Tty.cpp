@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <system_error>
 
 namespace {

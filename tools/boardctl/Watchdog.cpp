@@ -15,6 +15,7 @@
 #include <climits>
 #include <ctime>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
 
@@ -528,7 +529,7 @@ CLI::App& AddDeviceVerb(Program& program, CLI::App& group, const Verb& verb, int
                         Arguments*& arguments) {
   const auto kept = std::make_shared<Arguments>();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
-  AddArgument(app, "DEVICE", "", kept->device, check::Path, "the watchdog, for example /dev/watchdog")->required();
+  AddArgument(app, "DEVICE", "", kept->device, check::Path, "the watchdog, for example /dev/watchdog", kRequired);
   arguments = kept.get();
   return app;
 }
