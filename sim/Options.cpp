@@ -57,11 +57,36 @@ constexpr const char* kFooter =
 
 constexpr std::size_t kOptionWidth = 27;  // characters, which leaves 53 for its explanation
 
-/// Tells of the command, too.
+/// The whole help: that of other versions of the parser is laid out in other ways, and shells complete what it says.
 class HelpFormatter : public CLI::Formatter {
  public:
-  std::string make_usage(const CLI::App* /*app*/, std::string name) const override {
-    return "Usage: " + name + " [OPTION]... [--] COMMAND [ARGUMENT]...\n       " + name + " --check\n";
+  std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode /*mode*/) const override {
+    std::string help = kDescription;
+    help += "\nUsage: " + name + " [OPTION]... [--] COMMAND [ARGUMENT]...\n       " + name + " --check\n\nOptions:\n";
+    for (const CLI::Option* const option : app->get_options()) {
+      help += Row(*option);
+    }
+    return help + '\n' + app->get_footer() + '\n';
+  }
+
+ private:
+  static std::string Row(const CLI::Option& option) {
+    std::string left = "  " + option.get_name(false, true);
+    if (const std::string value = option.get_type_name(); !value.empty()) {
+      left += ' ' + value;
+    }
+    if (option.get_expected_max() == CLI::detail::expected_max_vector_size) {
+      left += " ...";
+    }
+    const std::string margin(kOptionWidth, ' ');
+    std::string row = left.size() < kOptionWidth ? left + margin.substr(left.size()) : left + '\n' + margin;
+    for (const char character : option.get_description()) {
+      row += character;
+      if (character == '\n') {
+        row += margin;
+      }
+    }
+    return row + '\n';
   }
 };
 
@@ -71,7 +96,6 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   CLI::App app(kDescription, "boardsim");
   app.footer("FAR is " + FarEndForms() + ".\n" + kFooter);
   app.formatter(std::make_shared<HelpFormatter>());
-  app.get_formatter()->column_width(kOptionWidth);
   app.prefix_command();
   app.set_help_flag("-h,--help", "Print this help");
   app.set_version_flag("--version", "boardsim " BOARDSIM_VERSION, "Print the version");

@@ -17,7 +17,9 @@ std::string FailuresOf(const Action& action) {
   }
   std::string text;
   for (int i = 0; i < results.size(); ++i) {
-    text += results.GetTestPartResult(i).message();
+    const std::string message = results.GetTestPartResult(i).message();
+    // Newer releases of the framework end it with a newline.
+    text += message.substr(0, message.find_last_not_of('\n') + 1);
   }
   return text;
 }
