@@ -11,6 +11,10 @@ folder=$PWD/build/board
 kernels=(bookworm newest)
 newest_first=(sid trixie)
 
+check_kernel() {
+  [[ -n $1 && " ${kernels[*]} " == *" $1 "* ]] || die_of_usage "--kernel takes one of: ${kernels[*]}."
+}
+
 # dash is the shell: that of BusyBox would run its own ip instead of the one in PATH.
 user_land=(busybox-static dash iproute2 libbpf1 libbsd0 libc6 libcap2 libelf1 libgcc-s1 libmd0 libmnl0 libstdc++6 zlib1g)
 modules=(softdog imx2_wdt veth virtio_pci virtio_net virtio_console 9p 9pnet_virtio)
@@ -183,19 +187,22 @@ make_device_tree() {
   fdtoverlay -i "$cache/virt.dtb" -o "$device_tree" "$cache/uart.dtbo"
 }
 
-# cross_build PRESET [CMAKE_OPTION]...: the library and the examples, installed in build/board/PRESET/stage, and the tests
-# as anybody's program on it, with the options that tell the preset's kind of file offsets and times.
+# cross_build PRESET LIBRARY_OPTIONS [CMAKE_OPTION]...: the library and what LIBRARY_OPTIONS add to it, installed in
+# build/board/PRESET/stage, and the tests as anybody's program on it, with the options that tell the preset's kind of file
+# offsets and times.
 cross_build() {
-  local preset=$1 built=$folder/$1 debug=(-DCMAKE_CXX_FLAGS_RELEASE='-O3 -DNDEBUG -g')
-  shift
-  build "$preset" "build/board/$preset/library" -DBOARDKIT_TESTS=OFF -DBOARDKIT_EXAMPLES=ON "${debug[@]}"
+  local preset=$1 built=$folder/$1 extent=$2 debug=(-DCMAKE_CXX_FLAGS_RELEASE='-O3 -DNDEBUG -g')
+  shift 2
+  # shellcheck disable=SC2086
+  build "$preset" "build/board/$preset/library" -DBOARDKIT_TESTS=OFF $extent "${debug[@]}"
   rm -rf -- "$built/stage"
   quietly "$built/install.log" "Installing build/board/$preset/stage" \
     cmake --install "$built/library" --prefix "$built/stage"
   mkdir -p "$built/tests"
+  # Most of the time goes into them, so they are not optimised.
   quietly "$built/tests/configure.log" "Configuring build/board/$preset/tests" \
-    cmake -S tests/board -B "$built/tests" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$built/stage" \
-    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$target.cmake" -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "${debug[@]}" "$@"
+    cmake -S tests/board -B "$built/tests" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_PREFIX_PATH="$built/stage" \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$target.cmake" -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "$@"
   quietly "$built/tests/build.log" "Building build/board/$preset/tests" \
     cmake --build "$built/tests" --parallel "$(nproc)"
 }
@@ -236,7 +243,7 @@ prepare() {
     if [[ $kernel == newest ]]; then find_newest; else fetch_kernel "$kernel"; fi
     make_modules "$kernel"
   done
-  cross_build armhf
+  cross_build armhf '-DBOARDKIT_EXAMPLES=ON -DBOARDKIT_TOOLS=ON'
   make_payload
 }
 

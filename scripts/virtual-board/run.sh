@@ -36,7 +36,7 @@ parse() {
   [[ -z $limit || $limit =~ ^[0-9]+$ ]] || die_of_usage "--timeout takes seconds, not $limit."
   [[ $memory =~ ^[0-9]+[MG]$ ]] || die_of_usage "--memory takes a size as 512M or 2G, not $memory."
   [[ $network =~ ^(user(,[0-9]+:[0-9]+)*)?$ ]] || die_of_usage "--net takes user or user,PORT:BOARD-PORT, not $network."
-  [[ " ${kernels[*]} " == *" $kernel "* ]] || die_of_usage "--kernel takes one of: ${kernels[*]}."
+  check_kernel "$kernel"
   [[ -z $share || -d $share ]] || die "There is no folder $share to share."
   for file in "${with[@]}"; do
     [[ -f $file ]] || die "There is no file $file to take along."

@@ -199,9 +199,13 @@ const Operation kOperations[] = {
     {"SerialPortBufferedRead",
      [] {
        SerialPort port("/dev/ttyS0", true);
-       port.Write("a text that comes back from the other end");
+       port.SetBaudRate(SerialPort::BAUD_115200);
+       port.SetLoopback(true);
+       port.FlushInputAndOutput();
+       const std::string sent = "a text that comes back through the loopback";
+       port.Write(sent);
        std::vector<unsigned char> out;
-       while (out.size() < 41) {
+       while (out.size() < sent.size()) {
          port.IsDataReceived(-1);
          port.ReadAllAvailableData();
          std::vector<unsigned char> more;

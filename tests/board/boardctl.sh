@@ -1,7 +1,8 @@
 #!/bin/sh
-# boardctl on the kernel's own drivers, run on the board: boardctl.sh [BOARDCTL]. It needs softdog, a UART, a network card
-# and a word of memory at 0x80011000.
-boardctl=${1:-/payload/boardctl}
+# boardctl on the kernel's own drivers, run on the board: boardctl.sh [reset TIMEOUT]. It needs softdog, a UART, a network
+# card and a word of memory at 0x80011000.
+# With "reset", it ends by leaving a watchdog behind that nothing disarms any more.
+boardctl=/payload/boardctl
 failed=0
 
 # expect STATUS PATTERN COMMAND...: the command ends with the status, and a line of what it prints matches each line of the
@@ -27,6 +28,27 @@ expect() {
     failed=1
   fi
 }
+
+# stopped TIMEOUT: feeds the watchdog until it counts, and ends that by a signal.
+# shellcheck disable=SC2317
+stopped() {
+  "$boardctl" watchdog feed /dev/watchdog --interval "$1" &
+  until grep -qx active /sys/class/watchdog/watchdog0/state || ! kill -0 "$!"; do
+    sleep 0.1
+  done
+  kill "$!"
+  wait "$!"
+}
+
+if [ "${1:-}" = reset ]; then
+  echo 1 > /sys/class/watchdog/watchdog0/nowayout
+  expect 0 '^  nowayout   yes$' "$boardctl" watchdog show /dev/watchdog
+  expect 0 'watchdog0 has nowayout set: once armed, nothing disarms it' "$boardctl" report
+  expect 143 "^boardctl: nowayout is set: once armed, nothing disarms /dev/watchdog
+^boardctl: closed in good order, and /dev/watchdog still counts (nowayout): THE BOARD RESETS within $2 s " stopped "$2"
+  [ "$failed" = 0 ] && echo armed
+  exit
+fi
 
 expect 0 '^versions$
 ^  library  .*/libboardkit.so
@@ -64,7 +86,7 @@ expect 0 '^  state      active$
 expect 0 'inactive' cat /sys/class/watchdog/watchdog0/state
 
 # A signal disarms it.
-expect 143 '^boardctl: /dev/watchdog is disarmed.$' timeout -s TERM 3 sh -c "exec $boardctl watchdog feed /dev/watchdog --interval 2"
+expect 143 '^boardctl: /dev/watchdog is disarmed.$' stopped 10
 expect 0 'inactive' cat /sys/class/watchdog/watchdog0/state
 
 expect 0 '^0x80011000  0x00000197$' "$boardctl" mem read 0x80011000
