@@ -30,6 +30,9 @@ if find "$work/prefix" -name boardkit | grep .; then
   exit 1
 fi
 
+say "nothing is offered to cpack, which would pack the system's paths"
+[ ! -e "$work/build/CPackConfig.cmake" ]
+
 say "uninstall, with nothing installed"
 if cmake --build "$work/build" --target uninstall >"$work/message" 2>&1; then
   echo 'It should have failed.'

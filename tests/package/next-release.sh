@@ -35,7 +35,7 @@ version_is() {
   # shellcheck disable=SC2046  # words
   sed -i "s/\"boardkit $1\"/\"boardkit $2\"/" $(git ls-files '*.1' '*.3boardkit' '*.7')
   sed -i "s/^project(boardkit VERSION $1 /project(boardkit VERSION $2 /" CMakeLists.txt
-  sed -i "s/^## $1 /## $2 (2099-01-01)\\n\\n&/" CHANGELOG.md
+  sed -i "s/^## $1 \\(.*\\)/## $2 \\1\\n\\n&/" CHANGELOG.md
   sed -i "1s/($1-/($2-/" debian/changelog
   sed -i "s/^BOARDKIT_VERSION = $1$/BOARDKIT_VERSION = $2/" packaging/buildroot/package/boardkit/boardkit.mk
   git mv "packaging/yocto/recipes-support/boardkit/boardkit_$1.bb" "packaging/yocto/recipes-support/boardkit/boardkit_$2.bb"
