@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <regex>
 #include <string>
 
@@ -77,6 +78,21 @@ TEST_F(Control, BytesThatAreFedReachTheProgram) {
   EXPECT_EQ(client->Ask("feed /dev/ttyS1 0g"), "error bytes are pairs of hexadecimal digits, not \"0g\"");
   EXPECT_EQ(client->Ask("feed /dev/ttyS1 123"), "error bytes are pairs of hexadecimal digits, not \"123\"");
   EXPECT_EQ(client->Ask("feed /dev/ttyS2 12"), "error there is no simulated port /dev/ttyS2");
+  ExpectEnd();
+}
+
+TEST_F(Control, BytesThatComeInTakeTheirTimeOnALineThatIsPaced) {
+  Start({"--pace", "--tty", "/dev/ttyS1=none"});
+  const auto start = std::chrono::steady_clock::now();
+  // 96 of the 960 that come in a second.
+  EXPECT_EQ(client->Ask("feed /dev/ttyS1 " + std::string(2 * 96, '1')), "ok");
+  std::size_t got = 0;
+  while (got < 96) {
+    const std::string answer = board->Ask("read 3");
+    ASSERT_EQ(answer.rfind("got ", 0), 0U);
+    got += answer.size() - 4;
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(99));
   ExpectEnd();
 }
 

@@ -57,6 +57,22 @@ with serial.Serial("/dev/ttyS1", 115200, timeout=5, rtscts=True) as port:
     assert port.out_waiting == 0
 '
 
+check "python3-serial, whose writing takes too long" "${board[@]}" --pace -- /usr/bin/python3 -c '
+import serial
+with serial.Serial("/dev/ttyS1", 9600, write_timeout=0.2) as port:
+    try:
+        port.write(bytes(100000))
+        raise SystemExit("it was all written")
+    except serial.SerialTimeoutException:
+        port.reset_output_buffer()
+'
+
+# It wants to see a file system of the kernel, unless it is told otherwise.
+check "udevadm" env SYSTEMD_DEVICE_VERIFY_SYSFS=0 "${board[@]}" -- sh -c '
+  udevadm info --attribute-walk --path=/sys/class/tty/ttyS1 >walk &&
+  grep -q "KERNEL==\"ttyS1\"" walk && grep -q "KERNELS==\"80011000.serial\"" walk &&
+  udevadm info --query=property --path=/sys/class/watchdog/watchdog0 | grep -qx SUBSYSTEM=watchdog'
+
 check "picocom" "${board[@]}" -- sh -c 'printf hello | picocom -q -b 115200 -x 500 /dev/ttyS1 | grep -q hello'
 
 check "screen" "${board[@]}" -- sh -c '
