@@ -47,8 +47,11 @@ if [[ $* == *Network.* && ! -e /proc/sys/net/ipv6 ]]; then
   printf '[  SKIPPED ] This machine has no IPv6.\n'
   exit
 fi
-if ! complaint=$("${as_user[@]}" "$simulator" --net private -- true 2>&1); then
-  printf "[  SKIPPED ] The board can't be simulated here: %s\n" "$complaint"
+not_set_up=125
+status=0
+"${as_user[@]}" "$simulator" --net private "${board[@]}" -- "$program" "$@" || status=$?
+if ((status == not_set_up)); then
+  printf "[  SKIPPED ] The board can't be simulated here, for the reason above.\n"
   exit
 fi
-"${as_user[@]}" "$simulator" "${board[@]}" -- "$program" "$@"
+exit "$status"
