@@ -54,7 +54,7 @@ class File {
   File& operator=(const File&) = delete;
 
   /// Completes the object; every constructor calls it. A later call only tries again to get a stream or a name that
-  /// could not be had before.
+  /// was not available before.
   void Init();
 
   /// True if @p path can be opened for reading, which the function tries: a folder exists, a file that the caller may

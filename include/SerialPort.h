@@ -246,7 +246,7 @@ class SerialPort {
   // --- Diagnosis
 
   /// A report in lines: the device, its speeds, flow control and driver information, and the registers of the board's
-  /// UART, read from physical memory whichever device this is. The flags and what follows, but for the last line, are
+  /// UART, read from physical memory whichever device this is. The flags and what follows, except the last line, are
   /// hexadecimal.
   ///
   /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with

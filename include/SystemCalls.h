@@ -72,7 +72,7 @@ int LinuxGetThreadId();
 
 /// The 32-bit word at the physical byte address @p address, read through /dev/mem in one access.
 ///
-/// The address is not checked for alignment. Every call opens and maps the device anew: use it for a register now and
+/// The address is not checked for alignment. Every call opens and maps the device again: use it for a register now and
 /// then, not in a fast path.
 /// @throws std::system_error "ReadFromMemory Open /dev/mem failed" (EACCES, EPERM: not privileged) or "Error from mmap"
 /// (EPERM: the kernel guards this range). Where nothing answers at the address, the access itself ends the process with
