@@ -24,7 +24,10 @@ class MemoryKind : public DeviceKind {
   }
 
   std::vector<Node> Nodes() const override {
-    return m_isThere ? std::vector<Node>{{kPath, Node::Kind::kFile, kSize}} : std::vector<Node>();
+    if (!m_isThere) {
+      return {};
+    }
+    return {{kPath, Node::Kind::kFile, kSize}};
   }
 
   Devices Make(const Backplane& backplane) const override {
