@@ -1,10 +1,10 @@
-"""Compares what the documentation shows with what it is taken from. Run from the top folder; ends with 1 at a difference.
+"""Compares what the documentation shows with its sources. Run from the top folder; ends with 1 at a difference.
 
 - Every public header begins with the example of its page of the handbook.
 - Every example that a page of the handbook or the README shows or names exists; the README's programs are those files.
-- The handbook names no file, and the site's pages no script, that is not there.
-- The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, and its
-  EXAMPLES are parts of the examples, narrow enough for a terminal.
+- The handbook and the headers name only files that are there.
+- The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
+  EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
 """
 
 import pathlib
@@ -78,6 +78,8 @@ def check_manual():
             continue
         text = page.read_text()
         compare(f"The synopsis of {page}", manual.synopsis_in(text), manual.synopsis_of(header))
+        if "\n.SH ATTRIBUTES\n" not in text:
+            complaints.append(f"{page} does not say which threads may use it.")
         compare(f"The section ERRORS of {page}", manual.errors_in(text), manual.errors_of(header))
         compare(f"The section EXAMPLES of {page}", manual.examples_in(text), manual.examples_of(header))
         for line in re.search(r"(?s)\.EX\n(.*)\.EE", manual.examples_of(header)).group(1).splitlines():
