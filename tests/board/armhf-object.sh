@@ -49,6 +49,6 @@ grep -q '\.ARM\.exidx .*ARM_EXIDX' "$work/sections" || complain 'There are no un
 most=51400
 "$strip" -o "$work/stripped" "$library"
 size=$(wc -c < "$work/stripped")
-printf 'Stripped: %s bytes of at most %s\n' "$size" "$most"
+printf 'Stripped: %s bytes of at most %s, the library\n' "$size" "$most"
 [ "$size" -lt "$most" ] || complain 'The stripped object has grown too large.'
 exit $failed
