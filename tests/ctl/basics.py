@@ -5,7 +5,7 @@ import json
 import os
 import signal
 
-from ctl import BOARDCTL, SOURCE, ctl, finish, main, shell, start, TestCase
+from ctl import BOARDCTL, SOURCE, ctl, finish, main, shell, start, TestCase, without_rights
 
 CATALOGUE = json.loads((SOURCE / "docs/errors.json").read_text())["errors"]
 
@@ -189,6 +189,18 @@ class Memory(TestCase):
         self.assertTrue(result.err.startswith(
             "boardctl: mem read: ReadFromMemory Open /dev/mem failed: No such file or directory\n  cause    ENOENT"))
         self.assertIn("\n  remedy   Build the kernel with CONFIG_DEVMEM.\n", result.err)
+
+
+    def test_MemoryThatTheUserMayNotOpenIsToldWithCauseAndRemedy(self):
+        verbs = ["read", "0"], ["write", "0", "1"], ["watch", "0"], ["dump", "0"]
+        script = "; ".join(["chmod 000 /dev/mem", *(f"{without_rights('mem', *words)}; echo $?" for words in verbs)])
+        result = self.board("sh", "-c", script)
+        self.assertEqual((result.status, result.out), (0, "1\n" * len(verbs)))
+        for words in verbs:
+            self.assertIn(f"boardctl: mem {words[0]}: ReadFromMemory Open /dev/mem failed: Permission denied\n"
+                          "  cause    EACCES: The user may not open /dev/mem.\n  remedy   Run as root.\n"
+                          if words[0] != "write" else f"boardctl: mem {words[0]}: ", result.err)
+        self.assertEqual(result.err.count(" failed: Permission denied\n  cause    EACCES"), len(verbs))
 
 
 class MemoryAsAnOrdinaryUser(Memory):

@@ -57,6 +57,17 @@ def differences(value, schema, where):
             yield from differences(inner, schema["items"], f"{where}[{index}]")
 
 
+def strict(text):
+    """What JSON text holds: without a key twice, and without the numbers that Python reads and JSON does not have."""
+    def object_of(pairs):
+        assert len(dict(pairs)) == len(pairs), f"a key stands twice in {text}"
+        return dict(pairs)
+
+    def refuse(number):
+        raise AssertionError(f"{number} in {text}")
+    return json.loads(text, object_pairs_hook=object_of, parse_constant=refuse)
+
+
 class Result:
     """What a finished program left behind."""
 
@@ -67,7 +78,7 @@ class Result:
     @property
     def objects(self):
         """What was printed as JSON, an object a line, each of a kind that the schema has."""
-        objects = [json.loads(line) for line in self.out.splitlines()]
+        objects = [strict(line) for line in self.out.splitlines()]
         for found in objects:
             faults = list(differences(found, SCHEMA["$defs"][found["kind"]], found["kind"]))
             assert not faults, "\n".join(faults)
@@ -107,6 +118,11 @@ def works(*command):
 def shell(*arguments):
     """boardctl with the arguments, as a word of a shell's text."""
     return shlex.join([BOARDCTL, *arguments])
+
+
+def without_rights(*arguments):
+    """The same for a user who may do only what the modes of files allow him: root alone may do more."""
+    return "setpriv --bounding-set=-all --inh-caps=-all " + shell(*arguments)
 
 
 class TestCase(unittest.TestCase):
@@ -171,6 +187,11 @@ class TestCase(unittest.TestCase):
     def on_board(self, *arguments, **keywords):
         """Runs boardctl on a simulated board."""
         return self.board(BOARDCTL, *arguments, **keywords)
+
+    def need(self, *programs):
+        for program in programs:
+            if shutil.which(program) is None:
+                self.skipTest(f"There is no {program} here.")
 
     def wait_until(self, holds, what):
         """Waits until holds() is true, whatever the machine's load."""

@@ -5,7 +5,7 @@ import re
 import subprocess
 
 from arguments import VERBS
-from ctl import BOARDCTL, SCHEMA, SOURCE, ctl, differences, main, TestCase
+from ctl import BOARDCTL, SCHEMA, SOURCE, ctl, differences, main, shell, strict, TestCase
 
 PAGE = SOURCE / "tools/boardctl/boardctl.1"
 SCRIPTS = SOURCE / "tools/boardctl"
@@ -44,10 +44,30 @@ class ManualPage(TestCase):
 
 
 class Schema(TestCase):
-    def test_PythonsOwnToolReadsWhatIsPrinted(self):
-        printed = ctl("--json", "explain", "popen failed").raw
-        for line in printed.splitlines():
-            subprocess.run(["python3", "-m", "json.tool"], input=line, check=True, capture_output=True)
+    # What every verb that has JSON is called with on a board.
+    CALLS = {
+        ("serial", "list"): [], ("serial", "show"): ["/dev/ttyS1"], ("serial", "report"): ["/dev/ttyS1"],
+        ("serial", "send"): ["/dev/ttyS1", "/etc/passwd"], ("serial", "receive"): ["/dev/ttyS1", "--count", "1"],
+        ("serial", "test"): ["/dev/ttyS1", "--loop", "--speeds", "9600", "--size", "100", "--turns", "1"],
+        ("mem", "read"): ["0"], ("mem", "write"): ["0", "1"], ("mem", "watch"): ["0"], ("mem", "dump"): ["0"],
+        ("report",): [], ("watchdog", "show"): ["/dev/watchdog"], ("run",): ["printf '\\377\\1'"],
+        ("explain",): ["popen failed: Cannot allocate memory"], ("net", "show"): [],
+        ("net", "address"): ["eth0", "192.0.2.10/24"], ("net", "gateway"): ["eth0", "192.0.2.1"],
+        ("net", "clear"): ["gateway"], ("net", "link-local"): ["eth1", "--dry-run"]}
+
+    def test_WhatEveryVerbPrintsAsJsonIsReadByPythonsOwnToolAndIsAsTheSchemaSays(self):
+        self.assertEqual(set(self.CALLS), {verb for verb in VERBS if "\n  --json " in ctl(*verb, "--help").out})
+        steps = []
+        for verb, arguments in self.CALLS.items():
+            call = shell("--json", *verb, *arguments) + " > printed 2> said"
+            # This one alone goes on until a signal comes.
+            steps.append(f"{call} & until test -s printed; do sleep 0.02; done; kill $!; wait $!" if verb == ("mem", "watch")
+                         else call)
+            steps.append(f"test -s printed || {{ echo nothing by {'-'.join(verb)} >&2; cat said >&2; }}; cat printed; > printed")
+        result = self.board("sh", "-c", "\n".join(steps), options=["--tty", "/dev/ttyS1=exec:while echo x; do sleep 0.1; done"])
+        self.assertEqual((result.status, result.err), (0, ""))
+        subprocess.run(["python3", "-m", "json.tool", "--json-lines"], input=result.raw, check=True, capture_output=True)
+        self.assertEqual({found["kind"] for found in result.objects}, set(SCHEMA["$defs"]))
 
     def test_EveryKindThatTheSourcesPrintStandsInTheSchemaAndNoOther(self):
         sources = "".join(path.read_text() for path in (SOURCE / "tools/boardctl").glob("*.cpp"))
@@ -64,6 +84,8 @@ class Schema(TestCase):
         for fault in ({"schema": 2}, {"value": "0x1"}, {"value": None}, {"more": 1}):
             self.assertEqual(len(list(differences({**good, **fault}, schema, "it"))), 1)
         self.assertEqual(len(list(differences({"schema": 1, "kind": "mem_word"}, schema, "it"))), 2)
+        for text in ('{"a":NaN}', '{"a":1,"a":1}', '{"a":-Infinity}'):
+            self.assertRaises(AssertionError, strict, text)
 
 
 class Completion(TestCase):

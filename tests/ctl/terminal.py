@@ -14,6 +14,7 @@ PORT = "/dev/ttyS1"
 class Terminal(TestCase):
     def setUp(self):
         super().setUp()
+        self.need("tmux")
         # A server of its own, without other sessions; its path must be short.
         place = tempfile.TemporaryDirectory(prefix="tmux")
         self.addCleanup(place.cleanup)
@@ -60,21 +61,39 @@ class Terminal(TestCase):
         self.wait_for_screen(r"\nagain")
         self.assertNotIn("\x1b[1m", self.screen("-e"))
 
-    def test_ATabCompletesVerbsDevicesAndOptions(self):
+    def complete_by_tab(self, start_shell, read_completion):
         folder = pathlib.Path(BOARDCTL).parent
-        self.type(f"{BOARDSIM} -- bash --norc --noprofile -i")
-        self.type(f"PS1='board '; PATH={folder}:$PATH; . <(boardctl completion bash); clear")
+        self.type(f"PATH={folder}:$PATH; clear; {BOARDSIM} -- {start_shell}")
+        self.type(read_completion + "; clear")
         self.wait_for_screen(r"^board\s*$")
-        self.type("boardctl ser", "Tab")
-        self.wait_for_screen("board boardctl serial$")
-        self.type("sh", "Tab")
-        self.wait_for_screen("boardctl serial show$")
-        self.type("", "Tab")
-        self.wait_for_screen("boardctl serial show /dev/ttyS1$")
-        self.type("--js", "Tab")
-        self.wait_for_screen("boardctl serial show /dev/ttyS1 --json$")
+        for typed, shown in [("boardctl ser", "boardctl serial"), ("sh", "boardctl serial show"),
+                             ("", "boardctl serial show /dev/ttyS1"), ("--js", "boardctl serial show /dev/ttyS1 --json")]:
+            self.type(typed, "Tab")
+            self.wait_for_screen(rf"^board {shown}\s*$")
         self.type("")
         self.wait_for_screen('"kind":"serial_settings"')
+        self.type("clear")
+        self.wait_for_screen(r"^board\s*$")
+        for typed, shown in [("boardctl watchdog sh", "boardctl watchdog show"), ("", "boardctl watchdog show /dev/watchdog")]:
+            self.type(typed, "Tab")
+            self.wait_for_screen(rf"^board {shown}\s*$")
+        self.tmux("send-keys", "-t", "it", "C-c")
+        self.type("clear")
+        self.wait_for_screen(r"^board\s*$")
+        self.type("boardctl net address et", "Tab")
+        self.wait_for_screen(r"^board boardctl net address eth[01]?\s*")
+
+    def test_ATabCompletesVerbsDevicesOptionsAndInterfacesInBash(self):
+        self.complete_by_tab("bash --norc --noprofile -i", "PS1='board '; . <(boardctl completion bash)")
+
+    def test_ATabCompletesVerbsDevicesOptionsAndInterfacesInZsh(self):
+        self.need("zsh")
+        self.complete_by_tab("zsh -f -i", "PS1='board '; autoload -Uz compinit; compinit -u -D; . <(boardctl completion zsh)")
+
+    def test_ATabCompletesVerbsDevicesOptionsAndInterfacesInFish(self):
+        self.need("fish")
+        self.complete_by_tab(f"env HOME={self.folder} fish --no-config --private",
+                             "function fish_prompt; echo -n 'board '; end; boardctl completion fish | source")
 
 
 class WithoutTerminal(TestCase):

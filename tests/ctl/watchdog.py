@@ -6,7 +6,7 @@ import shlex
 import signal
 import subprocess
 
-from ctl import ctl, main, shell, TestCase
+from ctl import ctl, finish, main, shell, start, TestCase, without_rights
 
 DEVICE = "/dev/watchdog"
 RESET = 86  # boardsim's status when the watchdog has reset the board
@@ -56,6 +56,18 @@ class Watchdog(TestCase):
                     result = ctl("watchdog", *verb, device, *(["--", "true"] if verb == ["run"] else []))
                     self.assertEqual((result.status, result.out), (1, ""))
                     self.assertTrue(result.err.startswith(f"boardctl: watchdog {verb[0]}: {words}"), result.err)
+
+    def test_AWatchdogThatTheUserMayNotOpenIsToldWithCauseAndRemedyAndNothingRuns(self):
+        # Made by the test: what the kernel refuses, the simulated one would not get to see.
+        os.mkfifo("dog", 0)
+        run = without_rights if os.geteuid() == 0 else shell
+        for words in (["feed", "./dog"], ["run", "./dog", "--", "touch", "ran"]):
+            result = finish(start(["sh", "-c", run("watchdog", *words)]))
+            self.assertEqual((result.status, result.out), (1, ""))
+            self.assertTrue(result.err.startswith(
+                f"boardctl: watchdog {words[0]}:  Could not open watchdog device!: Permission denied\n"
+                "  cause    EACCES, EPERM: The user may not.\n  remedy   Run as root, or give the user the right"), result.err)
+        self.assertFalse(os.path.exists("ran"))
 
     def test_FedUntilASignalItIsDisarmedAndSaysSo(self):
         for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
@@ -144,6 +156,19 @@ class Watchdog(TestCase):
         result = self.board("sh", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (RESET, "it is gone\n"))
         self.assertIn("boardctl: --check did not end within 0.3 s, a third of the time-out; the command", result.err)
+
+    def test_ASignalWhileTheCheckRunsEndsTheCheckToo(self):
+        # The command takes its time, the check does not come back meanwhile.
+        command = "trap 'echo tidy; exit 5' TERM HUP; touch started; while :; do sleep 0.02; done"
+        check = "echo $$ > checking; sleep 60; true"
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '30', '--check', check, '--', 'sh', '-c', command)} & "
+                      f"until test -s checking; do sleep 0.02; done; kill -{number:d} $!; wait $!; echo $?; "
+                      "test -d /proc/$(cat checking) || echo it is gone")
+            result = self.board("bash", "-c", script, log="log")
+            self.assertEqual((result.status, result.out), (0, f"tidy\n{128 + number}\nit is gone\n"), result.err)
+            self.assertEqual(self.events(), ["open", "timeout 30", "write magic", "close: stopped"])
+            os.remove("checking")
 
     def test_ItIsFedOnlyWhileTheFileIsTouched(self):
         arguments = ["watchdog", "run", DEVICE, "--interval", "1", "--alive", "alive", "--", "sleep", "60"]
