@@ -5,11 +5,12 @@ import pathlib
 import pty
 import re
 import signal
+import socket
 import subprocess
 import termios
 import xml.etree.ElementTree
 
-from ctl import BOARDCTL, ctl, finish, main, shell, TestCase
+from ctl import BOARDCTL, ctl, finish, main, shell, TestCase, without_rights
 
 PORT = "/dev/ttyS1"
 
@@ -19,6 +20,13 @@ class Serial(TestCase):
         """The log's events of the port, without times and flags."""
         lines = pathlib.Path("log").read_text().splitlines()
         return [re.sub(r" flags=.*", "", line.split(PORT + " ", 1)[1]) for line in lines if f" {PORT} " in line]
+
+    def command(self, line):
+        """Gives the simulator a command on the socket of that name."""
+        with socket.socket(socket.AF_UNIX) as control:
+            control.connect("socket")
+            control.sendall(line.encode() + b"\n")
+            self.assertTrue(control.recv(99).startswith(b"ok"), line)
 
     def expect_put_back(self):
         """The last settings are those that the port had before."""
@@ -140,13 +148,12 @@ class Serial(TestCase):
         self.expect_put_back()
 
     def test_APortThatIsUnpluggedInTheMiddleIsAFailureWithItsCause(self):
-        for words in (["receive", PORT], ["send", PORT, "/dev/zero"]):
+        for words in (["receive", PORT], ["send", PORT, "/dev/zero"], ["test", PORT, "--speeds", "115200"]):
             with self.subTest(words=words):
                 process = self.start_board("sh", "-c", f"{shell('serial', *words)}; echo status $?", log="log",
                                            options=["--tty", PORT + "=none", "--control", "socket"])
                 self.wait_for_text("log", "speed=115200")
-                subprocess.run(["python3", "-c", "import socket; s = socket.socket(socket.AF_UNIX); s.connect('socket');"
-                                f"s.sendall(b'hangup {PORT}\\n'); s.recv(99)"], check=True)
+                self.command(f"hangup {PORT}")
                 result = finish(process)
                 self.assertIn("status 1\n", result.out)
                 self.assertRegex(result.err, rf"boardctl: serial {words[0]}: ")
@@ -183,6 +190,28 @@ class Serial(TestCase):
             self.assertEqual(result.out.splitlines()[-1], "9600", result.out + result.err)
             self.assertIn("\n143\n", "\n" + result.out)
 
+    def test_AFarEndThatHoldsTheLineIsNamedAndASignalGivesUpAndTellsWhatWasDiscarded(self):
+        pathlib.Path("file").write_bytes(bytes(3000))
+        # As JSON for one of the two users.
+        before = ["--json"] if self.user == "ordinary" else []
+        script = (f"until test -e go; do sleep 0.02; done; "
+                  f"exec {shell(*before, 'serial', 'send', PORT, 'file', '--flow', 'hardware')} 2> said")
+        process = self.start_board("sh", "-c", script, log="log", options=["--tty", PORT + "=none", "--control", "socket"])
+        self.wait_until(lambda: os.path.exists("socket"), "the control socket")
+        self.command(f"clear {PORT} CTS")
+        pathlib.Path("go").touch()
+        self.wait_for_text("said", "boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up\n")
+        process.send_signal(signal.SIGINT)
+        result = finish(process)
+        self.assertEqual(result.status, 130)
+        if before:
+            self.assertEqual((result.objects[0]["size_bytes"], result.objects[0]["ended"]), (0, "signal"))
+        else:
+            self.assertRegex(result.out, r"^stopped: sent at most 0 bytes of 3000 in \d+\.\d\d s, 0 B/s\n$")
+        self.assertTrue(pathlib.Path("said").read_text().endswith(
+            "boardctl: what was not sent yet was discarded; the line's settings are put back\n"))
+        self.expect_put_back()
+
     def test_WhatCannotBeOpenedIsToldWithCauseAndRemedy(self):
         result = self.on_board("serial", "show", "/dev/ttyS7")
         self.assertEqual(result.status, 1)
@@ -200,6 +229,19 @@ class Serial(TestCase):
         result = self.on_board("serial", "send", PORT, "missing")
         self.assertEqual((result.status, result.err),
                          (1, "boardctl: serial send: missing can't be read: No such file or directory\n"))
+
+    def test_APortThatTheUserMayNotOpenIsToldWithCauseAndRemedy(self):
+        verbs = "show", "report", "send", "receive", "test"
+        script = "; ".join([f"chmod 000 {PORT}", *(f"{without_rights('serial', verb, PORT)}; echo $?" for verb in verbs)])
+        result = self.board("sh", "-c", script, log="log")
+        self.assertEqual((result.status, result.out), (0, "1\n" * len(verbs)))
+        told = result.err.split("boardctl: ")[1:]
+        self.assertEqual(len(told), len(verbs))
+        for verb, words in zip(verbs, told):
+            self.assertTrue(words.startswith(f"serial {verb}: Open Serial Port '{PORT}' failed?: Permission denied\n"
+                                             "  cause    EACCES, EPERM: "), words)
+            self.assertIn("\n  remedy   Add the user to that group (adduser USER dialout", words)
+        self.assertEqual([event for event in self.events() if event.startswith("settings ")], [])
 
     def test_APortWithoutModemLinesIsPutBackAllTheSame(self):
         far, near = pty.openpty()

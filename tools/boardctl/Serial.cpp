@@ -285,15 +285,18 @@ int Send(const SendArguments& arguments, Call& call) {
   WaitUntilSent(port, written, total, call.out);
 
   const double seconds = SecondsSince(start);
-  const std::uint64_t waiting = signals::Caught() == 0 ? 0 : port.Side().Waiting().value_or(0);
-  const double rate = seconds > 0 ? static_cast<double>(written) / seconds : 0;
   const bool isWhole = signals::Caught() == 0;
-  call.out.Line((isWhole ? "sent " : "stopped: sent at most ") + std::to_string(written - std::min(waiting, written)) +
-                " bytes" + (isWhole || total == 0 ? "" : " of " + std::to_string(total)) + " in " + Fixed(seconds, 2) +
-                " s, " + Rate(rate));
+  // What a writer that was under way puts behind what the signal discarded waits, and is discarded at the end.
+  const std::uint64_t unsent =
+      isWhole ? 0 : std::uint64_t{signals::DiscardsOutput::Bytes()} + port.Side().Waiting().value_or(0);
+  const std::uint64_t sent = written - std::min(unsent, written);
+  const double rate = seconds > 0 ? static_cast<double>(sent) / seconds : 0;
+  call.out.Line((isWhole ? "sent " : "stopped: sent at most ") + std::to_string(sent) + " bytes" +
+                (isWhole || total == 0 ? "" : " of " + std::to_string(total)) + " in " + Fixed(seconds, 2) + " s, " +
+                Rate(rate));
   call.out.Object("serial_send", {{"device", arguments.line.device},
                                   {"speed_bps", arguments.line.speedBps},
-                                  {"size_bytes", written},
+                                  {"size_bytes", sent},
                                   {"t_s", seconds},
                                   {"ended", isWhole ? "whole" : "signal"}});
   if (!isWhole) {

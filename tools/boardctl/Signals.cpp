@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -21,7 +22,8 @@ constexpr int kNone = -1;
 
 std::atomic<int> caught{0};
 std::atomic<int> discarded{kNone};  // the descriptor of the tty
-std::atomic<int> handedTo{kNone};   // a process; 0 for all descendants
+std::atomic<std::uint32_t> discardedBytes{0};
+std::atomic<int> handedTo{kNone};  // a process; 0 for all descendants
 int wake[2] = {kNone, kNone};
 
 /// Appends @p number in decimal digits, and a NUL; with what a signal handler may call.
@@ -82,6 +84,10 @@ void Note(int number, siginfo_t* information, void* /*context*/) {
   // A full pipe wakes as well.
   [[maybe_unused]] const ssize_t written = ::write(wake[1], &byte, 1);
   if (const int fd = discarded; fd != kNone) {
+    int waiting = 0;
+    if (::ioctl(fd, TIOCOUTQ, &waiting) == 0) {
+      discardedBytes += static_cast<std::uint32_t>(waiting);
+    }
     ::tcflush(fd, TCOFLUSH);
   }
   const int process = handedTo;
@@ -143,6 +149,10 @@ DiscardsOutput::DiscardsOutput(int fd) {
 
 DiscardsOutput::~DiscardsOutput() {
   discarded = kNone;
+}
+
+std::uint32_t DiscardsOutput::Bytes() {
+  return discardedBytes;
 }
 
 HandsOn::HandsOn(int process) {

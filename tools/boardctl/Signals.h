@@ -1,6 +1,8 @@
 #ifndef BOARDKIT_CTL_SIGNALS_H
 #define BOARDKIT_CTL_SIGNALS_H
 
+#include <cstdint>
+
 /// SIGINT, SIGTERM and SIGHUP end a verb, after it has tidied up: they are noted, and the verb looks.
 namespace signals {
 
@@ -24,6 +26,9 @@ class DiscardsOutput {
   ~DiscardsOutput();
   DiscardsOutput(const DiscardsOutput&) = delete;
   DiscardsOutput& operator=(const DiscardsOutput&) = delete;
+
+  /// How many bytes signals have discarded.
+  static std::uint32_t Bytes();
 };
 
 /// While it lives, a signal is also handed on to the commands that this process has started, and those that they have;
