@@ -1,4 +1,4 @@
-// Shows the addresses of a network interface, of lo if none is named: ip-configuration eth0
+// Shows the addresses of an interface, of lo if none is named: ip-configuration eth0
 //
 // Needs no rights.
 #include <IpNet.h>

@@ -1,8 +1,8 @@
 #!/bin/sh
 # A test of an application on a simulated board: line-test.sh BOARDSIM APPLICATION
 #
-# The application here is serial-echo. The test plays the far end, looks at what the application did with its line, and
-# pulls the cable.
+# The application here is serial-echo. The test plays the far end, looks at what
+# the application did with its line, and pulls the cable.
 set -eu
 boardsim=$(readlink -f "$1") application=$(readlink -f "$2")
 work=$(mktemp -d)
@@ -26,7 +26,8 @@ wait_for() {
   fail "no \"$1\" in $2"
 }
 
-"$boardsim" --tty /dev/ttyS1=none --log log --control control -- "$application" /dev/ttyS1 115200 > output 2>&1 &
+"$boardsim" --tty /dev/ttyS1=none --log log --control control -- \
+  "$application" /dev/ttyS1 115200 > output 2>&1 &
 board=$!
 wait_for 'ttyS1 settings speed=115200' log
 
@@ -34,7 +35,8 @@ ask() {
   printf '%s\n' "$*" | socat -t 5 - UNIX-CONNECT:control
 }
 
-[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing" # "one" and a newline
+# "one" and a newline
+[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing"
 wait_for one output
 [ "$(ask hangup /dev/ttyS1)" = ok ] || fail "the cable can't be pulled"
 

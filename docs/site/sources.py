@@ -2,7 +2,7 @@
 
 - Every public header begins with the example of its page of the handbook.
 - Every example that a page of the handbook or the README shows or names exists; the README's programs are those files.
-- The handbook and the headers name only files that are there.
+- The handbook and the headers name only files that are there, and the handbook's commands are not cut off on a desktop.
 - The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
   EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
 """
@@ -66,6 +66,14 @@ def check_names():
                 complaints.append(f"{header} names {name}, which is not there.")
 
 
+def check_widths():
+    for page in sorted(pathlib.Path("docs").glob("*.md")):
+        for block in re.findall(r"(?ms)^ *```\w*\n(.*?)^ *```$", page.read_text()):
+            for line in block.splitlines():
+                if len(line) > 80:
+                    complaints.append(f"{page} shows a line that is cut off beside the contents list: {line}")
+
+
 def check_manual():
     version = re.search(r"project\(boardkit VERSION ([\d.]+)", pathlib.Path("CMakeLists.txt").read_text()).group(1)
     for page in [*pathlib.Path("docs/man").iterdir(), *pathlib.Path("sim").glob("*.1"),
@@ -91,6 +99,7 @@ def check_manual():
 check_headers()
 check_readme()
 check_names()
+check_widths()
 check_manual()
 for complaint in complaints:
     print(complaint)
