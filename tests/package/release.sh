@@ -54,6 +54,7 @@ git commit -q --allow-empty -m 'Another commit'
 git clone -q . "$work/again"
 cd "$work/again"
 umask 077
+git config tar.umask 0077
 refused "$version"
 [ "$(sha256sum "build/release-$version/boardkit-$version.tar.gz")" = "$sum" ]
 expect "boardkit_$version.bb does not say $version: no line matches ^SRC_URI" \
