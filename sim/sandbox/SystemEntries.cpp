@@ -74,9 +74,12 @@ Descriptor MakeRoomIn(const fs::path& folder, const std::function<void()>& make)
 
 /// Kernels have what they have drivers for.
 void MakeFolder(const fs::path& path) {
-  if (!fs::exists(path)) {
-    MakeFolder(path.parent_path());
-    MakeRoomIn(path.parent_path(), [&path] { MakeFoldersFor(path / ""); });
+  fs::path there = path;
+  while (!fs::exists(there)) {
+    there = there.parent_path();
+  }
+  if (there != path) {
+    MakeRoomIn(there, [&path] { MakeFoldersFor(path / ""); });
   }
 }
 

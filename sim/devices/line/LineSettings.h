@@ -19,7 +19,7 @@ class LineSettings {
   void Use(const Uart& uart);
   /// Sets the attributes.
   /// @throws RequestError
-  void Set(const termios2& settings);
+  void Set(const termios2& wanted);
   /// Does what the attributes say, and what is known of the port.
   void Program();
 
