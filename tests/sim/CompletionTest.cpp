@@ -30,7 +30,7 @@ class Completion : public SimulatorTest {
   /// What the key for completion shows below a line. Zsh completes on a terminal only.
   std::string ShownInZsh(const std::string& line) {
     Shell("cat >" + Path(".zshrc") + " <<'END'\nPS1=; fpath=(" + std::string(BOARDKIT_COMPLETIONS) +
-          " $fpath); autoload -Uz compinit; compinit -u -D\n"
+          " $fpath); autoload -Uz compinit; compinit -u -d $ZDOTDIR/dump\n"
           "show() { print -rn -- \"$BUFFER\" >$ZDOTDIR/line; exit }; zle -N show; bindkey '^X' show\nEND");
     return Shell("rm -f " + Path("line") + "; printf '" + line + "\\t\\030' | ZDOTDIR=" + Folder() +
                  " TERM=dumb PATH=" + Quoted(std::string(kSimulator).substr(0, std::string(kSimulator).rfind('/'))) +
