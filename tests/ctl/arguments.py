@@ -176,6 +176,10 @@ class Arguments(TestCase):
                 self.assertIn(f"\nUsage: boardctl {' '.join(verb)}", result.out)
                 self.assertIn(f"\nExample: boardctl {' '.join(verb)}", result.out)
                 self.assertIn("-h, --help", result.out)
+                # What stands before the usage fills its lines.
+                above = result.out[:result.out.index("\nUsage: ")].splitlines()
+                for line, following in zip(above, above[1:]):
+                    self.assertTrue(line.endswith(".") or len(f"{line} {following.split()[0]}") > 80, above)
 
     def test_JsonIsGivenOrRefusedWithStatus2(self):
         for verb, arguments in VERBS.items():

@@ -113,7 +113,7 @@ void AddCompletion(Program& program) {
   const auto script = std::make_shared<const char*>();
   CLI::App& verb =
       program.AddVerb(nullptr,
-                      {"completion", "Prints a shell's completion of this program", "bash|zsh|fish", "",
+                      {"completion", "Prints the completion script for a shell", "bash|zsh|fish", "",
                        "The names of devices and interfaces are completed, too, and none of them is opened.",
                        "completion bash > /etc/bash_completion.d/boardctl", "nothing; no device is opened.", false},
                       [script](Call& call) {

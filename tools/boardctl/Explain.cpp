@@ -66,7 +66,7 @@ void AddExplain(Program& program) {
   const auto text = std::make_shared<std::string>();
   CLI::App& verb =
       program.AddVerb(nullptr,
-                      {"explain", "Tells the causes and remedies of error texts", "TEXT|-", "",
+                      {"explain", "Explains error texts: their causes and remedies", "TEXT|-", "",
                        "The catalogue is built in: no file is needed. What is not in it is passed over.",
                        "explain \"popen failed: Cannot allocate memory\"", "nothing; no device is opened."},
                       [text](Call& call) { return Explain(*text, call.out); });

@@ -219,7 +219,7 @@ void AddMemory(Program& program) {
       "read the word first and change only the bits that are set in M");
 
   CLI::App& watch = AddAddressVerb(program, group,
-                                   {"watch", "Reads a word of 32 bits, and tells its changes", "ADDRESS [OPTION]...",
+                                   {"watch", "Reads a word of 32 bits, and reports its changes", "ADDRESS [OPTION]...",
                                     "", kDetails, "mem watch 0x80011018 --every 10", kNothing},
                                    Watch, arguments);
   constexpr std::uint64_t kLongestMs = 3600 * 1000;

@@ -510,7 +510,8 @@ void AddNet(Program& program) {
   CLI::App& address = AddNetVerb(
       program, group,
       {"address", "Gives IFACE an address", "IFACE ADDRESS/LENGTH [OPTION]...",
-       "It REPLACES the first address of that family that IFACE has: the old one goes\nbefore the new one comes.",
+       "It REPLACES the first address of that family that IFACE has: the old one goes "
+       "before the new one comes.",
        "Over ssh: with an interface's last IPv4 address goes its default route. If adding fails, the old address is "
        "gone "
        "already. --dry-run prints the commands of ip, and runs only those that ask.",
@@ -533,7 +534,7 @@ void AddNet(Program& program) {
   CLI::App& gateway = AddNetVerb(
       program, group,
       {"gateway", "Sets the default gateway", "IFACE ADDRESS [OPTION]...",
-       "It REPLACES the default route of that family: the old one goes before the new one\ncomes, and is gone if that "
+       "It REPLACES the default route of that family: the old one goes before the new one comes, and is gone if that "
        "fails.",
        "--dry-run prints the commands of ip, and runs only those that ask.", "net gateway eth0 192.0.2.1", kRemains,
        true, true, false, true},
@@ -546,7 +547,7 @@ void AddNet(Program& program) {
       {"clear", "Removes an address of IFACE, or the default route",
        "address IFACE [OPTION]...\n"
        "       boardctl net clear gateway [IFACE] [OPTION]...",
-       "Over ssh, this may cut the connection: with an interface's last IPv4 address goes\nits default route.",
+       "Over ssh, this may cut the connection: with an interface's last IPv4 address goes its default route.",
        "With IFACE, a default route by another interface stays. --dry-run prints the commands of ip, and runs only "
        "those "
        "that ask.",

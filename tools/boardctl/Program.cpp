@@ -152,7 +152,7 @@ class HelpFormatter : public CLI::Formatter {
     for (const CLI::App* const below : Below(app)) {
       help += Row(below->get_name(), below->get_description());
     }
-    help += "\nOptions, before or behind the verb:\n" + Options(app, false) +
+    help += "\nOptions, before or after the verb:\n" + Options(app, false) +
             Row("-h, --help", app->get_help_ptr()->get_description());
     help +=
         "\nStatus: 0 done, 1 failed, 2 wrong usage, 3 nothing had to be changed (only with\n"
@@ -215,7 +215,7 @@ Program::Program() : m_app(std::make_unique<CLI::App>("", "boardctl")) {
   m_app->set_version_flag("--version", "boardctl " BOARDCTL_VERSION, "print the version");
   m_app->add_flag("--json", m_options.json, "the results as JSON, one object a line");
   m_app->add_flag("--quiet", m_options.quiet, "no words besides results and failures, no progress");
-  m_app->add_flag("--dry-run", m_dryRun, "tell what would be changed, and change nothing");
+  m_app->add_flag("--dry-run", m_dryRun, "show what would be changed, and change nothing");
   // The options of all verbs may stand behind the verb, too, and what nobody knows is called by its name below.
   m_app->fallthrough();
   m_app->allow_extras();

@@ -380,7 +380,7 @@ int Report(Call& call) {
 void AddReport(Program& program) {
   program.AddVerb(
       nullptr,
-      {"report", "Tells of the board on one page: versions, devices, network, what is unusual", "[OPTION]...", "",
+      {"report", "Describes the board on one page: versions, devices, network, what is unusual", "[OPTION]...", "",
        "For bug reports: it names no passwords, no command lines and no files of users, but addresses. No "
        "device is opened but /dev/mem, which that does not change; the board's ip is asked.",
        "report", "nothing."},

@@ -85,12 +85,12 @@ void AddRun(Program& program) {
   const auto text = std::make_shared<std::string>();
   CLI::App& verb =
       program.AddVerb(nullptr,
-                      {"run", "Runs a command, and tells its whole output and status",
+                      {"run", "Runs a command, and prints its whole output and its status",
                        "COMMAND\n       boardctl run [OPTION]... -- COMMAND [ARGUMENT]...", "",
                        "The library's runner runs it. COMMAND goes to the shell as it stands; the words "
                        "behind \"--\" are the command's own, and no shell reads them. The output, standard "
-                       "error included, is told when the command has ended; a NUL in it cuts off the "
-                       "rest of its line. SIGINT and SIGTERM are handed on. COMMAND's status is told in "
+                       "error included, is printed when the command has ended; a NUL in it cuts off the "
+                       "rest of its line. SIGINT and SIGTERM are handed on. COMMAND's status is given in "
                        "words: this program's own is 1 unless it is 0.",
                        "run -- uname -a", "what COMMAND has done.", true, false, true},
                       [text](Call& call) { return RunCommand(*text, call); });

@@ -493,11 +493,11 @@ void AddReceive(Program& program, CLI::App& group) {
 
 void AddSerial(Program& program) {
   CLI::App& group = program.AddGroup("serial", "serial ports: list, show, report, send, receive, test");
-  program.AddVerb(
-      &group,
-      {"list", "Lists the serial ports, their drivers and who has them open", "[OPTION]...", "",
-       "No port is opened. Other users' programs show to root alone.", "serial list", "nothing; no device is opened."},
-      List);
+  program.AddVerb(&group,
+                  {"list", "Lists the serial ports, their drivers and who has them open", "[OPTION]...", "",
+                   "No port is opened. Only root sees the programs of other users.", "serial list",
+                   "nothing; no device is opened."},
+                  List);
 
   const auto device = std::make_shared<std::string>();
   CLI::App& show = program.AddVerb(

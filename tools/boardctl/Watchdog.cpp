@@ -547,7 +547,7 @@ void AddWatchdog(Program& program) {
   AddDeviceVerb(
       program, group,
       {"show", "Shows a watchdog's settings and who has it open, without opening it", "DEVICE [OPTION]...", "",
-       "The kernel tells them in /sys. Other users' processes show to root alone.", "watchdog show /dev/watchdog",
+       "The kernel tells them in /sys. Only root sees the processes of other users.", "watchdog show /dev/watchdog",
        "nothing: the device was not opened."},
       [](const Arguments& given, Call& call) { return Show(given.device, call.out); }, arguments);
 
@@ -570,7 +570,7 @@ void AddWatchdog(Program& program) {
       program, group,
       {"run", "Arms DEVICE, and feeds it while COMMAND lives", "DEVICE [OPTION]... -- COMMAND [ARGUMENT]...",
        "If feeding stops, THE BOARD RESETS.",
-       "COMMAND runs as it stands, without a shell; all behind \"--\" is its own.\n"
+       "COMMAND runs as it stands, without a shell; everything after \"--\" belongs to it.\n"
        "COMMAND ends with 0: disarms; status 0.\n"
        "COMMAND ends otherwise: no more feeding, the board resets; status 1.\n"
        "--check or --alive fails: likewise; COMMAND is left running.\n"
