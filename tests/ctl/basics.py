@@ -182,6 +182,13 @@ class Memory(TestCase):
             self.assertEqual(finish(process).status, 128 + number)
             os.remove("pid")
 
+    def test_ASignalThatIsIgnoredFromTheStartStaysSo(self):
+        # As under nohup, or behind a shell's &.
+        script = (f"(trap '' INT; exec {shell('mem', 'watch', '0x40000000')}) > seen & until test -s seen; do sleep 0.02; done; "
+                  "kill -INT $!; kill -TERM $!; wait $!; echo $?")
+        result = self.board("sh", "-c", script)
+        self.assertEqual((result.status, result.out), (0, "143\n"), result.err)
+
     def test_MemoryThatIsNotThereIsToldWithCauseAndRemedy(self):
         result = self.on_board("mem", "read", "0", options=["--mem", "none"])
         self.assertEqual(result.status, 1)

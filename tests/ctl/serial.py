@@ -8,6 +8,7 @@ import signal
 import socket
 import subprocess
 import termios
+import time
 import xml.etree.ElementTree
 
 from ctl import BOARDCTL, ctl, finish, main, shell, TestCase, without_rights
@@ -46,12 +47,12 @@ class Serial(TestCase):
         self.assertEqual(len(lines), 4)
 
     def test_AWholeSetOfSettingsIsShownAndNothingIsChanged(self):
-        script = f"stty -F {PORT} 57600 cs7 parenb parodd cstopb crtscts raw; {shell('--json', 'serial', 'show', PORT)}"
+        script = f"stty -F {PORT} 57600 cs7 parenb parodd cstopb crtscts raw -echo; {shell('--json', 'serial', 'show', PORT)}"
         result = self.board("sh", "-c", script, log="log")
         self.assertEqual(result.status, 0, result.err)
         shown = result.objects[0]
-        self.assertEqual((shown["speed_bps"], shown["input_speed_bps"], shown["stop_bits"], shown["flow"]),
-                         (57600, 57600, 2, "hardware"))
+        self.assertEqual((shown["speed_bps"], shown["input_speed_bps"], shown["data_bits"], shown["parity"],
+                          shown["stop_bits"], shown["flow"], shown["raw"]), (57600, 57600, 7, "odd", 2, "hardware", True))
         self.assertEqual(shown["lines"], {"DTR": True, "RTS": True, "CTS": True, "DSR": True, "CD": True, "RI": False,
                                           "LOOP": False})
         self.assertEqual(shown["uart"], {"baud_base_bps": 3906250, "fifo_bytes": 64, "irq": 42})
@@ -77,6 +78,16 @@ class Serial(TestCase):
         self.assertEqual(pathlib.Path("got").read_bytes(), sent)
         self.assertIn("settings speed=57600", self.events())
         self.expect_put_back()
+
+    def test_TheFormatThatIsAskedForIsSet(self):
+        size_mask, two_stops, parity, odd, rts_cts = 0x30, 0x40, 0x100, 0x200, 0x80000000
+        for words, flags in [((), 0x30), (("--bits", "7", "--parity", "odd", "--stop", "2"), 0x20 | parity | odd | two_stops),
+                             (("--bits", "5", "--parity", "even", "--flow", "hardware"), parity | rts_cts),
+                             (("--bits", "6", "--stop", "2", "--flow", "none"), 0x10 | two_stops)]:
+            with self.subTest(words=words):
+                self.assertEqual(self.on_board("serial", "send", PORT, *words, given=b"x", log="log").status, 0)
+                set_up = re.findall(rf" {PORT} settings speed=115200 flags=(0x\w+)", pathlib.Path("log").read_text())
+                self.assertEqual(int(set_up[-1], 16) & (size_mask | two_stops | parity | odd | rts_cts), flags)
 
     def test_StandardInputIsSentToItsEndAlsoInHexadecimal(self):
         for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello")]:
@@ -120,6 +131,12 @@ class Serial(TestCase):
                 self.assertEqual((result.status, result.raw), (0, out), result.err)
                 self.assertRegex(result.err, rf"^boardctl: received {len(out)} bytes in \d+\.\d\d s: {why}\n$")
                 self.expect_put_back()
+
+    def test_ATextThatComesInPiecesIsFound(self):
+        far_end = "until grep -q speed=115200 log; do sleep 0.02; done; for c in a l o l o g i n : x; do sleep 0.1; printf $c; done"
+        result = self.on_board("serial", "receive", PORT, "--until", "login:", log="log",
+                               options=["--tty", f"{PORT}=exec:{far_end}; sleep 100"])
+        self.assertEqual((result.status, result.out), (0, "alologin:"), result.err)
 
     def test_ASilentPeerIsAFailureWhereSomethingWasWaitedFor(self):
         for words, told in [(("--count", "5"), "after 3 bytes of 5"), (("--until", "x"), "after 3 bytes, and the text did not come")]:
@@ -212,6 +229,22 @@ class Serial(TestCase):
             "boardctl: what was not sent yet was discarded; the line's settings are put back\n"))
         self.expect_put_back()
 
+    def test_ASignalFreesAWriterThatTheFarEndHolds(self):
+        # More than the driver's queue holds.
+        pathlib.Path("file").write_bytes(bytes(200000))
+        script = f"until test -e go; do sleep 0.02; done; exec {shell('serial', 'send', PORT, 'file', '--flow', 'hardware')}"
+        process = self.start_board("sh", "-c", script, log="log", options=["--tty", PORT + "=none", "--control", "socket"])
+        self.wait_until(lambda: os.path.exists("socket"), "the control socket")
+        self.command(f"clear {PORT} CTS")
+        pathlib.Path("go").touch()
+        self.wait_for_text("log", "settings speed=115200 flags=0x8")
+        time.sleep(0.5)
+        process.send_signal(signal.SIGTERM)
+        result = finish(process)
+        self.assertEqual(result.status, 143)
+        self.assertRegex(result.out, r"^stopped: sent at most 0 bytes of 200000 in ")
+        self.expect_put_back()
+
     def test_WhatCannotBeOpenedIsToldWithCauseAndRemedy(self):
         result = self.on_board("serial", "show", "/dev/ttyS7")
         self.assertEqual(result.status, 1)
@@ -260,10 +293,10 @@ class SerialAsAnOrdinaryUser(Serial):
 class LineTest(TestCase):
     def test_AGoodLineIsFoundGoodOverTheLoopAndAnEcho(self):
         for words, options in ((["--loop"], ["--tty", PORT + "=none"]), ([], ["--tty", PORT + "=echo"])):
-            result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "9600,115200,250000",
+            result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "9600,250000,115200",
                                    "--size", "3000", "--turns", "10", *words, options=options, log="log")
             self.assertEqual((result.status, result.err), (0, ""), result.out)
-            for measured, speed in zip(result.objects, (9600, 115200, 250000)):
+            for measured, speed in zip(result.objects, (9600, 250000, 115200)):
                 self.assertEqual((measured["speed_bps"], measured["verdict"], measured["sent_bytes"],
                                   measured["received_bytes"], measured["bit_errors"], measured["lost_bytes"],
                                   measured["doubled_bytes"], measured["turnaround_us"]["count"]),
