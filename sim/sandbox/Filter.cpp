@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -54,22 +55,47 @@ class Program {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, bits, 0, 1));
     Return(verdict);
   }
+  /// In groups, of which only one is looked through: other values pay for this, too.
+  void ReturnIfAnyOf(std::vector<unsigned int> values, unsigned int verdict) {
+    constexpr std::size_t kGroup = 6;
+    std::sort(values.begin(), values.end());
+    Program rest;
+    for (std::size_t end = values.size(); end > 0;) {
+      const std::size_t begin = (end - 1) / kGroup * kGroup;
+      Program group;
+      for (std::size_t i = begin; i < end; ++i) {
+        group.ReturnIfEqual(values[i], verdict);
+      }
+      group.m_code.push_back(BPF_STMT(BPF_JMP | BPF_JA, static_cast<unsigned int>(rest.m_code.size())));
+      Program whole;
+      whole.m_code.push_back(
+          BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, values[end - 1], static_cast<unsigned char>(group.m_code.size()), 0));
+      whole.Add(group);
+      whole.Add(rest);
+      rest = whole;
+      end = begin;
+    }
+    Add(rest);
+  }
   /// The part that follows, for one system call. It must end with Return().
   void Append(int systemCall, const Program& part) {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0,
                               static_cast<unsigned char>(part.m_code.size())));
-    m_code.insert(m_code.end(), part.m_code.begin(), part.m_code.end());
+    Add(part);
   }
   /// The part that follows, for all values but one. It must end with Return().
   void AppendUnlessEqual(unsigned int value, const Program& part) {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, value, static_cast<unsigned char>(part.m_code.size()), 0));
-    m_code.insert(m_code.end(), part.m_code.begin(), part.m_code.end());
+    Add(part);
   }
   sock_fprog Finished() {
     return {static_cast<unsigned short>(m_code.size()), m_code.data()};
   }
 
  private:
+  void Add(const Program& part) {
+    m_code.insert(m_code.end(), part.m_code.begin(), part.m_code.end());
+  }
   void Load(std::size_t offset) {
     m_code.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned int>(offset)));
   }
@@ -80,9 +106,7 @@ class Program {
 Program IoctlPart(const TrappedRequests& requests) {
   Program part;
   part.LoadArgument(1);
-  for (const unsigned int request : requests.numbers) {
-    part.ReturnIfEqual(request, SECCOMP_RET_USER_NOTIF);
-  }
+  part.ReturnIfAnyOf(requests.numbers, SECCOMP_RET_USER_NOTIF);
   part.Keep(kTypeBits);
   for (const unsigned int type : requests.types) {
     part.ReturnIfEqual(type << kTypeShift, SECCOMP_RET_USER_NOTIF);
