@@ -5,7 +5,7 @@ import pathlib
 import platform
 import re
 
-from ctl import BOARDCTL, finish, main, shell, start, TestCase
+from ctl import BOARDCTL, finish, main, shell, start, TestCase, without_rights
 
 SECTIONS = ["versions", "load and memory", "serial ports", "watchdogs", "physical memory", "network", "unusual"]
 
@@ -76,6 +76,17 @@ class Report(TestCase):
                 (["export PATH=/nowhere"], [], "The gateway of ipv4 is not known: ")]:
             with self.subTest(what=what):
                 self.assertIn(what, self.unusual(self.report(*steps, options=options)))
+
+    def test_WhatTheUserMayNotDoIsToldWithItsRemedy(self):
+        result = self.board("sh", "-c", f"chmod 000 /dev/ttyS1 /dev/mem; {without_rights('--json', 'report')}")
+        self.assertEqual((result.status, result.err), (0, ""))
+        report = result.objects[0]
+        remedies = {remark["what"]: remark["remedy"] for remark in report["unusual"]}
+        self.assertEqual(remedies["/dev/ttyS1 may not be opened: Permission denied."],
+                         "Be root, or in the group of the device (dialout).")
+        self.assertEqual(remedies["Registers can't be read: the capability CAP_SYS_RAWIO is missing."],
+                         "Run as root, or give the capability.")
+        self.assertFalse(report["physical_memory"]["usable"])
 
     def test_TheIpThatTheLibraryRunsIsNamed(self):
         pathlib.Path("tools").mkdir()

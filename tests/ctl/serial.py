@@ -361,6 +361,14 @@ class LineTest(TestCase):
         for expected in ("Line test of " + PORT, "Throughput", "Turn-around", "9600", "115200", "the line's own limit"):
             self.assertIn(expected, words)
 
+    def test_APictureThatCannotBeWrittenIsToldAfterTheVerdict(self):
+        for path, why in (("/dev/full", "No space left on device"), ("./nowhere/line.svg", "No such file or directory")):
+            result = self.on_board("serial", "test", PORT, "--loop", "--speeds", "9600", "--size", "100", "--turns", "1",
+                                   "--svg", path)
+            self.assertEqual(result.status, 1)
+            self.assertIn("\nVerdict: good at 1 of 1 speeds", result.out)
+            self.assertTrue(result.err.endswith(f"boardctl: serial test: The picture {path} can't be written: {why}\n"), result.err)
+
     def test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack(self):
         process = self.start_board(BOARDCTL, "serial", "test", PORT, "--loop", "--turns", "100000", log="log")
         self.wait_for_text("log", "TIOCMSET 0xc")
