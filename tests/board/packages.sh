@@ -29,6 +29,15 @@ test_packages() {
   mkdir -p "$root/payload" "$root/var/lib/dpkg"/{info,updates,triggers} "$root/var/log" "$root/etc"
   cp -a -- "$cache/dpkg/." "$root/"
   cat -- "$cache/root.status" "$cache/dpkg.status" >"$root/var/lib/dpkg/status"
+  # dpkg warns of each package that has no list of its files.
+  awk 'BEGIN { RS = ""; FS = "\n" } {
+    same = ""
+    for (i = 1; i <= NF; ++i) {
+      if ($i ~ /^Package: /) name = substr($i, 10)
+      if ($i == "Multi-Arch: same") same = ":armhf"
+    }
+    print name same ".list"
+  }' "$root/var/lib/dpkg/status" | (cd -- "$root/var/lib/dpkg/info" && xargs touch --)
   cp -- "$packages"/{libboardkit1,boardkit-tools}_*_armhf.deb "$client/client" "$root/payload/"
   kernel=bookworm BOARD_MODULES=softdog,veth,virtio_pci,virtio_net \
     boot "$run" "$(sed -n "/^: <<'ON_BOARD'/,/^ON_BOARD/{ //!p; }" tests/board/packages.sh)" 200 virt \
@@ -50,8 +59,12 @@ dpkg --status libboardkit1 boardkit-tools | grep -e '^Package' -e '^Version' -e 
 ./client
 boardctl --version
 boardctl run 'uname -a'
-boardctl --help
-boardctl report || true
+boardctl --help > /dev/null
+boardctl report > report
+grep '/dev/watchdog0 Software Watchdog, inactive' report
+boardctl watchdog run /dev/watchdog --interval 5 -- cat /sys/class/watchdog/watchdog0/state > state
+grep -x active state
+boardctl serial test /dev/ttyS0 --loop --speeds 9600 --size 1000 --turns 1 | grep '^Verdict: good at 1 of 1 speeds'
 dpkg --purge boardkit-tools libboardkit1
 if [ -e /usr/lib/arm-linux-gnueabihf/libboardkit.so.1 ] || [ -e /usr/bin/boardctl ]; then exit 1; fi
 echo 'Installed, used and removed by dpkg.'
