@@ -230,9 +230,11 @@ const Operation kOperations[] = {
        rlimit limit{};
        ::getrlimit(RLIMIT_NOFILE, &limit);
        const rlimit none{0, limit.rlim_max};
+       OpSystem opSystem;
+       opSystem.ExecCmd("true", false);  // a sanitizer, too, takes a pipe to look at an object for the first time
        ::setrlimit(RLIMIT_NOFILE, &none);
        try {
-         OpSystem().ExecCmd("true", false);
+         opSystem.ExecCmd("true", false);
        } catch (...) {
          ::setrlimit(RLIMIT_NOFILE, &limit);
          throw;
