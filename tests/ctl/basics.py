@@ -4,8 +4,9 @@ import errno
 import json
 import os
 import signal
+import subprocess
 
-from ctl import BOARDCTL, SOURCE, ctl, finish, main, shell, start, TestCase, without_rights
+from ctl import BOARDCTL, PATIENCE, SOURCE, ctl, finish, main, shell, start, TestCase, without_rights
 
 CATALOGUE = json.loads((SOURCE / "docs/errors.json").read_text())["errors"]
 
@@ -58,6 +59,26 @@ class Explain(TestCase):
         self.assertIn("2: 12:00 app: popen failed: Cannot allocate memory\n", result.out)
         self.assertIn("  cause    ENOMEM, EAGAIN: Out of memory or processes.\n", result.out)
         self.assertIn("  remedy   Look for a leak: free, ps.\n", result.out)
+
+    def test_OfALogThatGrowsEachLineIsExplainedAtOnceUntilASignalComes(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = start([BOARDCTL, "explain", "-"], stdin=subprocess.PIPE)
+            process.stdin.write(b"popen fai")
+            process.stdin.flush()
+            process.stdin.write(b"led: Cannot allocate memory\nall is ")
+            process.stdin.flush()
+            self.assertEqual(process.stdout.readline(), b"1: popen failed: Cannot allocate memory\n")
+            process.send_signal(number)
+            # Standard input stays open.
+            self.assertEqual(process.wait(PATIENCE), 128 + number)
+            process.communicate()
+
+    def test_ALogThatCannotBeReadIsAFailure(self):
+        folder = os.open("/", os.O_RDONLY)
+        self.addCleanup(os.close, folder)
+        result = finish(start([BOARDCTL, "explain", "-"], stdin=folder))
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertTrue(result.err.startswith("boardctl: explain: Standard input can't be read: Is a directory\n"), result.err)
 
     def test_ATextThatIsNotInTheCatalogueIsSaidSo(self):
         result = ctl("explain", "all is well")

@@ -1,10 +1,10 @@
-#include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "Catalogue.h"
 #include "Groups.h"
 #include "Program.h"
+#include "Source.h"
 #include "Status.h"
 
 namespace {
@@ -45,9 +45,19 @@ int Explain(const std::string& text, Output& out) {
   std::size_t lines = 0;
   std::size_t found = 0;
   if (text == "-") {
-    std::string line;
-    while (std::getline(std::cin, line)) {
-      found += ExplainLine(line, ++lines, out);
+    Source source(text);
+    std::string rest;
+    for (std::vector<unsigned char> bytes = source.Read(); !bytes.empty(); bytes = source.Read()) {
+      rest.append(bytes.begin(), bytes.end());
+      std::size_t begin = 0;
+      for (std::size_t end = rest.find('\n'); end != std::string::npos; end = rest.find('\n', begin)) {
+        found += ExplainLine(rest.substr(begin, end - begin), ++lines, out);
+        begin = end + 1;
+      }
+      rest.erase(0, begin);
+    }
+    if (!rest.empty()) {
+      found += ExplainLine(rest, ++lines, out);
     }
   } else {
     lines = 1;

@@ -1,23 +1,19 @@
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <system_error>
 
 #include "Check.h"
 #include "Groups.h"
 #include "Port.h"
 #include "Processes.h"
 #include "SerialPorts.h"
+#include "Source.h"
 #include "Status.h"
 
 namespace {
@@ -179,60 +175,6 @@ class HexReader {
   }
 
   int m_half = kNone;  // the first digit of a byte
-};
-
-/// A file, or standard input, that a signal does not leave waiting.
-class Source {
- public:
-  explicit Source(const std::string& path)
-      : m_fd(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)), m_path(path) {
-    struct stat file {};
-    if (m_fd == -1 || ::fstat(m_fd, &file) == -1) {
-      throw std::system_error(errno, std::generic_category(), path + " can't be read");
-    }
-    if (S_ISREG(file.st_mode)) {
-      const off_t at = ::lseek(m_fd, 0, SEEK_CUR);
-      m_size = static_cast<std::uint64_t>(file.st_size - std::min(at, file.st_size));
-    }
-  }
-  ~Source() {
-    if (m_fd != STDIN_FILENO) {
-      ::close(m_fd);
-    }
-  }
-  Source(const Source&) = delete;
-  Source& operator=(const Source&) = delete;
-
-  /// Of a file; 0 if nobody knows.
-  std::uint64_t Size() const {
-    return m_size;
-  }
-
-  /// What is there next; nothing at the end, or when a signal comes.
-  std::vector<unsigned char> Read() {
-    constexpr std::size_t kPiece = 1024;  // less than the driver's queue holds
-    std::vector<unsigned char> bytes(kPiece);
-    while (signals::Caught() == 0) {
-      pollfd ready[] = {{m_fd, POLLIN, 0}, {signals::Descriptor(), POLLIN, 0}};
-      if (::poll(ready, std::size(ready), -1) == -1 || ready[1].revents != 0) {
-        continue;
-      }
-      const ssize_t got = ::read(m_fd, bytes.data(), bytes.size());
-      if (got >= 0) {
-        bytes.resize(static_cast<std::size_t>(got));
-        return bytes;
-      }
-      if (errno != EINTR && errno != EAGAIN) {
-        throw std::system_error(errno, std::generic_category(), m_path + " can't be read");
-      }
-    }
-    return {};
-  }
-
- private:
-  int m_fd;
-  std::string m_path;
-  std::uint64_t m_size = 0;
 };
 
 /// Waits until what was written is on the line, and shows how far it has come.
