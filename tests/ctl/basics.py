@@ -13,22 +13,25 @@ CATALOGUE = json.loads((SOURCE / "docs/errors.json").read_text())["errors"]
 
 class Explain(TestCase):
     def test_EveryTextOfTheCatalogueIsExplainedByItsOwnEntry(self):
+        asked = []
         for error in CATALOGUE:
             for cause in error["causes"]:
                 number = cause["errno"][0] if cause["errno"] else None
                 said = os.strerror(getattr(errno, number)) if number else "Success"
-                message = error["text"].replace("...", "x") + ": " + said
-                if error["text"] == "":
-                    message = ": Invalid argument"
-                with self.subTest(message=message):
-                    objects = ctl("--json", "explain", message).objects
-                    ids = [found["id"] for found in objects[:-1]]
-                    self.assertIn(error["id"], ids)
-                    if number:
-                        mine = objects[ids.index(error["id"])]
-                        self.assertEqual(mine["errno"], number)
-                        self.assertIn(cause, mine["causes"])
-                        self.assertTrue(all(number in other["errno"] for other in mine["causes"]), mine["causes"])
+                message = error["text"].replace("...", "x") + ": " + said if error["text"] else ": Invalid argument"
+                asked.append((message, error, cause, number))
+        log = "".join(message + "\n" for message, *_ in asked)
+        objects = ctl("--json", "explain", "-", given=log.encode()).objects
+        self.assertEqual(objects[-1]["lines"], len(asked))
+        for line, (message, error, cause, number) in enumerate(asked, 1):
+            with self.subTest(message=message):
+                explained = {found["id"]: found for found in objects[:-1] if found["line"] == line}
+                self.assertIn(error["id"], explained)
+                if number:
+                    mine = explained[error["id"]]
+                    self.assertEqual(mine["errno"], number)
+                    self.assertIn(cause, mine["causes"])
+                    self.assertTrue(all(number in other["errno"] for other in mine["causes"]), mine["causes"])
 
     def test_TextsThatBeginAlikeAreToldApart(self):
         for message, identity in [
