@@ -49,31 +49,51 @@ char* Append(char* to, const char* text) {
   return to;
 }
 
-/// Sends @p number to all descendants of @p process; where the kernel does not list children, to none.
-void SignalDescendants(int process, int number, int depth) {
-  constexpr int kDeepest = 16;
+/// The list of @p process's children, open; kNone where the kernel does not list them.
+int OpenChildrenOf(int process) {
   char path[64];
   char* end = Append(path, "/proc/");
   end = Append(end, process);
   end = Append(end, "/task/");
   end = Append(end, process);
   Append(end, "/children");
-  const int fd = depth > kDeepest ? kNone : ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd == kNone) {
-    return;
-  }
+  return ::open(path, O_RDONLY | O_CLOEXEC);
+}
+
+/// The next number of such a list; 0 at its end.
+int NextChild(int list) {
   int child = 0;
   char character = 0;
-  while (::read(fd, &character, 1) == 1) {
-    if (character >= '0' && character <= '9') {
-      child = child * 10 + (character - '0');
+  while (::read(list, &character, 1) == 1 && character >= '0' && character <= '9') {
+    child = child * 10 + (character - '0');
+  }
+  return child;
+}
+
+/// Sends @p number to all descendants of @p process: to each behind its own ones, which it could leave to others.
+void SignalDescendants(int process, int number) {
+  constexpr int kDeepest = 16;
+  int line[kDeepest] = {process};  // of descent
+  int lists[kDeepest] = {OpenChildrenOf(process)};
+  int depth = 0;
+  while (depth >= 0) {
+    const int child = NextChild(lists[depth]);
+    if (child != 0 && depth + 1 < kDeepest) {
+      ++depth;
+      line[depth] = child;
+      lists[depth] = OpenChildrenOf(child);
       continue;
     }
-    SignalDescendants(child, number, depth + 1);
-    ::kill(child, number);
-    child = 0;
+    if (child != 0) {
+      ::kill(child, number);
+      continue;
+    }
+    ::close(lists[depth]);
+    if (depth != 0) {
+      ::kill(line[depth], number);
+    }
+    --depth;
   }
-  ::close(fd);
 }
 
 void Note(int number, siginfo_t* information, void* /*context*/) {
@@ -95,7 +115,7 @@ void Note(int number, siginfo_t* information, void* /*context*/) {
   if (process > 0 && !isFromTerminal) {
     ::kill(process, number);
   } else if (process == 0 && !isFromTerminal) {
-    SignalDescendants(::getpid(), number, 0);
+    SignalDescendants(::getpid(), number);
   }
   errno = error;
 }
