@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The virtual board as a workbench: each use of "scripts/board run" as its help tells it. Called by CI, after the board's
-# own tests.
+# The virtual board as a workbench: each use of "scripts/board run" as its help tells it.
+# Usage: workbench.sh
 set -euo pipefail
 tree=$(readlink -f "$(dirname "$(readlink -f "$0")")/../..")
 board=$tree/scripts/board
@@ -147,11 +147,12 @@ until grep -q 'Listening on port' err; do
 done
 line=$(sed -n 's/^ *\(gdb-multiarch .*\)/\1/p' err)
 breaking="gdb-multiarch -batch -nx -ex 'set breakpoint pending on' -ex 'break WatchDog::Activate'"
-eval "$breaking ${line#gdb-multiarch} -ex continue -ex continue -ex backtrace -ex kill" </dev/null >debugged 2>&1 || true
+eval "$breaking ${line#gdb-multiarch} -ex continue -ex continue -ex backtrace \
+  -ex 'info line WatchDog::Feed' -ex kill" </dev/null >debugged 2>&1 || true
 wait "$running" || true
 cp debugged out
-grep -q 'Breakpoint 1, .*WatchDog::Activate' out || fail 'The debugger did not stop there.'
-grep -q 'WatchDog.cpp:' out || fail 'It knows no lines.'
+grep -q 'Breakpoint 1.*, WatchDog::Activate (this=' out || fail 'The debugger did not stop there.'
+grep -q '^Line [0-9]* of .*WatchDog.cpp"' out || fail 'It knows no lines.'
 
 echo '== Of the tests, one that merely fails ends the run with its status and its text'
 (
