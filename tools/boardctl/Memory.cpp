@@ -222,7 +222,7 @@ void AddMemory(Program& program) {
                                    {"watch", "Reads a word of 32 bits, and reports its changes", "ADDRESS [OPTION]...",
                                     "", kDetails, "mem watch 0x80011018 --every 10", kNothing},
                                    Watch, arguments);
-  constexpr std::uint64_t kLongestMs = 3600 * 1000;
+  constexpr std::uint64_t kLongestMs = std::uint64_t{3600} * 1000;
   AddArgument(
       watch, "--every", "MS", arguments->everyMs,
       [](const std::string& text) { return check::Decimal(text, 1, kLongestMs); },

@@ -88,6 +88,22 @@ const CLI::Option* OptionOf(const CLI::App* app, const std::string& name) {
   return nullptr;
 }
 
+/// The options that may stand behind @p app; @p verb is null for a group.
+std::vector<std::string> OptionsOf(const CLI::App* app, const Verb* verb) {
+  std::vector<std::string> names;
+  for (; app != nullptr; app = app->get_parent()) {
+    for (const CLI::Option* const option : app->get_options()) {
+      const std::string name = option->get_name();
+      const bool isRefused = verb != nullptr && ((name == "--json" && !verb->hasJson) ||
+                                                 (name == "--dry-run" && !verb->hasDryRun) || name == "--version");
+      if (!option->get_positional() && !isRefused && std::find(names.begin(), names.end(), name) == names.end()) {
+        names.push_back(name);
+      }
+    }
+  }
+  return names;
+}
+
 /// How many letters have to be changed, added or removed to make one of the other.
 std::size_t Distance(const std::string& left, const std::string& right) {
   std::vector<std::size_t> row(right.size() + 1);
@@ -265,27 +281,15 @@ Expected Program::ExpectedBehind(const std::vector<std::string>& words, bool isO
   if (open != nullptr) {
     return {{}, open->get_name(), {}};
   }
-  Expected expected;
   if (isOption) {
-    const Verb* const verb = VerbOf(app);
-    for (const CLI::App* level = app; level != nullptr; level = level->get_parent()) {
-      for (const CLI::Option* const option : level->get_options()) {
-        const std::string name = option->get_name();
-        const bool isRefused = verb != nullptr && ((name == "--json" && !verb->hasJson) ||
-                                                   (name == "--dry-run" && !verb->hasDryRun) || name == "--version");
-        const bool isThere = std::find(expected.words.begin(), expected.words.end(), name) != expected.words.end();
-        if (!option->get_positional() && !isRefused && !isThere) {
-          expected.words.push_back(name);
-        }
-      }
-    }
-    return expected;
+    return {OptionsOf(app, VerbOf(app)), {}, {}};
   }
   for (const CLI::Option* const option : app->get_options()) {
     if (option->get_positional() && position-- == 0) {
       return {{}, option->get_name(), app->get_parent()->get_name()};
     }
   }
+  Expected expected;
   for (const CLI::App* const below : Below(app)) {
     expected.words.push_back(below->get_name());
   }

@@ -22,13 +22,13 @@ struct Call {
 
 /// How a verb is told of. All of it goes into its help, in this order.
 struct Verb {
-  const char* name;
-  const char* summary;       // a line; the list of the group's verbs has it, too
-  const char* usage;         // the arguments: "DEVICE [FILE] [OPTION]..."
+  const char* name = "";
+  const char* summary = "";  // a line; the list of the group's verbs has it, too
+  const char* usage = "";    // the arguments: "DEVICE [FILE] [OPTION]..."
   const char* danger = "";   // stands first: what may be harmed, in a line or two
   const char* details = "";  // text behind the options, wrapped by the help
   const char* example = "";  // a command line, without "boardctl"
-  const char* remains;       // what remains on the board when the program has gone, as a sentence or more
+  const char* remains = "";  // what remains on the board when the program has gone, as a sentence or more
   bool hasJson = true;       // verbs that read have it
   bool hasDryRun = false;
   bool takesCommand = false;  // behind "--"

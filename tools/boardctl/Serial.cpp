@@ -317,6 +317,28 @@ class Printer {
   std::size_t m_inLine = 0;
 };
 
+/// Whether @p text has come; then it is what @p bytes end with. @p last holds what it may have begun in.
+bool EndsWithText(const std::string& text, std::string& last, std::vector<unsigned char>& bytes) {
+  const std::size_t before = last.size();
+  last.append(bytes.begin(), bytes.end());
+  const std::size_t at = last.find(text);
+  if (at != std::string::npos) {
+    bytes.resize(at + text.size() - before);
+  }
+  last.erase(0, last.size() - std::min(last.size(), text.size() - 1));
+  return at != std::string::npos;
+}
+
+std::string WhyEnded(const std::string& ended, const std::string& silent) {
+  if (ended == "idle") {
+    return silent;
+  }
+  if (ended == "count") {
+    return "all bytes have come";
+  }
+  return ended == "until" ? "the text has come" : "a signal came; the line's settings are put back";
+}
+
 int Receive(const ReceiveArguments& arguments, Call& call) {
   Port port(arguments.line, call.out);
   Printer printer(arguments, call.out);
@@ -336,15 +358,8 @@ int Receive(const ReceiveArguments& arguments, Call& call) {
       bytes.resize(static_cast<std::size_t>(arguments.count - received));
       ended = "count";
     }
-    if (!arguments.until.empty()) {
-      const std::size_t before = last.size();
-      last.append(bytes.begin(), bytes.end());
-      const std::size_t at = last.find(arguments.until);
-      if (at != std::string::npos) {
-        bytes.resize(at + arguments.until.size() - before);
-        ended = "until";
-      }
-      last.erase(0, last.size() - std::min(last.size(), arguments.until.size() - 1));
+    if (!arguments.until.empty() && EndsWithText(arguments.until, last, bytes)) {
+      ended = "until";
     }
     received += bytes.size();
     printer.Print(bytes);
@@ -367,11 +382,8 @@ int Receive(const ReceiveArguments& arguments, Call& call) {
         silent + " after " + std::to_string(received) + " bytes" +
         (arguments.count == 0 ? ", and the text did not come" : " of " + std::to_string(arguments.count)));
   }
-  const std::string why = ended == "idle"    ? silent
-                          : ended == "count" ? "all bytes have come"
-                          : ended == "until" ? "the text has come"
-                                             : "a signal came; the line's settings are put back";
-  call.out.Say("boardctl: received " + std::to_string(received) + " bytes in " + Fixed(seconds, 2) + " s: " + why);
+  call.out.Say("boardctl: received " + std::to_string(received) + " bytes in " + Fixed(seconds, 2) +
+               " s: " + WhyEnded(ended, silent));
   return kStatusDone;
 }
 
@@ -394,7 +406,7 @@ void AddSend(Program& program, CLI::App& group) {
 }
 
 void AddReceive(Program& program, CLI::App& group) {
-  constexpr std::uint64_t kLongestMs = 24 * 3600 * 1000;
+  constexpr std::uint64_t kLongestMs = std::uint64_t{24} * 3600 * 1000;
   const auto arguments = std::make_shared<ReceiveArguments>();
   static const std::string kDetails =
       std::string(

@@ -333,7 +333,7 @@ std::vector<std::uint32_t> ParseSpeeds(const std::string& text) {
 }  // namespace
 
 void AddSerialTest(Program& program, CLI::App& group) {
-  constexpr std::uint64_t kMostBytes = 16 * 1024 * 1024;
+  constexpr std::uint64_t kMostBytes = std::uint64_t{16} * 1024 * 1024;
   constexpr std::uint64_t kMostTurns = 100000;
   const auto arguments = std::make_shared<Arguments>();
   CLI::App& verb = program.AddVerb(
