@@ -1,7 +1,8 @@
 #!/bin/sh
-# boardctl on the kernel's own drivers, run on the board: boardctl.sh [reset TIMEOUT]. It needs softdog, a UART, a network
-# card and a word of memory at 0x80011000.
-# With "reset", it ends by leaving a watchdog behind that nothing disarms any more.
+# shellcheck disable=SC2317 # functions are called by expect
+# boardctl on the kernel's own drivers, run on the board: boardctl.sh [line | reset TIMEOUT]. It needs softdog, a UART, a
+# network card and a word of memory at 0x80011000. With "line", it tests a serial line to a far end that sends everything
+# back; with "reset", it leaves a watchdog behind that nothing disarms any more.
 boardctl=/payload/boardctl
 failed=0
 
@@ -30,7 +31,6 @@ expect() {
 }
 
 # stopped TIMEOUT: feeds the watchdog until it counts, and ends that by a signal.
-# shellcheck disable=SC2317
 stopped() {
   "$boardctl" watchdog feed /dev/watchdog --interval "$1" &
   until grep -qx active /sys/class/watchdog/watchdog0/state || ! kill -0 "$!"; do
@@ -48,6 +48,63 @@ if [ "${1:-}" = reset ]; then
 ^boardctl: closed in good order, and /dev/watchdog still counts (nowayout): THE BOARD RESETS within $2 s " stopped "$2"
   [ "$failed" = 0 ] && echo armed
   exit
+fi
+
+port=/dev/ttyS0
+# carried COUNT FILE OPTION...: sends FILE, and prints what comes back to a second boardctl.
+carried() {
+  count=$1 file=$2
+  shift 2
+  "$boardctl" --quiet serial receive "$port" --count "$count" "$@" &
+  receiving=$!
+  # Until then it would discard what comes in.
+  until stty -a -F "$port" 2> /dev/null | grep -q -e ' -icanon' || ! kill -0 "$receiving"; do
+    sleep 0.1
+  done
+  sleep 1
+  "$boardctl" --quiet serial send "$port" "$file" "$@" > /dev/null && wait "$receiving"
+}
+
+# carried_whole FILE OPTION...: whether FILE comes back unchanged.
+carried_whole() {
+  carried "$(wc -c < "$1")" "$@" > /tmp/back
+  cmp "$1" /tmp/back
+}
+
+if [ "${1:-}" = line ]; then
+  expect 0 '^/dev/ttyS0 ' "$boardctl" serial list
+  expect 0 '^/dev/ttyS0$
+^  speed  *[0-9]* bit/s$
+not raw
+^  lines up .*CTS
+^  counted  *rx=[0-9]* tx=
+^  UART  *baud_base_bps=115200 ' "$boardctl" serial show "$port"
+
+  # What is longer than the driver's buffers goes out whole before the sender ends, whoever holds whom up.
+  head -c 20000 /dev/urandom > /tmp/sent
+  for flow in none hardware; do
+    expect 0 '' carried_whole /tmp/sent --flow $flow
+  done
+  echo '0d 0a ff 11' > /tmp/sent
+  expect 0 '^0D 0A FF 11$' carried 4 /tmp/sent --hex
+  # The settings are put back.
+  expect 0 'not raw' "$boardctl" serial show "$port"
+
+  for loop in '' --loop; do
+    # shellcheck disable=SC2086 # an option or nothing
+    expect 0 '^Verdict: good at 2 of 2 speeds' \
+      "$boardctl" serial test "$port" $loop --speeds 9600,115200 --size 4096 --turns 5
+  done
+  expect 1 '921600' "$boardctl" serial send "$port" /tmp/sent --speed 921600
+  expect 0 'silent for 300 ms' "$boardctl" serial receive "$port" --idle 300
+  expect 0 '^Device: */dev/ttyS0$
+^Output Baudrate: 115200$
+^Baud Base: *115200$
+^FIFO Size: *16$
+^Real baud rate: ' "$boardctl" serial report "$port"
+  expect 0 '^Baud Base: *3906250$
+^FIFO Size: *64$' "$boardctl" serial report /dev/ttyS2
+  exit $failed
 fi
 
 expect 0 '^versions$
@@ -90,6 +147,13 @@ expect 143 '^boardctl: /dev/watchdog is disarmed.$' stopped 10
 expect 0 'inactive' cat /sys/class/watchdog/watchdog0/state
 
 expect 0 '^0x80011000  0x00000197$' "$boardctl" mem read 0x80011000
+expect 0 '^0x80012000  ' "$boardctl" mem read 0x80012000
+expect 0 '' "$boardctl" mem write 0x80012000 0x12345678
+expect 0 '' "$boardctl" mem write 0x80012000 0xff --mask 0x0f
+expect 0 '^0x80012000  0x1234567F$' "$boardctl" mem read 0x80012000
+expect 0 '^0x80012000  1234567F ' "$boardctl" mem dump 0x80012000 4
+# The kernel's own memory is refused.
+expect 1 'Operation not permitted' "$boardctl" mem read 0x40008000
 expect 0 '^  speed  *[0-9]* bit/s$
 ^  open by' "$boardctl" serial show /dev/ttyS0
 
