@@ -1,8 +1,8 @@
 #!/bin/sh
 # Runs the examples that the handbook's pages show, and compares what they print.
-# Usage: pages.sh EXAMPLES_DIR [BOARDSIM]    (without BOARDSIM, only those that need no board)
+# Usage: pages.sh EXAMPLES_DIR [BOARDSIM [BOARDCTL]]    (without BOARDSIM, only those that need no board)
 set -eu
-examples=$1 boardsim=${2:-}
+examples=$1 boardsim=${2:-} boardctl=${3:-}
 here=$(dirname "$(readlink -f "$0")")
 # shellcheck source=tests/examples/expect.sh
 . "$here/expect.sh"
@@ -74,7 +74,7 @@ prints 0 "$here/../../examples/line-test.sh" "$boardsim" "$examples/serial-echo"
 passed
 END
 
-# What the pages say of a forgotten watchdog, of locales, and of an address that is set over ssh.
+# What the pages say of a forgotten watchdog and of locales.
 # shellcheck disable=SC2016  # the inner shell's own
 run 86 printed "$boardsim" -- sh -c '"$0" /dev/watchdog 2 & sleep 1; kill -KILL $!; sleep 9' "$examples/watchdog-feed"
 expect printed "has reset the board"
@@ -95,14 +95,41 @@ fi
 run 0 printed "$boardsim" -- sh -c '
   ip addr add 192.0.2.10/24 dev eth0
   ip route add default via 192.0.2.1
-  (sleep 2; ip addr replace 192.0.2.10/24 dev eth0; ip route replace default via 192.0.2.1) </dev/null >/dev/null 2>&1 &
-  rescue=$!
   "$0" eth0 192.0.2.20 24
-  [ -z "$(ip route show default)" ] && echo "the default route has gone"
-  wait "$rescue"
-  ip addr show dev eth0
-  ip route show default' "$examples/set-address"
-expect printed "the default route has gone" "inet 192.0.2.20/24" "inet 192.0.2.10/24" "default via 192.0.2.1 dev eth0"
+  [ -z "$(ip route show default)" ] && echo "the default route has gone"' "$examples/set-address"
+expect printed "the default route has gone"
+
+# What the page on IP configuration says of an address that is set over ssh: the rescue survives the session's hang-up and
+# takes the new address back, unless its number is killed.
+cat > rescue <<'END'
+#!/bin/sh
+# Usage: rescue BOARDCTL HUP|TERM    (the session hangs up, or somebody confirms)
+PATH=${1%/*}:$PATH
+ip addr add 192.0.2.10/24 dev eth0
+ip route add default via 192.0.2.1
+mkfifo minute
+nohup sh -c 'read -r _ < minute
+  boardctl net address eth0 192.0.2.10/24
+  boardctl net gateway eth0 192.0.2.1' </dev/null >/dev/null 2>&1 &
+rescue=$!
+boardctl net address eth0 192.0.2.20/24 && boardctl net gateway eth0 192.0.2.1
+# Until nohup has become the shell.
+until [ "$(cat "/proc/$rescue/comm")" = sh ]; do sleep 0.1; done
+kill -s "$2" "$rescue"
+[ "$2" = TERM ] || echo over > minute
+wait "$rescue"
+echo "the rescue: $?"
+ip -4 -o addr show dev eth0
+ip route show default
+END
+if [ -n "$boardctl" ]; then
+  run 0 printed "$boardsim" -- sh rescue "$boardctl" HUP
+  expect printed "the rescue: 0" "inet 192.0.2.10/24" "default via 192.0.2.1 dev eth0"
+  if grep -q "inet 192.0.2.20" printed; then fail "The new address has stayed." printed; fi
+  run 0 printed "$boardsim" -- sh rescue "$boardctl" TERM
+  expect printed "the rescue: 143" "inet 192.0.2.20/24" "default via 192.0.2.1 dev eth0"
+  if grep -q "inet 192.0.2.10" printed; then fail "The old address has come back." printed; fi
+fi
 
 # What the page on security says of names that ip reports: the shell runs what stands behind the semicolon.
 # shellcheck disable=SC2016  # the inner shell's own
