@@ -1,6 +1,5 @@
 // Shows the addresses of an interface, of lo if none is named: ip-configuration eth0
-//
-// Needs no rights.
+// Needs no special privileges.
 #include <IpNet.h>
 #include <OpSystem.h>
 

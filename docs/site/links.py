@@ -1,6 +1,7 @@
-"""Checks every link and anchor within the site.
+"""Checks every link and anchor within the site, and that Doxygen understood the text.
 
-Usage: links.py SITE_FOLDER. Prints each dead one and ends with 1 if there are any.
+Usage: links.py SITE_FOLDER. Prints each dead link, each pair of asterisks that was to be bold, and each piece of code that
+has come out empty, and ends with 1 if there are any.
 """
 
 import html.parser
@@ -8,17 +9,24 @@ import pathlib
 import sys
 import urllib.parse
 
+# Whose text stands as it is.
+VERBATIM = {"code", "pre", "script", "style"}
+
 
 class Page(html.parser.HTMLParser):
-    """What a page links to and what can be linked to in it."""
+    """What a page links to, what can be linked to in it, and what has been lost in its text."""
 
     def __init__(self, path):
         super().__init__()
-        self.links, self.anchors, self.doubled = [], set(), []
+        self.links, self.anchors, self.doubled, self.lost = [], set(), [], []
+        self._inside, self._code = [], None
         self.feed(path.read_text(encoding="utf-8", errors="replace"))
 
     def handle_starttag(self, tag, attributes):
         attributes = dict(attributes)
+        if tag in VERBATIM:
+            self._inside.append(tag)
+            self._code = ""
         own = {attributes.get("id"), attributes.get("name") if tag == "a" else None} - {None, ""}
         if attributes.get("id") in self.anchors:
             self.doubled.append(attributes["id"])
@@ -26,6 +34,18 @@ class Page(html.parser.HTMLParser):
         for name in ("href", "src"):
             if attributes.get(name):
                 self.links.append(attributes[name])
+
+    def handle_data(self, data):
+        if self._inside:
+            self._code += data
+        elif "**" in data:
+            self.lost.append(f"asterisks in {data.strip()!r}")
+
+    def handle_endtag(self, tag):
+        if self._inside and tag == self._inside[-1]:
+            self._inside.pop()
+            if tag == "code" and not self._code.strip():
+                self.lost.append("an empty piece of code")
 
 
 # Doxygen links from a file's page to a list of classes that is left out where it is empty.
@@ -38,6 +58,7 @@ def main(folder):
     count, dead = 0, []
     for path, page in pages.items():
         dead += [f"{path.name}: two anchors {anchor}" for anchor in page.doubled]
+        dead += [f"{path.name}: {what}" for what in page.lost]
         for link in page.links:
             parts = urllib.parse.urlsplit(link)
             if parts.scheme or parts.netloc:
@@ -52,8 +73,8 @@ def main(folder):
             elif fragment and target in pages and fragment not in pages[target].anchors and "#" + fragment not in KNOWN:
                 dead.append(f"{path.name}: {link}")
     for line in dead:
-        print(f"Dead: {line}")
-    print(f"{len(pages)} pages, {count} links within the site, {len(dead)} dead.")
+        print(f"Wrong: {line}")
+    print(f"{len(pages)} pages, {count} links within the site, {len(dead)} wrong.")
     return 1 if dead or count < 1000 else 0
 
 
