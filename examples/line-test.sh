@@ -27,21 +27,21 @@ wait_for() {
 }
 
 "$boardsim" --tty /dev/ttyS1=none --log log --control control -- \
-  "$application" /dev/ttyS1 115200 > output 2>&1 &
+  "$application" /dev/ttyS1 115200 > output 2>&1 & # yours
 board=$!
-wait_for 'ttyS1 settings speed=115200' log
+wait_for 'ttyS1 settings speed=115200' log # yours
 
 ask() {
   printf '%s\n' "$*" | socat -t 5 - UNIX-CONNECT:control
 }
 
 # "one" and a newline
-[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing"
-wait_for one output
+[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing" # yours
+wait_for one output # yours
 [ "$(ask hangup /dev/ttyS1)" = ok ] || fail "the cable can't be pulled"
 
 status=0
 wait "$board" || status=$?
 [ "$status" -ne 0 ] || fail "the application took the hang-up for success"
-wait_for 'serial-echo: ' output # it said why
+wait_for 'serial-echo: ' output # yours: it said why
 printf 'passed\n'
