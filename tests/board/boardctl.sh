@@ -87,7 +87,9 @@ not raw
   done
   echo '0d 0a ff 11' > /tmp/sent
   expect 0 '^0D 0A FF 11$' carried 4 /tmp/sent --hex
-  # The settings are put back.
+  # The settings are put back: by the last to leave, of two, to what it found, which may be what the other had set.
+  stty -F "$port" sane
+  "$boardctl" serial send "$port" /tmp/sent
   expect 0 'not raw' "$boardctl" serial show "$port"
 
   for loop in '' --loop; do
