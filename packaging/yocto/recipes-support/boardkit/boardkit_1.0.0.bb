@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "0000000000000000000000000000000000000000000000000000000000000000"
+SRC_URI[sha256sum] = "98b2a4519870d213f2d21f088df8bf7d7f7c14c94d372333a858571d09251dc5"
 
 inherit cmake pkgconfig
 
