@@ -175,7 +175,7 @@ class TestCase(unittest.TestCase):
                     shutil.copy(program, place)
                 for line in subprocess.run(["ldd", BOARDCTL], capture_output=True, text=True, check=True).stdout.splitlines():
                     if "libboardkit" in line:
-                        shutil.copy(line.split()[2], place)
+                        shutil.copy(re.search("=> (.*) [(]", line)[1], place)
             simulator = str(place / "boardsim")
             command = [word.replace(BOARDCTL, str(place / "boardctl")) for word in command]
             as_user = ["env", f"LD_LIBRARY_PATH={place}", f"GCOV_PREFIX={self.folder}", *lower]

@@ -2,6 +2,7 @@
 """The manual page, the schema and the completion against the program itself."""
 import pathlib
 import re
+import shlex
 import subprocess
 
 from arguments import VERBS
@@ -116,8 +117,8 @@ class Completion(TestCase):
         for name in ("bash", "zsh", "fish"):
             result = ctl("completion", name)
             self.assertEqual((result.status, result.out), (0, (SCRIPTS / f"completion.{name}").read_text()))
-        ask = (f'PATH={pathlib.Path(BOARDCTL).parent}:$PATH; . "{SCRIPTS}/completion.bash"; COMP_WORDS=(boardctl serial re); '
-               'COMP_CWORD=2; _boardctl boardctl re serial; echo "${COMPREPLY[*]}"')
+        ask = (f'PATH={shlex.quote(str(pathlib.Path(BOARDCTL).parent))}:$PATH; . "{SCRIPTS}/completion.bash"; '
+               'COMP_WORDS=(boardctl serial re); COMP_CWORD=2; _boardctl boardctl re serial; echo "${COMPREPLY[*]}"')
         self.assertEqual(subprocess.run(["bash", "-c", ask], capture_output=True, text=True, check=True).stdout,
                          "report receive\n")
 

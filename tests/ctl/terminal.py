@@ -62,8 +62,8 @@ class Terminal(TestCase):
         self.assertNotIn("\x1b[1m", self.screen("-e"))
 
     def complete_by_tab(self, start_shell, read_completion):
-        folder = pathlib.Path(BOARDCTL).parent
-        self.type(f"PATH={folder}:$PATH; clear; {BOARDSIM} -- {start_shell}")
+        folder = shlex.quote(str(pathlib.Path(BOARDCTL).parent))
+        self.type(f"PATH={folder}:$PATH; clear; {shlex.quote(BOARDSIM)} -- {start_shell}")
         self.type(read_completion + "; clear")
         self.wait_for_screen(r"^board\s*$")
         for typed, shown in [("boardctl ser", "boardctl serial"), ("sh", "boardctl serial show"),

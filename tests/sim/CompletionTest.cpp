@@ -11,30 +11,34 @@ class Completion : public SimulatorTest {
   static bool Has(const char* shell) {
     return !Shell(std::string("command -v ") + shell).empty();
   }
-  static std::string File(const char* name) {
-    return Quoted(std::string(BOARDKIT_COMPLETIONS) + '/' + name);
+  /// An assignment before a command, which then finds the script as "$COMPLETION".
+  static std::string Script(const char* name) {
+    return "COMPLETION=" + Quoted(std::string(BOARDKIT_COMPLETIONS) + '/' + name) + ' ';
+  }
+  /// Another one, with which the command finds boardsim without its path.
+  static std::string WithSimulator() {
+    return "PATH=" + Quoted(std::string(kSimulator).substr(0, std::string(kSimulator).rfind('/'))) + ":$PATH ";
   }
   /// What bash offers for the last of some words, a line each. Bash itself cuts them at "=".
   static std::string InBash(const std::string& words) {
-    return Shell("bash -c 'source " + File("boardsim.bash") +
-                 "; compopt() { :; }; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _boardsim \"$1\"; "
-                 "printf \"%s\\n\" \"${COMPREPLY[@]}\"' bash " +
+    return Shell(Script("boardsim.bash") +
+                 "bash -c 'source \"$COMPLETION\"; compopt() { :; }; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); "
+                 "_boardsim \"$1\"; printf \"%s\\n\" \"${COMPREPLY[@]}\"' bash " +
                  Quoted(kSimulator) + ' ' + words);
   }
   static std::string InFish(const std::string& words) {
-    return Shell("PATH=" + Quoted(std::string(kSimulator).substr(0, std::string(kSimulator).rfind('/'))) +
-                 ":$PATH HOME=/nonexistent XDG_DATA_HOME=/nonexistent XDG_CONFIG_HOME=/nonexistent fish --no-config -c "
-                 "'source " +
-                 File("boardsim.fish") + "; complete -C \"boardsim " + words + "\"' 2>&1 | cut -f 1");
+    return Shell(Script("boardsim.fish") + WithSimulator() +
+                 "HOME=/nonexistent XDG_DATA_HOME=/nonexistent XDG_CONFIG_HOME=/nonexistent fish --no-config -c "
+                 "'source $COMPLETION; complete -C \"boardsim " +
+                 words + "\"' 2>&1 | cut -f 1");
   }
   /// What the key for completion shows below a line. Zsh completes on a terminal only.
   std::string ShownInZsh(const std::string& line) {
-    Shell("cat >" + Path(".zshrc") + " <<'END'\nPS1=; fpath=(" + std::string(BOARDKIT_COMPLETIONS) +
+    Shell("cat >" + Path(".zshrc") + " <<'END'\nPS1=; fpath=(" + Quoted(BOARDKIT_COMPLETIONS) +
           " $fpath); autoload -Uz compinit; compinit -u -d $ZDOTDIR/dump\n"
           "show() { print -rn -- \"$BUFFER\" >$ZDOTDIR/line; exit }; zle -N show; bindkey '^X' show\nEND");
-    return Shell("rm -f " + Path("line") + "; printf '" + line + "\\t\\030' | ZDOTDIR=" + Folder() +
-                 " TERM=dumb PATH=" + Quoted(std::string(kSimulator).substr(0, std::string(kSimulator).rfind('/'))) +
-                 ":$PATH timeout 30 socat -t 30 - EXEC:'zsh -i',pty,setsid,ctty,stderr 2>/dev/null");
+    return Shell("rm -f " + Path("line") + "; printf '" + line + "\\t\\030' | ZDOTDIR=" + Folder() + " TERM=dumb " +
+                 WithSimulator() + "timeout 30 socat -t 30 - EXEC:'zsh -i',pty,setsid,ctty,stderr 2>/dev/null");
   }
   /// What it makes of the line itself, which another key shows.
   std::string InZsh(const std::string& line) {
