@@ -2,7 +2,7 @@
 # Fresh systems of Debian, in folders, and programs that run in them. Sourced behind scripts/setup.sh, and behind
 # become_root: to make and to enter a system takes root.
 
-systems_need=(perl=perl mmdebstrap=mmdebstrap
+systems_need=(mount=mount perl=perl mmdebstrap=mmdebstrap
   debian-archive-keyring=/usr/share/keyrings/debian-archive-keyring.gpg)
 
 # make_system FOLDER SUITE MMDEBSTRAP_OPTION...: a system in the folder, with the ordinary user $user, from where this
