@@ -4,14 +4,8 @@
 # Usage: next-release.sh SOURCE_DIR VERSION
 set -eu
 version=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-git clone -q --no-hardlinks "$1" "$work/tree"
-cd "$work/tree"
-git config user.name x
-git config user.email x@x
-# Those of the tree are another history.
-git tag | xargs -r git tag -d
+# shellcheck source=tests/package/clone.sh
+. "$(dirname "$(readlink -f "$0")")/clone.sh"
 
 # released VERSION: scripts/release has nothing against it, when the recipes have the sum.
 released() {

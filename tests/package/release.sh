@@ -7,12 +7,8 @@ if ! git -C "$1" rev-parse --git-dir > /dev/null 2>&1 || ! command -v arm-linux-
   echo 'This takes a clone, and a compiler for 32-bit ARM (g++-arm-linux-gnueabihf).'
   exit 77
 fi
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-git clone -q --no-hardlinks "$1" "$work/tree"
-cd "$work/tree"
-git config user.name x
-git config user.email x@x
+# shellcheck source=tests/package/clone.sh
+. "$(dirname "$(readlink -f "$0")")/clone.sh"
 
 # refused VERSION: sets message to what is said.
 refused() {
@@ -92,4 +88,3 @@ refused "$next"
 expect "lacks what $version exports: WriteLoop(int, void const*, unsigned int)" \
   'The layouts are not what tests/package/layout.cpp tells, says' \
   "The layouts are not those of $version, says arm-linux-gnueabihf-g++"
-
