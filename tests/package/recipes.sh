@@ -10,13 +10,19 @@ complain() {
   failed=1
 }
 
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
 # The symbols of the Debian package are the exported ones.
 LC_ALL=C
 export LC_ALL
-grep -v '^#' src/exported-symbols.txt | c++filt | sort -u > "${TMPDIR:-/tmp}/exported.$$"
+grep -v '^#' src/exported-symbols.txt | c++filt | sort -u > "$work/exported"
 sed -n 's/^ (c++)"\(.*\)@Base" [0-9.]*$/\1/p' debian/libboardkit*.symbols | sort -u |
-  diff "${TMPDIR:-/tmp}/exported.$$" - || complain 'debian/*.symbols (>) differs from src/exported-symbols.txt (<).'
-rm "${TMPDIR:-/tmp}/exported.$$"
+  diff "$work/exported" - || complain 'debian/*.symbols (>) differs from src/exported-symbols.txt (<).'
+# The manual page tells the profile that the package installs.
+grep -v '^#' sim/boardsim.apparmor > "$work/profile"
+sed -n '/^abi </,/^\.EE$/{ /^\.EE$/!p; }' sim/boardsim.1 | diff "$work/profile" - ||
+  complain 'sim/boardsim.1 (>) has another profile than sim/boardsim.apparmor (<).'
 case $(sed -n '1s/.*(\(.*\)-[^-]*).*/\1/p' debian/changelog) in
   "$version") ;;
   *) complain "debian/changelog begins with another version than $version." ;;
@@ -44,6 +50,8 @@ for option in $options; do
 done
 # What Buildroot's own checker complains about first.
 if grep -nE '[[:blank:]]$' -r packaging; then complain 'These lines end in blanks.'; fi
+grep -vnP '^(\t  \S.{0,61}|\t?\S.*|\t\t\S.*|)$' packaging/buildroot/package/boardkit/Config.in &&
+  complain 'These lines are not indented by tabs, or too long for a help text.'
 awk 'length($0) > 80 { print FILENAME ": " $0; long = 1 } END { exit long }' packaging/buildroot/package/boardkit/[Cb]*[nk] ||
   complain 'These lines are too long.'
 exit $failed
