@@ -42,6 +42,11 @@ echo '== A program for another machine is refused before anything is booted'
 run 1 /bin/true </dev/null
 grep -q 'for another machine' err || fail 'It is not told.'
 ! grep -q 'Building' out err || fail 'Something was built for it.'
+program taking <<'END'
+echo taken
+END
+run 1 --with /bin/true -- ./taking </dev/null
+grep -q '/bin/true is a program for another machine' err || fail 'It is not told of what comes along.'
 
 echo '== A program of the own folder goes before an example, with files, input, a shared folder and settings of the board'
 mkdir shared
@@ -66,6 +71,19 @@ expect out "arguments: a b, it's" 'input: one' 'input: two' 'beside it' 'from he
 expect err 'this is an error'
 ! grep -q 'this is an error' out || fail 'Errors come out with the output.'
 expect shared/back 'from there'
+
+echo '== Libraries come along from where the loader would find them: beside a given file, by a run path, by the environment'
+mkdir given beside elsewhere
+compile() { arm-linux-gnueabihf-g++ -x c++ - "$@" -Wl,-rpath-link,elsewhere; }
+echo 'int Two() { return 2; }' | compile -shared -fPIC -o elsewhere/libtwo.so
+echo 'int Two(); int One() { return Two() - 1; }' | compile -shared -fPIC -Lelsewhere -ltwo -o given/libone.so
+echo 'int Forty() { return 40; }' | compile -shared -fPIC -o beside/libforty.so
+# shellcheck disable=SC2016  # the loader's own
+echo 'int One(); int Forty(); int main() { return One() + Forty(); }' |
+  compile -Lgiven -lone -Lbeside -lforty -Wl,-rpath,'$ORIGIN/beside' -o adding
+LD_LIBRARY_PATH=$work/elsewhere run 41 --with given/libone.so -- ./adding </dev/null
+run 1 --with given/libone.so -- ./adding </dev/null
+grep -q 'given/libone.so needs libtwo.so, which is neither on the board nor here' err || fail 'It is not told what is missing.'
 
 echo '== Output comes as it is written, and input is read as it comes'
 program answer <<'END'
@@ -120,6 +138,33 @@ sleep 100
 END
 run 125 ./resetting </dev/null
 grep -q 'without a verdict, by a reset' err || fail 'It is not told.'
+
+echo '== ... and so are one that panics, and an emulator that does not even start'
+program panicking <<'END'
+echo c > /proc/sysrq-trigger
+END
+run 125 ./panicking </dev/null
+grep -q 'without a verdict, by a panic' err || fail 'It is not told.'
+run 125 --memory 1000000G ./panicking </dev/null
+grep -q 'without a verdict, by a failure of the emulator (status 1)' err || fail 'It is not told.'
+
+echo '== A shell tells how to leave it, and is left so'
+mkfifo keys
+"$board" shell --with note <keys >out 2>err &
+running=$!
+exec {typing}>keys
+# press_at TEXT KEYS: presses the keys when the text is there.
+press_at() {
+  until grep -q "$1" out; do
+    kill -0 "$running" || fail 'It ended without a word.'
+    sleep 0.2
+  done
+  printf '%b' "$2" >&"$typing"
+}
+press_at 'Ctrl-A x' 'cat /payload/note\n'
+press_at '^beside it' '\001x'
+exec {typing}>&-
+wait "$running" || fail "Its status is $?."
 
 echo '== A port of this machine leads to the board'
 port=$((21000 + $$ % 10000))
