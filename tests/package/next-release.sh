@@ -22,6 +22,10 @@ released() {
       exit 1
     }
   done
+  if git rev-parse -q --verify "refs/tags/v$1"; then
+    echo 'It should have tagged nothing.'
+    exit 1
+  fi
 }
 
 # version_is FROM TO: sets it wherever it stands, and commits.
