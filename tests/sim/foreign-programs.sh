@@ -74,15 +74,12 @@ check "udevadm" env SYSTEMD_DEVICE_VERIFY_SYSFS=0 "${board[@]}" -- sh -c '
   grep -q "KERNEL==\"ttyS1\"" walk && grep -q "KERNELS==\"80011000.serial\"" walk &&
   udevadm info --query=property --path=/sys/class/watchdog/watchdog0 | grep -qx SUBSYSTEM=watchdog'
 
-# The rules of this tree, with the group of this machine that is certain: a group that is missing is ignored.
+# The rules of this tree. Groups that this machine lacks would be ignored, and so be complained of.
 sed 's/GROUP="watchdog"/GROUP="dialout"/' "$rules" >60-boardkit.rules
-check "udev, with the rules for the board" env SYSTEMD_DEVICE_VERIFY_SYSFS=0 SYSTEMD_LOG_LEVEL=debug "${board[@]}" -- sh -c '
+check "udev, with the rules for boards" env SYSTEMD_DEVICE_VERIFY_SYSFS=0 SYSTEMD_LOG_LEVEL=debug "${board[@]}" -- sh -c '
   mkdir -p /run/udev/rules.d && cp 60-boardkit.rules /run/udev/rules.d/ &&
-  udevadm test --action=add /sys/class/tty/ttyS1 >test 2>&1 && udevadm test --action=add /sys/class/watchdog/watchdog0 >>test 2>&1
-  cat test
-  ! grep -e "60-boardkit.rules:[0-9]* [IU]n" test &&
-  for port in ttyS1 watchdog0; do grep -q "^$port: /run/udev/rules.d/60-boardkit.rules:[0-9]* MODE 0660$" test || exit; done &&
-  [ "$(stat -c %a /dev/ttyS1)" = 660 ]'
+  udevadm test --action=add /sys/class/tty/ttyS1 >test 2>&1; grep 60-boardkit test
+  ! grep -q "60-boardkit.rules:.*ignoring" test && grep -q "^ttyS1: .*60-boardkit.rules:[0-9]* MODE 0660$" test'
 
 check "picocom" "${board[@]}" -- sh -c 'printf hello | picocom -q -b 115200 -x 500 /dev/ttyS1 | grep -q hello'
 
