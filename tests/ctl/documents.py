@@ -4,6 +4,7 @@ import pathlib
 import re
 import shlex
 import subprocess
+import sys
 
 from arguments import VERBS
 from ctl import BOARDCTL, SCHEMA, SOURCE, ctl, differences, main, shell, strict, TestCase
@@ -68,7 +69,7 @@ class Schema(TestCase):
             steps.append(f"test -s printed || {{ echo nothing by {'-'.join(verb)} >&2; cat said >&2; }}; cat printed; > printed")
         result = self.board("sh", "-c", "\n".join(steps), options=["--tty", "/dev/ttyS1=exec:while echo x; do sleep 0.1; done"])
         self.assertEqual((result.status, result.err), (0, ""))
-        subprocess.run(["python3", "-m", "json.tool", "--json-lines"], input=result.raw, check=True, capture_output=True)
+        subprocess.run([sys.executable, "-m", "json.tool", "--json-lines"], input=result.raw, check=True, capture_output=True)
         self.assertEqual({found["kind"] for found in result.objects}, set(SCHEMA["$defs"]))
 
     def test_EveryKindThatTheSourcesPrintStandsInTheSchemaAndNoOther(self):

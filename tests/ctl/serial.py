@@ -4,9 +4,11 @@ import os
 import pathlib
 import pty
 import re
+import shlex
 import signal
 import socket
 import subprocess
+import sys
 import termios
 import time
 import xml.etree.ElementTree
@@ -320,6 +322,7 @@ class LineTest(TestCase):
 
     def test_BitErrorsLostAndDoubledBytesAreToldApart(self):
         far_end = ("import os\n"
+                   "open('ready', 'w').close()\n"
                    "n = 0\n"
                    "while True:\n"
                    "    data = os.read(0, 1)\n"
@@ -334,8 +337,10 @@ class LineTest(TestCase):
                                 (dict(lost=0, changed=0, doubled=100), (0, 0, 1)),
                                 (dict(lost=300, changed=100, doubled=200), (2, 1, 1))]:
             pathlib.Path("far.py").write_text(far_end.format(**faults))
-            result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "1000",
-                                   "--turns", "2", options=["--tty", PORT + "=exec:python3 far.py"])
+            pathlib.Path("ready").unlink(missing_ok=True)
+            test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "1000", "--turns", "2")
+            result = self.board("sh", "-c", "until [ -e ready ]; do sleep 0.02; done; " + test,
+                                options=["--tty", f"{PORT}=exec:{shlex.quote(sys.executable)} far.py"])
             measured = result.objects[0]
             self.assertEqual((measured["bit_errors"], measured["lost_bytes"], measured["doubled_bytes"]), counted)
             self.assertEqual((result.status, measured["verdict"], result.objects[-1]["passed"]), (1, "errors", False))

@@ -5,6 +5,7 @@ import pathlib
 import shlex
 import signal
 import subprocess
+import sys
 
 from ctl import ctl, finish, main, shell, start, TestCase, without_rights
 
@@ -121,7 +122,7 @@ class Watchdog(TestCase):
     def test_TheCommandGetsItsWordsAndNoDescriptorAboveTwo(self):
         code = "import os, sys; print(sys.argv[1:], [fd for fd in range(3, 256) if os.path.exists(f'/proc/self/fd/{fd}')])"
         words = ["a b", "$(touch x)", "--interval", "--", ""]
-        result = self.board("bash", "-c", f"exec 7</dev/null; exec {shell('watchdog', 'run', DEVICE, '--', 'python3', '-c', code, *words)}")
+        result = self.board("bash", "-c", f"exec 7</dev/null; exec {shell('watchdog', 'run', DEVICE, '--', sys.executable, '-c', code, *words)}")
         self.assertEqual((result.status, result.out), (0, f"{words} []\n"), result.err)
         self.assertFalse(os.path.exists("x"))
 
