@@ -22,6 +22,15 @@ cat > program.cpp <<'END'
 
 namespace station {
 
+[[noreturn]] KEPT void Never() {
+  std::fputs(linuxutils::Traceback().c_str(), stdout);
+  throw 1;
+}
+KEPT void CallsNever() {
+  std::puts("in");
+  Never();
+  std::puts("never here");
+}
 KEPT void Show() {
   std::fputs(linuxutils::Traceback().c_str(), stdout);
   std::puts("end");
@@ -40,7 +49,14 @@ KEPT void CallsIt() {
 
 }  // namespace station
 
-int main() {
+int main(int argc, char**) {
+  if (argc == 2) {
+    try {
+      station::CallsNever();
+    } catch (int) {
+      return 0;
+    }
+  }
   station::LastCall();
   try {
     station::CallsIt();
@@ -69,19 +85,30 @@ emulated=$work/emulated
 printf '#!/bin/sh\nexec %s "$@"\n' "$*" > "$emulated"
 chmod +x "$emulated"
 
+# expect_never NAMES: which of these two are shown by the program as it was built last: a function that is declared never
+# to return, and the one that calls it.
+expect_never() {
+  "$emulated" ./app never | sed -n 's/^station::\([A-Za-z]*Never\)$/\1/p' | paste -s -d ' ' - > got
+  if [ "$(cat got)" != "$1" ]; then
+    printf 'Where a function never returns, the frames are "%s", not "%s".\n' "$(cat got)" "$1"
+    failed=1
+  fi
+}
+
 tables=-fasynchronous-unwind-tables calls=-fno-optimize-sibling-calls
 if "$cxx" --version | grep -q clang; then
-  behind='-mllvm -trap-unreachable' jumps='Show AlwaysThrows CallsIt'
+  behind='-mllvm -trap-unreachable' never='Never CallsNever' jumps='Show AlwaysThrows CallsIt'
 else
-  behind='-fno-reorder-blocks-and-partition -fno-ipa-pure-const' jumps='Show AlwaysThrows'
+  behind='-fno-reorder-blocks-and-partition -fno-ipa-pure-const' never=Never jumps='Show AlwaysThrows'
 fi
 case $("$cxx" -dumpmachine) in
-  arm*) unbroken='Show LastCall AlwaysThrows CallsIt' ;;
+  arm*) unbroken='Show LastCall AlwaysThrows CallsIt' never='Never CallsNever' ;;
   *) unbroken='Show LastCall AlwaysThrows' ;;
 esac
 # shellcheck disable=SC2086 # flags are words
 {
   expect 'Show LastCall AlwaysThrows CallsIt' -O2 -rdynamic $tables $calls $behind
+  expect_never "$never"
   expect '' -O2 $tables $calls $behind
   expect "$unbroken" -O2 -rdynamic $tables $calls
   expect "$jumps" -O2 -rdynamic $tables $behind

@@ -50,6 +50,8 @@ version_is "$version" "$next"
 sed -i 's/^_Z6mmap_ePvjiiil$/_Z5addedv\n&/' src/exported-symbols.txt
 sed -i 's/^int LinuxGetThreadId();/&\nvoid added();/' include/SystemCalls.h
 echo 'void added() {}' >>src/sys/SystemCalls.cpp
+# What is not the library has been built once.
+sed -Ei 's/^(option\(BOARDKIT_(EXAMPLES|SIM|TOOLS) .*) .*\)$/\1 OFF)/' CMakeLists.txt
 git commit -q -a -m 'Add a function'
 released "$next" "The ABI is that of $version, with additions at most."
 
