@@ -46,6 +46,12 @@ class Net(TestCase):
         self.assertEqual(lines[5:], ["eth0  up, hardware address 02:00:00:00:00:01", "  192.0.2.10/24, fe80::ff:fe00:1/64",
                                      "gateway ipv4  192.0.2.1 on eth0", "gateway ipv6  none"])
 
+    def test_AnAddressWithALabelIsOneOfItsInterface(self):
+        result = self.script(f"ip addr add {ADDRESS} dev eth0 label eth0:1", shell("net", "show"))
+        self.assertEqual([line.split()[0] for line in result.out.splitlines() if line[0] != " "],
+                         ["lo", "eth0", "eth1", "gateway", "gateway"])
+        self.assertIn("  192.0.2.10/24, ", result.out)
+
     def test_AnAddressIsSetReplacedAndLeftAlone(self):
         result = self.script(shell("net", "address", "eth0", ADDRESS),
                              shell("net", "address", "eth0", "192.0.2.11/25"),
@@ -63,12 +69,14 @@ class Net(TestCase):
 
     def test_AnIpv6AddressIsTakenInAnySpellingAndComparedInItsShortOne(self):
         result = self.script(shell("--json", "net", "address", "eth1", "2001:0DB8:0::0010/64"),
-                             shell("net", "address", "--changed", "eth1", "2001:db8::0:10/64") + "; echo $?")
+                             shell("net", "address", "--changed", "eth1", "2001:db8::0:10/64") + "; echo $?",
+                             shell("net", "address", "eth1", "2001:db8::10/48"))
         first, *rest = result.out.splitlines()
         self.assertEqual(first, '{"schema":1,"kind":"net_change","what":"address","interface":"eth1","family":"ipv6","before":null,'
                          '"wanted":"2001:db8::10/64","after":"2001:db8::10/64","changed":true,"dry_run":false,'
                          '"commands":["ip -6 addr add 2001:db8::10/64 dev eth1"]}')
-        self.assertEqual(rest, ["eth1  is 2001:db8::10/64: nothing had to be changed", "3"])
+        self.assertEqual(rest, ["eth1  is 2001:db8::10/64: nothing had to be changed", "3",
+                                "eth1  was 2001:db8::10/64, is 2001:db8::10/48: changed"])
 
     def test_ADryRunPrintsWhatTheRealRunRunsAndRunsOnlyQueries(self):
         # The commands of a real run are the library's own account of it.
@@ -119,6 +127,15 @@ class Net(TestCase):
                              shell("net", "address", "eth0", "192.0.2.11/24"), "ip -4 route show default")
         self.assertEqual(result.err, "")
         self.assertIn("default via 192.0.2.1", result.out)
+        # Unless that one goes as well.
+        result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0",
+                             shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24", "--flush"))
+        self.assertEqual(result.err, "boardctl: the default route will go, too; afterwards: boardctl net gateway eth0 192.0.2.1\n")
+        # By another interface it stays.
+        result = self.script("ip link set eth1 up", *(step.replace("eth0", "eth1") for step in setup),
+                             "ip addr add 198.51.100.9/24 dev eth0",
+                             shell("--dry-run", "net", "address", "eth0", "198.51.100.10/24"))
+        self.assertEqual((result.status, result.err), (0, ""))
 
     def test_AnAddressThatIsThereButNotFirstIsLeftAndSaidSo(self):
         result = self.script("ip addr add 192.0.2.10/24 dev eth0", "ip addr add 192.0.2.11/24 dev eth0", "> calls",
@@ -137,10 +154,11 @@ class Net(TestCase):
                              "ip link set eth1 up", "ip -6 addr flush dev eth1", shell("net", "link-local", "eth1"),
                              shell("net", "link-local", "--changed", "eth1") + "; echo $?",
                              shell("net", "link-local", "lo") + "; echo $?")
-        self.assertEqual(result.out.splitlines()[:5], [
+        self.assertIn("boardctl: net link-local: lo has no hardware address to make one of\n", result.err)
+        self.assertEqual(result.out.splitlines(), [
             "eth0  is fe80::ff:fe00:1/64: nothing had to be changed", "3",
             "eth1  was none, is fe80::ff:fe00:2/64: changed",
-            "eth1  is fe80::ff:fe00:2/64: nothing had to be changed", "3"])
+            "eth1  is fe80::ff:fe00:2/64: nothing had to be changed", "3", "1"])
 
     def test_AGatewayIsSetReplacedClearedAndLeftAlone(self):
         result = self.script(f"ip addr add {ADDRESS} dev eth0", shell("net", "gateway", "eth0", "192.0.2.1"),
@@ -180,6 +198,10 @@ class Net(TestCase):
             self.assertTrue(result.err.startswith(f'boardctl: net {words[0]}: Device "eth7" does not exist.\n  cause    There is '),
                             result.err)
 
+    def test_AnInterfaceWhoseNameWouldBeRefusedIsNotCompleted(self):
+        result = self.board("sh", "-c", "ip link add name 'e;x' type veth peer name v1; " + shell("__complete", "net", "show", ""))
+        self.assertEqual((result.status, result.out.split()), (0, ["eth0", "eth1", "lo", "v1"]), result.err)
+
     def test_WithoutIpItIsToldWithCauseAndRemedy(self):
         result = self.board("sh", "-c", f"PATH=/nowhere; {shell('net', 'show', 'eth0')}")
         self.assertEqual(result.status, 1)
@@ -209,9 +231,9 @@ class HostileNames(TestCase):
         self.assertEqual(sorted(os.listdir(".")), ["tools"])
 
     def test_AnInterfaceWithAHostileNameIsNotAskedAboutAndRunsNothing(self):
-        for name in self.NAMES:
+        for name in [*self.NAMES, "-x"]:
             with self.subTest(name=name):
-                result = self.in_namespace(f"ip link add \"$(printf '%b' {shell_word(name)})\" type veth peer name v1",
+                result = self.in_namespace(f"ip link add name \"$(printf '%b' {shell_word(name)})\" type veth peer name v1",
                                            shell("net", "show"))
                 self.assertEqual(result.status, 1, result.err)
                 self.assertIn(f'boardctl: the interface "{name.replace(chr(27), "?")}" is not asked about', result.err)
@@ -252,6 +274,12 @@ class HostileNames(TestCase):
             result = self.in_namespace(shell("net", *words))
             self.assertEqual((result.status, result.out), (1, ""))
             self.assertIn('ip reports the address "1.2.3.4;x/24", which is none', result.err)
+            self.check_nothing_ran()
+        ip.write_text("#!/bin/sh\necho 'default via 1.2.3.4;x dev v0 '\n")
+        for words in (["gateway", "v0", "192.0.2.2"], ["clear", "gateway"]):
+            result = self.in_namespace(shell("net", *words))
+            self.assertEqual((result.status, result.out), (1, ""))
+            self.assertIn('ip reports a default route by "1.2.3.4;x" on "v0", which a shell could misunderstand', result.err)
             self.check_nothing_ran()
 
 

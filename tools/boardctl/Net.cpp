@@ -376,11 +376,11 @@ int SetAddress(const Arguments& arguments, Call& call) {
   return MakeAddress(change, net, address.text, arguments.network.prefixLength, arguments, call);
 }
 
-/// Whether it is six bytes with colons between them.
+/// Whether it is six bytes with colons between them, and not those of an interface that has none, like lo.
 bool IsHardwareAddress(const std::string& text) {
   constexpr std::size_t kLength = sizeof "00:11:22:33:44:55" - 1;
   constexpr std::size_t kStep = 3;
-  if (text.size() != kLength) {
+  if (text.size() != kLength || text == "00:00:00:00:00:00") {
     return false;
   }
   for (std::size_t i = 0; i < kLength; ++i) {
