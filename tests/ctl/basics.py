@@ -58,6 +58,7 @@ class Explain(TestCase):
         self.assertEqual([(found.get("line"), found.get("id")) for found in result.objects[:-1]],
                          [(2, "err-popen"), (4, "err-ip-missing")])
         self.assertEqual(result.objects[-1], {"schema": 1, "kind": "explained", "lines": 4, "explanations": 2})
+        self.assertEqual(ctl("--json", "explain", "-", given=log.rstrip()).objects, result.objects)  # the last line, unended
         result = ctl("explain", "-", given=log)
         self.assertIn("2: 12:00 app: popen failed: Cannot allocate memory\n", result.out)
         self.assertIn("  cause    ENOMEM, EAGAIN: Out of memory or processes.\n", result.out)
@@ -142,6 +143,21 @@ class Output(TestCase):
         os.close(write)
         self.assertEqual((result.status, result.err), (1, ""))
 
+    def test_ASignalEndsItAlsoWhereThePipeIsFullAndNobodyReads(self):
+        with open("log", "w", encoding="ascii") as log:
+            log.write("popen failed: Cannot allocate memory\n" * 1000)
+        for words in (["run", "yes | head -c 300000"], ["explain", "-"]):
+            for number in (signal.SIGINT, signal.SIGTERM):
+                with self.subTest(words=words, number=number):
+                    unread, write = os.pipe()
+                    with open("log", "rb") as log:
+                        process = start([BOARDCTL, *words], stdin=log, stdout=write)
+                    self.wait_until_full(write)
+                    process.send_signal(number)
+                    self.assertEqual(finish(process).status, 128 + number)
+                    os.close(write)
+                    os.close(unread)
+
     def test_AFullDiskIsToldWithItsCauseAndStatus1(self):
         with open("/dev/full", "w") as full:
             result = finish(start([BOARDCTL, "explain", "popen failed"], stdout=full))
@@ -208,8 +224,10 @@ class Memory(TestCase):
 
     def test_ASignalThatIsIgnoredFromTheStartStaysSo(self):
         # As under nohup, or behind a shell's &.
-        script = (f"(trap '' INT; exec {shell('mem', 'watch', '0x40000000')}) > seen & until test -s seen; do sleep 0.02; done; "
-                  "kill -INT $!; kill -TERM $!; wait $!; echo $?")
+        script = (f"(trap '' INT; exec {shell('mem', 'watch', '0x40000000', '--every', '1')}) > seen & "
+                  "until test -s seen; do sleep 0.02; done; kill -INT $!; "
+                  f"{shell('--quiet', 'mem', 'write', '0x40000000', '1')} > wrote; "
+                  "until grep -q 0x00000001 seen; do sleep 0.02; done; kill -TERM $!; wait $!; echo $?")
         result = self.board("sh", "-c", script)
         self.assertEqual((result.status, result.out), (0, "143\n"), result.err)
 
@@ -221,6 +239,17 @@ class Memory(TestCase):
             "boardctl: mem read: ReadFromMemory Open /dev/mem failed: No such file or directory\n  cause    ENOENT"))
         self.assertIn("\n  remedy   Build the kernel with CONFIG_DEVMEM.\n", result.err)
 
+    def test_AnAddressWhereNothingAnswersIsToldWithCauseAndRemedy(self):
+        # A simulated board's addresses all answer: what the kernel would send comes from the test.
+        for words in ("read", "0", "1000000000"), ("dump", "0", "1000000000"), ("watch", "0"):
+            script = (f"rm -f read; {shell('mem', *words)} > read & until test -s read; do sleep 0.02; done; "
+                      "kill -BUS $!; wait $!; echo $?")
+            result = self.board("sh", "-c", script)
+            self.assertEqual((result.status, result.out), (0, "1\n"))
+            self.assertEqual(result.err,
+                             "boardctl: mem: nothing answers at that address (SIGBUS)\n"
+                             "  cause    No memory and no device is there, or the device has no clock.\n"
+                             "  remedy   Check the address, and whether the device is switched on.\n")
 
     def test_MemoryThatTheUserMayNotOpenIsToldWithCauseAndRemedy(self):
         verbs = ["read", "0"], ["write", "0", "1"], ["watch", "0"], ["dump", "0"]

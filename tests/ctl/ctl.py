@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import re
+import select
 import shlex
 import shutil
 import subprocess
@@ -157,7 +158,7 @@ class TestCase(unittest.TestCase):
         """Runs a command on a simulated board."""
         return finish(self.start_board(*command, options=options, given=given, log=log), given)
 
-    def start_board(self, *command, options=(), given=None, log=None):
+    def start_board(self, *command, options=(), given=None, log=None, output=subprocess.PIPE):
         """Starts it, and leaves it running."""
         simulator, as_user = BOARDSIM, []
         command = list(command)
@@ -182,11 +183,15 @@ class TestCase(unittest.TestCase):
         if log:
             options = [*options, "--log", log]
         keywords = {} if given is None else {"stdin": subprocess.PIPE}
-        return start([*as_user, simulator, *options, "--", *command], **keywords)
+        return start([*as_user, simulator, *options, "--", *command], stdout=output, **keywords)
 
     def on_board(self, *arguments, **keywords):
         """Runs boardctl on a simulated board."""
         return self.board(BOARDCTL, *arguments, **keywords)
+
+    def some_of(self, cases):
+        """All cases for root. Where rights make no difference, the first one shows that an ordinary user has enough."""
+        return cases if self.user == "root" else cases[:1]
 
     def need(self, *programs):
         for program in programs:
@@ -199,6 +204,12 @@ class TestCase(unittest.TestCase):
         while not holds():
             self.assertLess(time.monotonic(), end, f"never seen: {what}")
             time.sleep(0.02)
+
+    def wait_until_full(self, pipe):
+        """Waits until nothing more fits into a pipe, by its writing end."""
+        room = select.poll()
+        room.register(pipe, select.POLLOUT)
+        self.wait_until(lambda: not room.poll(0), "a full pipe")
 
     def wait_for_text(self, path, text):
         def is_there():

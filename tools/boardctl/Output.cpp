@@ -1,14 +1,18 @@
 #include "Output.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <nlohmann/json.hpp>
 #include <system_error>
+
+#include "Signals.h"
 
 namespace {
 
@@ -72,7 +76,7 @@ void Output::Say(std::string_view words) {
 void Output::Warn(std::string_view words) {
   HideProgress();
   // Nothing is left to be told if this fails.
-  std::fprintf(stderr, "%.*s\n", static_cast<int>(words.size()), words.data());
+  WriteAll(STDERR_FILENO, std::string(words) + '\n', m_waits);
 }
 
 void Output::Progress(std::uint64_t done, std::uint64_t total, const char* unit) {
@@ -106,8 +110,7 @@ void Output::Progress(std::uint64_t done, std::uint64_t total, const char* unit)
   if (total != 0 && rate > 0) {
     line += "  " + Fixed(static_cast<double>(total - std::min(done, total)) / rate, 0) + " s left";
   }
-  // Written over what stands there, and nothing of that is left over.
-  std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
+  ShowProgress(line);
 }
 
 void Output::EndProgress() {
@@ -117,9 +120,14 @@ void Output::EndProgress() {
 
 void Output::HideProgress() {
   if (m_isVisible) {
-    std::fputs("\r\x1b[K", stderr);
+    ShowProgress("");
     m_isVisible = false;
   }
+}
+
+/// Writes it over what stands there. A terminal that is stopped does not hold up what goes on.
+void Output::ShowProgress(const std::string& line) const {
+  WriteAll(STDERR_FILENO, '\r' + line + "\x1b[K", false);
 }
 
 std::string Output::Bold(const std::string& text) const {
@@ -131,19 +139,35 @@ void Output::Write(std::string_view text) {
     HideProgress();
   }
   // Unbuffered: a line is there as soon as it is known, in a pipe too.
-  while (!text.empty()) {
-    const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
-    if (written == -1) {
-      if (errno == EINTR) {
-        continue;
-      }
-      if (errno == EPIPE) {
-        throw OutputClosed();
-      }
-      throw std::system_error(errno, std::generic_category(), "Standard output can't be written");
+  if (!WriteAll(STDOUT_FILENO, text)) {
+    if (errno == EPIPE || errno == EINTR) {
+      throw OutputClosed();
     }
-    text.remove_prefix(static_cast<std::size_t>(written));
+    throw std::system_error(errno, std::generic_category(), "Standard output can't be written");
   }
+}
+
+bool WriteAll(int fd, std::string_view text, bool waits) {
+  while (!text.empty()) {
+    pollfd either[] = {{fd, POLLOUT, 0}, {signals::Descriptor(), POLLIN, 0}};
+    if (::poll(either, std::size(either), waits ? -1 : 0) == -1 && errno != EINTR) {
+      return false;
+    }
+    if (either[0].revents == 0 && either[1].revents == 0 && waits) {
+      continue;
+    }
+    if (either[0].revents == 0) {
+      errno = waits ? EINTR : EAGAIN;
+      return false;
+    }
+    // So much fits where there is room: the writing itself does not wait.
+    const ssize_t written = ::write(fd, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
+    if (written == -1 && errno != EINTR && errno != EAGAIN) {
+      return false;
+    }
+    text.remove_prefix(written == -1 ? 0 : static_cast<std::size_t>(written));
+  }
+  return true;
 }
 
 std::string Hexadecimal(std::uint32_t word) {

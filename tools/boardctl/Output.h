@@ -24,6 +24,22 @@ class Output {
   };
   explicit Output(Options options);
 
+  /// While it lives, words for which there is no room are dropped, not waited for: whoever must be in time has it.
+  class InTime {
+   public:
+    explicit InTime(Output& out) : m_out(out) {
+      m_out.m_waits = false;
+    }
+    ~InTime() {
+      m_out.m_waits = true;
+    }
+    InTime(const InTime&) = delete;
+    InTime& operator=(const InTime&) = delete;
+
+   private:
+    Output& m_out;
+  };
+
   bool IsJson() const {
     return m_options.json;
   }
@@ -56,18 +72,23 @@ class Output {
 
  private:
   void Write(std::string_view text);
+  void ShowProgress(const std::string& line) const;
   void HideProgress();
 
   Options m_options;
   bool m_showsProgress;
   bool m_isTerminal;
   bool m_showsColour;
+  bool m_waits = true;
   bool m_isStarted = false;  // with the progress
   bool m_isVisible = false;  // its line
   std::chrono::steady_clock::time_point m_start;
   std::chrono::steady_clock::time_point m_shown;
 };
 
+/// Writes all of @p text. Where nobody reads, it waits, but not longer than until a signal comes; or not at all.
+/// False if something is left, and errno tells why: EINTR after a signal, EAGAIN without waiting.
+bool WriteAll(int fd, std::string_view text, bool waits = true);
 /// "0x80011000".
 std::string Hexadecimal(std::uint32_t word);
 /// Bytes as hexadecimal digits, two each, without anything between them.

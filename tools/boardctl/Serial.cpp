@@ -180,7 +180,7 @@ class HexReader {
 /// Waits until what was written is on the line, and shows how far it has come.
 void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total, Output& out) {
   constexpr int kLookMs = 20;
-  constexpr double kPatience = 5;  // seconds without a byte going out
+  constexpr double kPatience = 2;  // seconds without a byte going out
   std::uint32_t last = 0;
   auto since = Clock::now();
   bool isTold = false;

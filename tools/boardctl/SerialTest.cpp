@@ -247,16 +247,8 @@ void Draw(const std::vector<Measurement>& all, const Arguments& arguments) {
   const std::string svg = plot::Svg("Line test of " + arguments.line.device, "speed in bits per second", labels,
                                     {{"Throughput", "bytes per second", {throughput, limit}},
                                      {"Turn-around of single bytes", "microseconds", {median, least, most}}});
-  const int fd = ::open(arguments.svg.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  std::size_t position = 0;
-  while (fd != -1 && position < svg.size()) {
-    const ssize_t written = ::write(fd, svg.data() + position, svg.size() - position);
-    if (written == -1 && errno != EINTR) {
-      break;
-    }
-    position += written == -1 ? 0 : static_cast<std::size_t>(written);
-  }
-  if (position < svg.size()) {
+  const int fd = ::open(arguments.svg.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd == -1 || !WriteAll(fd, svg)) {
     throw std::system_error(errno, std::generic_category(), "The picture " + arguments.svg + " can't be written");
   }
   ::close(fd);

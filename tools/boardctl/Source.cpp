@@ -14,7 +14,8 @@
 #include "Signals.h"
 
 Source::Source(const std::string& path)
-    : m_fd(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)),
+    // Opening a named pipe would wait for a writer, also through signals.
+    : m_fd(path == "-" ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)),
       m_name(path == "-" ? "Standard input" : path) {
   struct stat file {};
   if (m_fd == -1 || ::fstat(m_fd, &file) == -1) {

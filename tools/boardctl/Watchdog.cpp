@@ -159,7 +159,10 @@ class Armed {
  public:
   /// @throws what WatchDog::Activate() does, after a sentence of what that means.
   Armed(const Arguments& arguments, Output& out)
-      : m_out(out), m_device(arguments.device), m_dog(std::make_unique<WatchDog>(arguments.intervalS, m_device)) {
+      : m_out(out),
+        m_inTime(out),
+        m_device(arguments.device),
+        m_dog(std::make_unique<WatchDog>(arguments.intervalS, m_device)) {
     const SignalsWait wait;
     Arm(arguments.intervalS);
     KeepDescriptors();
@@ -190,6 +193,7 @@ class Armed {
   /// Returns the exit status: it may count on in spite of it.
   int Disarm() {
     Do(&WatchDog::Deactivate, "Disarming");
+    m_inTime.reset();
     if (LookAtWatchdog(m_device).IsActive()) {
       m_out.Warn("boardctl: closed in good order, and " + m_device +
                  " still counts (nowayout): THE BOARD RESETS within " + SecondsInWords(m_timeoutS) +
@@ -255,6 +259,7 @@ class Armed {
   }
 
   Output& m_out;
+  std::optional<Output::InTime> m_inTime;  // a terminal that is stopped must not keep it from feeding
   std::string m_device;
   std::unique_ptr<WatchDog> m_dog;
   int m_timeoutS = 0;
