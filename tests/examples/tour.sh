@@ -21,10 +21,32 @@ expect_narrow() {
   ! grep -qE '.{81}' "$1" || fail "A line is too long." "$1"
 }
 
-printf '== on a board\n'
-run 0 page "$boardsim" --log log --reg 0x40000000=0x600dcafe -- ./board-tour --serial /dev/ttyS1 \
+# begin STATUS FILE COMMAND...: like run, beside what follows; the watchdog takes its time. All of them are waited for by
+# ended.
+begin() {
+  (
+    run "$@"
+    touch "$2.ended"
+  ) > "$2.failure" &
+}
+
+# ended FILE...: what was begun for each FILE has ended as it should.
+ended() {
+  wait
+  for output; do
+    [ -e "$output.ended" ] || fail "It failed." "$output.failure"
+  done
+}
+
+begin 0 whole "$boardsim" --log log --reg 0x40000000=0x600dcafe -- ./board-tour --serial /dev/ttyS1 \
   --memory 0x40000000 --watchdog /dev/watchdog --interface eth0
-expect page \
+begin 86 starved "$boardsim" --log starved-log -- ./board-tour --watchdog /dev/watchdog --starve
+begin 0 silent "$boardsim" --tty /dev/ttyS1=none -- ./board-tour --serial /dev/ttyS1
+begin 0 coloured env TERM=xterm script -qec "'$boardsim' -- ./board-tour --serial /dev/ttyS1" /dev/null
+ended whole starved silent coloured
+
+printf '== on a board\n'
+expect whole \
   "getters   115200 baud, 8 data bits, no parity, stop bits: 1" \
   "result    false, after" \
   "buffer    \"Nobody else hears this.\"" \
@@ -72,9 +94,9 @@ expect page \
   "valley::Descend repeats 3 times!" \
   "That was all of it, and all went well."
 # Control sequences for terminals are noise here, and so are lines wider than a terminal.
-expect_not page "$escape"
-expect_not page "$(printf '\r')"
-expect_narrow page
+expect_not whole "$escape"
+expect_not whole "$(printf '\r')"
+expect_narrow whole
 # The board saw the same.
 expect log "speed=115200" "TIOCMSET 0xc006" "TIOCGSERIAL"
 expect_not log "overrun"
@@ -88,9 +110,8 @@ close: stopped
 END
 
 printf '== a watchdog that is not fed\n'
-run 86 page "$boardsim" --log log -- ./board-tour --watchdog /dev/watchdog --starve
-expect page "result    fed 5 times in" "not fed   for" "/dev/watchdog has reset the board: time-out 2 s"
-expect_events /dev/watchdog log <<'END'
+expect starved "result    fed 5 times in" "not fed   for" "/dev/watchdog has reset the board: time-out 2 s"
+expect_events /dev/watchdog starved-log <<'END'
 open
 timeout 2
 feed
@@ -98,9 +119,8 @@ reset time-out 2 s
 END
 
 printf '== a far end that does not echo\n'
-run 0 page "$boardsim" --tty /dev/ttyS1=none -- ./board-tour --serial /dev/ttyS1
-expect page "received  1048576 bytes, CRC-32 0xc0f68319" "the far end does not echo" "Divisor Latch: 22"
-expect_not page "0x8efebb10"
+expect silent "received  1048576 bytes, CRC-32 0xc0f68319" "the far end does not echo" "Divisor Latch: 22"
+expect_not silent "0x8efebb10"
 
 printf '== an interface that is in use\n'
 cat > in-use <<'END'
@@ -160,8 +180,7 @@ expect page "Not shown, since nothing was named for it: serial port (--serial)" 
 expect_not page "Watchdog"
 
 printf '== on a terminal\n'
-run 0 page env TERM=xterm script -qec "'$boardsim' -- ./board-tour --serial /dev/ttyS1" /dev/null < /dev/null
-expect page "${escape}[1m--- 1. Serial port" "${escape}[36mport.SetLoopback(true)" " of 1024 KiB  [####"
+expect coloured "${escape}[1m--- 1. Serial port" "${escape}[36mport.SetLoopback(true)" " of 1024 KiB  [####"
 run 0 page env TERM=xterm NO_COLOR=1 script -qec ./board-tour /dev/null < /dev/null
 expect_not page "$escape"
 run 0 page env TERM=dumb script -qec ./board-tour /dev/null < /dev/null
