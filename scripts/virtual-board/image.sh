@@ -228,12 +228,20 @@ make_payload() {
   archive "$root" >"$folder/payload.gz"
 }
 
-# prepare [KERNEL]...: all that boots of the kernels need, one process at a time.
+# prepare [KERNEL]...: all that boots of the kernels need, and what this tree is built to, one process at a time.
 prepare() {
+  prepare_system "$@"
+  install_missing "${build_needs[@]}" libcli11-dev=/usr/include/CLI/CLI.hpp \
+    nlohmann-json3-dev=/usr/include/nlohmann/json.hpp googletest=/usr/src/googletest/CMakeLists.txt
+  cross_build armhf '-DBOARDKIT_EXAMPLES=ON -DBOARDKIT_TOOLS=ON'
+  make_payload
+}
+
+# prepare_system [KERNEL]...: the same without anything of this tree's.
+prepare_system() {
   check_build build/board
-  install_missing "${build_needs[@]}" "g++-$target=$target-g++" qemu-system-arm=qemu-system-arm util-linux=flock \
-    device-tree-compiler=fdtoverlay cpio=cpio libcli11-dev=/usr/include/CLI/CLI.hpp \
-    nlohmann-json3-dev=/usr/include/nlohmann/json.hpp kmod=modprobe xz-utils=xz googletest=/usr/src/googletest/CMakeLists.txt
+  install_missing "g++-$target=$target-g++" qemu-system-arm=qemu-system-arm util-linux=flock \
+    device-tree-compiler=fdtoverlay cpio=cpio kmod=modprobe xz-utils=xz
   mkdir -p "$folder" "$cache"
   exec {building}>"$folder/lock"
   flock "$building"
@@ -245,12 +253,11 @@ prepare() {
     if [[ $kernel == newest ]]; then find_newest; else fetch_kernel "$kernel"; fi
     make_modules "$kernel"
   done
-  cross_build armhf '-DBOARDKIT_EXAMPLES=ON -DBOARDKIT_TOOLS=ON'
-  make_payload
 }
 
 # prepared [KERNEL]...: lets other builds go on, and removes what ended boots have left. The boots of this process have
-# what they need in $mine, a folder of its own.
+# what they need, $payload with it, in $mine, a folder of its own.
+payload=$folder/payload.gz
 prepared() {
   local old kernel
   for old in "$folder"/run.*; do
@@ -259,7 +266,7 @@ prepared() {
   mine=$folder/run.$$
   mkdir -p "$mine"
   for kernel in "$@"; do
-    cat -- "$cache/base.gz" "$cache/kernel-$kernel/modules.gz" "$folder/payload.gz" >"$mine/$kernel.image"
+    cat -- "$cache/base.gz" "$cache/kernel-$kernel/modules.gz" "$payload" >"$mine/$kernel.image"
   done
   exec {building}>&-
 }
