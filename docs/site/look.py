@@ -4,7 +4,7 @@ Usage: look.py SITE_FOLDER SCREENSHOT_FOLDER
 
 On every page: no error in the console, text with a contrast of 4.5 to 1 or more, and on the telephone nothing that is
 wider than the screen. The search must find Activate, and the error catalogue's field must find EBUSY. Screenshots of five
-pages are left in both widths. The pages are opened as files, without a server.
+whole pages are left in both widths. The pages are opened as files, without a server.
 """
 
 import base64
@@ -21,6 +21,7 @@ import time
 DESKTOP = {"width": 1280, "height": 900, "mobile": False, "deviceScaleFactor": 1}
 TELEPHONE = {"width": 390, "height": 844, "mobile": True, "deviceScaleFactor": 2}
 PATIENCE_S = 60
+MOST_SHOWN = 6000
 PICTURES = ["index", "watchdog", "serial-port", "error-catalogue", "classSerialPort"]
 
 CONTRAST = """(() => {
@@ -156,8 +157,13 @@ class Browser:
         deadline = time.monotonic() + PATIENCE_S
         while not any(event.get("method") == "Page.loadEventFired" for event in self.events):
             self.events.append(self._receive(deadline))
-        # Two frames later, what the scripts do at the loading is done and painted.
-        self.evaluate("new Promise((done) => requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(done, 30))))")
+        self.settle()
+
+    def settle(self):
+        # Two frames later, what the scripts do is done and painted, unless they move something.
+        self.evaluate("""new Promise((done) => {
+          const still = () => window.jQuery && jQuery(":animated").length ? setTimeout(still, 20) : done();
+          requestAnimationFrame(() => requestAnimationFrame(() => setTimeout(still, 30))); })""")
 
     def errors(self):
         for event in self.events:
@@ -178,7 +184,13 @@ class Browser:
                     event["text"] = character
                 self.ask("Input.dispatchKeyEvent", event)
 
-    def picture(self, path):
+    def picture(self, path, screen):
+        """Of the whole page, or of as much as can be looked at."""
+        height = self.evaluate("""(() => {
+          const content = document.getElementById("doc-content"), page = document.scrollingElement;
+          return innerHeight + Math.max(content.scrollHeight - content.clientHeight, page.scrollHeight - innerHeight); })()""")
+        self.ask("Emulation.setDeviceMetricsOverride", {**screen, "height": min(height, MOST_SHOWN)})
+        self.settle()
         data = self.ask("Page.captureScreenshot", {"format": "png"})["data"]
         path.write_bytes(base64.b64decode(data))
 
@@ -238,7 +250,7 @@ def main(site, pictures):
                     wide = browser.evaluate(TOO_WIDE.replace("SCREEN", str(TELEPHONE["width"])))
                     complaints += [f"{where}: too wide: {bad}" for bad in wide[:5]]
                 if path.stem in PICTURES:
-                    browser.picture(pictures / f"{path.stem}-{name}.png")
+                    browser.picture(pictures / f"{path.stem}-{name}.png", screen)
         complaints += check_search(browser, site) + check_filter(browser, site)
         browser.close()
     if len(list(pictures.glob("*.png"))) != 2 * len(PICTURES) or looked < 1000:
