@@ -2,7 +2,7 @@
 #define BOARDKIT_FILE_H
 
 /// @file
-/// An open file whose failures tell its name.
+/// An open file whose error messages contain its name.
 ///
 /// @code{.cpp}
 /// const File file("example.txt", O_RDWR | O_CREAT | O_TRUNC, 0644);
@@ -19,7 +19,7 @@
 
 #pragma GCC visibility push(default)
 
-/// An open file: a descriptor, a stream on the same file, and the file's name, which every failure tells.
+/// An open file: a descriptor, a stream on the same file, and the file's name, which every error message contains.
 ///
 /// @snippet files.cpp use
 ///

@@ -27,7 +27,7 @@ class OpSystem;
 ///
 /// Queries run one command and pick words out of its output; changes query first, do nothing if the state already is
 /// as asked, and otherwise run one shell text of up to two commands. There is no rollback: if the second command fails,
-/// the first may have taken effect; if the first fails and the second does not, only standard error tells. Names and
+/// the first may have taken effect; if the first fails and the second does not, only standard error shows it. Names and
 /// addresses go into the commands as they are given, without quoting or checks.
 ///
 /// One object is used by one thread at a time, and callers that change the same interface or route must serialise their
@@ -35,7 +35,7 @@ class OpSystem;
 /// if `ip` fails, `std::system_error` if it cannot be run.
 class IpNet {
  public:
-  /// What `ip` printed, by key. Values are kept as printed, the prefix length too is text.
+  /// What `ip` printed, by key. Values are text, as printed; prefix lengths, too.
   using Record = std::map<std::string, std::string>;
 
   /// The position that means "not found": all 32 bits set.
@@ -44,8 +44,8 @@ class IpNet {
   /// there.
   static const unsigned int npos = 0xFFFFFFFFU;
 
-  /// Runs all commands through @p opSystem, which must outlive this object. OpSystem's own ExecCmd() is called, also
-  /// where a derived class overrides it.
+  /// Runs all commands through @p opSystem, which must outlive this object. OpSystem's own ExecCmd() is called, even
+  /// if a derived class overrides it.
   explicit IpNet(OpSystem& opSystem);
   virtual ~IpNet();
 
@@ -63,7 +63,7 @@ class IpNet {
   /// The words after "default", "via" and "dev" in the routes that `ip route show` lists, of IPv6 or of IPv4.
   ///
   /// For a default route through a gateway these are "via", the gateway and the interface; of several such routes, the
-  /// first one's. Without a default route the key "default" is missing, and the other two tell of some other route.
+  /// first one's. Without a default route the key "default" is missing, and the other two describe some other route.
   Record GetGwInfo(bool ipv6);
 
   /// Gives @p iface the address @p addr with @p prefixLength, in the family that @p ipv6 selects.
@@ -99,7 +99,7 @@ class IpNet {
   /// The network address of the dotted-quad @p address: its first @p prefixLength bits, the others 0. Lengths below 0
   /// count as 0; for lengths from 32 on, @p address is returned unchecked.
   /// @throws std::invalid_argument if @p address is malformed; its message is the text of the current `errno`, which
-  /// need not have to do with it.
+  /// may have nothing to do with it.
   /// @throws std::logic_error "GetIpV4NetAddr: inet_ntop returns null" if the result cannot be formatted.
   static std::string GetIpV4NetAddr(std::string address, int prefixLength);
 
@@ -109,8 +109,10 @@ class IpNet {
   /// number on, all bytes count as 0 (one of more than 32 bits as ff); nothing is thrown.
   static std::string GetLinkLocalAddr(std::string mac);
 
-  // Parsing. A text may have several lines, but only the space character separates words: newlines do not end a word.
-  // Positions are byte offsets; texts are shorter than 4 GiB.
+  /// @name Parsing
+  /// A text may have several lines, but only the space character separates words: newlines do not end a word. Positions
+  /// are byte offsets; texts are shorter than 4 GiB.
+  /// @{
 
   /// The position of the word after the first occurrence of @p key in @p text at or after @p start, or npos.
   ///
@@ -131,6 +133,8 @@ class IpNet {
 
   /// True if @p map has every key of @p entries and, unless @p keysOnly is set, the same values. Changes neither.
   static bool FoundInMap(Record& map, Record& entries, bool keysOnly);
+
+  /// @}
 
  private:
   std::string Run(const std::string& command);

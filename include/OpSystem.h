@@ -2,7 +2,7 @@
 #define BOARDKIT_OPSYSTEM_H
 
 /// @file
-/// A shell command's whole output.
+/// A shell command's complete output.
 ///
 /// @code{.cpp}
 /// OpSystem system;
@@ -25,7 +25,7 @@
 ///
 /// Stateless: one object may serve any number of users and threads, and may be copied freely.
 ///
-/// @warning The command goes to the system shell as it stands. Quote what comes from outside.
+/// @warning Nothing in the command is quoted for the shell: quote what comes from outside.
 class OpSystem {
  public:
   virtual ~OpSystem();
@@ -44,8 +44,8 @@ class OpSystem {
   ///
   /// The output is returned byte for byte, the last newline included, with two exceptions: a NUL byte cuts off the rest
   /// of its line (or of its 511-byte piece of a longer line), and a signal whose handler was installed without
-  /// `SA_RESTART` ends the reading early, which cannot be told from the end of the output.
-  /// @throws std::logic_error with the whole output as its message, and nothing else, if the command ends with a
+  /// `SA_RESTART` ends the reading early, which looks like the end of the output.
+  /// @throws std::logic_error with the complete output as its message, and nothing else, if the command ends with a
   /// non-zero status: any exit code, 127 for a command that the shell cannot find, or death by a signal.
   /// @throws std::system_error "popen failed" if the command cannot be started.
   /// @throws std::system_error "pclose failed" if its status cannot be collected; ECHILD where SIGCHLD is ignored.

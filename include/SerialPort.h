@@ -104,7 +104,8 @@ class SerialPort {
   SerialPort(const SerialPort&) = delete;
   SerialPort& operator=(const SerialPort&) = delete;
 
-  // --- Life
+  /// @name Life
+  /// @{
 
   /// Opens the device in raw mode, saves its attributes, and discards what it holds.
   ///
@@ -130,8 +131,11 @@ class SerialPort {
   /// serial port '<device>' failed?"; the port then stays open. A failing `close` is ignored.
   void Close();
 
-  // --- Line settings: setters change the device first and remember the value after success, getters ask the device.
-  // All of them throw what GetTheCurrentPortSettings() throws, the setters also what SetPortSettings() throws.
+  /// @}
+  /// @name Line settings
+  /// Setters change the device first and remember the value after success, getters ask the device. All of them throw
+  /// what GetTheCurrentPortSettings() throws, the setters also what SetPortSettings() throws.
+  /// @{
 
   /// Sets both directions to @p baudRate. Does nothing at all while a custom speed is set.
   /// @throws std::system_error "Unsupported baud rate.", and what SetPortSettings() throws.
@@ -141,7 +145,7 @@ class SerialPort {
 
   /// Sets both directions to any speed in bits per second and keeps it over Close() and Open(); 0 forgets it and
   /// applies the remembered BaudRate again, as SetBaudRate() does. On a device without terminal attributes it is only
-  /// remembered. The driver may round, or keep the old speed; GetBaudRate() tells.
+  /// remembered. The driver may round, or keep the old speed: ask GetBaudRate().
   /// @throws std::system_error "Unsupported baud rate." if the driver refuses, and for 0 what SetBaudRate() throws;
   /// what is remembered does not change.
   void SetCustomBaudRate(std::uint32_t bitsPerSecond);
@@ -149,6 +153,7 @@ class SerialPort {
   std::uint32_t GetCustomBaudRate() const;
 
   /// Sets the number of data bits. @p charSize is not checked: any value is ORed into the control flags.
+  /// @throws std::system_error of SetPortSettings(), with "Invalid character size setting." behind its text.
   void SetCharSize(CharacterSize charSize);
   /// The device's data bits; CHAR_SIZE_5 where attributes are not supported.
   CharacterSize GetCharSize() const;
@@ -192,7 +197,9 @@ class SerialPort {
   /// failed?", followed directly by @p context.
   void SetPortSettings(const termios& settings, const std::string& context);
 
-  // --- Data, straight to and from the device
+  /// @}
+  /// @name Data, straight to and from the device
+  /// @{
 
   /// Writes all @p count bytes. Repeats at once what was interrupted or refused for the moment; may block without
   /// limit.
@@ -216,7 +223,9 @@ class SerialPort {
   /// @throws std::system_error "SerialPort::IsDataReceived: poll() failed!", with EINTR too.
   bool IsDataReceived(int timeoutMs) const;
 
-  // --- Data through the receive buffer
+  /// @}
+  /// @name Data through the receive buffer
+  /// @{
 
   /// Moves the bytes that the driver holds now into the receive buffer. Does not check for open.
   /// @throws std::system_error "SerialPort::ReadAllAvailableData: FIONREAD failed!"; a failing read just ends it.
@@ -228,7 +237,10 @@ class SerialPort {
   /// is empty.
   void Read(std::vector<unsigned char>& out, unsigned int count);
 
-  // --- What the driver holds; none of these checks for open
+  /// @}
+  /// @name What the driver holds
+  /// None of these checks for open.
+  /// @{
 
   /// The number of bytes that the driver has received.
   /// @throws std::system_error "SerialPort::ReadAllAvailableData: FIONREAD failed!" (the text is shared).
@@ -243,7 +255,9 @@ class SerialPort {
   /// @throws std::system_error "SerialPort::FlushInputAndOutput: tcflush() failed!".
   void FlushInputAndOutput() const;
 
-  // --- Diagnosis
+  /// @}
+  /// @name Diagnosis
+  /// @{
 
   /// A report in lines: the device, its speeds, flow control and driver information, and the registers of the board's
   /// UART, read from physical memory whichever device this is. The flags and what follows, except the last line, are
@@ -256,6 +270,8 @@ class SerialPort {
   /// changed; what the physical memory functions throw, with the port open and perhaps the divisor-latch access bit
   /// left set; what Close() and Open() throw, with the port as these leave it.
   std::string ToString();
+
+  /// @}
 
  private:
   void RequireOpen() const;

@@ -2,7 +2,7 @@
 #define BOARDKIT_SYSTEMCALLS_H
 
 /// @file
-/// System calls as free functions that do the whole job or throw.
+/// System calls as free functions that complete or throw.
 ///
 /// @code{.cpp}
 /// char buffer[5];

@@ -57,7 +57,7 @@ class WatchDog {
   /// Asks the driver for a time-out of @p seconds.
   ///
   /// The value is remembered before the driver is asked and kept if the driver refuses. The driver may round it:
-  /// GetInterval() tells what it really uses.
+  /// GetInterval() returns what it really uses.
   /// @throws std::logic_error "Watchdog interval must be greater than 0 seconds" (nothing changes) or "Could not set
   /// watchdog interval", which is always thrown on a new object.
   void SetInterval(int seconds);

@@ -54,7 +54,7 @@ def catalogue(errors):
     page = ["# Error catalogue {#error-catalogue}\n",
             "@tableofcontents\n",
             "Every fixed text of the library, what causes it, what to do, and what remains. Type a part of the text into "
-            "the field; @ref failures tells how to read a message. `boardctl explain` has the same catalogue at the "
+            "the field; @ref failures explains how to read a message. `boardctl explain` has the same catalogue at the "
             "command line. Three dots stand for what varies.\n",
             '<div id="filter-place"></div>\n']
     for subsystem, (title, _) in SUBSYSTEMS.items():

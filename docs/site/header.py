@@ -1,0 +1,75 @@
+"""Prints a public header as Doxygen reads it: behind the comment of each operation, the fixed texts of its failures.
+
+Usage: header.py HEADER, from the top folder; the Doxyfile names it as a filter. The texts are the error catalogue's.
+"""
+
+import html
+import json
+import pathlib
+import re
+import sys
+
+ERRORS = json.loads(pathlib.Path("docs/errors.json").read_text())["errors"]
+# A declaration's first line: perhaps words and a type, the name, and what it takes.
+DECLARATION = re.compile(r"^ *(?!//|return\b)(?:[\w:<>,&* ]+[&* ])?(~?\w+)\(")
+
+
+def plain(comment):
+    return re.sub(r"\s+", " ", re.sub(r"(?m)^\s*///", "", comment))
+
+
+def names(comment, entry):
+    """Whether the comment has the entry's text."""
+    pieces = [piece for piece in re.sub(r"\s+", " ", entry["text"]).split("...") if piece.strip()]
+    return bool(pieces) and all(piece.strip() in plain(comment) for piece in pieces)
+
+
+def operations(lines):
+    """(line, qualified name, comment) of each public declaration that has a comment."""
+    scope, comment, found = "", [], []
+    for number, line in enumerate(lines):
+        if re.match(r" private:", line):
+            scope = None
+        elif re.match(r"\};?", line):
+            scope = ""
+        elif opened := re.match(r"(?:class|namespace) (\w+) \{", line):
+            scope = opened.group(1) + "::"
+        if line.lstrip().startswith("///"):
+            comment.append(line)
+            continue
+        declared = DECLARATION.match(line)
+        if comment and declared and scope is not None:
+            found.append((number, scope + declared.group(1), "\n".join(comment)))
+        comment = []
+    return found
+
+
+def failures(name, comment, overloads):
+    """The catalogue's entries for an operation; of overloads, each has what its comment names, or all if it names none."""
+    entries = [entry for entry in ERRORS if name in entry["operations"]]
+    named = [entry for entry in entries if names(comment, entry)]
+    if len(overloads) == 1 or not named:
+        return entries
+    others = [other for other in overloads if other != comment]
+    return [entry for entry in entries if entry in named or not any(names(other, entry) for other in others)]
+
+
+def filtered(text):
+    """The header's text with the failures, and the set of (operation, id) that it names."""
+    lines = text.splitlines()
+    found, shown = operations(lines), set()
+    for number, name, comment in reversed(found):
+        entries = failures(name, comment, [c for _, n, c in found if n == name])
+        indent = re.match(" *", lines[number]).group(0)
+        listed = []
+        for entry in entries:
+            words = html.escape(entry["text"].strip()) or "an empty text"
+            listed.append(f'{indent}/// - @ref {entry["id"]} "{words}": {html.escape(entry["remains"], quote=False)}')
+            shown.add((name, entry["id"]))
+        if listed:
+            lines[number:number] = [f"{indent}///", f"{indent}/// @par Failures and what remains", *listed]
+    return "\n".join(lines) + "\n", shown
+
+
+if __name__ == "__main__":
+    sys.stdout.write(filtered(pathlib.Path(sys.argv[1]).read_text())[0])
