@@ -71,7 +71,7 @@ class Watchdog(TestCase):
             self.assertEqual((result.status, result.out), (1, ""))
             self.assertTrue(result.err.startswith(
                 f"boardctl: watchdog {words[0]}:  Could not open watchdog device!: Permission denied\n"
-                "  cause    EACCES, EPERM: The user may not.\n  remedy   Run as root, or give the user the right"), result.err)
+                "  cause    EACCES, EPERM: The user may not open it.\n  remedy   Run as root, or give the user the right"), result.err)
         self.assertFalse(os.path.exists("ran"))
 
     def test_FedUntilASignalItIsDisarmedAndSaysSo(self):
