@@ -1,4 +1,5 @@
-// The error catalogue's filter: an entry is shown if it has all words that were typed.
+// The error catalogue's filter: an entry is shown if it has all words that were typed, or if its text is a part of what
+// was typed, as of a line from a log.
 document.addEventListener("DOMContentLoaded", () => {
   const place = document.getElementById("filter-place");
   if (!place) {
@@ -8,7 +9,7 @@ document.addEventListener("DOMContentLoaded", () => {
   field.type = "search";
   field.id = "filter";
   field.className = "filter";
-  field.placeholder = "A text, EBUSY, a function";
+  field.placeholder = "A line of a log, EBUSY, a function";
   field.setAttribute("aria-label", "Filter the errors");
   const count = document.createElement("p");
   count.setAttribute("aria-live", "polite");
@@ -16,11 +17,15 @@ document.addEventListener("DOMContentLoaded", () => {
 
   const entries = [...document.querySelectorAll(".entry")];
   const texts = entries.map((entry) => entry.textContent.toLowerCase());
+  // The parts of each fixed text, without what varies between them.
+  const fixed = entries.map((entry) => entry.querySelector(".text").textContent.toLowerCase().split("...")
+    .map((part) => part.trim()).filter((part) => part));
   const apply = () => {
-    const words = field.value.toLowerCase().split(/\s+/).filter((word) => word);
+    const typed = field.value.toLowerCase();
+    const words = typed.split(/\s+/).filter((word) => word);
     let shown = 0;
     entries.forEach((entry, i) => {
-      entry.hidden = !words.every((word) => texts[i].includes(word));
+      entry.hidden = !words.every((word) => texts[i].includes(word)) && !fixed[i].every((part) => typed.includes(part));
       shown += entry.hidden ? 0 : 1;
     });
     count.textContent = `${shown} of ${entries.length} texts`;

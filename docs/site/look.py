@@ -219,15 +219,20 @@ def check_search(browser, site):
 
 
 def check_filter(browser, site):
+    """The error catalogue's field finds entries by a word, and the text in a line of a log."""
     browser.open(site / "error-catalogue.html", DESKTOP, "light")
-    count = "[...document.querySelectorAll('.entry')].filter((e) => e.checkVisibility()).map((e) => e.innerText)"
-    everything = browser.evaluate(count)
-    browser.evaluate("document.getElementById('filter').focus()")
-    browser.type("ebusy")
-    found = browser.evaluate(count)
-    if len(everything) > 60 and 0 < len(found) < 10 and any("watchdog" in text for text in found):
-        return []
-    return [f"error-catalogue.html: EBUSY leaves {len(found)} of {len(everything)} entries"]
+    shown = "[...document.querySelectorAll('.entry')].filter((e) => e.checkVisibility()).map((e) => e.innerText)"
+    everything = browser.evaluate(shown)
+    complaints = []
+    for typed, most, wanted in (("ebusy", 9, "Could not open watchdog device!"),
+                                ("app: Open Serial Port '/dev/ttyS1' failed?: Permission denied", 1, "Open Serial Port")):
+        browser.evaluate("document.getElementById('filter').value = ''")
+        browser.evaluate("document.getElementById('filter').focus()")
+        browser.ask("Input.insertText", {"text": typed})
+        found = browser.evaluate(shown)
+        if len(everything) < 60 or len(found) > most or not any(wanted in text for text in found):
+            complaints.append(f"error-catalogue.html: {typed!r} leaves {len(found)} of {len(everything)} entries")
+    return complaints
 
 
 def main(site, pictures):

@@ -53,9 +53,9 @@ def catalogue(errors):
     """The page of all fixed texts, with an anchor for each."""
     page = ["# Error catalogue {#error-catalogue}\n",
             "@tableofcontents\n",
-            "Every fixed text of the library, what causes it, what to do, and what remains. Type a part of the text into "
-            "the field; @ref failures explains how to read a message. `boardctl explain` has the same catalogue at the "
-            "command line. Three dots stand for what varies.\n",
+            "Every fixed text of the library, what causes it, what to do, and what remains. Paste a line of a log into the "
+            "field, or type a part of it; @ref failures explains how to read a message. `boardctl explain` has the same "
+            "catalogue at the command line. Three dots stand for what varies.\n",
             '<div id="filter-place"></div>\n']
     for subsystem, (title, _) in SUBSYSTEMS.items():
         entries = [entry for entry in errors if entry["subsystem"] == subsystem]
