@@ -9,6 +9,9 @@ class OpenWatch {
   /// @param terminal need not stay open.
   /// @throws SetupError
   explicit OpenWatch(const Descriptor& terminal);
+  ~OpenWatch();
+  OpenWatch(const OpenWatch&) = delete;
+  OpenWatch& operator=(const OpenWatch&) = delete;
 
   /// Readable after an open or a close.
   int Get() const {
