@@ -116,8 +116,10 @@ void Read(const Line& /*line*/) {
   Require(::pread(file.Get(), Buffer().data(), size, 0) == static_cast<ssize_t>(size), "pread");
 }
 
+/// This program's file, which is the same one in both places. Two calls: it is closed, too.
 void OpenForReading(const Line& /*line*/) {
-  const Descriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+  static const std::string name = std::filesystem::read_symlink("/proc/self/exe");
+  const Descriptor file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
   Require(file.Get() != -1, "open");
 }
 
@@ -188,7 +190,7 @@ const std::vector<Case>& Cases() {
       {"untouched: getppid", 1000, Measure::kDifference, kUntouchedLimit, CallNothing},
       {"untouched: pread, 64 bytes", 500, Measure::kDifference, kUntouchedLimit, Read<kSmall>},
       {"untouched: pread, 64 KiB", 50, Measure::kRatio, kUntouchedRatioLimit, Read<kLarge>},
-      {"looked at: open for reading", 50, Measure::kDifference, kUntouchedLimit, OpenForReading},
+      {"looked at: open for reading", 50, Measure::kDifference, 2 * kUntouchedLimit, OpenForReading},
       {"looked at: TIOCGWINSZ", 200, Measure::kDifference, kUntouchedLimit, AskForSize},
       {"trapped: TIOCMGET", 50, Measure::kTime, kTrappedLimit, AskForModemLines},
       {"trapped: open of the port", 20, Measure::kTime, kTrappedLimit, OpenForBoth},

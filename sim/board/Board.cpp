@@ -112,7 +112,8 @@ Plan Board::MakePlan() const {
     for (const Node& node : kind->Nodes()) {
       plan.nodes.push_back(node);
     }
-    plan.requests.Add(kind->Requests());
+    const TrappedRequests requests = kind->Requests();
+    plan.requests.insert(plan.requests.end(), requests.begin(), requests.end());
   }
   return plan;
 }

@@ -55,7 +55,8 @@ class WatchdogKind : public DeviceKind {
   }
 
   TrappedRequests Requests() const override {
-    return {{}, {WATCHDOG_IOCTL_BASE}};
+    return {WDIOC_KEEPALIVE, WDIOC_SETTIMEOUT,    WDIOC_GETTIMEOUT,    WDIOC_GETTIMELEFT,   WDIOC_GETSUPPORT,
+            WDIOC_GETSTATUS, WDIOC_GETBOOTSTATUS, WDIOC_SETPRETIMEOUT, WDIOC_GETPRETIMEOUT, WDIOC_SETOPTIONS};
   }
 
   Devices Make(const Backplane& backplane) const override {

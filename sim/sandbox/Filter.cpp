@@ -26,8 +26,6 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the filter looks at th
 namespace {
 
 constexpr unsigned int kForeignIoctl = 54;  // on i386 and on ARM with 32 bits
-constexpr unsigned int kTypeShift = 8;      // of an ioctl's request
-constexpr unsigned int kTypeBits = 0xFFU << kTypeShift;
 
 /// Writes a filter: tests one after the other, each with its verdict directly behind it.
 class Program {
@@ -41,9 +39,6 @@ class Program {
   void LoadArgument(std::size_t index) {
     Load(offsetof(seccomp_data, args) + index * sizeof(std::uint64_t));
   }
-  void Keep(unsigned int bits) {
-    m_code.push_back(BPF_STMT(BPF_ALU | BPF_AND | BPF_K, bits));
-  }
   void Return(unsigned int verdict) {
     m_code.push_back(BPF_STMT(BPF_RET | BPF_K, verdict));
   }
@@ -55,32 +50,30 @@ class Program {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, bits, 0, 1));
     Return(verdict);
   }
-  /// In groups, of which only one is looked through: other values pay for this, too.
-  void ReturnIfAnyOf(std::vector<unsigned int> values, unsigned int verdict) {
-    constexpr std::size_t kGroup = 6;
-    std::sort(values.begin(), values.end());
-    Program rest;
-    for (std::size_t end = values.size(); end > 0;) {
-      const std::size_t begin = (end - 1) / kGroup * kGroup;
-      Program group;
-      for (std::size_t i = begin; i < end; ++i) {
-        group.ReturnIfEqual(values[i], verdict);
+  void ReturnIfNoneSet(unsigned int bits, unsigned int verdict) {
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, bits, 1, 0));
+    Return(verdict);
+  }
+  /// Ends it. Other values pay for the comparisons, too, so these halve what is left.
+  void ReturnIfAnyOf(const std::vector<unsigned int>& sorted, unsigned int verdict, unsigned int otherwise) {
+    if (sorted.size() <= 1) {
+      if (!sorted.empty()) {
+        ReturnIfEqual(sorted.front(), verdict);
       }
-      group.m_code.push_back(BPF_STMT(BPF_JMP | BPF_JA, static_cast<unsigned int>(rest.m_code.size())));
-      Program whole;
-      whole.m_code.push_back(
-          BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, values[end - 1], static_cast<unsigned char>(group.m_code.size()), 0));
-      whole.Add(group);
-      whole.Add(rest);
-      rest = whole;
-      end = begin;
+      Return(otherwise);
+      return;
     }
-    Add(rest);
+    const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(sorted.size() / 2);
+    Program lower;
+    lower.ReturnIfAnyOf({sorted.begin(), middle}, verdict, otherwise);
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, *middle, static_cast<unsigned char>(lower.m_code.size()), 0));
+    Add(lower);
+    ReturnIfAnyOf({middle, sorted.end()}, verdict, otherwise);
   }
   /// The part that follows, for one system call. It must end with Return().
   void Append(int systemCall, const Program& part) {
-    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 0,
-                              static_cast<unsigned char>(part.m_code.size())));
+    m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned int>(systemCall), 1, 0));
+    m_code.push_back(BPF_STMT(BPF_JMP | BPF_JA, static_cast<unsigned int>(part.m_code.size())));
     Add(part);
   }
   /// The part that follows, for all values but one. It must end with Return().
@@ -103,15 +96,11 @@ class Program {
   std::vector<sock_filter> m_code;
 };
 
-Program IoctlPart(const TrappedRequests& requests) {
+Program IoctlPart(TrappedRequests requests) {
+  std::sort(requests.begin(), requests.end());
   Program part;
   part.LoadArgument(1);
-  part.ReturnIfAnyOf(requests.numbers, SECCOMP_RET_USER_NOTIF);
-  part.Keep(kTypeBits);
-  for (const unsigned int type : requests.types) {
-    part.ReturnIfEqual(type << kTypeShift, SECCOMP_RET_USER_NOTIF);
-  }
-  part.Return(SECCOMP_RET_ALLOW);
+  part.ReturnIfAnyOf(requests, SECCOMP_RET_USER_NOTIF, SECCOMP_RET_ALLOW);
   return part;
 }
 
@@ -120,11 +109,10 @@ Program IoctlPart(const TrappedRequests& requests) {
 Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
   Program part;
   part.LoadArgument(flagsIndex);
+  part.ReturnIfNoneSet(O_ACCMODE | O_TRUNC, SECCOMP_RET_ALLOW);
   part.ReturnIfAnySet(O_PATH | O_DIRECTORY, SECCOMP_RET_ALLOW);
   part.ReturnIfAnySet(O_TRUNC, SECCOMP_RET_USER_NOTIF);
   part.ReturnIfAnySet(devicesExist ? O_CREAT : 0, SECCOMP_RET_ALLOW);
-  part.Keep(O_ACCMODE);
-  part.ReturnIfEqual(O_RDONLY, SECCOMP_RET_ALLOW);
   part.Return(SECCOMP_RET_USER_NOTIF);
   return part;
 }
@@ -179,11 +167,6 @@ int Install(sock_fprog& program) {
 }
 
 }  // namespace
-
-void TrappedRequests::Add(const TrappedRequests& others) {
-  numbers.insert(numbers.end(), others.numbers.begin(), others.numbers.end());
-  types.insert(types.end(), others.types.begin(), others.types.end());
-}
 
 Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist) {
   Program filter = Filter(requests, devicesExist);

@@ -6,12 +6,7 @@
 #include "Descriptor.h"
 
 /// The requests, by ioctl, that the simulator has to answer.
-struct TrappedRequests {
-  std::vector<unsigned int> numbers;
-  std::vector<unsigned char> types;  // all requests of a type, as the kernel's _IO() takes it
-
-  void Add(const TrappedRequests& others);
-};
+using TrappedRequests = std::vector<unsigned int>;
 
 /// Keeps back system calls of the calling process, and of all that it starts: those requests, and opens that may be
 /// of a device.

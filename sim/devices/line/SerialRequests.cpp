@@ -26,7 +26,7 @@ constexpr unsigned int kQuestions[] = {TCGETS, TCGETS2, TIOCGEXCL, TIOCMGET, TIO
 }  // namespace
 
 TrappedRequests SerialRequests::Numbers() {
-  return {{std::begin(kRequests), std::end(kRequests)}, {}};
+  return {std::begin(kRequests), std::end(kRequests)};
 }
 
 bool SerialRequests::OnlyAsks(unsigned int request) {
