@@ -112,6 +112,9 @@ Plan Board::MakePlan() const {
     for (const Node& node : kind->Nodes()) {
       plan.nodes.push_back(node);
     }
+    if (!kind->Class().empty()) {
+      plan.classes.push_back(kind->Class());
+    }
     const TrappedRequests requests = kind->Requests();
     plan.requests.insert(plan.requests.end(), requests.begin(), requests.end());
   }

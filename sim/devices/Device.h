@@ -96,6 +96,10 @@ class DeviceKind {
   }
   /// Makes the devices, one a node.
   /// @param backplane outlives them.
+  /// Under which name /sys lists devices of the kind, as the kernel knows it; empty: it does not.
+  virtual std::string Class() const {
+    return "";
+  }
   /// @throws SetupError
   virtual Devices Make(const Backplane& backplane) const = 0;
 };

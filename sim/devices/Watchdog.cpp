@@ -50,8 +50,12 @@ class WatchdogKind : public DeviceKind {
     if (m_path.empty()) {
       return {};
     }
-    return {{m_path, Node::Kind::kFifo, 0, OtherName(m_path),
-             SystemEntry{"watchdog", "watchdog0", "watchdog", "watchdog"}}};
+    return {
+        {m_path, Node::Kind::kFifo, 0, OtherName(m_path), SystemEntry{Class(), "watchdog0", "watchdog", "watchdog"}}};
+  }
+
+  std::string Class() const override {
+    return "watchdog";
   }
 
   TrappedRequests Requests() const override {

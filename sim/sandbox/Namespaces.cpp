@@ -95,7 +95,7 @@ Descriptor MakeInnerNamespaces(const Plan& plan, bool hasUsers, pid_t applicatio
   if (plan.net == Net::kHost || !MountSystemFiles()) {
     ProtectSystemFiles();
   }
-  for (const auto& [path, folder] : MakeSystemEntries(plan.nodes)) {
+  for (const auto& [path, folder] : MakeSystemEntries(plan.nodes, plan.classes)) {
     simulator.Send(Message(Message::Kind::kEntry, path), folder.Get());
   }
   if (hasUsers) {

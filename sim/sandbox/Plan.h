@@ -12,6 +12,7 @@
 struct Plan {
   std::vector<std::string> command;
   std::vector<Node> nodes;
+  std::vector<std::string> classes;  // of /sys, which show the nodes alone
   TrappedRequests requests;
   Net net = Net::kPrivate;
   bool namespaces = true;

@@ -72,7 +72,7 @@ Descriptor MakeRoomIn(const fs::path& folder, const std::function<void()>& make)
   return changeable;
 }
 
-/// Kernels have what they have drivers for.
+/// One that this kernel may not have.
 void MakeFolder(const fs::path& path) {
   fs::path there = path;
   while (!fs::exists(there)) {
@@ -109,19 +109,26 @@ void MakeClass(const std::string& name, const std::vector<const SystemEntry*>& e
 
 }  // namespace
 
-std::vector<std::pair<std::string, Descriptor>> MakeSystemEntries(const std::vector<Node>& nodes) {
-  std::map<std::string, std::vector<const SystemEntry*>> classes;
+std::vector<std::pair<std::string, Descriptor>> MakeSystemEntries(const std::vector<Node>& nodes,
+                                                                  const std::vector<std::string>& classes) {
+  std::map<std::string, std::vector<const SystemEntry*>> members;
+  for (const std::string& name : classes) {
+    // Kernels have what they have drivers for.
+    if (fs::is_directory(fs::path(kClasses) / name)) {
+      members[name];
+    }
+  }
   for (const Node& node : nodes) {
     if (node.entry) {
-      classes[node.entry->subsystem].push_back(&*node.entry);
+      members[node.entry->subsystem].push_back(&*node.entry);
     }
   }
   std::vector<std::pair<std::string, Descriptor>> folders;
-  if (classes.empty() || !fs::is_directory("/sys")) {
+  if (members.empty() || !fs::is_directory("/sys")) {
     return folders;
   }
 
-  for (const auto& [name, entries] : classes) {
+  for (const auto& [name, entries] : members) {
     MakeClass(name, entries);
   }
   MakeFolder(kDevices);

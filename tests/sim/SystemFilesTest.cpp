@@ -38,6 +38,19 @@ TEST_P(SystemFilesOfEveryNetwork, TheWatchdogIsInTheClassOfWatchdogs) {
             "watchdog0\nboardsim\ninactive\n60\n0\n0\n0\n0\n1\n65535\n0x8380\n0:0\n");
 }
 
+TEST_F(SystemFiles, WithoutAWatchdogThatOfTheMachineIsNotListedEither) {
+  Start start;
+  start.options = {"--net", "host", "--watchdog", "none"};
+  start.command = {"ls", "-A", "/sys/class/watchdog"};
+  start.prepare = [] {
+    HideFolder("/sys/class/watchdog");
+    ::mkdir("/sys/class/watchdog/watchdog0", 0755);
+  };
+  const Outcome outcome = Run(start);
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(outcome.output, "");
+}
+
 TEST_P(SystemFilesOfEveryNetwork, WhatElseIsThereStaysAndItsLinksLeadOn) {
   const std::string look =
       "ls /sys/class /sys/devices /sys/bus/platform; readlink -e /sys/class/mem/null /sys/class/net/lo; "
