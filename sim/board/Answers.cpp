@@ -1,6 +1,7 @@
 #include "board/Answers.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -8,9 +9,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -33,14 +36,46 @@ std::filesystem::path AbsolutePath(const TrappedCall& call, int folder, const st
 }
 
 /// The file that the application means, as it sees it: its links lead through its own /dev.
-/// @returns no file's identity if it is not there, or only for the application itself.
-FileId FileOf(const TrappedCall& call, const std::filesystem::path& path) {
+/// @returns false if it is not there, or only for the application itself.
+bool Resolve(const TrappedCall& call, const std::filesystem::path& path, struct stat& status) {
   const Descriptor root(::open((ProcessFolder(call) + "root").c_str(), O_PATH | O_CLOEXEC));
   open_how how{};
   how.flags = O_PATH | O_CLOEXEC;
   how.resolve = RESOLVE_IN_ROOT;
   const Descriptor file(static_cast<int>(::syscall(SYS_openat2, root.Get(), path.c_str(), &how, sizeof how)));
-  return file ? FileId::Of(file) : FileId();
+  return file && ::fstat(file.Get(), &status) == 0;
+}
+
+/// Whether a thread's user and groups give it a right to a file that not everybody has.
+/// @param wanted bits of S_IRWXO.
+bool HasRight(const TrappedCall& call, const struct stat& file, mode_t wanted) {
+  std::ifstream status(ProcessFolder(call) + "status");
+  uid_t user = 0;
+  gid_t group = 0;
+  bool isInGroup = false;
+  std::uint64_t capabilities = 0;
+  for (std::string line; std::getline(status, line);) {
+    std::istringstream words(line);
+    std::string name;
+    std::string skipped;
+    words >> name;
+    if (name == "Uid:") {
+      words >> skipped >> skipped >> skipped >> user;  // that for files comes last
+    } else if (name == "Gid:") {
+      words >> skipped >> skipped >> skipped >> group;
+      isInGroup = group == file.st_gid;
+    } else if (name == "Groups:") {
+      while (words >> group) {
+        isInGroup = isInGroup || group == file.st_gid;
+      }
+    } else if (name == "CapEff:") {
+      words >> std::hex >> capabilities;
+    }
+  }
+  constexpr unsigned int kOwnerShift = 6;
+  constexpr unsigned int kGroupShift = 3;
+  const unsigned int shift = user == file.st_uid ? kOwnerShift : isInGroup ? kGroupShift : 0;
+  return (capabilities >> CAP_DAC_OVERRIDE & 1) != 0 || (file.st_mode >> shift & wanted) == wanted;
 }
 
 /// The names of a file: the one that was called, and those that it links to.
@@ -53,6 +88,14 @@ std::vector<std::string> NamesOf(const std::filesystem::path& path) {
     name = (name.parent_path() / std::filesystem::read_symlink(name, error)).lexically_normal();
   }
   return names;
+}
+
+/// @returns null if there is none.
+template <typename Condition>
+Device* Find(const Devices& devices, const Condition& condition) {
+  const auto found = std::find_if(devices.begin(), devices.end(),
+                                  [&](const std::unique_ptr<Device>& device) { return condition(*device); });
+  return found == devices.end() ? nullptr : found->get();
 }
 
 /// Programs that take a file's name for that of a file would give up at an error.
@@ -76,18 +119,26 @@ void Answers::Give(const TrappedCall& call) {
   }
 }
 
+/// What a name in the folder of the thread leads to.
+/// @returns false if there is nothing.
+bool Answers::Look(const TrappedCall& call, const std::string& name, struct stat& status) {
+  // The folder of a thread that has ended has nothing in it, even if another one has got its number.
+  if (call.Thread() == m_threadNumber && ::fstatat(m_thread.Get(), name.c_str(), &status, 0) == 0) {
+    return true;
+  }
+  m_thread = Descriptor(::open(ProcessFolder(call).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  m_threadNumber = m_thread && call.IsWaiting() ? call.Thread() : -1;
+  return m_threadNumber != -1 && ::fstatat(m_thread.Get(), name.c_str(), &status, 0) == 0;
+}
+
 /// The device that the descriptor of a call means; null: none.
-Device* Answers::DeviceBehind(const TrappedCall& call) const {
+Device* Answers::DeviceBehind(const TrappedCall& call) {
   // Whichever way the descriptor came to the application, it is known by the file behind it.
   struct stat status {};
-  const std::string name = ProcessFolder(call) + "fd/" + std::to_string(call.CalledDescriptor());
-  if (::stat(name.c_str(), &status) != 0 || !call.IsWaiting()) {
+  if (!Look(call, "fd/" + std::to_string(call.CalledDescriptor()), status)) {
     return nullptr;
   }
-  const FileId file = FileId::Of(status);
-  const auto device = std::find_if(m_devices.begin(), m_devices.end(),
-                                   [&](const std::unique_ptr<Device>& candidate) { return candidate->Is(file); });
-  return device == m_devices.end() ? nullptr : device->get();
+  return Find(m_devices, [file = FileId::Of(status)](const Device& device) { return device.Is(file); });
 }
 
 void Answers::GiveIoctl(const TrappedCall& call) {
@@ -102,7 +153,7 @@ void Answers::GiveIoctl(const TrappedCall& call) {
   call.Continue();
 }
 
-void Answers::GiveFtruncate(const TrappedCall& call) const {
+void Answers::GiveFtruncate(const TrappedCall& call) {
   const Device* device = DeviceBehind(call);
   ResizeUnlessFixed(call, device);
 }
@@ -129,7 +180,26 @@ bool Answers::MayBeOfDevice(const TrappedCall::Opening& opening) const {
   return (opening.flags & O_TRUNC) != 0 || ((opening.flags & O_ACCMODE) != O_RDONLY && !isFile);
 }
 
-void Answers::GiveOpen(const TrappedCall& call) const {
+/// The device that an open means; null: none.
+/// @param status is left as it is where no device lies under its name.
+Device* Answers::DeviceMeant(const TrappedCall& call, const std::filesystem::path& path, struct stat& status) {
+  if (!m_namespaces) {
+    // A name that nobody has made: there is only the text to go by.
+    const std::vector<std::string> names = NamesOf(path);
+    return Find(m_devices, [&names](const Device& device) {
+      return std::any_of(names.begin(), names.end(), [&](const std::string& name) { return device.IsCalled(name); });
+    });
+  }
+  const auto isIt = [&status](const Device& device) { return device.Is(FileId::Of(status)); };
+  // Mostly, its own name is said, and that leads to it. Others may be links, also such that begin at the root.
+  Device* device = Find(m_devices, [&path](const Device& named) { return named.IsCalled(path); });
+  if (device != nullptr && Look(call, "root" + path.string(), status) && isIt(*device)) {
+    return device;
+  }
+  return Resolve(call, path, status) ? Find(m_devices, isIt) : nullptr;
+}
+
+void Answers::GiveOpen(const TrappedCall& call) {
   TrappedCall::Opening opening{};
   std::string path;
   try {
@@ -143,31 +213,53 @@ void Answers::GiveOpen(const TrappedCall& call) const {
     return;
   }
 
-  const std::filesystem::path absolute = AbsolutePath(call, opening.folder, path);
-  // A name that nobody has made: there is only the text to go by.
-  const std::vector<std::string> names = m_namespaces ? std::vector<std::string>() : NamesOf(absolute);
-  const FileId file = m_namespaces ? FileOf(call, absolute) : FileId();
-  const auto isMeant = [&](const std::unique_ptr<Device>& device) {
-    return m_namespaces ? device->Is(file) : std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-      return device->IsCalled(name);
-    });
-  };
-  const auto device = std::find_if(m_devices.begin(), m_devices.end(), isMeant);
+  struct stat status {};
+  status.st_mode = ALLPERMS;
+  Device* const device = DeviceMeant(call, AbsolutePath(call, opening.folder, path), status);
   if (!call.IsWaiting()) {
     return;
   }
-  if (device == m_devices.end()) {
+  if (call.IsTruncate()) {
+    ResizeUnlessFixed(call, device);
+    return;
+  }
+  if (device == nullptr || !MayOpen(call, status, opening.flags)) {
     call.Continue();
     return;
   }
-  if (call.IsTruncate()) {
-    ResizeUnlessFixed(call, device->get());
+  if (m_namespaces && !device->HandsOut(opening.flags)) {
+    device->Opened();
+    call.Continue();
     return;
   }
-  (*device)->Opened();
-  const bool isHandedOut = !m_namespaces || (*device)->HandsOut(opening.flags);
-  if (isHandedOut && call.ReturnDescriptor((*device)->Open(opening.flags), opening)) {
-    return;
+  HandOut(call, opening, *device);
+}
+
+/// Whether the kernel would let the thread open a device.
+bool Answers::MayOpen(const TrappedCall& call, const struct stat& file, int flags) {
+  constexpr mode_t kEach = S_IXUSR | S_IXGRP | S_IXOTH;
+  const int access = flags & O_ACCMODE;
+  const mode_t wanted = (access != O_WRONLY ? S_IROTH : 0U) | (access != O_RDONLY ? S_IWOTH : 0U);
+  const auto gives = [&](mode_t who) { return (file.st_mode & wanted * who) == wanted * who; };
+  // As a rule, everybody may, or it is its owner who calls.
+  struct stat caller {};
+  return gives(kEach) || (gives(S_IXUSR) && Look(call, ".", caller) && caller.st_uid == file.st_uid) ||
+         HasRight(call, file, wanted);
+}
+
+/// Answers with a descriptor of the device.
+void Answers::HandOut(const TrappedCall& call, const TrappedCall::Opening& opening, Device& device) const {
+  device.Opened();
+  int error = 0;
+  try {
+    error = call.ReturnDescriptor(device.Open(opening.flags), opening);
+  } catch (const RequestError& refused) {
+    error = refused.error;
   }
-  m_namespaces ? call.Continue() : call.Fail(EINVAL);
+  if (error == EINVAL && m_namespaces) {
+    call.Continue();
+  } else if (error != 0) {
+    device.NotOpened();
+    call.Fail(error);
+  }
 }

@@ -1,6 +1,12 @@
 #ifndef BOARDKIT_SIM_BOARD_ANSWERS_H
 #define BOARDKIT_SIM_BOARD_ANSWERS_H
 
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include "Descriptor.h"
 #include "devices/Device.h"
 #include "sandbox/TrappedCall.h"
 
@@ -17,13 +23,19 @@ class Answers {
   void GiveIoctl(const TrappedCall& call);
   void TellOfForeignProgram(const TrappedCall& call);
   bool MayBeOfDevice(const TrappedCall::Opening& opening) const;
-  void GiveFtruncate(const TrappedCall& call) const;
-  void GiveOpen(const TrappedCall& call) const;
-  Device* DeviceBehind(const TrappedCall& call) const;
+  void GiveFtruncate(const TrappedCall& call);
+  void GiveOpen(const TrappedCall& call);
+  bool MayOpen(const TrappedCall& call, const struct stat& file, int flags);
+  void HandOut(const TrappedCall& call, const TrappedCall::Opening& opening, Device& device) const;
+  Device* DeviceMeant(const TrappedCall& call, const std::filesystem::path& path, struct stat& status);
+  Device* DeviceBehind(const TrappedCall& call);
+  bool Look(const TrappedCall& call, const std::string& name, struct stat& status);
 
   const Devices& m_devices;
   bool m_namespaces;
   bool m_hasTold = false;
+  Descriptor m_thread;  // the folder in /proc of the one that called last
+  pid_t m_threadNumber = -1;
 };
 
 #endif

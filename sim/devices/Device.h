@@ -45,6 +45,8 @@ class Device {
   /// The application is about to open it.
   /// @throws RequestError if it may not.
   virtual void Opened() {}
+  /// It was not opened after all.
+  virtual void NotOpened() {}
   /// Whether the name is its, where there is only the text to go by.
   virtual bool IsCalled(const std::string& name) const {
     return name == Path();
@@ -94,12 +96,12 @@ class DeviceKind {
   virtual TrappedRequests Requests() const {
     return {};
   }
-  /// Makes the devices, one a node.
-  /// @param backplane outlives them.
   /// Under which name /sys lists devices of the kind, as the kernel knows it; empty: it does not.
   virtual std::string Class() const {
     return "";
   }
+  /// Makes the devices, one a node.
+  /// @param backplane outlives them.
   /// @throws SetupError
   virtual Devices Make(const Backplane& backplane) const = 0;
 };

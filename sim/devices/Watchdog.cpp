@@ -127,7 +127,17 @@ void Watchdog::Opened() {
     m_log.Write(Path(), "open refused: busy");
     throw RequestError{EBUSY};
   }
+  m_wasArmed = m_isArmed;
   Begin();
+  TellState();
+}
+
+void Watchdog::NotOpened() {
+  // Whoever would have been the writer has gone.
+  Reopen();
+  m_isOpen = false;
+  m_isArmed = m_wasArmed;
+  m_log.Write(Path(), "open failed");
   TellState();
 }
 

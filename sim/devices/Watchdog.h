@@ -26,6 +26,7 @@ class Watchdog : public Device {
   /// Arms it, if an earlier close has not left it counting.
   /// @throws RequestError EBUSY: somebody else has it.
   void Opened() override;
+  void NotOpened() override;
   bool IsCalled(const std::string& name) const override;
   bool HandsOut(int /*flags*/) const override {
     return true;
@@ -66,6 +67,7 @@ class Watchdog : public Device {
   Descriptor m_reader;
   bool m_isOpen = false;
   bool m_isArmed = false;
+  bool m_wasArmed = false;  // before it was opened
   bool m_maySleep = false;  // the magic byte was in the last write
   bool m_isFed = false;     // since the status was asked for
   bool m_isWarned = false;  // of the reset, since it was fed

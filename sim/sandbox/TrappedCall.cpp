@@ -114,20 +114,13 @@ void TrappedCall::Continue() const {
   Answer(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
 }
 
-bool TrappedCall::ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const {
+int TrappedCall::ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const {
   seccomp_notif_addfd addition{};
   addition.id = m_call.id;
   addition.flags = SECCOMP_ADDFD_FLAG_SEND;
   addition.srcfd = static_cast<std::uint32_t>(descriptor.Get());
   addition.newfd_flags = static_cast<std::uint32_t>(opening.flags & O_CLOEXEC);
-  if (::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ADDFD, &addition) != -1 || errno == ENOENT) {
-    return true;
-  }
-  if (errno == EINVAL) {
-    return false;
-  }
-  Fail(errno);
-  return true;
+  return ::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_ADDFD, &addition) == -1 ? errno : 0;
 }
 
 void TrappedCall::ReadMemory(std::uint64_t address, void* to, std::size_t size) const {

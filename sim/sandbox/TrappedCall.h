@@ -76,8 +76,8 @@ class TrappedCall {
   /// The kernel does what it would have done.
   void Continue() const;
   /// The call is an open, and its result a duplicate of this descriptor.
-  /// @returns whether this kernel can do it. The call has its answer then.
-  bool ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const;
+  /// @returns 0, or the error number, and the call has no answer yet. EINVAL: this kernel can't do it.
+  int ReturnDescriptor(const Descriptor& descriptor, const Opening& opening) const;
 
  private:
   friend class Supervisor;

@@ -126,6 +126,27 @@ TEST_F(Watchdog, AProgramThatIsKilledWithItCountingResetsTheBoard) {
   EXPECT_NE(outcome.errors.find("/dev/watchdog, not stopped by the application,"), std::string::npos) << outcome.errors;
 }
 
+TEST_F(Watchdog, AnOpenThatTheRightsOfTheNodeRefuseStartsNothing) {
+  ExpectSteps({"--log", Path("log")}, {kProbe, "refused"});
+  EXPECT_EQ(Contents(Path("log")).find(" open"), std::string::npos);
+}
+
+TEST_F(Watchdog, TheRightsOfTheNodeSayWhoMayOpenIt) {
+  ExpectSteps({}, {kProbe, "allowed"});
+}
+
+TEST_F(Watchdog, AnOpenForWhichNoDescriptorIsLeftStartsNothing) {
+  for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
+    ExpectSteps(options + Words{"--log", Path("log")}, {kProbe, "unnumbered"});
+    EXPECT_NE(Contents(Path("log")).find(" /dev/watchdog open failed\n"), std::string::npos);
+  }
+}
+
+TEST_F(StarvedWatchdog, BitesAlsoIfAnotherOpenFailed) {
+  ExpectBitten({}, "starve-unnumbered");
+}
+
 TEST_F(Watchdog, AShellCanFeedAndStopIt) {
   EXPECT_EQ(Run({}, {"sh", "-c", "printf x >/dev/watchdog; printf V >/dev/watchdog; exit 5"}).status, 5);
   EXPECT_EQ(Run({}, {"sh", "-c", "echo V >/dev/watchdog; exit 5"}).status, 5);

@@ -1,7 +1,11 @@
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <linux/watchdog.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -341,6 +345,61 @@ static void pretimeout(void) {
   CHECK(ioctl(3, WDIOC_SETPRETIMEOUT, &seconds) == 0);
 }
 
+/* Refused, it was not opened: root, too, needs a right for that. */
+static void set_right_over_files(int on) {
+  struct __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  struct __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3];
+  CHECK(syscall(SYS_capget, &header, rights) == 0);
+  const unsigned int right = 1U << CAP_DAC_OVERRIDE;
+  rights[0].effective = on ? rights[0].effective | (rights[0].permitted & right) : rights[0].effective & ~right;
+  CHECK(syscall(SYS_capset, &header, rights) == 0);
+}
+
+static void refused(void) {
+  static const char* const kPaths[] = {WATCHDOG, WATCHDOG "0", TTY};
+  for (size_t i = 0; i < sizeof kPaths / sizeof kPaths[0]; ++i) {
+    CHECK(chmod(kPaths[i], 0066) == 0);
+    set_right_over_files(0);
+    CHECK(open(kPaths[i], O_RDWR | O_NOCTTY) == -1 && errno == EACCES);
+    CHECK(open(kPaths[i], O_WRONLY | O_NOCTTY) == -1 && errno == EACCES);
+    set_right_over_files(1);
+  }
+}
+
+/* Its rights are not in the way of whoever has them. */
+static void allowed(void) {
+  CHECK(chmod(WATCHDOG, 0200) == 0);
+  set_right_over_files(0);
+  int fd = open(WATCHDOG, O_WRONLY);
+  CHECK(fd != -1);
+  stop(fd);
+  CHECK(open_watchdog() == -1 && errno == EACCES);
+  set_right_over_files(1);
+  fd = open_watchdog();
+  CHECK(fd != -1);
+  stop(fd);
+}
+
+/* There is no descriptor left for it. */
+static void unnumbered(void) {
+  struct rlimit before;
+  CHECK(getrlimit(RLIMIT_NOFILE, &before) == 0);
+  struct rlimit none = before;
+  none.rlim_cur = 0;
+  CHECK(setrlimit(RLIMIT_NOFILE, &none) == 0);
+  CHECK(open_watchdog() == -1 && errno == EMFILE);
+  CHECK(setrlimit(RLIMIT_NOFILE, &before) == 0);
+}
+
+/* One that counted does so further on. */
+static void starve_unnumbered(void) {
+  int fd;
+  short_open(&fd);
+  CHECK(close(fd) == 0);
+  unnumbered();
+  sleep(300);
+}
+
 /* Ends with it counting. */
 static void abandon(void) {
   int fd = open_watchdog();
@@ -370,5 +429,9 @@ const struct step kWatchdogSteps[] = {{"one-owner", one_owner},
                                       {"starve-enabled", starve_enabled},
                                       {"starve-created", starve_created},
                                       {"pretimeout", pretimeout},
+                                      {"refused", refused},
+                                      {"allowed", allowed},
+                                      {"unnumbered", unnumbered},
+                                      {"starve-unnumbered", starve_unnumbered},
                                       {"abandon", abandon},
                                       {NULL, NULL}};

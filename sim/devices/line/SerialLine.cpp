@@ -103,6 +103,12 @@ void SerialLine::Opened() {
   Begin(Port::Use::kOpening);
 }
 
+void SerialLine::NotOpened() {
+  if (m_port.use == Port::Use::kOpening) {
+    LastClose();
+  }
+}
+
 Descriptor SerialLine::Open(int flags) const {
   Descriptor own = m_port.terminal->Open(flags & (O_ACCMODE | O_NONBLOCK | O_APPEND));
   if (!own) {
@@ -112,11 +118,14 @@ Descriptor SerialLine::Open(int flags) const {
 }
 
 void SerialLine::Request(const TrappedCall& call) {
-  Work();
-  m_requests.Answer(call);
   if (SerialRequests::OnlyAsks(call.IoctlRequest())) {
+    LookForOpens();
+    m_modem.LookAtFarEnd();
+    m_requests.Answer(call);
     return;
   }
+  Work();
+  m_requests.Answer(call);
   if (call.IoctlRequest() == TIOCSSERIAL) {
     TellInfo();
   }
@@ -244,8 +253,7 @@ void SerialLine::LookForOpens() {
   if (!m_port.terminal) {
     return;
   }
-  const bool isOpened = m_port.terminal->TakeOpens();
-  const bool isClosed = m_port.terminal->IsClosed();
+  const auto [isOpened, isClosed] = m_port.terminal->TakeOpens();
   if (m_port.use == Port::Use::kOpening) {
     m_port.use = isOpened || !isClosed ? Port::Use::kOpen : m_port.use;
   } else if (!m_port.IsOpen() && (isOpened || !isClosed)) {

@@ -46,6 +46,7 @@ class SerialLine : public Device {
   bool Is(const FileId& file) const override;
   /// The driver raises RTS and DTR.
   void Opened() override;
+  void NotOpened() override;
   Descriptor Open(int flags) const override;
   void Request(const TrappedCall& call) override;
   /// What the application has written still goes to the far end.

@@ -1,10 +1,12 @@
 #include "devices/line/Terminal.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <utility>
 
 #include "SetupError.h"
@@ -43,6 +45,18 @@ Terminal::Terminal(Descriptor master) : m_master(std::move(master)), m_opens(Ope
   if (const int error = Set(settings); error != 0) {
     throw SetupError("a terminal can't be set", error);
   }
+}
+
+Terminal::Use Terminal::TakeOpens() const {
+  // In one call, as every request asks: mostly nothing has happened.
+  pollfd waits[] = {{m_opens.Get(), POLLIN, 0}, {m_master.Get(), 0, 0}};
+  ::poll(waits, std::size(waits), 0);
+  if (waits[0].revents == 0) {
+    return {false, (waits[1].revents & POLLHUP) != 0};
+  }
+  // In this order: whoever opens it now has it open afterwards.
+  const bool isOpened = m_opens.Take();
+  return {isOpened, IsHungUp(m_master)};
 }
 
 Descriptor Terminal::Open(int flags) const {

@@ -30,13 +30,11 @@ class Terminal {
   }
   /// Its minor number, the application's side.
   unsigned int Number() const;
-  /// @returns whether it was opened since the last time.
-  bool TakeOpens() const {
-    return m_opens.Take();
-  }
-  bool IsClosed() const {
-    return IsHungUp(m_master);
-  }
+  struct Use {
+    bool isOpened;  // since the last time
+    bool isClosed;  // now
+  };
+  Use TakeOpens() const;
   /// Its other side; none with errno.
   Descriptor Open(int flags) const;
 
