@@ -55,7 +55,7 @@ check() {
   fi
 }
 
-levels='-O0 -O1 -O2 -O3 -Os -Og -Ofast'
+levels='-O0 -O1 -O2 -O3 -Os -Og'
 # Not every compiler knows this one.
 if "$cxx" -Oz -fsyntax-only library.cpp -I. -std=c++17 2> messages; then
   levels="$levels -Oz"
