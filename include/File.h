@@ -38,9 +38,8 @@ class File {
   /// @throws std::system_error "Open for '<path>' failed.".
   File(const std::string& path, int flags, unsigned int mode);
 
-  /// Adopts @p stream and its descriptor, and takes the name of `/proc/self/fd`. A null stream counts as File(-1). If
-  /// that fails, the stream is closed.
-  /// @throws what ReadLink() throws.
+  /// Adopts @p stream and its descriptor, and takes the name of `/proc/self/fd`. If that fails, the stream is closed.
+  /// @throws std::system_error "Open for '' failed." for a null stream, and what ReadLink() throws.
   explicit File(std::FILE* stream);
 
   /// Adopts @p fd and takes the name of `/proc/self/fd`. If that fails, the descriptor is closed.

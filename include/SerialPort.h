@@ -203,8 +203,8 @@ class SerialPort {
 
   /// Writes all @p count bytes. Repeats at once what was interrupted or refused for the moment; may block without
   /// limit.
-  /// @throws std::system_error "Error writing to file descriptor: " or "Error writing to file descriptor. writtenCount
-  /// <= 0."; bytes written before stay written.
+  /// @throws std::system_error "Serial port not open.", "Error writing to file descriptor: " or "Error writing to file
+  /// descriptor. writtenCount <= 0."; bytes written before stay written.
   void Write(const void* data, unsigned int count);
   /// Writes the bytes of @p text, as above; of texts of 4 GiB and more only the size modulo 4 GiB.
   void Write(const std::string& text);
@@ -233,6 +233,7 @@ class SerialPort {
   /// True if the receive buffer holds something; the device is not asked.
   bool IsDataAvailable() const;
   /// Moves @p count bytes, or all if @p count is 0, from the receive buffer into @p out, whose content is replaced.
+  /// @throws std::system_error "Serial port not open."
   /// @throws std::invalid_argument "SerialPort::Read: more bytes asked for than are buffered."; they stay, and @p out
   /// is empty.
   void Read(std::vector<unsigned char>& out, unsigned int count);

@@ -44,14 +44,16 @@ def operations(lines):
     return found
 
 
-def failures(name, comment, overloads):
-    """The catalogue's entries for an operation; of overloads, each has what its comment names, or all if it names none."""
+def failures(name, comment, found):
+    """The catalogue's entries for an operation. Of overloads, each has what its comment names, itself or by naming another
+    operation, or all if it names none."""
     entries = [entry for entry in ERRORS if name in entry["operations"]]
-    named = [entry for entry in entries if names(comment, entry)]
-    if len(overloads) == 1 or not named:
+    if [other for _, other, _ in found].count(name) == 1:
         return entries
-    others = [other for other in overloads if other != comment]
-    return [entry for entry in entries if entry in named or not any(names(other, entry) for other in others)]
+    scope = name[:name.rfind(":") + 1]
+    referred = {scope + other for other in re.findall(r"\b(\w+)\(\)", comment)} - {name}
+    comments = [comment] + [text for _, other, text in found if other in referred]
+    return [entry for entry in entries if any(names(text, entry) for text in comments)] or entries
 
 
 def filtered(text):
@@ -59,11 +61,12 @@ def filtered(text):
     lines = text.splitlines()
     found, shown = operations(lines), set()
     for number, name, comment in reversed(found):
-        entries = failures(name, comment, [c for _, n, c in found if n == name])
+        entries = failures(name, comment, found)
         indent = re.match(" *", lines[number]).group(0)
         listed = []
         for entry in entries:
-            words = html.escape(entry["text"].strip()) or "an empty text"
+            # Doxygen knows the quotation mark's name, but no numbers of characters.
+            words = html.escape(entry["text"].strip()).replace("&#x27;", "'") or "an empty text"
             listed.append(f'{indent}/// - @ref {entry["id"]} "{words}": {html.escape(entry["remains"], quote=False)}')
             shown.add((name, entry["id"]))
         if listed:

@@ -1,11 +1,12 @@
 """Checks every link and anchor within the site, and that Doxygen understood the text.
 
-Usage: links.py SITE_FOLDER. Prints each dead link, each pair of asterisks that was to be bold, and each piece of code that
-has come out empty, and ends with 1 if there are any.
+Usage: links.py SITE_FOLDER. Prints each dead link, each pair of asterisks that was to be bold, each escaped character that
+came out so, and each piece of code that came out empty, and ends with 1 if there are any.
 """
 
 import html.parser
 import pathlib
+import re
 import sys
 import urllib.parse
 
@@ -40,6 +41,8 @@ class Page(html.parser.HTMLParser):
             self._code += data
         elif "**" in data:
             self.lost.append(f"asterisks in {data.strip()!r}")
+        elif re.search(r"&#?\w+;", data):
+            self.lost.append(f"an escaped character in {data.strip()!r}")
 
     def handle_endtag(self, tag):
         if self._inside and tag == self._inside[-1]:
