@@ -266,4 +266,5 @@ def main(site, pictures):
     return 1 if complaints else 0
 
 
-sys.exit(main(*sys.argv[1:]))
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

@@ -167,16 +167,7 @@ class TestCase(unittest.TestCase):
         if (is_lowered or os.geteuid() != 0) and not works(*lower, "unshare", "--map-root-user", "true"):
             self.skipTest("user namespaces are forbidden here")
         if is_lowered:
-            # Copied to where this user may read them.
-            place = pathlib.Path(self.folder) / "programs"
-            if not place.exists():
-                place.mkdir(mode=0o755)
-                pathlib.Path(self.folder).chmod(0o777)
-                for program in (BOARDSIM, BOARDCTL):
-                    shutil.copy(program, place)
-                for line in subprocess.run(["ldd", BOARDCTL], capture_output=True, text=True, check=True).stdout.splitlines():
-                    if "libboardkit" in line:
-                        shutil.copy(re.search("=> (.*) [(]", line)[1], place)
+            place = self.programs_for_all()
             simulator = str(place / "boardsim")
             command = [word.replace(BOARDCTL, str(place / "boardctl")) for word in command]
             as_user = ["env", f"LD_LIBRARY_PATH={place}", f"GCOV_PREFIX={self.folder}", *lower]
@@ -184,6 +175,19 @@ class TestCase(unittest.TestCase):
             options = [*options, "--log", log]
         keywords = {} if given is None else {"stdin": subprocess.PIPE}
         return start([*as_user, simulator, *options, "--", *command], stdout=output, **keywords)
+
+    def programs_for_all(self):
+        """A folder with copies of the programs and the library, where every user may read them."""
+        place = pathlib.Path(self.folder) / "programs"
+        if not place.exists():
+            place.mkdir(mode=0o755)
+            pathlib.Path(self.folder).chmod(0o777)
+            for program in (BOARDSIM, BOARDCTL):
+                shutil.copy(program, place)
+            for line in subprocess.run(["ldd", BOARDCTL], capture_output=True, text=True, check=True).stdout.splitlines():
+                if "libboardkit" in line:
+                    shutil.copy(re.search("=> (.*) [(]", line)[1], place)
+        return place
 
     def on_board(self, *arguments, **keywords):
         """Runs boardctl on a simulated board."""

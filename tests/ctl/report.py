@@ -4,6 +4,7 @@ import os
 import pathlib
 import platform
 import re
+import shlex
 
 from ctl import BOARDCTL, finish, main, shell, start, TestCase, without_rights
 
@@ -69,6 +70,7 @@ class Report(TestCase):
     def test_WhatIsUnusualIsToldWithItsRemedy(self):
         for steps, options, what in [
                 (["ip addr flush dev eth0"], [], "No interface but lo has an address."),
+                ([], [], "No interface but lo has an address."),  # the link-local one reaches nobody else's network
                 ([], [], "There is no default gateway."),
                 ([], ["--watchdog", "none"], "There is no watchdog."),
                 ([], ["--mem", "none"], "Registers can't be read: the kernel has no such device (CONFIG_DEVMEM)."),
@@ -92,19 +94,30 @@ class Report(TestCase):
         pathlib.Path("tools").mkdir()
         pathlib.Path("tools/ip").write_text("#!/bin/sh\necho 'BusyBox v9.8.7 (built today) multi-call binary.' >&2; exit 1\n")
         pathlib.Path("tools/ip").chmod(0o755)
-        versions = self.report(f"PATH={self.folder}/tools:$PATH")["versions"]
+        report = self.report(f"PATH={shlex.quote(self.folder)}/tools:$PATH")
+        versions = report["versions"]
         self.assertEqual((versions["ip"], versions["ip_file"]), ("BusyBox v9.8.7", os.path.realpath("tools/ip")))
+        self.assertIn(f"The shell runs its own ip, not {os.path.realpath('tools/ip')}.", self.unusual(report))
 
     def test_NoSecretsAreNamed(self):
         os.environ["BOARD_PASSWORD"] = "topsecret1"
         self.addCleanup(os.environ.pop, "BOARD_PASSWORD")
-        script = f"sh -c 'exec 5<>/dev/ttyS1; sleep 9' topsecret2 & sleep 0.2; {shell('--json', 'report')}; {shell('report')}"
+        script = ("sh -c 'exec 5<>/dev/ttyS1; sleep 9' topsecret2 & "
+                  f"until {shell('serial', 'list')} | grep -q 'open by sh'; do :; done; {shell('--json', 'report')}; {shell('report')}; kill $!")
         result = self.board("sh", "-c", script)
         self.assertNotIn("topsecret", result.out + result.err)
 
 
 class ReportAsAnOrdinaryUser(Report):
     user = "ordinary"
+
+    def test_WhatIsNotToBeSeenIsTold(self):
+        # On the simulated board everybody is root.
+        place = self.programs_for_all()
+        lower = ["setpriv", "--reuid=65534", "--clear-groups"] if os.geteuid() == 0 else []
+        environment = {**os.environ, "LD_LIBRARY_PATH": str(place), "GCOV_PREFIX": self.folder}
+        result = finish(start([*lower, place / "boardctl", "--json", "report"], env=environment))
+        self.assertIn("What other users' processes have open is not to be seen.", self.unusual(result.objects[0]))
 
 
 class OnAnotherNetwork(TestCase):

@@ -4,6 +4,7 @@ import pathlib
 import re
 import shlex
 import subprocess
+import sys
 import tempfile
 
 from ctl import BOARDCTL, BOARDSIM, main, TestCase
@@ -61,6 +62,23 @@ class Terminal(TestCase):
         self.wait_for_screen(r"\nagain")
         self.assertNotIn("\x1b[1m", self.screen("-e"))
 
+    def test_WhatTheTerminalSendsItselfIsNotHandedOnOnceMore(self):
+        pathlib.Path("command.py").write_text(
+            "import pathlib, signal\n"
+            "signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])\n"
+            "pathlib.Path('ready').touch()\n"
+            "senders = [signal.sigwaitinfo([signal.SIGINT]).si_pid]\n"
+            "while more := signal.sigtimedwait([signal.SIGINT], 0.5): senders.append(more.si_pid)\n"
+            "pathlib.Path('senders').write_text(str(senders))\n")
+        command = shlex.join(["--", sys.executable, f"{self.folder}/command.py"])
+        for words in (shlex.join([BOARDCTL, "run"]), self.on_board("watchdog", "run", "/dev/watchdog")):
+            self.type(f"clear; cd {shlex.quote(self.folder)}; {words} {command}; echo status $?")
+            self.wait_until(pathlib.Path("ready").exists, "the command's start")
+            self.tmux("send-keys", "-t", "it", "C-c")
+            self.wait_for_screen(r"^status 130")
+            self.assertEqual(pathlib.Path("senders").read_text(), "[0]")
+            pathlib.Path("ready").unlink()
+
     def complete_by_tab(self, start_shell, read_completion):
         folder = shlex.quote(str(pathlib.Path(BOARDCTL).parent))
         self.type(f"PATH={folder}:$PATH; clear; {shlex.quote(BOARDSIM)} -- {start_shell}")
@@ -107,16 +125,16 @@ class WithoutTerminal(TestCase):
 
     def test_AFilesProgressIsShownOnATerminalButNotOnADumbOne(self):
         pathlib.Path("file").write_bytes(bytes(300000))
-        command = self.shell_on_board()
-        for terminal, shows in (("dumb", False), ("vt100", True)):
+        for terminal, words, shows in (("dumb", [], False), ("vt100", ["--quiet"], False), ("vt100", [], True)):
+            command = self.shell_on_board(*words)
             result = subprocess.run(["script", "-qec", f"TERM={terminal} {command}", "/dev/null"], capture_output=True,
                                     stdin=subprocess.DEVNULL, check=True)
             self.assertEqual(b"\x1b[K" in result.stdout, shows, result.stdout)
             bar = rb"\r\[\.{30}\] 0 %  1.0 KiB of 293.0 KiB  .*\r\[#{30}\] 100 %  293.0 KiB of 293.0 KiB  .*/s  0 s left"
             self.assertEqual(re.search(bar, result.stdout, re.S) is not None, shows, result.stdout)
 
-    def shell_on_board(self):
-        return shlex.join([BOARDSIM, "--", BOARDCTL, "serial", "send", PORT, "file"])
+    def shell_on_board(self, *words):
+        return shlex.join([BOARDSIM, "--", BOARDCTL, *words, "serial", "send", PORT, "file"])
 
 
 if __name__ == "__main__":
