@@ -55,17 +55,17 @@ class Net(TestCase):
     def test_AnAddressIsSetReplacedAndLeftAlone(self):
         result = self.script(shell("net", "address", "eth0", ADDRESS),
                              shell("net", "address", "eth0", "192.0.2.11/25"),
-                             shell("net", "address", "eth0", "192.0.2.11/25"),
+                             shell("net", "address", "eth0", "192.0.2.11/25") + "; echo $?",
                              shell("net", "address", "--changed", "eth0", "192.0.2.11/25") + "; echo $?",
                              shell("net", "address", "--changed", "eth0", "192.0.2.12/25") + "; echo $?",
                              "ip -4 addr show dev eth0 | grep inet")
-        self.assertEqual(result.out.splitlines()[:7], [
+        self.assertEqual(result.out.splitlines()[:8], [
             "eth0  was none, is 192.0.2.10/24: changed",
             "eth0  was 192.0.2.10/24, is 192.0.2.11/25: changed",
-            "eth0  is 192.0.2.11/25: nothing had to be changed",
+            "eth0  is 192.0.2.11/25: nothing had to be changed", "0",
             "eth0  is 192.0.2.11/25: nothing had to be changed", "3",
             "eth0  was 192.0.2.11/25, is 192.0.2.12/25: changed", "0"])
-        self.assertEqual(result.out.splitlines()[7].split()[:2], ["inet", "192.0.2.12/25"])
+        self.assertEqual(result.out.splitlines()[8].split()[:2], ["inet", "192.0.2.12/25"])
 
     def test_AnIpv6AddressIsTakenInAnySpellingAndComparedInItsShortOne(self):
         result = self.script(shell("--json", "net", "address", "eth1", "2001:0DB8:0::0010/64"),

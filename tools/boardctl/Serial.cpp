@@ -177,13 +177,42 @@ class HexReader {
   int m_half = kNone;  // the first digit of a byte
 };
 
+constexpr int kLookMs = 20;  // how often it is seen how far sending has come
+
+/// Tells once that nothing goes out, when that has lasted.
+class Standstill {
+ public:
+  explicit Standstill(Output& out) : m_out(out) {}
+
+  /// @p waiting: how many bytes the driver has not sent yet.
+  void Look(std::uint32_t waiting) {
+    constexpr double kPatience = 2;  // seconds without a byte going out
+    if (waiting != m_last) {
+      m_last = waiting;
+      m_since = Clock::now();
+    } else if (!m_isTold && SecondsSince(m_since) > kPatience) {
+      m_out.Say("boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up");
+      m_isTold = true;
+    }
+  }
+
+ private:
+  Output& m_out;
+  std::uint32_t m_last = 0;
+  Clock::time_point m_since = Clock::now();
+  bool m_isTold = false;
+};
+
+/// Waits until the driver takes more, for a writer that it holds up would tell nobody. False if a signal comes before.
+bool WaitForRoom(const Port& port, Standstill& standstill) {
+  while (signals::Caught() == 0 && !port.Side().HasRoom(kLookMs)) {
+    standstill.Look(port.Side().Waiting().value_or(0));
+  }
+  return signals::Caught() == 0;
+}
+
 /// Waits until what was written is on the line, and shows how far it has come.
-void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total, Output& out) {
-  constexpr int kLookMs = 20;
-  constexpr double kPatience = 2;  // seconds without a byte going out
-  std::uint32_t last = 0;
-  auto since = Clock::now();
-  bool isTold = false;
+void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total, Standstill& standstill, Output& out) {
   while (signals::Caught() == 0) {
     const std::uint32_t waiting = port.Side().Waiting().value_or(0);
     if (waiting == 0) {
@@ -191,13 +220,7 @@ void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total,
       return;
     }
     out.Progress(written - std::min<std::uint64_t>(waiting, written), total, "B");
-    if (waiting != last) {
-      last = waiting;
-      since = Clock::now();
-    } else if (!isTold && SecondsSince(since) > kPatience) {
-      out.Say("boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up");
-      isTold = true;
-    }
+    standstill.Look(waiting);
     signals::Wait(kLookMs);
   }
 }
@@ -208,6 +231,7 @@ int Send(const SendArguments& arguments, Call& call) {
   const std::uint64_t total = arguments.isHex ? 0 : source.Size();
   std::uint64_t written = 0;
   Port port(arguments.line, call.out);
+  Standstill standstill(call.out);
   const auto start = Clock::now();
   for (;;) {
     std::vector<unsigned char> bytes = source.Read();
@@ -217,6 +241,9 @@ int Send(const SendArguments& arguments, Call& call) {
     if (arguments.isHex) {
       bytes = hex.Read(bytes);
     }
+    if (!WaitForRoom(port, standstill)) {
+      break;
+    }
     port->Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
     written += bytes.size();
     call.out.Progress(written, total, "B");
@@ -224,7 +251,7 @@ int Send(const SendArguments& arguments, Call& call) {
   if (arguments.isHex && signals::Caught() == 0) {
     hex.End();
   }
-  WaitUntilSent(port, written, total, call.out);
+  WaitUntilSent(port, written, total, standstill, call.out);
 
   const double seconds = SecondsSince(start);
   const bool isWhole = signals::Caught() == 0;

@@ -4,6 +4,7 @@
 #include <asm/termbits.h>
 #include <fcntl.h>
 #include <linux/serial.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -106,6 +107,11 @@ std::optional<std::uint32_t> Tty::Waiting() const {
     return std::nullopt;
   }
   return static_cast<std::uint32_t>(count);
+}
+
+bool Tty::HasRoom(int milliseconds) const {
+  pollfd room{m_fd, POLLOUT, 0};
+  return ::poll(&room, 1, milliseconds) == 1;
 }
 
 bool Tty::Drain() const {
