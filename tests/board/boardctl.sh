@@ -82,7 +82,7 @@ held() {
   wait "$!"
   gave_up=$?
   cat /tmp/said
-  return $gave_up
+  return "$gave_up"
 }
 
 if [ "${1:-}" = line ]; then
