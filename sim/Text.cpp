@@ -1,6 +1,7 @@
 #include "Text.h"
 
-#include <cstdio>
+#include <charconv>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 
@@ -29,9 +30,9 @@ std::uint32_t NumberOf(const std::string& option, const std::string& text) {
 }
 
 std::string Hex(std::uint32_t number) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%x", number);
-  return text;
+  constexpr int kBase = 16;
+  char text[] = "0x00000000";
+  return {text, std::to_chars(text + 2, std::end(text), number, kBase).ptr};
 }
 
 std::pair<std::string, std::string> Cut(const std::string& text, char separator) {

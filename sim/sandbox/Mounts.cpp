@@ -11,6 +11,12 @@
 #include "Descriptor.h"
 #include "sandbox/Errors.h"
 
+namespace {
+
+constexpr mode_t kCoveredMode = 0666;  // of a file over which something is mounted
+
+}  // namespace
+
 void MakeFoldersFor(const std::string& path) {
   for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
     ::mkdir(path.substr(0, slash).c_str(), kFolderMode);
@@ -19,7 +25,7 @@ void MakeFoldersFor(const std::string& path) {
 
 void MakeEmptyFile(const std::string& path) {
   MakeFoldersFor(path);
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kNodeMode));
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kCoveredMode));
   Require(static_cast<bool>(file), path + " can't be made");
 }
 

@@ -5,7 +5,6 @@
 
 #include <string>
 
-constexpr mode_t kNodeMode = 0666;
 constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kSharedFolderMode = 01777;
 

@@ -15,6 +15,8 @@
 
 namespace {
 
+constexpr mode_t kRootsOwn = 0600;  // as on a board
+
 /// A master whose slave can be opened.
 Descriptor OpenMaster(const char* ptmx) {
   Descriptor master(::open(ptmx, O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -46,7 +48,7 @@ Descriptor MakeNamelessFifo() {
   std::string place = std::string(folder == nullptr ? "/tmp" : folder) + "/boardsim-XXXXXX";
   Require(::mkdtemp(place.data()) != nullptr, place + " can't be made");
   const std::string name = place + "/watchdog";
-  const bool made = ::mkfifo(name.c_str(), kNodeMode) == 0;
+  const bool made = ::mkfifo(name.c_str(), kRootsOwn) == 0;
   Descriptor fifo = OpenReader(name);
   const int error = errno;
   ::unlink(name.c_str());
@@ -69,12 +71,12 @@ Descriptor MakeNode(const Node& node) {
   }
   MakeFoldersFor(node.path);
   if (node.kind == Node::Kind::kFifo) {
-    Require(::mkfifo(node.path.c_str(), kNodeMode) == 0, node.path + " can't be made");
+    Require(::mkfifo(node.path.c_str(), kRootsOwn) == 0, node.path + " can't be made");
     Require(node.otherName.empty() || ::link(node.path.c_str(), node.otherName.c_str()) == 0,
             node.otherName + " can't be made");
     return OpenReader(node.path);
   }
-  Descriptor file(::open(node.path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kNodeMode));
+  Descriptor file(::open(node.path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kRootsOwn));
   SetSize(file, node);
   return file;
 }

@@ -253,6 +253,18 @@ TEST_F(Machine, AnOrdinaryUserHasThoseOfSubuid) {
   EXPECT_EQ(outcome.errors, "");
 }
 
+TEST_F(Machine, WhoIsNotRootOnTheBoardGetsNeitherMemoryNorTheWatchdogNorThePort) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "Only root has other users.";
+  }
+  const Outcome outcome = Run(
+      {"--log", Path("log")},
+      {"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", "sh", "-c",
+       "for device in mem watchdog watchdog0 ttyS1; do ! true <>/dev/$device && ! true >/dev/$device || exit 1; done"});
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(Contents(Path("log")).find(" open"), std::string::npos);
+}
+
 TEST_F(Machine, TheProgramMayHaveAsMuchOfALimitedResourceAsTheCallerMay) {
   Start start;
   start.command = {"sh", "-c",

@@ -179,6 +179,11 @@ static void modem_wait(void) {
   write_all(fd, "count", 5);
   expect_bytes(fd, "count", 5);
   CHECK(counts(fd).tx == after.tx + 5 && counts(fd).rx == after.rx + 5);
+  /* What has been written just now, too. */
+  for (int i = 1; i <= 100; ++i) {
+    write_all(fd, "x", 1);
+    CHECK(counts(fd).tx == after.tx + 5 + i);
+  }
   close(fd);
 }
 

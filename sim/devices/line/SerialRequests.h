@@ -30,7 +30,7 @@ class SerialRequests {
   };
 
   static TrappedRequests Numbers();
-  /// Whether a request changes nothing, so that nothing can move that could not before.
+  /// Whether a request changes nothing, and its answer does not depend on what has moved.
   static bool OnlyAsks(unsigned int request);
 
   /// @param isPaced whether breaks take their time.
