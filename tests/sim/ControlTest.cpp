@@ -106,6 +106,14 @@ TEST_F(Control, BytesThatAreFedBeyondWhatIsKeptAreCounted) {
   ExpectEnd();
 }
 
+TEST_F(Control, AnOpenOfAPortForWhichNoDescriptorIsLeftLeavesItsLinesDown) {
+  board = Boot(kWithoutNamespaces + Words{"--control", Path("control")}, {kProbe, "unnumbered-port", "talk"});
+  EXPECT_EQ(board->Ask("open rw /dev/mem"), "3");
+  Connection technician(Path("control"));
+  EXPECT_EQ(technician.Ask("lines /dev/ttyS1"), "ok CTS DSR CD");
+  EXPECT_EQ(board->Finish().status, 0);
+}
+
 TEST_F(Control, InputsAreSetAndClearedAndTheProgramCannotAlterThem) {
   Start({});
   EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok RTS DTR CTS DSR CD OUT2");

@@ -380,15 +380,23 @@ static void allowed(void) {
   stop(fd);
 }
 
-/* There is no descriptor left for it. */
-static void unnumbered(void) {
+/* There is no descriptor left. */
+static void expect_unnumbered(const char* path) {
   struct rlimit before;
   CHECK(getrlimit(RLIMIT_NOFILE, &before) == 0);
   struct rlimit none = before;
   none.rlim_cur = 0;
   CHECK(setrlimit(RLIMIT_NOFILE, &none) == 0);
-  CHECK(open_watchdog() == -1 && errno == EMFILE);
+  CHECK(open(path, O_RDWR | O_NOCTTY) == -1 && errno == EMFILE);
   CHECK(setrlimit(RLIMIT_NOFILE, &before) == 0);
+}
+
+static void unnumbered(void) {
+  expect_unnumbered(WATCHDOG);
+}
+
+static void unnumbered_port(void) {
+  expect_unnumbered(TTY);
 }
 
 /* One that counted does so further on. */
@@ -432,6 +440,7 @@ const struct step kWatchdogSteps[] = {{"one-owner", one_owner},
                                       {"refused", refused},
                                       {"allowed", allowed},
                                       {"unnumbered", unnumbered},
+                                      {"unnumbered-port", unnumbered_port},
                                       {"starve-unnumbered", starve_unnumbered},
                                       {"abandon", abandon},
                                       {NULL, NULL}};

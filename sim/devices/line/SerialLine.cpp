@@ -106,6 +106,7 @@ void SerialLine::Opened() {
 void SerialLine::NotOpened() {
   if (m_port.use == Port::Use::kOpening) {
     LastClose();
+    EndClose();
   }
 }
 
