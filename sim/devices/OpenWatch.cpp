@@ -2,7 +2,6 @@
 
 #include <poll.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include <utility>
 
 #include "SetupError.h"
+#include "sandbox/Channel.h"
 
 namespace {
 
@@ -19,30 +19,14 @@ constexpr std::size_t kLongestEvent = sizeof(inotify_event) + NAME_MAX + 1;
 
 /// Lets the kernel close a descriptor in its own time, for one that watches takes ten milliseconds.
 ///
-/// It travels over a connection that nobody has, for both ends travel with it: what is under way there, the kernel
-/// finds and closes.
+/// It travels to an end of a connection that nobody has, for that end travels there itself. Such ones the kernel finds.
 void LeaveToKernel(Descriptor descriptor) {
-  int ends[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1) {
-    return;
+  const auto [here, there] = Channel::MakePair();
+  for (const int traveller : {descriptor.Get(), there.Get()}) {
+    here.Send(Message(Message::Kind::kNothing), traveller);
   }
-  const Descriptor one(ends[0]);
-  const Descriptor other(ends[1]);
-  const int travellers[] = {descriptor.Get(), one.Get(), other.Get()};
-  char byte = 0;
-  iovec part{&byte, sizeof byte};
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof travellers)] = {};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* rights = CMSG_FIRSTHDR(&message);
-  rights->cmsg_level = SOL_SOCKET;
-  rights->cmsg_type = SCM_RIGHTS;
-  rights->cmsg_len = CMSG_LEN(sizeof travellers);
-  std::memcpy(CMSG_DATA(rights), travellers, sizeof travellers);
-  ::sendmsg(one.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+  // Before the connection: the last one who has it closes it.
+  descriptor.Close();
 }
 
 }  // namespace
@@ -54,7 +38,11 @@ OpenWatch::OpenWatch(const Descriptor& terminal) : m_events(::inotify_init1(IN_C
 }
 
 OpenWatch::~OpenWatch() {
-  LeaveToKernel(std::move(m_events));
+  try {
+    LeaveToKernel(std::move(m_events));
+  } catch (const SetupError&) {
+    // It is closed all the same.
+  }
 }
 
 bool OpenWatch::Take() const {
