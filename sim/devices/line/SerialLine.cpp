@@ -17,6 +17,7 @@ namespace {
 constexpr int kMostTurns = 16;                // before others have theirs
 constexpr std::chrono::seconds kPatience{5};  // after the application's end, with a far end that takes nothing
 constexpr std::chrono::milliseconds kClosingUnit{10};
+constexpr std::chrono::seconds kOpening{1};  // for the kernel, which may refuse it
 
 std::string ParseBytes(const std::string& hex) {
   std::string bytes;
@@ -100,6 +101,7 @@ void SerialLine::Opened() {
   if (m_port.isExclusive) {
     throw RequestError{EBUSY};
   }
+  m_openEnds = Clock::now() + kOpening;
   Begin(Port::Use::kOpening);
 }
 
@@ -229,6 +231,9 @@ std::optional<SerialLine::Clock::time_point> SerialLine::Next() const {
   if (m_isClosing && !m_sender.CanSend()) {
     next = Earlier(next, std::make_optional(m_closeEnds));
   }
+  if (m_port.use == Port::Use::kOpening) {
+    next = Earlier(next, std::make_optional(m_openEnds));
+  }
   return m_lastMove ? Earlier(next, std::make_optional(*m_lastMove + kPatience)) : next;
 }
 
@@ -256,7 +261,11 @@ void SerialLine::LookForOpens() {
   }
   const auto [isOpened, isClosed] = m_port.terminal->TakeOpens();
   if (m_port.use == Port::Use::kOpening) {
-    m_port.use = isOpened || !isClosed ? Port::Use::kOpen : m_port.use;
+    if (isOpened || !isClosed) {
+      m_port.use = Port::Use::kOpen;
+    } else if (Clock::now() >= m_openEnds) {
+      LastClose();
+    }
   } else if (!m_port.IsOpen() && (isOpened || !isClosed)) {
     // In a way that is not kept back.
     Begin(Port::Use::kOpen);

@@ -79,6 +79,7 @@ class SerialLine : public Device {
   SerialRequests m_requests;
   SystemFolder m_told;
 
+  Clock::time_point m_openEnds;
   bool m_isClosing = false;  // what was written before the last close is still on its way
   Clock::time_point m_closeEnds;
   std::optional<Clock::time_point> m_lastMove;  // after the application's end
