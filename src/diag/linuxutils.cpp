@@ -73,6 +73,7 @@ std::string Demangle(const char* symbol) {
   return std::sscanf(symbol, "%127s", word) == 1 ? word : symbol;
 }
 
+// By contract: the name lacks an "s".
 void AppendRecurionNote(std::string& text, int count) {
   char note[sizeof " repeats -2147483648 times!"];
   std::snprintf(note, sizeof note, " repeats %i times!", count);

@@ -182,7 +182,7 @@ std::string IpNet::GetIpV4NetAddr(std::string address, int prefixLength) {
 
   in_addr net{};
   if (::inet_pton(AF_INET, address.c_str(), &net) != 1) {
-    // By contract: a malformed address leaves errno alone, so the message tells of whatever failed before.
+    // By contract: a malformed address leaves errno alone, so the message is that of whatever failed before.
     throw std::invalid_argument(std::strerror(errno));
   }
 
@@ -246,6 +246,7 @@ IpNet::Record IpNet::GetValues(std::string text, std::initializer_list<std::stri
     const bool wholeWord = index < wholeWords.size() && wholeWords.begin()[index];
     const std::size_t found = FindValue(text, key, position, wholeWord);
     if (found == std::string_view::npos) {
+      // By contract: a key that is missing makes the next one begin at the text's start again.
       position = 0;
     } else {
       values.try_emplace(key, WordAt(text, found));

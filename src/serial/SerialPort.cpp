@@ -23,6 +23,7 @@ termios RawAttributes() {
   // The speeds stay 0 until SetBaudRate().
   termios settings{};
   settings.c_cflag |= CLOCAL | CREAD;
+  // By contract: set, although cfmakeraw() has the last word on both.
   settings.c_cc[VTIME] = 0;
   settings.c_cc[VMIN] = 0;
   ::cfmakeraw(&settings);
@@ -84,6 +85,7 @@ void SerialPort::OpenSerialPortDevice() {
   m_fd = fd;
   m_isOpen = true;
 
+  // By contract: flushed again, and read empty, now that the port counts as open.
   FlushInputAndOutput();
   ReadAllAvailableData();
   m_rxBuffer.clear();

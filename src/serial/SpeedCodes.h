@@ -55,12 +55,14 @@ constexpr int kOtherSpeed = 4096;
 
 constexpr bool kSpeedsAreRates = B9600 != 13;
 
+// Templates, so that what either kind of C library gets is compiled and looked at on both.
+
 /// Sets both speeds with cfsetispeed() and cfsetospeed(). C libraries that take codes refuse anything else. Those that
 /// take rates refuse nothing, so an unknown code fails with EINVAL here.
 template <bool speedsAreRates = kSpeedsAreRates>
 int SetSpeeds(termios& settings, int code) {
   auto given = static_cast<speed_t>(code);
-  if (speedsAreRates) {
+  if constexpr (speedsAreRates) {
     const auto* const speed =
         std::find_if(std::begin(kSpeeds), std::end(kSpeeds), [&](const Speed& s) { return s.code == code; });
     if (speed == std::end(kSpeeds)) {
@@ -76,7 +78,7 @@ int SetSpeeds(termios& settings, int code) {
 /// The code for what cfgetispeed() returns; kOtherSpeed for a rate that has none.
 template <bool speedsAreRates = kSpeedsAreRates>
 int ToCode(speed_t given) {
-  if (speedsAreRates) {
+  if constexpr (speedsAreRates) {
     const auto* const speed =
         std::find_if(std::begin(kSpeeds), std::end(kSpeeds), [&](const Speed& s) { return s.bitsPerSecond == given; });
     return speed == std::end(kSpeeds) ? kOtherSpeed : speed->code;

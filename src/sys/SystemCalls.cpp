@@ -26,13 +26,14 @@ using boardkit::ThrowSystemError;
 
 namespace {
 
-// The working set of DeactivateSignalP, filled anew at every call.
+// By contract: the working set of DeactivateSignalP is the whole process's, filled anew at every call.
 sigset_t deactivatedSignals;
 
 static_assert(SCHED_OTHER == 0 && SCHED_FIFO == 1 && SCHED_RR == 2 && SCHED_BATCH == 3, "indices of the names");
 constexpr const char* kPolicyNames[] = {"other", "fifo", "rrobin", "batch"};
 
-/// One word of physical memory, mapped while the object lives.
+/// One word of physical memory, mapped while the object lives. By contract: opened for writing even if it is only read,
+/// and without O_SYNC.
 class PhysicalWord {
  public:
   explicit PhysicalWord(unsigned int address)
@@ -66,6 +67,7 @@ class PhysicalWord {
 
  private:
   unsigned int Length() const {
+    // By contract: more than the word; near the end of a page that takes the next one, too.
     constexpr unsigned int kBehind = 32;  // bytes mapped from the word on
     return m_offset + kBehind;
   }

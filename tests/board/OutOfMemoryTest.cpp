@@ -320,14 +320,17 @@ TEST_F(OutOfMemoryNetwork, LeavesTheDebugTraceWholeAndAlive) {
         net.GetIfaceInfo(name);
       }
       const std::string before = net.GetDebugOutput();
+      bool isTold = false;
       {
         const FailingAllocation failing(which);
         try {
           net.GetIfaceInfo(name);
         } catch (const std::bad_alloc&) {
+          isTold = true;
         }
         hasFailed = failing.HasFailed();
       }
+      EXPECT_EQ(isTold, hasFailed);
       const std::string trace = net.GetDebugOutput();
       EXPECT_TRUE(trace == before || trace == before + line) << trace;
       net.GetIfaceInfo(name);

@@ -31,6 +31,7 @@
 #include <gtest/gtest.h>
 
 #include "../sys/SysTexts.h"
+#include "Allocations.h"
 #include "ExpectThrow.h"
 #include "FileTexts.h"
 #include "OpenDescriptors.h"
@@ -148,6 +149,17 @@ TEST_F(FileOpening, AMissingFileThrowsEnoentWithItsPath) {
   EXPECT_SYSTEM_ERROR(File(path, O_RDONLY, 0), ENOENT, filetext::OpenFailed(path));
   EXPECT_EXACT_THROW(File("/missing", O_RDONLY, 0), std::system_error,
                      filetext::OpenFailed("/missing") + ": No such file or directory");
+}
+
+TEST_F(FileOpening, TheErrorNumberIsTheFailedCallsEvenIfAllocatingTheMessageChangesErrno) {
+  const std::string path = Make("there", "");
+  const File file(path, O_RDONLY, 0);
+  const ErrnoChangingAllocations changing;
+
+  EXPECT_SYSTEM_ERROR(File(Path("missing"), O_RDONLY, 0), ENOENT, filetext::OpenFailed(Path("missing")));
+  EXPECT_SYSTEM_ERROR(File::ReadLink(path), EINVAL, filetext::ReadLinkFailed(path));
+  EXPECT_SYSTEM_ERROR(file.Seek(-1, SEEK_SET), EINVAL, filetext::SeekFailed(path));
+  EXPECT_SYSTEM_ERROR(file.Ioctl(TIOCMGET), ENOTTY, filetext::IoctlFailed(path));
 }
 
 TEST_F(FileOpening, OtherReasonsThrowWithTheirNumbers) {

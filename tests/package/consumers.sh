@@ -42,14 +42,23 @@ configure -S "$here/find-package" -B "$work/find" -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/find"
 "$work/find/app"
 
+if [ "$shared" = OFF ]; then
+  say "internal names are in a class or a namespace, where they clash with no program's"
+  nm -g --defined-only "$library" | awk '$2 ~ /[TDBR]/ { print $3 }' | grep -vxFf "$source/src/exported-symbols.txt" >"$work/own"
+  [ -s "$work/own" ]
+  if grep -v '^_ZN' "$work/own"; then exit 1; fi
+fi
+
 say "pkg-config and one compiler call"
 # A compiler line in the shell's plain words can't have blanks in its paths.
 mv "$prefix" "$work/moved"
 prefix=$work/moved
 libdir=$prefix/${libdir#*/moved/}
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
+needed=--shared
+[ "$shared" = ON ] || needed=--static
 # shellcheck disable=SC2046
-"$cxx" -std=c++11 "$here/main.cpp" "$here/surface.cpp" $(pkg-config --cflags --libs boardkit) -Wl,-rpath,"$libdir" -o "$work/app"
+"$cxx" -std=c++11 "$here/main.cpp" "$here/surface.cpp" $(pkg-config $needed --cflags --libs boardkit) -Wl,-rpath,"$libdir" -o "$work/app"
 "$work/app"
 [ "$(readlink -f "$(pkg-config --variable=prefix boardkit)")" = "$(readlink -f "$prefix")" ]
 if [ "$shared" = ON ]; then
