@@ -240,6 +240,7 @@ TEST_F(FarEnd, OneThatNeverReadsDoesNotKeepTheBoardFromEndingAndWhatItMissesIsLo
 TEST_F(FarEnd, ACommandIsSentFiveMebibytesWithoutTheLossOfAByte) {
   Shell("head -c 5242880 /dev/urandom >" + Path("sent"));
   for (const std::string flow : {"-crtscts", "crtscts"}) {
+    SCOPED_TRACE(flow);
     ExpectSteps({"--tty", "/dev/ttyS1=exec:sleep 0.2; sha256sum >" + Path("sum")},
                 {"sh", "-c", "stty -F /dev/ttyS1 raw -echo " + flow + "; cat " + Path("sent") + " >/dev/ttyS1"});
     EXPECT_EQ(Contents(Path("sum")), Shell("sha256sum <" + Path("sent")));

@@ -301,7 +301,8 @@ TEST_F(Sandbox, DevHasWhatEveryProgramNeedsAndNothingOfTheMachines) {
   const Outcome outcome = Run({}, {"sh", "-c", "ls /dev | tr '\\n' ' '"});
   for (const char* name : {"fd", "full", "mem", "null", "ptmx", "pts", "random", "stderr", "stdin", "stdout", "tty",
                            "ttyS1", "urandom", "watchdog", "zero"}) {
-    EXPECT_NE((' ' + outcome.output).find(std::string(" ") + name + ' '), std::string::npos) << outcome.output;
+    EXPECT_NE((' ' + outcome.output).find(std::string(" ") + name + ' '), std::string::npos)
+        << name << " in " << outcome.output;
   }
   EXPECT_EQ((' ' + outcome.output).find(" ttyS0 "), std::string::npos) << outcome.output;
   const Outcome use = Run({}, {"sh", "-c",

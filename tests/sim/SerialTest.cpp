@@ -180,6 +180,7 @@ TEST_F(Serial, TheRegistersLieWhereTheOptionSays) {
 
 TEST_F(Serial, MemoryCannotBeTruncated) {
   for (const User user : {User::kOneself, User::kOrdinary}) {
+    SCOPED_TRACE(user == User::kOrdinary ? "an ordinary user" : "the user of the tests");
     Start start;
     start.command = {kProbe, "memory-size"};
     start.user = user;

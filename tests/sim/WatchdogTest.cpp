@@ -165,6 +165,7 @@ TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
 
 TEST_F(Watchdog, AfterAResetTheProgramIsStartedAnewAndToldOfIt) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
+    SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options + Words{"--restart", "1", "--log", Path("log")}, {kProbe, "restarted"});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_NE(Contents(Path("log")).find(" board restart\n"), std::string::npos);

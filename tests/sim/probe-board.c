@@ -165,7 +165,7 @@ static void listen_to_signals(void) {
   sigset_t blocked;
   sigset_t before;
   sigemptyset(&blocked);
-  for (size_t i = 0; i < sizeof kSignals / sizeof kSignals[0]; ++i) {
+  FOR_EACH_CASE(i, kSignals) {
     sigaddset(&blocked, kSignals[i]);
     struct sigaction action;
     memset(&action, 0, sizeof action);

@@ -261,15 +261,16 @@ static void slow(void) {
   struct sigaction action;
   memset(&action, 0, sizeof action);
   action.sa_handler = on_alarm;
-  for (int i = 0; i < 2; ++i) {
-    action.sa_flags = i == 0 ? 0 : SA_RESTART;
+  static const int kFlags[] = {0, SA_RESTART};
+  FOR_EACH_CASE(i, kFlags) {
+    action.sa_flags = kFlags[i];
     CHECK(sigaction(SIGALRM, &action, NULL) == 0);
     struct itimerval soon = {{0, 0}, {0, 20000}};
     start = now();
     write_all(fd, block, sizeof block);
     CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
     int result = ioctl(fd, TCSBRK, 1);
-    CHECK(i == 0 ? result == -1 && errno == EINTR : result == 0 && now() - start >= 0.099);
+    CHECK(kFlags[i] == 0 ? result == -1 && errno == EINTR : result == 0 && now() - start >= 0.099);
     drain(fd);
   }
   /* A writer waits, and may lose patience. */

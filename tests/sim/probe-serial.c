@@ -276,7 +276,7 @@ static void line_control(void) {
                 {CS7 | PARENB | CSTOPB, 0x1e}};
   volatile uint32_t* registers = uart();
   int fd = open_tty();
-  for (size_t i = 0; i < sizeof kCases / sizeof kCases[0]; ++i) {
+  FOR_EACH_CASE(i, kCases) {
     struct termios settings = get(fd);
     settings.c_cflag &= ~(tcflag_t)(CSIZE | CSTOPB | PARENB | PARODD);
     settings.c_cflag |= kCases[i].flags;
@@ -302,7 +302,7 @@ static void divisors(void) {
   } kCases[] = {{B9600, 0x197}, {B115200, 34}, {B1200, 3255}, {B3000000, 1}, {B75, 52083}};
   volatile uint32_t* registers = uart();
   int fd = open_tty();
-  for (size_t i = 0; i < sizeof kCases / sizeof kCases[0]; ++i) {
+  FOR_EACH_CASE(i, kCases) {
     struct termios settings = get(fd);
     settings.c_cflag = (settings.c_cflag & ~(tcflag_t)CBAUD) | kCases[i].code;
     registers[1] = 0xff;
@@ -317,7 +317,7 @@ static void impossible_speeds(void) {
   static const tcflag_t kCodes[] = {B50, B4000000};
   volatile uint32_t* registers = uart();
   int fd = open_tty();
-  for (size_t i = 0; i < sizeof kCodes / sizeof kCodes[0]; ++i) {
+  FOR_EACH_CASE(i, kCodes) {
     struct termios settings = get(fd);
     settings.c_cflag = (settings.c_cflag & ~(tcflag_t)CBAUD) | B9600;
     CHECK(ioctl(fd, TCSETS, &settings) == 0);
@@ -386,7 +386,7 @@ static void custom_speed(void) {
   static const unsigned int kRequests[] = {TCSETS2, TCSETSW2, TCSETSF2};
   volatile uint32_t* registers = uart();
   int fd = open_tty();
-  for (size_t i = 0; i < 3; ++i) {
+  FOR_EACH_CASE(i, kRequests) {
     struct termios2 settings = get2(fd);
     settings.c_cflag = (settings.c_cflag & ~(tcflag_t)(CBAUD | CSIZE | CSTOPB | PARODD)) | BOTHER | CS7 | PARENB;
     settings.c_ispeed = settings.c_ospeed = 250000 + (speed_t)i;
@@ -605,7 +605,7 @@ static void bad_pointers(void) {
   static const unsigned int kRequests[] = {TCGETS,   TCSETS,   TCGETS2,     TCSETS2,    TIOCMGET,
                                            TIOCMSET, TIOCMBIS, TIOCGSERIAL, TIOCSSERIAL};
   int fd = open_tty();
-  for (size_t i = 0; i < sizeof kRequests / sizeof kRequests[0]; ++i) {
+  FOR_EACH_CASE(i, kRequests) {
     CHECK(ioctl(fd, kRequests[i], (void*)8) == -1 && errno == EFAULT);
   }
   /* Straight from the system call: the address is its own business. */

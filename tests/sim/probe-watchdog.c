@@ -65,7 +65,7 @@ static void timeouts(void) {
   int fd = open_watchdog();
   CHECK(fd != -1 && timeout_of(fd) == 60);
   set_timeout(fd, 7);
-  for (size_t i = 0; i < sizeof kRefused / sizeof kRefused[0]; ++i) {
+  FOR_EACH_CASE(i, kRefused) {
     int seconds = kRefused[i];
     CHECK(ioctl(fd, WDIOC_SETTIMEOUT, &seconds) == -1 && errno == EINVAL && timeout_of(fd) == 7);
   }
@@ -252,7 +252,7 @@ static void starve_magic_first(void) {
 /* But anywhere in that. */
 static void magic_inside(void) {
   static const char* const kWrites[] = {"Vx", "xVx", "V\n"};
-  for (size_t i = 0; i < sizeof kWrites / sizeof kWrites[0]; ++i) {
+  FOR_EACH_CASE(i, kWrites) {
     int fd;
     short_open(&fd);
     CHECK(write(fd, "x", 1) == 1);
@@ -357,7 +357,7 @@ static void set_right_over_files(int on) {
 
 static void refused(void) {
   static const char* const kPaths[] = {WATCHDOG, WATCHDOG "0", TTY};
-  for (size_t i = 0; i < sizeof kPaths / sizeof kPaths[0]; ++i) {
+  FOR_EACH_CASE(i, kPaths) {
     CHECK(chmod(kPaths[i], 0066) == 0);
     set_right_over_files(0);
     CHECK(open(kPaths[i], O_RDWR | O_NOCTTY) == -1 && errno == EACCES);

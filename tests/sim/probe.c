@@ -2,6 +2,18 @@
 
 #include <string.h>
 
+const char* current_cases;
+size_t current_case;
+
+void check_failed(const char* file, int line, const char* condition) {
+  fprintf(stderr, "%s:%d: %s (errno %d)", file, line, condition, errno);
+  if (current_cases != NULL) {
+    fprintf(stderr, " at %s[%zu]", current_cases, current_case);
+  }
+  fputc('\n', stderr);
+  exit(1);
+}
+
 static const struct step* find(const char* name) {
   const struct step* const lists[] = {kSerialSteps, kLineSteps, kWatchdogSteps, kBoardSteps};
   for (size_t i = 0; i < sizeof lists / sizeof lists[0]; ++i) {

@@ -15,13 +15,23 @@
 #define TTY "/dev/ttyS1"
 #define WATCHDOG "/dev/watchdog"
 
-#define CHECK(condition)                                                                \
-  do {                                                                                  \
-    if (!(condition)) {                                                                 \
-      fprintf(stderr, "%s:%d: %s (errno %d)\n", __FILE__, __LINE__, #condition, errno); \
-      exit(1);                                                                          \
-    }                                                                                   \
+#define CHECK(condition)                            \
+  do {                                              \
+    if (!(condition)) {                             \
+      check_failed(__FILE__, __LINE__, #condition); \
+    }                                               \
   } while (0)
+
+/* Takes the index of each element of an array in turn, and lets CHECK tell it. */
+#define FOR_EACH_CASE(index, array) \
+  for (size_t index = 0;            \
+       (current_cases = (current_case = index) < sizeof(array) / sizeof(array)[0] ? #array : NULL) != NULL; ++index)
+
+/* The array's name, or NULL outside of such a loop, and the index. */
+extern const char* current_cases;
+extern size_t current_case;
+
+_Noreturn void check_failed(const char* file, int line, const char* condition);
 
 struct step {
   const char* name;
