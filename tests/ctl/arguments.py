@@ -139,8 +139,9 @@ class Arguments(TestCase):
     def test_OptionsOfAllVerbsStandBeforeOrBehindTheVerb(self):
         for words in (["--json", "explain", "popen failed"], ["explain", "--json", "popen failed"],
                       ["explain", "popen failed", "--json"]):
-            result = ctl(*words)
-            self.assertEqual((result.status, result.objects[-1]["kind"]), (0, "explained"))
+            with self.subTest(words=words):
+                result = ctl(*words)
+                self.assertEqual((result.status, result.objects[-1]["kind"]), (0, "explained"))
 
     def test_AnArgumentThatIsCalledLikeAVerbIsAnArgument(self):
         result = ctl("explain", "mem")
@@ -151,13 +152,14 @@ class Arguments(TestCase):
 
     def test_TheHelpOfTheProgramFitsATerminalOf24LinesAndNamesEveryGroup(self):
         for option in ("--help", "-h"):
-            result = ctl(option)
-            self.assertEqual((result.status, result.err), (0, ""))
-            lines = result.out.splitlines()
-            self.assertLessEqual(len(lines), 24)
-            self.assertEqual([line for line in lines if len(line) > 80], [])
-            for verb in VERBS:
-                self.assertRegex(result.out, rf"(?m)^  {verb[0]} ")
+            with self.subTest(option=option):
+                result = ctl(option)
+                self.assertEqual((result.status, result.err), (0, ""))
+                lines = result.out.splitlines()
+                self.assertLessEqual(len(lines), 24)
+                self.assertEqual([line for line in lines if len(line) > 80], [])
+                for verb in VERBS:
+                    self.assertRegex(result.out, rf"(?m)^  {verb[0]} ")
 
     def test_TheTableOfVerbsHasEveryVerbThereIs(self):
         groups = re.findall(r"(?m)^  (\w+)  ", ctl("--help").out)

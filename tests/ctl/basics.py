@@ -66,16 +66,17 @@ class Explain(TestCase):
 
     def test_OfALogThatGrowsEachLineIsExplainedAtOnceUntilASignalComes(self):
         for number in (signal.SIGINT, signal.SIGTERM):
-            process = start([BOARDCTL, "explain", "-"], stdin=subprocess.PIPE)
-            process.stdin.write(b"popen fai")
-            process.stdin.flush()
-            process.stdin.write(b"led: Cannot allocate memory\nall is ")
-            process.stdin.flush()
-            self.assertEqual(process.stdout.readline(), b"1: popen failed: Cannot allocate memory\n")
-            process.send_signal(number)
-            # Standard input stays open.
-            self.assertEqual(process.wait(PATIENCE), 128 + number)
-            process.communicate()
+            with self.subTest(number=number):
+                process = start([BOARDCTL, "explain", "-"], stdin=subprocess.PIPE)
+                process.stdin.write(b"popen fai")
+                process.stdin.flush()
+                process.stdin.write(b"led: Cannot allocate memory\nall is ")
+                process.stdin.flush()
+                self.assertEqual(process.stdout.readline(), b"1: popen failed: Cannot allocate memory\n")
+                process.send_signal(number)
+                # Standard input stays open.
+                self.assertEqual(process.wait(PATIENCE), 128 + number)
+                process.communicate()
 
     def test_ALogThatCannotBeReadIsAFailure(self):
         folder = os.open("/", os.O_RDONLY)
@@ -92,7 +93,8 @@ class Explain(TestCase):
     def test_ItNeedsNoFileOnTheBoard(self):
         strings = open(BOARDCTL, "rb").read()
         for error in CATALOGUE:
-            self.assertIn(json.dumps(error["id"]).encode(), strings)
+            with self.subTest(error=error["id"]):
+                self.assertIn(json.dumps(error["id"]).encode(), strings)
 
 
 class Run(TestCase):
@@ -123,12 +125,13 @@ class Run(TestCase):
 
     def test_ASignalIsHandedOnToTheCommandAndEndsWith130Or143(self):
         for number in (signal.SIGINT, signal.SIGTERM):
-            process = start([BOARDCTL, "run", "echo $$ > pid; trap 'echo tidy; exit 5' INT TERM; sleep 100 > quiet 2>&1 & wait"])
-            self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the command's start")
-            process.send_signal(number)
-            result = finish(process)
-            self.assertEqual((result.status, result.out), (128 + number, "tidy\n"))
-            os.remove("pid")
+            with self.subTest(number=number):
+                process = start([BOARDCTL, "run", "echo $$ > pid; trap 'echo tidy; exit 5' INT TERM; sleep 100 > quiet 2>&1 & wait"])
+                self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the command's start")
+                process.send_signal(number)
+                result = finish(process)
+                self.assertEqual((result.status, result.out), (128 + number, "tidy\n"))
+                os.remove("pid")
 
     def test_ACommandsClosedPipeWorksAsInAShell(self):
         result = ctl("run", "yes | head -n 1")
@@ -174,8 +177,9 @@ class Memory(TestCase):
         self.assertEqual((result.status, result.err), (0, ""))
         # As devmem takes addresses: decimal and octal, too.
         for address in ("1073741824", "010000000000"):
-            self.assertEqual(self.on_board("--json", "mem", "read", address, options=self.REGISTERS).objects,
-                             [{"schema": 1, "kind": "mem_word", "address": "0x40000000", "value": "0x600DCAFE"}])
+            with self.subTest(address=address):
+                self.assertEqual(self.on_board("--json", "mem", "read", address, options=self.REGISTERS).objects,
+                                 [{"schema": 1, "kind": "mem_word", "address": "0x40000000", "value": "0x600DCAFE"}])
 
     def test_AWordIsWrittenWholeOrTheBitsOfAMaskAndADryRunOnlyTells(self):
         script = " && ".join([shell("mem", "write", "0x40000004", "0x12345678"),
@@ -215,12 +219,13 @@ class Memory(TestCase):
 
     def test_AWatchEndsWithASignal(self):
         for number in (signal.SIGINT, signal.SIGTERM):
-            process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('mem', 'watch', '0x40000000')}")
-            self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the start")
-            self.assertTrue(process.stdout.readline())
-            process.send_signal(number)
-            self.assertEqual(finish(process).status, 128 + number)
-            os.remove("pid")
+            with self.subTest(number=number):
+                process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('mem', 'watch', '0x40000000')}")
+                self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the start")
+                self.assertTrue(process.stdout.readline())
+                process.send_signal(number)
+                self.assertEqual(finish(process).status, 128 + number)
+                os.remove("pid")
 
     def test_ASignalThatIsIgnoredFromTheStartStaysSo(self):
         # As under nohup, or behind a shell's &.
@@ -242,14 +247,15 @@ class Memory(TestCase):
     def test_AnAddressWhereNothingAnswersIsToldWithCauseAndRemedy(self):
         # A simulated board's addresses all answer: what the kernel would send comes from the test.
         for words in ("read", "0", "1000000000"), ("dump", "0", "1000000000"), ("watch", "0"):
-            script = (f"rm -f read; {shell('mem', *words)} > read & until test -s read; do sleep 0.02; done; "
-                      "kill -BUS $!; wait $!; echo $?")
-            result = self.board("sh", "-c", script)
-            self.assertEqual((result.status, result.out), (0, "1\n"))
-            self.assertEqual(result.err,
-                             "boardctl: mem: nothing answers at that address (SIGBUS)\n"
-                             "  cause    No memory and no device is there, or the device has no clock.\n"
-                             "  remedy   Check the address, and whether the device is switched on.\n")
+            with self.subTest(words=words):
+                script = (f"rm -f read; {shell('mem', *words)} > read & until test -s read; do sleep 0.02; done; "
+                          "kill -BUS $!; wait $!; echo $?")
+                result = self.board("sh", "-c", script)
+                self.assertEqual((result.status, result.out), (0, "1\n"))
+                self.assertEqual(result.err,
+                                 "boardctl: mem: nothing answers at that address (SIGBUS)\n"
+                                 "  cause    No memory and no device is there, or the device has no clock.\n"
+                                 "  remedy   Check the address, and whether the device is switched on.\n")
 
     def test_MemoryThatTheUserMayNotOpenIsToldWithCauseAndRemedy(self):
         verbs = ["read", "0"], ["write", "0", "1"], ["watch", "0"], ["dump", "0"]

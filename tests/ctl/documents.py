@@ -29,10 +29,11 @@ class ManualPage(TestCase):
 
     def test_EveryVerbStandsInTheManualPageWithAnExample(self):
         for verb in VERBS:
-            name = " ".join(verb)
-            section = re.search(rf'(?ms)^\.SS "?{name}[ "\n].*?(?=^\.S[SH])', self.text)
-            self.assertTrue(section, f"no section for {name}")
-            self.assertRegex(section[0], rf"(?m)^\.RS\nboardctl(?: --[a-z-]+)? {name}", name)
+            with self.subTest(verb=verb):
+                name = " ".join(verb)
+                section = re.search(rf'(?ms)^\.SS "?{name}[ "\n].*?(?=^\.S[SH])', self.text)
+                self.assertTrue(section, f"no section for {name}")
+                self.assertRegex(section[0], rf"(?m)^\.RS\nboardctl(?: --[a-z-]+)? {name}", name)
 
     def test_TheOptionsOfHelpPageAndCompletionAreTheSame(self):
         known = {"--version", "--changed", "--json-lines"}
@@ -78,17 +79,20 @@ class Schema(TestCase):
         self.assertEqual(printed, set(SCHEMA["$defs"]))
         self.assertEqual([kind["$ref"] for kind in SCHEMA["oneOf"]], [f"#/$defs/{kind}" for kind in SCHEMA["$defs"]])
         for kind, schema in SCHEMA["$defs"].items():
-            self.assertEqual((schema["properties"]["kind"], schema["properties"]["schema"]), ({"const": kind}, {"const": 1}))
+            with self.subTest(kind=kind):
+                self.assertEqual((schema["properties"]["kind"], schema["properties"]["schema"]), ({"const": kind}, {"const": 1}))
 
     def test_TheComparisonFindsWhatIsMissingTooMuchOrWrong(self):
         schema = SCHEMA["$defs"]["mem_word"]
         good = {"schema": 1, "kind": "mem_word", "address": "0x00000000", "value": "0x00000001"}
         self.assertEqual(list(differences(good, schema, "it")), [])
         for fault in ({"schema": 2}, {"value": "0x1"}, {"value": None}, {"more": 1}):
-            self.assertEqual(len(list(differences({**good, **fault}, schema, "it"))), 1)
+            with self.subTest(fault=fault):
+                self.assertEqual(len(list(differences({**good, **fault}, schema, "it"))), 1)
         self.assertEqual(len(list(differences({"schema": 1, "kind": "mem_word"}, schema, "it"))), 2)
         for text in ('{"a":NaN}', '{"a":1,"a":1}', '{"a":-Infinity}'):
-            self.assertRaises(AssertionError, strict, text)
+            with self.subTest(text=text):
+                self.assertRaises(AssertionError, strict, text)
 
 
 class Completion(TestCase):
@@ -105,8 +109,9 @@ class Completion(TestCase):
     def test_ValuesThatAreCompletedAreTaken(self):
         for option in ("--bits", "--parity", "--stop", "--flow", "--speed", "--timestamps"):
             for value in complete("serial", "receive", option, ""):
-                result = ctl("serial", "receive", "/dev/null", option, value)
-                self.assertEqual(result.status, 1, result.err)  # it is the device that is refused
+                with self.subTest(option=option, value=value):
+                    result = ctl("serial", "receive", "/dev/null", option, value)
+                    self.assertEqual(result.status, 1, result.err)  # it is the device that is refused
 
     def test_DevicesAreCompletedAndNotOpened(self):
         result = self.on_board("__complete", "serial", "show", "", log="log",
@@ -116,8 +121,9 @@ class Completion(TestCase):
 
     def test_TheScriptsOfTheShellsAreThoseThatAreInstalledAndBashReadsThem(self):
         for name in ("bash", "zsh", "fish"):
-            result = ctl("completion", name)
-            self.assertEqual((result.status, result.out), (0, (SCRIPTS / f"completion.{name}").read_text()))
+            with self.subTest(name=name):
+                result = ctl("completion", name)
+                self.assertEqual((result.status, result.out), (0, (SCRIPTS / f"completion.{name}").read_text()))
         ask = (f'PATH={shlex.quote(str(pathlib.Path(BOARDCTL).parent))}:$PATH; . "{SCRIPTS}/completion.bash"; '
                'COMP_WORDS=(boardctl serial re); COMP_CWORD=2; _boardctl boardctl re serial; echo "${COMPREPLY[*]}"')
         self.assertEqual(subprocess.run(["bash", "-c", ask], capture_output=True, text=True, check=True).stdout,

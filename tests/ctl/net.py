@@ -193,10 +193,11 @@ class Net(TestCase):
 
     def test_AnInterfaceThatIsNotThereIsToldWithCauseAndRemedy(self):
         for words in (["show", "eth7"], ["address", "eth7", ADDRESS], ["link-local", "eth7"], ["clear", "address", "eth7"]):
-            result = self.on_board("net", *words)
-            self.assertEqual((result.status, result.out), (1, ""))
-            self.assertTrue(result.err.startswith(f'boardctl: net {words[0]}: Device "eth7" does not exist.\n  cause    There is '),
-                            result.err)
+            with self.subTest(words=words):
+                result = self.on_board("net", *words)
+                self.assertEqual((result.status, result.out), (1, ""))
+                self.assertTrue(result.err.startswith(f'boardctl: net {words[0]}: Device "eth7" does not exist.\n  cause    There is '),
+                                result.err)
 
     def test_AnInterfaceWhoseNameWouldBeRefusedIsNotCompleted(self):
         result = self.board("sh", "-c", "ip link add name 'e;x' type veth peer name v1; " + shell("__complete", "net", "show", ""))
@@ -257,12 +258,13 @@ class HostileNames(TestCase):
                 steps = [f"ip link add {quoted} type veth peer name v1", f"ip link set {quoted} up", "ip link set v1 up",
                          f"ip addr add {ADDRESS} dev {quoted}", f"ip route add default via 192.0.2.1 dev {quoted}"]
                 for words in (["gateway", "v1", "192.0.2.2"], ["clear", "gateway"]):
-                    result = self.in_namespace(*steps, shell("net", *words) + "; echo $?", "ip -4 route show default")
-                    self.assertEqual(result.out.splitlines()[0], "1", result.err)
-                    self.assertIn("default via 192.0.2.1", result.out)
-                    self.assertIn(f'ip reports a default route by "192.0.2.1" on "{name}", which a shell could misunderstand',
-                                  result.err)
-                    self.check_nothing_ran()
+                    with self.subTest(words=words):
+                        result = self.in_namespace(*steps, shell("net", *words) + "; echo $?", "ip -4 route show default")
+                        self.assertEqual(result.out.splitlines()[0], "1", result.err)
+                        self.assertIn("default via 192.0.2.1", result.out)
+                        self.assertIn(f'ip reports a default route by "192.0.2.1" on "{name}", which a shell could misunderstand',
+                                      result.err)
+                        self.check_nothing_ran()
 
     def test_AnAddressThatIsNoneGoesIntoNoCommand(self):
         # A lying ip: no kernel reports such a thing.
@@ -271,16 +273,18 @@ class HostileNames(TestCase):
         ip.write_text(f"#!/bin/sh\necho '2: v0: <UP>'; echo '    link/ether 02:00:00:00:00:01 brd x'; echo '    inet 1.2.3.4;x/24 scope global v0'\n")
         ip.chmod(0o755)
         for words in (["address", "v0", ADDRESS], ["clear", "address", "v0"]):
-            result = self.in_namespace(shell("net", *words))
-            self.assertEqual((result.status, result.out), (1, ""))
-            self.assertIn('ip reports the address "1.2.3.4;x/24", which is none', result.err)
-            self.check_nothing_ran()
+            with self.subTest(words=words):
+                result = self.in_namespace(shell("net", *words))
+                self.assertEqual((result.status, result.out), (1, ""))
+                self.assertIn('ip reports the address "1.2.3.4;x/24", which is none', result.err)
+                self.check_nothing_ran()
         ip.write_text("#!/bin/sh\necho 'default via 1.2.3.4;x dev v0 '\n")
         for words in (["gateway", "v0", "192.0.2.2"], ["clear", "gateway"]):
-            result = self.in_namespace(shell("net", *words))
-            self.assertEqual((result.status, result.out), (1, ""))
-            self.assertIn('ip reports a default route by "1.2.3.4;x" on "v0", which a shell could misunderstand', result.err)
-            self.check_nothing_ran()
+            with self.subTest(words=words):
+                result = self.in_namespace(shell("net", *words))
+                self.assertEqual((result.status, result.out), (1, ""))
+                self.assertIn('ip reports a default route by "1.2.3.4;x" on "v0", which a shell could misunderstand', result.err)
+                self.check_nothing_ran()
 
 
 def shell_word(text):

@@ -123,13 +123,14 @@ class ReportAsAnOrdinaryUser(Report):
 class OnAnotherNetwork(TestCase):
     def test_AHostileNameIsToldAndRunsNothing(self):
         for name in ("e0;touch trapped", "$(x)", "e0;reboot"):
-            name = name.replace(" ", "")
-            script = f"ip link add '{name}' type veth peer name v1; {shell('--json', 'report')}"
-            result = finish(start([*self.own_network(), "sh", "-c", script]))
-            self.assertEqual(result.status, 0, result.err)
-            self.assertIn(f'the name of the interface "{name}"', result.objects[0]["unusual"].__repr__())
-            self.assertIn(name, [each["interface"] for each in result.objects[0]["interfaces"]])
-            self.assertEqual(os.listdir("."), [])
+            with self.subTest(name=name):
+                name = name.replace(" ", "")
+                script = f"ip link add '{name}' type veth peer name v1; {shell('--json', 'report')}"
+                result = finish(start([*self.own_network(), "sh", "-c", script]))
+                self.assertEqual(result.status, 0, result.err)
+                self.assertIn(f'the name of the interface "{name}"', result.objects[0]["unusual"].__repr__())
+                self.assertIn(name, [each["interface"] for each in result.objects[0]["interfaces"]])
+                self.assertEqual(os.listdir("."), [])
 
 
 if __name__ == "__main__":

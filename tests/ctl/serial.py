@@ -102,15 +102,17 @@ class Serial(TestCase):
         self.assertEqual((result.status, result.out, result.err), (0, "", ""))
         self.wait_until(lambda: pathlib.Path("got").read_bytes() == b"plain\n", "the bytes at the far end")
         for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello")]:
-            result = self.on_board("--json", "serial", "send", PORT, *words, given=given,
-                                   options=["--tty", PORT + "=exec:cat > got"])
-            self.assertEqual((result.status, result.objects[0]["size_bytes"], result.objects[0]["ended"]),
-                             (0, len(got), "whole"), result.err)
-            self.wait_until(lambda: pathlib.Path("got").read_bytes() == got, "the bytes at the far end")
+            with self.subTest(words=words):
+                result = self.on_board("--json", "serial", "send", PORT, *words, given=given,
+                                       options=["--tty", PORT + "=exec:cat > got"])
+                self.assertEqual((result.status, result.objects[0]["size_bytes"], result.objects[0]["ended"]),
+                                 (0, len(got), "whole"), result.err)
+                self.wait_until(lambda: pathlib.Path("got").read_bytes() == got, "the bytes at the far end")
         for given in (b"4 8", b"xy", b"486"):
-            result = self.on_board("serial", "send", PORT, "--hex", given=given)
-            self.assertEqual(result.status, 1)
-            self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
+            with self.subTest(given=given):
+                result = self.on_board("serial", "send", PORT, "--hex", given=given)
+                self.assertEqual(result.status, 1)
+                self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
 
     def test_ASpeedThatTheUartCannotMakeIsRefusedAndAnyOtherIsTaken(self):
         result = self.on_board("serial", "send", PORT, "--speed", "123456", given=b"x", log="log")
@@ -153,10 +155,11 @@ class Serial(TestCase):
     def test_ASilentPeerIsAFailureWhereSomethingWasWaitedFor(self):
         cases = [(("--count", "5"), "after 3 bytes of 5"), (("--until", "x"), "after 3 bytes, and the text did not come")]
         for words, told in self.some_of(cases):
-            result = self.receive(*words, "--idle", "1000", sent=b"abc")
-            self.assertEqual((result.status, result.raw), (1, b"abc"))
-            self.assertIn(f"boardctl: serial receive: the far end was silent for 1000 ms {told}", result.err)
-            self.expect_put_back()
+            with self.subTest(words=words):
+                result = self.receive(*words, "--idle", "1000", sent=b"abc")
+                self.assertEqual((result.status, result.raw), (1, b"abc"))
+                self.assertIn(f"boardctl: serial receive: the far end was silent for 1000 ms {told}", result.err)
+                self.expect_put_back()
 
     def test_WhatComesIsShownInHexadecimalWithTimesAndAsJson(self):
         result = self.receive("--hex", "--count", "18", sent=bytes(range(18)))
@@ -193,14 +196,15 @@ class Serial(TestCase):
 
     def test_ASignalWhileReceivingPutsTheLineBack(self):
         for number in (signal.SIGINT, signal.SIGTERM):
-            process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('serial', 'receive', PORT)}", log="log")
-            self.wait_for_text("log", "speed=115200")
-            process.send_signal(number)
-            result = finish(process)
-            self.assertEqual(result.status, 128 + number)
-            self.assertIn("a signal came; the line's settings are put back", result.err)
-            self.expect_put_back()
-            os.remove("log")
+            with self.subTest(number=number):
+                process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('serial', 'receive', PORT)}", log="log")
+                self.wait_for_text("log", "speed=115200")
+                process.send_signal(number)
+                result = finish(process)
+                self.assertEqual(result.status, 128 + number)
+                self.assertIn("a signal came; the line's settings are put back", result.err)
+                self.expect_put_back()
+                os.remove("log")
 
     def test_ASignalWhereNobodyReadsWhatIsReceivedPutsTheLineBack(self):
         unread, write = os.pipe()
@@ -228,20 +232,22 @@ class Serial(TestCase):
     def test_ASignalAtEveryStageOfSendingPutsTheLineBackOrFindsItUntouched(self):
         # Stages: waiting for input; the far end takes nothing (flow control); before and after the opening.
         for number in (signal.SIGINT, signal.SIGTERM):
-            process = self.start_board(BOARDCTL, "serial", "send", PORT, given=b"", log="log")
-            self.wait_for_text("log", "speed=115200")
-            process.send_signal(number)
-            result = finish(process)
-            self.assertEqual(result.status, 128 + number)
-            self.expect_put_back()
-            os.remove("log")
+            with self.subTest(number=number):
+                process = self.start_board(BOARDCTL, "serial", "send", PORT, given=b"", log="log")
+                self.wait_for_text("log", "speed=115200")
+                process.send_signal(number)
+                result = finish(process)
+                self.assertEqual(result.status, 128 + number)
+                self.expect_put_back()
+                os.remove("log")
         for step in range(12):
-            # However far it has come: the time until the signal grows.
-            script = (f"{shell('serial', 'send', PORT, '/dev/zero')} & sleep 0.00{step}; kill -TERM $!; wait $!; echo $?; "
-                      f"stty -F {PORT} speed")
-            result = self.board("bash", "-c", script)
-            self.assertEqual(result.out.splitlines()[-1], "9600", result.out + result.err)
-            self.assertIn("\n143\n", "\n" + result.out)
+            with self.subTest(step=step):
+                # However far it has come: the time until the signal grows.
+                script = (f"{shell('serial', 'send', PORT, '/dev/zero')} & sleep 0.00{step}; kill -TERM $!; wait $!; echo $?; "
+                          f"stty -F {PORT} speed")
+                result = self.board("bash", "-c", script)
+                self.assertEqual(result.out.splitlines()[-1], "9600", result.out + result.err)
+                self.assertIn("\n143\n", "\n" + result.out)
 
     def test_AFarEndThatHoldsTheLineIsNamedAndASignalGivesUpAndTellsWhatWasDiscarded(self):
         pathlib.Path("file").write_bytes(bytes(3000))
@@ -289,12 +295,13 @@ class Serial(TestCase):
             "  cause    ENOENT: There is no such device.",
             "  remedy   Look at what is there: boardctl serial list."])
         for verb in ("send", "receive", "test", "report"):
-            result = self.on_board("serial", verb, "/dev/ttyS7")
-            self.assertEqual(result.status, 1)
-            self.assertIn("Open Serial Port '/dev/ttyS7' failed?: No such file or directory\n  cause", result.err)
-            result = self.on_board("serial", verb, "/dev/null")
-            self.assertEqual(result.status, 1)
-            self.assertIn("Save the current settings for serial port failed?: Inappropriate ioctl for device\n", result.err)
+            with self.subTest(verb=verb):
+                result = self.on_board("serial", verb, "/dev/ttyS7")
+                self.assertEqual(result.status, 1)
+                self.assertIn("Open Serial Port '/dev/ttyS7' failed?: No such file or directory\n  cause", result.err)
+                result = self.on_board("serial", verb, "/dev/null")
+                self.assertEqual(result.status, 1)
+                self.assertIn("Save the current settings for serial port failed?: Inappropriate ioctl for device\n", result.err)
         result = self.on_board("serial", "send", PORT, "missing")
         self.assertEqual((result.status, result.err),
                          (1, "boardctl: serial send: missing can't be read: No such file or directory\n"))
@@ -334,17 +341,18 @@ class SerialAsAnOrdinaryUser(Serial):
 class LineTest(TestCase):
     def test_AGoodLineIsFoundGoodOverTheLoopAndAnEcho(self):
         for words, options in ((["--loop"], ["--tty", PORT + "=none"]), ([], ["--tty", PORT + "=echo"])):
-            result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "9600,250000,115200",
-                                   "--size", "3000", "--turns", "10", *words, options=options, log="log")
-            self.assertEqual((result.status, result.err), (0, ""), result.out)
-            for measured, speed in zip(result.objects, (9600, 250000, 115200)):
-                self.assertEqual((measured["speed_bps"], measured["verdict"], measured["sent_bytes"],
-                                  measured["received_bytes"], measured["bit_errors"], measured["lost_bytes"],
-                                  measured["doubled_bytes"], measured["turnaround_us"]["count"]),
-                                 (speed, "good", 3000, 3000, 0, 0, 0, 10))
-            verdict = result.objects[-1]
-            self.assertEqual((verdict["passed"], verdict["speeds_good"], verdict["fastest_good_bps"]), (True, 3, 250000))
-            self.assertEqual(self.loop_events(), words != [])
+            with self.subTest(words=words):
+                result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "9600,250000,115200",
+                                       "--size", "3000", "--turns", "10", *words, options=options, log="log")
+                self.assertEqual((result.status, result.err), (0, ""), result.out)
+                for measured, speed in zip(result.objects, (9600, 250000, 115200)):
+                    self.assertEqual((measured["speed_bps"], measured["verdict"], measured["sent_bytes"],
+                                      measured["received_bytes"], measured["bit_errors"], measured["lost_bytes"],
+                                      measured["doubled_bytes"], measured["turnaround_us"]["count"]),
+                                     (speed, "good", 3000, 3000, 0, 0, 0, 10))
+                verdict = result.objects[-1]
+                self.assertEqual((verdict["passed"], verdict["speeds_good"], verdict["fastest_good_bps"]), (True, 3, 250000))
+                self.assertEqual(self.loop_events(), words != [])
 
     def loop_events(self):
         return any("TIOCMSET 0xc" in line for line in pathlib.Path("log").read_text().splitlines())
@@ -380,14 +388,15 @@ class LineTest(TestCase):
                  # More than may be under way: without an answer, it goes on.
                  (dict(lost=[*range(100, 500), *range(600, 1000), *range(1100, 1500)], changed=0, doubled=0), (0, 1200, 0))]
         for faults, counted in self.some_of(cases):
-            pathlib.Path("far.py").write_text(far_end.format(**faults))
-            pathlib.Path("ready").unlink(missing_ok=True)
-            test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "3000", "--turns", "2")
-            result = self.board("sh", "-c", "until [ -e ready ]; do sleep 0.02; done; " + test,
-                                options=["--tty", f"{PORT}=exec:{shlex.quote(sys.executable)} far.py"])
-            measured = result.objects[0]
-            self.assertEqual((measured["bit_errors"], measured["lost_bytes"], measured["doubled_bytes"]), counted)
-            self.assertEqual((result.status, measured["verdict"], result.objects[-1]["passed"]), (1, "errors", False))
+            with self.subTest(faults=faults):
+                pathlib.Path("far.py").write_text(far_end.format(**faults))
+                pathlib.Path("ready").unlink(missing_ok=True)
+                test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "3000", "--turns", "2")
+                result = self.board("sh", "-c", "until [ -e ready ]; do sleep 0.02; done; " + test,
+                                    options=["--tty", f"{PORT}=exec:{shlex.quote(sys.executable)} far.py"])
+                measured = result.objects[0]
+                self.assertEqual((measured["bit_errors"], measured["lost_bytes"], measured["doubled_bytes"]), counted)
+                self.assertEqual((result.status, measured["verdict"], result.objects[-1]["passed"]), (1, "errors", False))
 
     def test_SingleBytesThatDoNotComeBackAreErrors(self):
         result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "100",
@@ -424,11 +433,12 @@ class LineTest(TestCase):
         os.chmod("pipe", 0o666)
         for path, why in (("/dev/full", "No space left on device"), ("./nowhere/line.svg", "No such file or directory"),
                           ("./pipe", "No such device or address")):  # nobody reads it
-            result = self.on_board("serial", "test", PORT, "--loop", "--speeds", "9600", "--size", "100", "--turns", "1",
-                                   "--svg", path)
-            self.assertEqual(result.status, 1)
-            self.assertIn("\nVerdict: good at 1 of 1 speeds", result.out)
-            self.assertTrue(result.err.endswith(f"boardctl: serial test: The picture {path} can't be written: {why}\n"), result.err)
+            with self.subTest(path=path):
+                result = self.on_board("serial", "test", PORT, "--loop", "--speeds", "9600", "--size", "100", "--turns", "1",
+                                       "--svg", path)
+                self.assertEqual(result.status, 1)
+                self.assertIn("\nVerdict: good at 1 of 1 speeds", result.out)
+                self.assertTrue(result.err.endswith(f"boardctl: serial test: The picture {path} can't be written: {why}\n"), result.err)
 
     def test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack(self):
         process = self.start_board(BOARDCTL, "--json", "serial", "test", PORT, "--loop", "--size", "16777216", log="log")
@@ -438,8 +448,9 @@ class LineTest(TestCase):
         self.assertEqual(result.status, 143)
         *measured, verdict = result.objects
         for found in measured:
-            self.assertEqual(found["verdict"], "stopped")
-            self.assertLess(found["received_bytes"], 16777216)
+            with self.subTest(speed=found["speed_bps"]):
+                self.assertEqual(found["verdict"], "stopped")
+                self.assertLess(found["received_bytes"], 16777216)
         self.assertFalse(verdict["passed"])
         lines = pathlib.Path("log").read_text().splitlines()
         self.assertIn("settings speed=9600", [line for line in lines if "settings" in line][-1])

@@ -78,15 +78,16 @@ class Terminal(TestCase):
             "pathlib.Path('senders').write_text(str(senders))\n")
         command = shlex.join(["--", sys.executable, f"{self.folder}/command.py"])
         for words in (shlex.join([BOARDCTL, "run"]), self.on_board("watchdog", "run", "/dev/watchdog")):
-            # The terminal's own shell would see it stand still, and take the terminal back.
-            script = shlex.quote(f"cd {shlex.quote(self.folder)}; {words} {command}; echo status $?")
-            self.type(f"clear; sh -c {script}")
-            self.wait_until(pathlib.Path("ready").exists, "the command's start")
-            self.tmux("send-keys", "-t", "it", "C-c")
-            self.wait_until(lambda: pathlib.Path("senders").exists() and pathlib.Path("senders").read_text(), "the command's end")
-            self.assertEqual(pathlib.Path("senders").read_text(), "[0]")
-            pathlib.Path("ready").unlink()
-            pathlib.Path("senders").unlink()
+            with self.subTest(words=words):
+                # The terminal's own shell would see it stand still, and take the terminal back.
+                script = shlex.quote(f"cd {shlex.quote(self.folder)}; {words} {command}; echo status $?")
+                self.type(f"clear; sh -c {script}")
+                self.wait_until(pathlib.Path("ready").exists, "the command's start")
+                self.tmux("send-keys", "-t", "it", "C-c")
+                self.wait_until(lambda: pathlib.Path("senders").exists() and pathlib.Path("senders").read_text(), "the command's end")
+                self.assertEqual(pathlib.Path("senders").read_text(), "[0]")
+                pathlib.Path("ready").unlink()
+                pathlib.Path("senders").unlink()
 
     def complete_by_tab(self, start_shell, read_completion):
         folder = shlex.quote(str(pathlib.Path(BOARDCTL).parent))
@@ -127,20 +128,22 @@ class WithoutTerminal(TestCase):
     def test_NeitherProgressNorColourGoesIntoAFile(self):
         pathlib.Path("file").write_bytes(bytes(60000))
         for words in (["serial", "send", PORT, "file"], ["serial", "test", PORT, "--speeds", "9600", "--size", "500"]):
-            result = self.on_board(*words)
-            self.assertEqual(result.status, 0)
-            self.assertNotIn("\x1b", result.out + result.err)
-            self.assertNotIn("\r", result.out + result.err)
+            with self.subTest(words=words):
+                result = self.on_board(*words)
+                self.assertEqual(result.status, 0)
+                self.assertNotIn("\x1b", result.out + result.err)
+                self.assertNotIn("\r", result.out + result.err)
 
     def test_AFilesProgressIsShownOnATerminalButNotOnADumbOne(self):
         pathlib.Path("file").write_bytes(bytes(300000))
         for terminal, words, shows in (("dumb", [], False), ("vt100", ["--quiet"], False), ("vt100", [], True)):
-            command = self.shell_on_board(*words)
-            result = subprocess.run(["script", "-qec", f"TERM={terminal} {command}", "/dev/null"], capture_output=True,
-                                    stdin=subprocess.DEVNULL, check=True)
-            self.assertEqual(b"\x1b[K" in result.stdout, shows, result.stdout)
-            bar = rb"\r\[\.{30}\] 0 %  1.0 KiB of 293.0 KiB  .*\r\[#{30}\] 100 %  293.0 KiB of 293.0 KiB  .*/s  0 s left"
-            self.assertEqual(re.search(bar, result.stdout, re.S) is not None, shows, result.stdout)
+            with self.subTest(terminal=terminal, words=words):
+                command = self.shell_on_board(*words)
+                result = subprocess.run(["script", "-qec", f"TERM={terminal} {command}", "/dev/null"], capture_output=True,
+                                        stdin=subprocess.DEVNULL, check=True)
+                self.assertEqual(b"\x1b[K" in result.stdout, shows, result.stdout)
+                bar = rb"\r\[\.{30}\] 0 %  1.0 KiB of 293.0 KiB  .*\r\[#{30}\] 100 %  293.0 KiB of 293.0 KiB  .*/s  0 s left"
+                self.assertEqual(re.search(bar, result.stdout, re.S) is not None, shows, result.stdout)
 
     def shell_on_board(self, *words):
         return shlex.join([BOARDSIM, "--", BOARDCTL, *words, "serial", "send", PORT, "file"])

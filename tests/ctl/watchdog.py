@@ -67,23 +67,25 @@ class Watchdog(TestCase):
         os.mkfifo("dog", 0)
         run = without_rights if os.geteuid() == 0 else shell
         for words in (["feed", "./dog"], ["run", "./dog", "--", "touch", "ran"]):
-            result = finish(start(["sh", "-c", run("watchdog", *words)]))
-            self.assertEqual((result.status, result.out), (1, ""))
-            self.assertTrue(result.err.startswith(
-                f"boardctl: watchdog {words[0]}:  Could not open watchdog device!: Permission denied\n"
-                "  cause    EACCES, EPERM: The user may not open it.\n  remedy   Run as root, or give the user the right"), result.err)
+            with self.subTest(words=words):
+                result = finish(start(["sh", "-c", run("watchdog", *words)]))
+                self.assertEqual((result.status, result.out), (1, ""))
+                self.assertTrue(result.err.startswith(
+                    f"boardctl: watchdog {words[0]}:  Could not open watchdog device!: Permission denied\n"
+                    "  cause    EACCES, EPERM: The user may not open it.\n  remedy   Run as root, or give the user the right"), result.err)
         self.assertFalse(os.path.exists("ran"))
 
     def test_FedUntilASignalItIsDisarmedAndSaysSo(self):
         for number, times in (signal.SIGINT, 4), (signal.SIGTERM, 1), (signal.SIGHUP, 1):
-            script = (f"set -m; {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & {self.fed(times)}; "
-                      f"kill -{number:d} $!; wait $!")
-            result = self.board("bash", "-c", script, log="log")
-            self.assertEqual((result.status, result.out), (128 + number, ""))
-            self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
-                "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 1 s; it is fed each 0.3 s.",
-                "boardctl: /dev/watchdog is disarmed."])
-            self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
+            with self.subTest(number=number):
+                script = (f"set -m; {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & {self.fed(times)}; "
+                          f"kill -{number:d} $!; wait $!")
+                result = self.board("bash", "-c", script, log="log")
+                self.assertEqual((result.status, result.out), (128 + number, ""))
+                self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
+                    "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 1 s; it is fed each 0.3 s.",
+                    "boardctl: /dev/watchdog is disarmed."])
+                self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
 
     def test_TheTerminalsStopKeyDoesNotStopTheFeeding(self):
         script = (f"set -m; {shell('--quiet', 'watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & "
@@ -95,11 +97,12 @@ class Watchdog(TestCase):
     def test_ASignalRightAtTheStartLeavesNothingArmed(self):
         # At every stage between the start and the first feeding.
         for delay in range(0, 40, 4):
-            script = (f"{shell('watchdog', 'run', DEVICE, '--', 'sleep', '60')} & "
-                      f"{'sleep 0.0%02d' % delay if delay else ':'}; kill -TERM $!; wait $!; echo $?")
-            result = self.board("bash", "-c", script, log="log")
-            self.assertEqual((result.status, result.out), (0, "143\n"), result.err)
-            self.assertIn(self.events(), ([], ["open", "timeout 30", "write magic", "close: stopped"]))
+            with self.subTest(delay=delay):
+                script = (f"{shell('watchdog', 'run', DEVICE, '--', 'sleep', '60')} & "
+                          f"{'sleep 0.0%02d' % delay if delay else ':'}; kill -TERM $!; wait $!; echo $?")
+                result = self.board("bash", "-c", script, log="log")
+                self.assertEqual((result.status, result.out), (0, "143\n"), result.err)
+                self.assertIn(self.events(), ([], ["open", "timeout 30", "write magic", "close: stopped"]))
 
     def test_ACommandThatEndsWellIsFedWhileItLivesThenItIsDisarmed(self):
         result = self.run_under_it("--interval", "1", "--", "sh", "-c", "sleep 1.5; echo it ran")
@@ -109,11 +112,12 @@ class Watchdog(TestCase):
 
     def test_ACommandThatFailsLeavesTheBoardToItsReset(self):
         for command, how in [("exit 3", "ended with status 3"), ("kill -9 $$", "was ended by signal 9")]:
-            script = f"{shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', command)}; echo $?; sleep 9"
-            result = self.board("sh", "-c", script, log="log")
-            self.assertEqual((result.status, result.out), (RESET, "1\n"))
-            self.assertIn(f"boardctl: the command {how}: no more feeding, THE BOARD RESETS within 1 s.\n", result.err)
-            self.assertEqual(self.events()[:3], ["open", "timeout 1", "close: not stopped"])
+            with self.subTest(command=command):
+                script = f"{shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', command)}; echo $?; sleep 9"
+                result = self.board("sh", "-c", script, log="log")
+                self.assertEqual((result.status, result.out), (RESET, "1\n"))
+                self.assertIn(f"boardctl: the command {how}: no more feeding, THE BOARD RESETS within 1 s.\n", result.err)
+                self.assertEqual(self.events()[:3], ["open", "timeout 1", "close: not stopped"])
 
     def test_ACommandThatCannotBeStartedLeavesNothingArmed(self):
         result = self.run_under_it("--", "./nope")
@@ -143,13 +147,14 @@ class Watchdog(TestCase):
 
     def test_ASignalIsHandedOnAndItIsFedUntilTheCommandHasEnded(self):
         for number, pause in (signal.SIGINT, 1.5), (signal.SIGTERM, 0):
-            command = f"trap 'sleep {pause}; echo tidy; exit 5' INT TERM; echo $$ > pid; while :; do sleep 0.1; done"
-            script = (f"set -m; {shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', command)} & "
-                      f"until test -s pid; do sleep 0.02; done; kill -{number:d} $!; wait $!")
-            result = self.board("bash", "-c", script, log="log")
-            self.assertEqual((result.status, result.out), (128 + number, "tidy\n"), result.err)
-            self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
-            os.remove("pid")
+            with self.subTest(number=number):
+                command = f"trap 'sleep {pause}; echo tidy; exit 5' INT TERM; echo $$ > pid; while :; do sleep 0.1; done"
+                script = (f"set -m; {shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'sh', '-c', command)} & "
+                          f"until test -s pid; do sleep 0.02; done; kill -{number:d} $!; wait $!")
+                result = self.board("bash", "-c", script, log="log")
+                self.assertEqual((result.status, result.out), (128 + number, "tidy\n"), result.err)
+                self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
+                os.remove("pid")
 
     def test_ItIsFedOnlyWhileTheCheckSucceeds(self):
         run = shell("watchdog", "run", DEVICE, "--interval", "1", "--check", "test -e well", "--", "sleep", "60")
@@ -186,19 +191,20 @@ class Watchdog(TestCase):
 
     def test_AnIntervalThatTheDriverRefusesIsToldWithTheWayOut(self):
         for verb in ["feed"], ["run"]:
-            script = f"{shell('watchdog', *verb, DEVICE, '--interval', '65536', *(['--', 'touch', 'ran'] if verb == ['run'] else []))}; echo $?"
-            # The way out that it names works.
-            script += (f"; set -m; {shell('watchdog', 'feed', DEVICE)} & until grep -q 'timeout 30' log; do sleep 0.02; done; "
-                       "kill -INT $!; wait $!")
-            result = self.board("bash", "-c", script, log="log")
-            self.assertEqual((result.status, result.out), (130, "1\n"), result.err)
-            self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened for asking: it counts with its old "
-                          "time-out, and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
-                          result.err)
-            self.assertIn(": Could not set watchdog interval\n  cause    The driver refuses the value", result.err)
-            self.assertFalse(os.path.exists("ran"))
-            self.assertEqual(self.events(), ["open", "timeout refused: 65536", "close: not stopped", "open", "timeout 30",
-                                             "write magic", "close: stopped"])
+            with self.subTest(verb=verb):
+                script = f"{shell('watchdog', *verb, DEVICE, '--interval', '65536', *(['--', 'touch', 'ran'] if verb == ['run'] else []))}; echo $?"
+                # The way out that it names works.
+                script += (f"; set -m; {shell('watchdog', 'feed', DEVICE)} & until grep -q 'timeout 30' log; do sleep 0.02; done; "
+                           "kill -INT $!; wait $!")
+                result = self.board("bash", "-c", script, log="log")
+                self.assertEqual((result.status, result.out), (130, "1\n"), result.err)
+                self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened for asking: it counts with its old "
+                              "time-out, and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
+                              result.err)
+                self.assertIn(": Could not set watchdog interval\n  cause    The driver refuses the value", result.err)
+                self.assertFalse(os.path.exists("ran"))
+                self.assertEqual(self.events(), ["open", "timeout refused: 65536", "close: not stopped", "open", "timeout 30",
+                                                 "write magic", "close: stopped"])
 
     def driver_that(self, answers):
         """The words of a shell that let a command see another driver: none such is available, so the test changes what the
@@ -246,7 +252,8 @@ class Watchdog(TestCase):
         script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & until grep -qs 'timeout 1' log; do sleep 0.02; done; kill -KILL $!; sleep 60"
         self.assertEqual(self.board("sh", "-c", script, log="log").status, RESET)
         for verb in "feed", "run":
-            self.assertIn(" killed", ctl("watchdog", verb, "--help").out)
+            with self.subTest(verb=verb):
+                self.assertIn(" killed", ctl("watchdog", verb, "--help").out)
 
     def test_NobodyReadingItsWordsItFeedsOn(self):
         feed = f"echo $$ > pid; exec {shell('watchdog', 'feed', DEVICE, '--interval', '1')} 2>&1"
@@ -274,7 +281,8 @@ class Watchdog(TestCase):
 
     def test_TheFirstLineOfTheHelpSaysThatTheBoardResets(self):
         for verb in "feed", "run":
-            self.assertEqual(ctl("watchdog", verb, "--help").out.splitlines()[0], "If feeding stops, THE BOARD RESETS.")
+            with self.subTest(verb=verb):
+                self.assertEqual(ctl("watchdog", verb, "--help").out.splitlines()[0], "If feeding stops, THE BOARD RESETS.")
 
 
 class WatchdogAsAnOrdinaryUser(Watchdog):
