@@ -2,7 +2,7 @@
 """The command line of boardctl: help, options, and what is refused."""
 import re
 
-from ctl import BOARDCTL, ctl, finish, main, start, TestCase
+from ctl import BOARDCTL, POPEN_FAILED, ctl, finish, main, start, TestCase
 
 # Every verb, with the arguments that it takes at least.
 VERBS = {
@@ -137,11 +137,11 @@ class Arguments(TestCase):
                 self.assertEqual(result.status, 2, result.err)
 
     def test_OptionsOfAllVerbsStandBeforeOrBehindTheVerb(self):
-        for words in (["--json", "explain", "popen failed"], ["explain", "--json", "popen failed"],
-                      ["explain", "popen failed", "--json"]):
+        for words in (["--json", "explain", POPEN_FAILED], ["explain", "--json", POPEN_FAILED],
+                      ["explain", POPEN_FAILED, "--json"]):
             with self.subTest(words=words):
                 result = ctl(*words)
-                self.assertEqual((result.status, result.objects[-1]["kind"]), (0, "explained"))
+                self.assertEqual((result.status, [found.get("id") for found in result.objects]), (0, ["err-popen", None]))
 
     def test_AnArgumentThatIsCalledLikeAVerbIsAnArgument(self):
         result = ctl("explain", "mem")

@@ -6,7 +6,8 @@ import os
 import signal
 import subprocess
 
-from ctl import BOARDCTL, PATIENCE, SOURCE, ctl, finish, main, shell, start, TestCase, without_rights
+from ctl import (BOARDCTL, DISK_FULL, MEMORY_NOT_OPENED, NO_IP, NO_MEMORY_FOR_POPEN, PATIENCE, POPEN_FAILED, SOURCE,
+                 WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, TestCase, without_rights)
 
 CATALOGUE = json.loads((SOURCE / "docs/errors.json").read_text())["errors"]
 
@@ -40,7 +41,7 @@ class Explain(TestCase):
                 ("Error writing to file descriptor. No bytes written:", "err-write-loop-nothing"),
                 (" SetLoopback TIOCMGET failed!: Inappropriate ioctl for device", "err-serial-loop-get"),
                 ("TIOCMGET failed?: Inappropriate ioctl for device", "err-serial-lines-get"),
-                ("Could not open watchdog device!: Device or resource busy", "err-watchdog-open")]:
+                (WATCHDOG_NOT_OPENED + ": Device or resource busy", "err-watchdog-open")]:
             with self.subTest(message=message):
                 self.assertEqual([found.get("id") for found in ctl("--json", "explain", message).objects],
                                  [identity, None])
@@ -53,14 +54,14 @@ class Explain(TestCase):
         self.assertEqual(found[0]["errno"], "EINVAL")
 
     def test_AWholeLogIsReadFromStandardInputAndLinesAreNumbered(self):
-        log = b"all is well\n12:00 app: popen failed: Cannot allocate memory\n\xff\xfe\nip: not found\n"
+        log = f"all is well\n12:00 app: {NO_MEMORY_FOR_POPEN}\n\xff\xfe\n{NO_IP}\n".encode("latin-1")
         result = ctl("--json", "explain", "-", given=log)
         self.assertEqual([(found.get("line"), found.get("id")) for found in result.objects[:-1]],
                          [(2, "err-popen"), (4, "err-ip-missing")])
         self.assertEqual(result.objects[-1], {"schema": 1, "kind": "explained", "lines": 4, "explanations": 2})
         self.assertEqual(ctl("--json", "explain", "-", given=log.rstrip()).objects, result.objects)  # the last line, unended
         result = ctl("explain", "-", given=log)
-        self.assertIn("2: 12:00 app: popen failed: Cannot allocate memory\n", result.out)
+        self.assertIn(f"2: 12:00 app: {NO_MEMORY_FOR_POPEN}\n", result.out)
         self.assertIn("  cause    ENOMEM, EAGAIN: Out of memory or processes.\n", result.out)
         self.assertIn("  remedy   Look for a leak: free, ps.\n", result.out)
 
@@ -68,11 +69,11 @@ class Explain(TestCase):
         for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(number=number):
                 process = start([BOARDCTL, "explain", "-"], stdin=subprocess.PIPE)
-                process.stdin.write(b"popen fai")
+                process.stdin.write(NO_MEMORY_FOR_POPEN[:9].encode())
                 process.stdin.flush()
-                process.stdin.write(b"led: Cannot allocate memory\nall is ")
+                process.stdin.write(NO_MEMORY_FOR_POPEN[9:].encode() + b"\nall is ")
                 process.stdin.flush()
-                self.assertEqual(process.stdout.readline(), b"1: popen failed: Cannot allocate memory\n")
+                self.assertEqual(process.stdout.readline(), f"1: {NO_MEMORY_FOR_POPEN}\n".encode())
                 process.send_signal(number)
                 # Standard input stays open.
                 self.assertEqual(process.wait(PATIENCE), 128 + number)
@@ -142,13 +143,13 @@ class Output(TestCase):
     def test_NobodyReadingEndsItWithoutAWord(self):
         read, write = os.pipe()
         os.close(read)
-        result = finish(start([BOARDCTL, "explain", "popen failed"], stdout=write))
+        result = finish(start([BOARDCTL, "explain", POPEN_FAILED], stdout=write))
         os.close(write)
         self.assertEqual((result.status, result.err), (1, ""))
 
     def test_ASignalEndsItAlsoWhereThePipeIsFullAndNobodyReads(self):
         with open("log", "w", encoding="ascii") as log:
-            log.write("popen failed: Cannot allocate memory\n" * 1000)
+            log.write((NO_MEMORY_FOR_POPEN + "\n") * 1000)
         for words in (["run", "yes | head -c 300000"], ["explain", "-"]):
             for number in (signal.SIGINT, signal.SIGTERM):
                 with self.subTest(words=words, number=number):
@@ -163,9 +164,9 @@ class Output(TestCase):
 
     def test_AFullDiskIsToldWithItsCauseAndStatus1(self):
         with open("/dev/full", "w") as full:
-            result = finish(start([BOARDCTL, "explain", "popen failed"], stdout=full))
+            result = finish(start([BOARDCTL, "explain", POPEN_FAILED], stdout=full))
         self.assertEqual(result.status, 1)
-        self.assertEqual(result.err, "boardctl: explain: Standard output can't be written: No space left on device\n")
+        self.assertEqual(result.err, f"boardctl: explain: {DISK_FULL}\n")
 
 
 class Memory(TestCase):
@@ -241,7 +242,7 @@ class Memory(TestCase):
         self.assertEqual(result.status, 1)
         self.assertEqual(result.out, "")
         self.assertTrue(result.err.startswith(
-            "boardctl: mem read: ReadFromMemory Open /dev/mem failed: No such file or directory\n  cause    ENOENT"))
+            f"boardctl: mem read: {MEMORY_NOT_OPENED}: No such file or directory\n  cause    ENOENT"))
         self.assertIn("\n  remedy   Build the kernel with CONFIG_DEVMEM.\n", result.err)
 
     def test_AnAddressWhereNothingAnswersIsToldWithCauseAndRemedy(self):
@@ -263,7 +264,7 @@ class Memory(TestCase):
         result = self.board("sh", "-c", script)
         self.assertEqual((result.status, result.out), (0, "1\n" * len(verbs)))
         for words in verbs:
-            self.assertIn(f"boardctl: mem {words[0]}: ReadFromMemory Open /dev/mem failed: Permission denied\n"
+            self.assertIn(f"boardctl: mem {words[0]}: {MEMORY_NOT_OPENED}: Permission denied\n"
                           "  cause    EACCES: The user may not open /dev/mem.\n  remedy   Run as root.\n"
                           if words[0] != "write" else f"boardctl: mem {words[0]}: ", result.err)
         self.assertEqual(result.err.count(" failed: Permission denied\n  cause    EACCES"), len(verbs))

@@ -22,6 +22,15 @@ BOARDSIM = os.environ["BOARDSIM"]
 SOURCE = pathlib.Path(os.environ["SOURCE"])
 SCHEMA = json.loads((SOURCE / "docs/boardctl-schema.json").read_text())
 PATIENCE = 100  # seconds, after which something hangs
+
+# Fixed texts, of the library and of the tool, that several tests expect.
+POPEN_FAILED = "popen failed"
+NO_MEMORY_FOR_POPEN = POPEN_FAILED + ": Cannot allocate memory"
+NO_IP = "ip: not found"
+MEMORY_NOT_OPENED = "ReadFromMemory Open /dev/mem failed"
+WATCHDOG_NOT_OPENED = " Could not open watchdog device!"
+DISK_FULL = "Standard output can't be written: No space left on device"
+
 os.environ["PATH"] += ":/usr/sbin:/sbin"
 os.environ["LC_ALL"] = "C"
 os.environ.pop("NO_COLOR", None)
@@ -108,6 +117,10 @@ def ctl(*arguments, given=None, **keywords):
     if given is not None:
         keywords["stdin"] = subprocess.PIPE
     return finish(start([BOARDCTL, *arguments], **keywords), given)
+
+
+def port_not_opened(device):
+    return f"Open Serial Port '{device}' failed?"
 
 
 @functools.lru_cache(maxsize=None)

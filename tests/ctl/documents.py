@@ -7,7 +7,7 @@ import subprocess
 import sys
 
 from arguments import VERBS
-from ctl import BOARDCTL, SCHEMA, SOURCE, ctl, differences, main, shell, strict, TestCase
+from ctl import BOARDCTL, NO_MEMORY_FOR_POPEN, SCHEMA, SOURCE, ctl, differences, main, shell, strict, TestCase
 
 PAGE = SOURCE / "tools/boardctl/boardctl.1"
 SCRIPTS = SOURCE / "tools/boardctl"
@@ -55,7 +55,7 @@ class Schema(TestCase):
         ("serial", "test"): ["/dev/ttyS1", "--loop", "--speeds", "9600", "--size", "100", "--turns", "1"],
         ("mem", "read"): ["0"], ("mem", "write"): ["0", "1"], ("mem", "watch"): ["0"], ("mem", "dump"): ["0"],
         ("report",): [], ("watchdog", "show"): ["/dev/watchdog"], ("run",): ["printf '\\377\\1'"],
-        ("explain",): ["popen failed: Cannot allocate memory"], ("net", "show"): [],
+        ("explain",): [NO_MEMORY_FOR_POPEN], ("net", "show"): [],
         ("net", "address"): ["eth0", "192.0.2.10/24"], ("net", "gateway"): ["eth0", "192.0.2.1"],
         ("net", "clear"): ["gateway"], ("net", "link-local"): ["eth1", "--dry-run"]}
 

@@ -4,7 +4,7 @@ import os
 import pathlib
 import shutil
 
-from ctl import BOARDCTL, finish, main, shell, start, TestCase
+from ctl import BOARDCTL, NO_IP, finish, main, shell, start, TestCase
 
 ADDRESS = "192.0.2.10/24"
 
@@ -206,7 +206,7 @@ class Net(TestCase):
     def test_WithoutIpItIsToldWithCauseAndRemedy(self):
         result = self.board("sh", "-c", f"PATH=/nowhere; {shell('net', 'show', 'eth0')}")
         self.assertEqual(result.status, 1)
-        self.assertIn("ip: not found\n  cause    There is no ip in PATH", result.err)
+        self.assertIn(NO_IP + "\n  cause    There is no ip in PATH", result.err)
 
 
 class NetAsAnOrdinaryUser(Net):

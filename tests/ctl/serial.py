@@ -12,7 +12,7 @@ import sys
 import termios
 import xml.etree.ElementTree
 
-from ctl import BOARDCTL, PATIENCE, ctl, finish, main, shell, TestCase, without_rights
+from ctl import BOARDCTL, DISK_FULL, PATIENCE, ctl, finish, main, port_not_opened, shell, TestCase, without_rights
 
 PORT = "/dev/ttyS1"
 
@@ -177,7 +177,7 @@ class Serial(TestCase):
                                    options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; echo x; cat > rest"])
         result = finish(process)
         self.assertEqual(result.status, 1)
-        self.assertIn("Standard output can't be written: No space left on device", result.err)
+        self.assertIn(DISK_FULL, result.err)
         self.expect_put_back()
 
     def test_APortThatIsUnpluggedInTheMiddleIsAFailureWithItsCause(self):
@@ -291,14 +291,14 @@ class Serial(TestCase):
         result = self.on_board("serial", "show", "/dev/ttyS7")
         self.assertEqual(result.status, 1)
         self.assertEqual(result.err.splitlines()[:3], [
-            "boardctl: serial show: Open Serial Port '/dev/ttyS7' failed?: No such file or directory",
+            f"boardctl: serial show: {port_not_opened('/dev/ttyS7')}: No such file or directory",
             "  cause    ENOENT: There is no such device.",
             "  remedy   Look at what is there: boardctl serial list."])
         for verb in ("send", "receive", "test", "report"):
             with self.subTest(verb=verb):
                 result = self.on_board("serial", verb, "/dev/ttyS7")
                 self.assertEqual(result.status, 1)
-                self.assertIn("Open Serial Port '/dev/ttyS7' failed?: No such file or directory\n  cause", result.err)
+                self.assertIn(port_not_opened("/dev/ttyS7") + ": No such file or directory\n  cause", result.err)
                 result = self.on_board("serial", verb, "/dev/null")
                 self.assertEqual(result.status, 1)
                 self.assertIn("Save the current settings for serial port failed?: Inappropriate ioctl for device\n", result.err)
@@ -314,7 +314,7 @@ class Serial(TestCase):
         told = result.err.split("boardctl: ")[1:]
         self.assertEqual(len(told), len(verbs))
         for verb, words in zip(verbs, told):
-            self.assertTrue(words.startswith(f"serial {verb}: Open Serial Port '{PORT}' failed?: Permission denied\n"
+            self.assertTrue(words.startswith(f"serial {verb}: {port_not_opened(PORT)}: Permission denied\n"
                                              "  cause    EACCES, EPERM: "), words)
             self.assertIn("\n  remedy   Add the user to that group (adduser USER dialout", words)
         self.assertEqual([event for event in self.events() if event.startswith("settings ")], [])

@@ -2,12 +2,13 @@
 """The watchdog: show, feed, run."""
 import os
 import pathlib
+import re
 import shlex
 import signal
 import subprocess
 import sys
 
-from ctl import ctl, finish, main, shell, start, TestCase, without_rights
+from ctl import WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, TestCase, without_rights
 
 DEVICE = "/dev/watchdog"
 RESET = 86  # boardsim's status when the watchdog has reset the board
@@ -47,7 +48,7 @@ class Watchdog(TestCase):
         result = self.board("sh", "-c", script, log="log")
         self.assertRegex(result.out, r'"held_by":\[\{"pid":\d+,"name":"boardctl"\}\]\}\n1\n143\n$')
         self.assertRegex(result.err, r"boardctl: /dev/watchdog is in use, by boardctl \(\d+\)\. Nothing was armed\.\n"
-                                     r"boardctl: watchdog run:  Could not open watchdog device!: Device or resource busy\n"
+                                     rf"boardctl: watchdog run: {re.escape(WATCHDOG_NOT_OPENED)}: Device or resource busy\n"
                                      r"  cause    EBUSY: ")
         self.assertFalse(os.path.exists("ran"))
         self.assertEqual(self.events(), ["open", "timeout 30", "open refused: busy", "write magic", "close: stopped"])
@@ -55,7 +56,7 @@ class Watchdog(TestCase):
     def test_WhatIsNoWatchdogIsNotOpened(self):
         for device, words in [("/dev/null", "/dev/null is no watchdog\n"),
                               ("/etc/passwd", "/etc/passwd is no watchdog\n"),
-                              ("/dev/nope", " Could not open watchdog device!: No such file or directory\n  cause")]:
+                              ("/dev/nope", WATCHDOG_NOT_OPENED + ": No such file or directory\n  cause")]:
             for verb in ["show"], ["feed"], ["run"]:
                 with self.subTest(device=device, verb=verb):
                     result = ctl("watchdog", *verb, device, *(["--", "true"] if verb == ["run"] else []))
@@ -71,7 +72,7 @@ class Watchdog(TestCase):
                 result = finish(start(["sh", "-c", run("watchdog", *words)]))
                 self.assertEqual((result.status, result.out), (1, ""))
                 self.assertTrue(result.err.startswith(
-                    f"boardctl: watchdog {words[0]}:  Could not open watchdog device!: Permission denied\n"
+                    f"boardctl: watchdog {words[0]}: {WATCHDOG_NOT_OPENED}: Permission denied\n"
                     "  cause    EACCES, EPERM: The user may not open it.\n  remedy   Run as root, or give the user the right"), result.err)
         self.assertFalse(os.path.exists("ran"))
 
