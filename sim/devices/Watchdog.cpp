@@ -4,6 +4,7 @@
 #include <linux/watchdog.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,6 +36,24 @@ std::string Seconds(Watchdog::Clock::duration time) {
 /// The first watchdog has two names.
 std::string OtherName(const std::string& path) {
   return path == kPath ? kNumberedPath : "";
+}
+
+/// Opens the node for the board itself, whatever rights the application has left it. Who is not root may not ignore
+/// these, but as the owner he may change them for a moment.
+Descriptor OpenNode(const Descriptor& node, int flags) {
+  const std::string path = PathOf(node.Get());
+  Descriptor opened(::open(path.c_str(), flags | O_CLOEXEC));
+  struct stat status {};
+  if (!opened && errno == EACCES && ::stat(path.c_str(), &status) == 0) {
+    const mode_t mode = status.st_mode & ALLPERMS;
+    if (::chmod(path.c_str(), mode | S_IRUSR | S_IWUSR) == 0) {
+      opened = Descriptor(::open(path.c_str(), flags | O_CLOEXEC));
+      const int error = errno;
+      ::chmod(path.c_str(), mode);
+      errno = error;
+    }
+  }
+  return opened;
 }
 
 class WatchdogKind : public DeviceKind {
@@ -148,7 +167,7 @@ bool Watchdog::IsCalled(const std::string& name) const {
 Descriptor Watchdog::Open(int flags) const {
   // Also for both: reading would take away what was written.
   const int kept = O_WRONLY | (flags & O_NONBLOCK);
-  Descriptor own(::open(PathOf(m_fifo.Get()).c_str(), kept | O_CLOEXEC));
+  Descriptor own = OpenNode(m_fifo, kept);
   if (!own || ::fcntl(own.Get(), F_SETFL, kept | O_DIRECT) == -1) {
     throw RequestError{errno};
   }
@@ -284,7 +303,7 @@ void Watchdog::Begin() {
 }
 
 void Watchdog::Reopen() {
-  m_reader = Descriptor(::open(PathOf(m_fifo.Get()).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  m_reader = OpenNode(m_fifo, O_RDONLY | O_NONBLOCK);
 }
 
 /// One that counts already is not fed by that.

@@ -132,7 +132,15 @@ TEST_F(Watchdog, AnOpenThatTheRightsOfTheNodeRefuseStartsNothing) {
 }
 
 TEST_F(Watchdog, TheRightsOfTheNodeSayWhoMayOpenIt) {
-  ExpectSteps({}, {kProbe, "allowed"});
+  for (const User user : {User::kOneself, User::kOrdinary}) {
+    SCOPED_TRACE(user == User::kOrdinary ? "an ordinary user" : "the user of the tests");
+    Start start;
+    start.command = {kProbe, "allowed"};
+    start.user = user;
+    const Outcome outcome = Run(start);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.errors, "");
+  }
 }
 
 TEST_F(Watchdog, AnOpenForWhichNoDescriptorIsLeftStartsNothing) {
