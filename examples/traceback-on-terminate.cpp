@@ -36,6 +36,7 @@ thread_local bool recording = false;
 }  // namespace
 
 // Every throw of the program and its shared libraries comes here.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): it is the language's own.
 extern "C" [[noreturn]] void __cxa_throw(void* exception, void* type, void (*destroy)(void*)) {
   if (!recording) {  // else memory has run out for the traceback itself
     recording = true;

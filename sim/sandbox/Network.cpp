@@ -14,7 +14,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -135,7 +135,7 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
 
 void SetUp(const char* interface) {
   ifreq request{};
-  std::strcpy(request.ifr_name, interface);
+  std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", interface);
   const Descriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   bool isUp = socket && ::ioctl(socket.Get(), SIOCGIFFLAGS, &request) == 0;
   request.ifr_flags = static_cast<short>(request.ifr_flags | IFF_UP);

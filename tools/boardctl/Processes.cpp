@@ -18,7 +18,7 @@ std::vector<int> NumbersIn(const std::string& folder) {
   const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), ::closedir);
   for (const dirent* entry = open ? ::readdir(open.get()) : nullptr; entry != nullptr; entry = ::readdir(open.get())) {
     if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9') {
-      numbers.push_back(std::atoi(entry->d_name));
+      numbers.push_back(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
     }
   }
   std::sort(numbers.begin(), numbers.end());

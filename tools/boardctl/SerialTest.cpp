@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -26,9 +27,8 @@ using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<unsigned char>;
 
 /// The standard speeds from 9600 on: what is tried if nothing else is asked for.
-const std::vector<std::uint32_t> kStandardSpeeds = {9600,    19200,   38400,   57600,  115200,  230400,
-                                                    460800,  500000,  576000,  921600, 1000000, 1152000,
-                                                    1500000, 2000000, 2500000, 3000000};
+constexpr std::uint32_t kStandardSpeeds[] = {9600,   19200,  38400,   57600,   115200,  230400,  460800,  500000,
+                                             576000, 921600, 1000000, 1152000, 1500000, 2000000, 2500000, 3000000};
 
 struct Arguments {
   LineOptions line;
@@ -256,12 +256,13 @@ void Draw(const std::vector<Measurement>& all, const Arguments& arguments) {
 
 int Test(const Arguments& arguments, Call& call) {
   const bool isAsked = !arguments.speeds.empty();
-  const std::vector<std::uint32_t>& speeds = isAsked ? arguments.speeds : kStandardSpeeds;
+  const std::vector<std::uint32_t> speeds =
+      isAsked ? arguments.speeds : std::vector<std::uint32_t>(std::begin(kStandardSpeeds), std::end(kStandardSpeeds));
   std::vector<Measurement> all;
   {
     // Opened at a speed that every UART makes.
     LineOptions line = arguments.line;
-    line.speedBps = kStandardSpeeds.front();
+    line.speedBps = kStandardSpeeds[0];
     Port port(line, call.out);
     if (arguments.isInternal) {
       port->SetLoopback(true);

@@ -26,8 +26,6 @@
 #include "Status.h"
 #include "WatchdogDevices.h"
 
-extern char** environ;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -341,8 +339,10 @@ class Child {
     ::posix_spawnattr_setflags(&attributes, flags);
 
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (const std::string& word : words) {
-      pointers.push_back(const_cast<char*>(word.c_str()));
+      pointers.push_back(
+          const_cast<char*>(word.c_str()));  // NOLINT(cppcoreguidelines-pro-type-const-cast): the interface
     }
     pointers.push_back(nullptr);
     const int error = ::posix_spawnp(&m_process, pointers.front(), &actions, &attributes, pointers.data(), environ);

@@ -88,6 +88,8 @@ class UnixListenEnd : public ListeningEnd {
   /// @throws SetupError
   UnixListenEnd(const std::string& device, const std::string& path, EventLog& log);
   ~UnixListenEnd() override;
+  UnixListenEnd(const UnixListenEnd&) = delete;
+  UnixListenEnd& operator=(const UnixListenEnd&) = delete;
 
  private:
   const std::string m_path;
