@@ -91,12 +91,11 @@ $command"
 
 # boots KERNEL: whether the board comes up with it.
 boots() (
-  set -e
   folder=$cache/trial
   rm -rf -- "$folder"
-  mkdir -p "$folder"
+  mkdir -p "$folder" || exit
   kernel=$1 mine=$folder
-  cat -- "$cache/base.gz" "$cache/kernel-$kernel/modules.gz" >"$mine/$kernel.image"
+  cat -- "$cache/base.gz" "$cache/kernel-$kernel/modules.gz" >"$mine/$kernel.image" || exit
   boot "$folder/boot" true 300 virt
 )
 

@@ -61,17 +61,17 @@ fetch() {
   printf '%s\n' "$*" >"$complete"
 }
 
+# "set -e" means nothing to what quietly calls, nor to what find_newest calls: each step says itself that it failed.
 fetch_packages() (
-  set -e
   with_apt
-  apt-get update
-  cd "$apt/packages"
-  apt-get download "${@:2}"
+  apt-get update || exit
+  cd "$apt/packages" || exit
+  apt-get download "${@:2}" || exit
   for package in *.deb; do
-    dpkg-deb -x "$package" "$cache/$1"
-    { dpkg-deb -f "$package" && printf 'Status: install ok installed\n\n'; } >>"$apt/entries"
+    dpkg-deb -x "$package" "$cache/$1" || exit
+    { dpkg-deb -f "$package" && printf 'Status: install ok installed\n\n'; } >>"$apt/entries" || exit
   done
-  mv -- "$apt/entries" "$cache/$1.status"
+  mv -- "$apt/entries" "$cache/$1.status" || exit
   rm -r -- "$apt"
 )
 
@@ -86,29 +86,29 @@ fetch_kernel() {
 }
 
 fetch_kernel_packages() (
-  set -e
   with_apt "$1"
-  apt-get update
-  cd "$apt/packages"
+  apt-get update || exit
+  cd "$apt/packages" || exit
   # One package of old; newer kernels come in several.
   mapfile -t packages < <(apt-cache depends --recurse --important linux-image-armmp |
     grep -xE 'linux-(image|binary|modules|base)-[0-9].*-armmp')
-  ((${#packages[@]}))
-  apt-get download "${packages[@]}"
+  ((${#packages[@]})) || exit
+  apt-get download "${packages[@]}" || exit
   for package in *.deb; do
-    dpkg-deb -x "$package" "$2/tree"
+    dpkg-deb -x "$package" "$2/tree" || exit
   done
-  found=$(printf '%s\n' "$2"/tree/{,usr/}lib/modules/* | grep -v '\*')
-  mkdir -p "$2/lib/modules"
-  mv -- "$found" "$2/lib/modules/"
+  found=$(printf '%s\n' "$2"/tree/{,usr/}lib/modules/* | grep -v '\*') || exit
+  mkdir -p "$2/lib/modules" || exit
+  mv -- "$found" "$2/lib/modules/" || exit
   version=$(basename "$found")
-  mv -- "$(find "$2" -name 'vmlinuz*' -type f)" "$2/vmlinuz"
-  mv -- "$(find "$2" -name imx6ul-14x14-evk.dtb -type f)" "$2/evk.dtb"
+  mv -- "$(find "$2" -name 'vmlinuz*' -type f)" "$2/vmlinuz" || exit
+  mv -- "$(find "$2" -name imx6ul-14x14-evk.dtb -type f)" "$2/evk.dtb" || exit
   # Its second UART, the output's, transmits by DMA in newer device trees, which the emulated one cannot.
   fdtput -d "$2/evk.dtb" "$(fdtget "$2/evk.dtb" /aliases serial1)" dmas 2>/dev/null || true
   rm -r -- "$2/tree"
-  depmod -b "$2" "$version"
+  depmod -b "$2" "$version" || exit
   rm -r -- "$apt"
+  [[ -s $2/vmlinuz && -s $2/evk.dtb && -n $version ]] || exit
   printf '%s\n' "$version" >"$2/complete"
 )
 
@@ -264,6 +264,8 @@ prepared() {
     kill -0 "${old##*.}" 2>/dev/null || rm -rf -- "$old"
   done
   mine=$folder/run.$$
+  # An earlier process may have had the same number.
+  rm -rf -- "$mine"
   mkdir -p "$mine"
   for kernel in "$@"; do
     cat -- "$cache/base.gz" "$cache/kernel-$kernel/modules.gz" "$payload" >"$mine/$kernel.image"
