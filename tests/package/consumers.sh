@@ -41,6 +41,14 @@ say "find_package"
 configure -S "$here/find-package" -B "$work/find" -DCMAKE_PREFIX_PATH="$prefix"
 cmake --build "$work/find"
 "$work/find/app"
+if [ "$shared" = ON ]; then
+  say "a copy of the examples"
+  cp -R "$source/examples" "$work/examples"
+  configure -S "$work/examples" -B "$work/copied" -DCMAKE_PREFIX_PATH="$prefix"
+  # One is a single source, one has several and names in its tracebacks.
+  cmake --build "$work/copied" --target commands board-tour
+  "$work/copied/commands"
+fi
 
 if [ "$shared" = OFF ]; then
   say "internal names are in a class or a namespace, where they clash with no program's"
