@@ -41,11 +41,21 @@ fi
 grep 'Nothing was installed from here' "$work/message"
 
 say "a build folder with a dollar sign in its path"
-mkdir "$work/of\$great"
-# shellcheck disable=SC2086
-if configure -S "$source" -B "$work/of\$great" $only_library >"$work/message" 2>&1; then
-  echo 'It should have been refused.'
-  exit 1
-fi
-# Where CMake breaks its lines depends on the path's length.
-tr -s ' \n' ' ' <"$work/message" | grep -o 'has a dollar sign'
+# refused SOURCE BUILD
+refused() {
+  # shellcheck disable=SC2086
+  if configure -S "$1" -B "$2" $only_library >"$work/message" 2>&1; then
+    echo 'It should have been refused.'
+    exit 1
+  fi
+  # Where CMake breaks its lines depends on the path's length.
+  tr -s ' \n' ' ' <"$work/message" | grep -o 'great, has a dollar sign'
+}
+refused "$source" "$work/of\$great"
+mkdir "$work/whole"
+cat >"$work/whole/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.22)
+project(whole LANGUAGES CXX)
+add_subdirectory("$source" "$work/part/of\$great")
+END
+refused "$work/whole" "$work/whole/build"
