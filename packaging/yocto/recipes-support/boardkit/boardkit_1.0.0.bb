@@ -12,6 +12,9 @@ SRC_URI[sha256sum] = "98b2a4519870d213f2d21f088df8bf7d7f7c14c94d372333a858571d09
 
 inherit cmake pkgconfig
 
+# Tracebacks take execinfo.h, which only the GNU C library has.
+COMPATIBLE_HOST:libc-musl = "null"
+
 EXTRA_OECMAKE = " \
     -DBOARDKIT_TESTS=OFF \
     -DBOARDKIT_EXAMPLES=OFF \
