@@ -111,7 +111,8 @@ mkfifo minute
 nohup sh -c 'read -r _ < minute
   boardctl net address eth0 192.0.2.10/24
   boardctl net gateway eth0 192.0.2.1' </dev/null >/dev/null 2>&1 &
-rescue=$!
+echo $! >undo
+rescue=$(cat undo)
 boardctl net address eth0 192.0.2.20/24 && boardctl net gateway eth0 192.0.2.1
 # Until nohup has become the shell.
 until [ "$(cat "/proc/$rescue/comm")" = sh ]; do sleep 0.1; done
