@@ -82,7 +82,7 @@ void MountPrivateDev() {
       "private terminals can't be mounted");
   for (const Entry& entry : kEntries) {
     if (entry.link != nullptr) {
-      ::symlink(entry.link, entry.path);
+      Require<NamespacesForbidden>(::symlink(entry.link, entry.path) == 0, std::string(entry.path) + " can't be made");
     }
   }
 }
