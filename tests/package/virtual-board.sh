@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The parts of the virtual board that nothing has to be booted for: a fetch that fails at any step is told and begun anew
-# the next time, and a boot's folder is empty when it begins. The commands that would fetch are stand-ins.
+# The parts of the virtual board that nothing has to be booted for: its help is shown, a fetch that fails at any step is
+# told and begun anew the next time, and a boot's folder is empty when it begins. What would fetch is a stand-in.
 # Usage: virtual-board.sh SOURCE_DIR
 set -euo pipefail
 if [[ ! -e /etc/apt/sources.list.d/debian.sources && ! -e /etc/apt/sources.list ]]; then
@@ -48,6 +48,10 @@ fail() {
 }
 
 cd "$work/tree"
+for use in run shell; do
+  scripts/board "$use" --help >"$work/said" 2>&1 || fail "scripts/board $use --help is refused."
+  scripts/board --help | diff - "$work/said" || fail "scripts/board $use --help shows something else than the help."
+done
 for FAILING in 'apt-get update' 'apt-get download' 'dpkg-deb -x' 'dpkg-deb -f'; do
   export FAILING
   ! board 'fetch root dash' || fail "With a failing $FAILING, fetching packages succeeds."
