@@ -1,6 +1,6 @@
 #!/bin/sh
-# Checks what scripts/docs does around the building of the site: it shows it in the browser, and calls take turns. Doxygen,
-# dot and the browser are stand-ins, first in PATH; the tree is a copy.
+# Checks what scripts/docs does around the building of the site: it shows it in the browser, and two calls do not overlap.
+# Doxygen, dot and the browser are stand-ins, first in PATH; the tree is a copy.
 # Usage: opening.sh SOURCE_DIR
 set -eu
 work=$(mktemp -d)
@@ -57,7 +57,7 @@ wait_for "-> FLOCK .*:$(stat -c %i tree/build/docs/lock) " /proc/locks
 touch go
 wait "$first" || fail "The first call fails." first.out
 wait "$second" || fail "The second call fails." second.out
-printf 'begins\nends\nbegins\nends\n' | diff - builds || fail "The calls did not take turns." builds
+printf 'begins\nends\nbegins\nends\n' | diff - builds || fail "The calls overlapped." builds
 
 # The browser gets the first page, and while it stays open, another call need not wait.
 tree/scripts/docs --open > open.out 2>&1 || fail "--open fails." open.out
