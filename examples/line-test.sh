@@ -6,7 +6,8 @@
 set -eu
 boardsim=$(readlink -f "$1") application=$(readlink -f "$2")
 work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
+board=
+trap 'kill "$board" 2>/dev/null || true; rm -rf "$work"' EXIT
 cd "$work"
 
 fail() {
@@ -26,7 +27,7 @@ wait_for() {
   fail "no \"$1\" in $2"
 }
 
-"$boardsim" --tty /dev/ttyS1=none --log log --control control -- \
+timeout 60 "$boardsim" --tty /dev/ttyS1=none --log log --control control -- \
   "$application" /dev/ttyS1 115200 > output 2>&1 & # yours
 board=$!
 wait_for 'ttyS1 settings speed=115200' log # yours

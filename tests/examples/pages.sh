@@ -73,6 +73,12 @@ expect log "settings speed=115200"
 prints 0 "$here/../../examples/line-test.sh" "$boardsim" "$examples/serial-echo" <<'END'
 passed
 END
+# One that fails leaves nothing running: whatever is left holds the lock.
+printf '#!/bin/sh\nexec sleep 1000\n' > silent
+chmod +x silent
+run 1 printed flock lock "$here/../../examples/line-test.sh" "$boardsim" silent
+expect printed "FAILED: no"
+flock -w 20 lock true || fail "The board is still running." printed
 
 # What the pages say of a forgotten watchdog and of locales.
 # shellcheck disable=SC2016  # the inner shell's own
