@@ -410,7 +410,7 @@ class LineTest(TestCase):
                                options=["--tty", PORT + "=none"])
         self.assertEqual(result.status, 1)
         self.assertIn("silent", result.out)
-        self.assertIn("\nVerdict: not good at 0 of 1 speeds\n", result.out)
+        self.assertIn("\nVerdict: failed, good at 0 of 1 speeds\n", result.out)
         self.assertIn("connect TX with RX, or a far end that echoes at that speed", result.err)
 
     def test_TheTableAndTheHistogramStandInTheTextAndThePictureIsWellFormed(self):

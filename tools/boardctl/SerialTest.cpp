@@ -298,7 +298,7 @@ int Test(const Arguments& arguments, Call& call) {
                                      {"speeds_good", good},
                                      {"speeds_tried", tried},
                                      {"fastest_good_bps", fastest == 0 ? Json() : Json(fastest)}});
-  call.out.Line(std::string("Verdict: ") + (isPassed ? "good" : "not good") + " at " + std::to_string(good) + " of " +
+  call.out.Line(std::string("Verdict: ") + (isPassed ? "" : "failed, ") + "good at " + std::to_string(good) + " of " +
                 std::to_string(tried) + " speeds" +
                 (fastest == 0 ? "" : ", the fastest good one is " + std::to_string(fastest) + " bit/s"));
   if (!arguments.svg.empty()) {
