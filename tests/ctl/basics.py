@@ -167,6 +167,12 @@ class Output(TestCase):
             result = finish(start([BOARDCTL, "explain", POPEN_FAILED], stdout=full))
         self.assertEqual(result.status, 1)
         self.assertEqual(result.err, f"boardctl: explain: {DISK_FULL}\n")
+        # Before a verb is known, too.
+        for words in (["--help"], ["--version"], ["serial", "--help"], ["serial", "send", "--help"],
+                      ["__complete", "serial"]):
+            with self.subTest(words=words), open("/dev/full", "w") as full:
+                result = finish(start([BOARDCTL, *words], stdout=full))
+                self.assertEqual((result.status, result.err), (1, f"boardctl: {DISK_FULL}\n"))
 
 
 class Memory(TestCase):

@@ -326,6 +326,9 @@ int Program::Main(int argc, const char* const* argv) {
     wrong = error.what();
   } catch (const OutputClosed&) {
     return kStatusFailed;
+  } catch (const std::exception& error) {
+    words.Warn(std::string("boardctl: ") + error.what());
+    return kStatusFailed;
   }
   const std::string verb = VerbNameOf(chosen);
   words.Warn("boardctl: " + (verb.empty() ? "" : verb + ": ") + wrong + " (see " + NameOf(chosen) + " --help)");
