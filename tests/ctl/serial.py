@@ -66,6 +66,18 @@ class Serial(TestCase):
         self.assertEqual(set(settings), {"settings speed=57600"})
         self.assertIn("  speed        9600 bit/s\n", self.on_board("serial", "show", PORT).out)
 
+    def test_AWatchdogIsRefusedAsAPortAndNeverOpened(self):
+        dog = "/dev/watchdog"
+        for verb in "show", "report", "send", "receive", "test":
+            with self.subTest(verb=verb):
+                result = self.on_board("serial", verb, dog, log="log")
+                self.assertEqual((result.status, result.err), (1, f"boardctl: serial {verb}: {dog} is no serial port\n"))
+                self.assertNotIn(f" {dog} open", pathlib.Path("log").read_text())
+        fuse = "/dev/fuse"  # has the major number of a real one, and opening it harms nothing
+        if os.path.exists(fuse):
+            result = ctl("serial", "show", fuse)
+            self.assertEqual((result.status, result.err), (1, f"boardctl: serial show: {fuse} is no serial port\n"))
+
     def test_TheLibrarysReportIsPrintedAndTheLineIsPutBack(self):
         result = self.on_board("serial", "report", PORT, log="log")
         self.assertEqual((result.status, result.err), (0, ""))

@@ -6,11 +6,14 @@
 #include <linux/serial.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <system_error>
 
 namespace {
@@ -38,9 +41,19 @@ int DataBitsOf(tcflag_t flags) {
   }
 }
 
+/// Looks before it opens, for opening a watchdog arms it. What can't be looked at, opening tells about.
+int OpenPort(const std::string& device) {
+  constexpr unsigned int kMiscMajor = 10;  // has /dev/watchdog, and no port
+  struct stat node {};
+  if (::stat(device.c_str(), &node) == 0 && (!S_ISCHR(node.st_mode) || major(node.st_rdev) == kMiscMajor)) {
+    throw std::runtime_error(device + " is no serial port");
+  }
+  return ::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+}
+
 }  // namespace
 
-Tty::Tty(const std::string& device) : m_fd(::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)) {
+Tty::Tty(const std::string& device) : m_fd(OpenPort(device)) {
   if (m_fd == -1) {
     throw std::system_error(errno, std::system_category(), "Open Serial Port '" + device + "' failed?");
   }
