@@ -65,6 +65,10 @@ class Explain(TestCase):
         self.assertIn("  cause    ENOMEM, EAGAIN: Out of memory or processes.\n", result.out)
         self.assertIn("  remedy   Look for a leak: free, ps.\n", result.out)
 
+    def test_ALogsControlCharactersDoNotReachTheTerminal(self):
+        result = ctl("explain", "-", given=f"\x1b[2J\r\0{POPEN_FAILED}\n".encode())
+        self.assertTrue(result.out.startswith(f"1: ?[2J??{POPEN_FAILED}\n"), result.out)
+
     def test_OfALogThatGrowsEachLineIsExplainedAtOnceUntilASignalComes(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(number=number):
