@@ -26,7 +26,8 @@ class Serial(TestCase):
     def command(self, line):
         """Gives the simulator a command on the socket of that name."""
         with socket.socket(socket.AF_UNIX) as control:
-            control.connect("socket")
+            # It is there a moment before somebody listens.
+            self.wait_until(lambda: control.connect_ex("socket") == 0, "a connection to the control socket")
             control.sendall(line.encode() + b"\n")
             self.assertTrue(control.recv(99).startswith(b"ok"), line)
 
