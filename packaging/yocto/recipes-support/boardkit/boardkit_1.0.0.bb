@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "98b2a4519870d213f2d21f088df8bf7d7f7c14c94d372333a858571d09251dc5"
+SRC_URI[sha256sum] = "5bf24e5cf36ea3fb57b1b6c4e2e0268590b7890d2e58db586319fe3ca67e5779"
 
 inherit cmake pkgconfig
 
