@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "5bf24e5cf36ea3fb57b1b6c4e2e0268590b7890d2e58db586319fe3ca67e5779"
+SRC_URI[sha256sum] = "af7d25a4f7e97495b8d976376eb9b8723374a54fc09224bc8c1417a482b627b5"
 
 inherit cmake pkgconfig
 
