@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "af7d25a4f7e97495b8d976376eb9b8723374a54fc09224bc8c1417a482b627b5"
+SRC_URI[sha256sum] = "dcc40eebbce6db5022dc7ed75a659f4efba5c206a7314bc903392918c29f2a99"
 
 inherit cmake pkgconfig
 
