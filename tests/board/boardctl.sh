@@ -71,20 +71,6 @@ carried_whole() {
   cmp "$1" /tmp/back
 }
 
-# held: sends what the far end, which sends it back, stops by its first byte, and gives up.
-held() {
-  : > /tmp/said
-  "$boardctl" serial send "$port" /tmp/held --flow software > /tmp/said 2>&1 &
-  until grep -q 'nothing goes out' /tmp/said || ! kill -0 "$!"; do
-    sleep 0.1
-  done
-  kill "$!"
-  wait "$!"
-  gave_up=$?
-  cat /tmp/said
-  return "$gave_up"
-}
-
 if [ "${1:-}" = line ]; then
   expect 0 '^/dev/ttyS0 ' "$boardctl" serial list
   expect 0 '^/dev/ttyS0$
@@ -102,11 +88,6 @@ not raw
   # Of software flow control, the line's own characters stop and start the sender.
   base64 /tmp/sent > /tmp/text
   expect 0 '' carried_whole /tmp/text --flow software
-  { printf '\023'; head -c 20000 /dev/zero; } > /tmp/held
-  expect 143 '^boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up$
-^stopped: sent at most [0-9]* bytes of 20001 in
-^boardctl: what was not sent yet was discarded' held
-  expect 0 '' carried_whole /tmp/text
   echo '0d 0a ff 11' > /tmp/sent
   expect 0 '^0D 0A FF 11$' carried 4 /tmp/sent --hex
   # The settings are put back: by the last to leave, of two, to what it found, which may be what the other had set.
