@@ -131,7 +131,7 @@ class Run(TestCase):
     def test_ASignalIsHandedOnToTheCommandAndEndsWith130Or143(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(number=number):
-                process = start([BOARDCTL, "run", "echo $$ > pid; trap 'echo tidy; exit 5' INT TERM; sleep 100 > quiet 2>&1 & wait"])
+                process = start([BOARDCTL, "run", "trap 'echo tidy; exit 5' INT TERM; echo $$ > pid; sleep 100 > quiet 2>&1 & wait"])
                 self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the command's start")
                 process.send_signal(number)
                 result = finish(process)
