@@ -16,7 +16,7 @@ fi
 
 # tests_at_once: how many tests to run at the same time: most of them wait more than they compute.
 tests_at_once() {
-  printf '%d\n' $((4 * $(nproc)))
+  printf '%d\n' $((8 * $(nproc)))
 }
 
 # die SENTENCE...: gives up.
