@@ -14,11 +14,6 @@ if [[ -z ${CXX:-} ]]; then
   build_needs+=("g++=g++")
 fi
 
-# tests_at_once: how many tests to run at the same time: most of them wait more than they compute.
-tests_at_once() {
-  printf '%d\n' $((8 * $(nproc)))
-}
-
 # die SENTENCE...: gives up.
 die() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
