@@ -1,4 +1,4 @@
-// Shows the addresses of an interface, of lo if none is named: ip-configuration eth0
+// Shows the addresses of an interface, or of lo: ip-configuration eth0
 // Needs no special privileges.
 #include <IpNet.h>
 #include <OpSystem.h>

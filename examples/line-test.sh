@@ -1,5 +1,5 @@
 #!/bin/sh
-# A test of an application on a simulated board: line-test.sh BOARDSIM APPLICATION
+# Tests an application on a simulated board: line-test.sh BOARDSIM APPLICATION
 #
 # The application here is serial-echo. The test plays the far end, looks at what
 # the application did with its line, and pulls the cable.
@@ -16,7 +16,7 @@ fail() {
   exit 1
 }
 
-# wait_for TEXT FILE: until TEXT stands in FILE, but no longer than 10 seconds.
+# wait_for TEXT FILE: until FILE contains TEXT, but no longer than 10 seconds.
 wait_for() {
   for _ in $(seq 100); do
     if grep -qs -e "$1" "$2"; then
@@ -37,7 +37,7 @@ ask() {
 }
 
 # "one" and a newline
-[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line takes nothing" # yours
+[ "$(ask feed /dev/ttyS1 6f6e650a)" = ok ] || fail "the line is dead" # yours
 wait_for one output # yours
 [ "$(ask hangup /dev/ttyS1)" = ok ] || fail "the cable can't be pulled"
 

@@ -1,4 +1,5 @@
-"""Writes what the site needs beyond the pages: its HTML header, the error catalogue and the drawings of states.
+"""Writes what Doxygen reads besides the headers: the handbook's pages, the error catalogue, the drawings of states and the
+HTML header.
 
 Usage: make.py OUTPUT_FOLDER, from the top folder; scripts/docs calls it.
 """
@@ -10,6 +11,8 @@ import re
 import subprocess
 import sys
 import textwrap
+
+import page
 
 FOLDER = pathlib.Path(__file__).parent
 
@@ -51,26 +54,26 @@ def causes(entry):
 
 def catalogue(errors):
     """The page of all fixed texts, with an anchor for each."""
-    page = ["# Error catalogue {#error-catalogue}\n",
-            "@tableofcontents\n",
-            "Every fixed text of the library, what causes it, what to do, and what remains. Paste a line of a log into the "
-            "field, or type a part of it; @ref failures explains how to read a message. `boardctl explain` has the same "
-            "catalogue at the command line. Three dots stand for what varies.\n",
-            '<div id="filter-place"></div>\n']
+    lines = ["# Error catalogue {#error-catalogue}\n",
+             "@tableofcontents\n",
+             "Every fixed text of the library, what causes it, what to do, and what remains. Paste a line of a log into the "
+             "field, or type a part of it; @ref failures explains how to read a message. `boardctl explain` has the same "
+             "catalogue at the command line. Three dots stand for what varies.\n",
+             '<div id="filter-place"></div>\n']
     for subsystem, (title, _) in SUBSYSTEMS.items():
         entries = [entry for entry in errors if entry["subsystem"] == subsystem]
         if not entries:
             continue
-        page.append(f"## {title} {{#errors-{subsystem}}}\n")
+        lines.append(f"## {title} {{#errors-{subsystem}}}\n")
         for entry in entries:
             text = html.escape(entry["text"]) or "(an empty text)"
             rows = "".join(f"<li>{cause} <i>What to do:</i> {remedy}</li>" for cause, remedy in causes(entry))
             # What users may search for is not read as Markdown; the names of the operations are links.
-            page.append(f'@htmlonly[block]<div class="entry"><div class="text"><code>{text}</code></div>@endhtmlonly\n'
-                        f"@anchor {entry['id']} {entry['exception']} from {operations(entry['operations'])}\n\n"
-                        f"@htmlonly[block]<ul>{rows}</ul><p>Remains: {html.escape(entry['remains'])}</p></div>"
-                        "@endhtmlonly\n")
-    return "\n".join(page)
+            lines.append(f'@htmlonly[block]<div class="entry"><div class="text"><code>{text}</code></div>@endhtmlonly\n'
+                         f"@anchor {entry['id']} {entry['exception']} from {operations(entry['operations'])}\n\n"
+                         f"@htmlonly[block]<ul>{rows}</ul><p>Remains: {html.escape(entry['remains'])}</p></div>"
+                         "@endhtmlonly\n")
+    return "\n".join(lines)
 
 
 def drawing(source):
@@ -104,14 +107,13 @@ def main(output):
     output.mkdir(parents=True, exist_ok=True)
     errors = json.loads(pathlib.Path("docs/errors.json").read_text())["errors"]
     (output / "header.html").write_text(header())
-    (output / "catalogue.md").write_text(catalogue(errors))
-    for example in pathlib.Path("examples").glob("*.*"):
-        (output / f"whole-{example.name}").write_text(whole(example))
-        parts = snippets(example)
-        if parts:
-            comment = "#" if example.suffix == ".sh" else "//"
-            (output / example.name).write_text("".join(
-                f"{comment} [{name}]\n{part}{comment} [{name}]\n" for name, part in parts.items()))
+    (output / "error-catalogue.md").write_text(catalogue(errors))
+    # The headers show parts of the examples with @snippet.
+    for example in pathlib.Path("examples").glob("*.cpp"):
+        (output / example.name).write_text("".join(
+            f"// [{name}]\n{part}// [{name}]\n" for name, part in snippets(example).items()))
+    for path in pathlib.Path("docs").glob("*.md"):
+        (output / path.name).write_text(page.translated(path.stem, path.read_text()))
     for source in FOLDER.glob("*.dot"):
         (output / f"{source.stem}.svg").write_text(drawing(source))
 

@@ -2,7 +2,8 @@
 
 - Every public header begins with the example of its page of the handbook, has every text of its family, and on the site
   each operation shows its failures.
-- Every example that a page of the handbook or the README shows or names exists; the README's programs are those files.
+- The README's programs, and the examples that a page of the handbook shows, are the files in examples/.
+- The handbook is plain Markdown, whose links lead somewhere also where the sources are read.
 - The handbook and the headers name only files that are there, and the handbook's commands are not cut off on a desktop.
 - The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
   EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
@@ -15,6 +16,7 @@ import sys
 import header
 import make
 import manual
+import page as handbook
 
 complaints = []
 compared = 0
@@ -62,9 +64,48 @@ def check_readme():
     for block in re.findall(r"```cpp\n(.*?)```\n", text, re.S):
         name = re.search(r": ([\w-]+)", block.splitlines()[0]).group(1)
         compare(f"The program {name} of README.md", block, make.whole(pathlib.Path(f"examples/{name}.cpp")))
-    for target in re.findall(r"\]\(([^)#]+)", text):
-        if not re.match(r"https?:", target) and not pathlib.Path(target).exists():
-            complaints.append(f"README.md links to {target}, which is not there.")
+
+
+SUBSYSTEMS = ["descriptors", "signals", "memory", "files", "watchdog", "serial-port", "commands", "ip-configuration",
+              "tracebacks"]
+SHOWN = re.compile(r"(?ms)^<!-- (examples/[\w.-]+): (\w+) -->\n```\w+\n(.*?)^```$")
+
+
+def check_examples():
+    """What the handbook shows of examples, which the tests compile and run."""
+    for path in sorted(pathlib.Path("docs").glob("*.md")):
+        blocks = SHOWN.findall(path.read_text())
+        for name, part, block in blocks:
+            example = pathlib.Path(name)
+            compare(f"What {path} shows of {name}", block, make.whole(example) if part == "whole" else
+                    make.snippets(example)[part])
+        if path.stem in SUBSYSTEMS:
+            compare(f"The beginning of the examples of {path}", [part for _, part, _ in blocks][:1], ["use"])
+
+
+def prose(text):
+    return re.sub(r"(?ms)^ *```.*?^ *```$|`[^`\n]*`|<!--.*?-->", "", text)
+
+
+def anchors(path):
+    """What a link to a file can name in it."""
+    if path.name == "errors.json":
+        return {entry["id"] for entry in header.ERRORS} | {f"errors-{entry['subsystem']}" for entry in header.ERRORS}
+    return {handbook.slug(words) for _, words in handbook.headings(path.read_text())}
+
+
+def check_links():
+    for path in [pathlib.Path("README.md"), pathlib.Path("CONTRIBUTING.md"), *sorted(pathlib.Path("docs").glob("*.md"))]:
+        text = prose(path.read_text())
+        for command in re.findall(r"[@\\](?:ref|subpage|snippet|include|htmlinclude|tableofcontents)\b.*|\{#.*", text):
+            complaints.append(f"{path} has what only Doxygen reads: {command}")
+        for file, anchor in re.findall(r"\]\(([^)#]*)(?:#([^)]+))?\)", text):
+            if re.match(r"https?:", file):
+                continue
+            target = path.parent / file if file else path
+            compare(f"The link of {path} to {file}", target.exists(), True)
+            if anchor and target.exists():
+                compare(f"The link of {path} to {file}#{anchor}", anchor in anchors(target), True)
 
 
 FILES = r"`((?:examples|tests|scripts|src|cmake|docs|packaging|tools)/[\w./-]+)[ `]"
@@ -116,10 +157,12 @@ def check_manual():
 check_headers()
 check_failures()
 check_readme()
+check_examples()
+check_links()
 check_names()
 check_widths()
 check_manual()
 for complaint in complaints:
     print(complaint)
 print(f"{compared} comparisons, {len(complaints)} complaints.")
-sys.exit(1 if complaints or compared < 200 else 0)
+sys.exit(1 if complaints or compared < 400 else 0)
