@@ -106,6 +106,30 @@ std::string Setting(const std::function<void()>& set) {
   return "done";
 }
 
+/// Runs @p operation while this process gets no more descriptors.
+std::string WithoutDescriptors(const std::function<void()>& operation) {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none{0, limit.rlim_max};
+  ::setrlimit(RLIMIT_NOFILE, &none);
+  try {
+    operation();
+  } catch (...) {
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    throw;
+  }
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+  return "done";
+}
+
+/// Runs @p operation on a port that is closed.
+std::string OnClosedPort(const std::function<void(SerialPort&)>& operation) {
+  SerialPort port("/dev/ttyS0", true);
+  port.Close();
+  operation(port);
+  return "done";
+}
+
 const Operation kOperations[] = {
     {"FailedWriteLoop", [] { return Setting([] { WriteLoop(-1, "x", 1); }); }},
     {"FailedReadLoop",
@@ -119,11 +143,14 @@ const Operation kOperations[] = {
     {"FailedDeactivateSignal", [] { return Setting([] { DeactivateSignalP(-1); }); }},
     {"FailedSysinfo", [] { return Setting([] { sysinfo_e(reinterpret_cast<struct sysinfo*>(8)); }); }},
     {"FailedMmap", [] { return Setting([] { mmap_e(nullptr, 0, 0, 0, -1, 0); }); }},
+    {"FailedMemoryRead", [] { return WithoutDescriptors([] { ReadFromPhysicalMemoryAddress(0x80011000); }); }},
+    {"FailedMemoryWrite", [] { return WithoutDescriptors([] { WriteToPhysicalMemoryAddress(0x80011000, 1); }); }},
     {"FailedDlsym", [] { return Setting([] { dlsym_e(RTLD_NEXT, "there_is_no_symbol_of_this_name"); }); }},
     {"DlsymWithoutHandle", [] { return Setting([] { dlsym_e(nullptr, "symbol"); }); }},
 
     {"FileOpening", [] { return Setting([] { const File file("/proc/self/status", O_RDONLY, 0); }); }},
     {"FileOpeningOfNone", [] { return Setting([] { const File file(kMissing, O_RDONLY, 0); }); }},
+    {"FileAdoptingNoStream", [] { return Setting([] { const File file(static_cast<std::FILE*>(nullptr)); }); }},
     {"FileAdopting", [] { return Setting([] { const File file(::open("/proc/self/mountinfo", O_RDONLY)); }); }},
     {"FileExists", [] { return std::to_string(static_cast<int>(File::Exists("/proc/self/status"))); }},
     {"FileReadLink", [] { return File::ReadLink("/proc/self/exe"); }},
@@ -139,8 +166,11 @@ const Operation kOperations[] = {
     {"FileFailedIoctl", [] { return std::to_string(File("/dev/null", O_RDONLY, 0).Ioctl(0)); }},
 
     {"WatchDogWithoutDevice", [] { return Setting([] { WatchDog(30, kMissing).Activate(); }); }},
+    {"WatchDogOnADeviceThatIsNone", [] { return Setting([] { WatchDog(30, "/dev/null").Activate(); }); }},
     {"WatchDogFeedingWhileInactive", [] { return Setting([] { WatchDog(30, kMissing).Feed(); }); }},
     {"WatchDogRefusedInterval", [] { return Setting([] { WatchDog(30, kMissing).SetInterval(0); }); }},
+    {"WatchDogFailedInterval", [] { return Setting([] { WatchDog(30, kMissing).SetInterval(30); }); }},
+    {"WatchDogUnknownInterval", [] { return std::to_string(WatchDog(30, kMissing).GetInterval()); }},
 
     {"SerialPortOpening", [] { return Setting([] { const SerialPort port("/dev/ttyS2", true); }); }},
     {"SerialPortOpeningOfNone", [] { return Setting([] { const SerialPort port(kMissing, true); }); }},
@@ -183,18 +213,20 @@ const Operation kOperations[] = {
                      SerialPort::FLOW_CONTROL_NONE);
        });
      }},
-    {"SerialPortClosedTwice",
-     [] {
-       SerialPort port("/dev/ttyS0", true);
-       port.Close();
-       return Setting([&] { port.Close(); });
-     }},
+    {"SerialPortClosedTwice", [] { return OnClosedPort([](SerialPort& port) { port.Close(); }); }},
+    {"SerialPortWriteWhileClosed", [] { return OnClosedPort([](SerialPort& port) { port.Write("x"); }); }},
+    {"SerialPortReadWhileClosed", [] { return OnClosedPort([](SerialPort& port) { port.ReadOneByte(); }); }},
+    {"SerialPortFlushWhileClosed", [] { return OnClosedPort([](SerialPort& port) { port.FlushInput(); }); }},
+    {"SerialPortCountingWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.AvailableBytesToRead(); }); }},
+    {"SerialPortSpeedWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.SetBaudRate(SerialPort::BAUD_9600); }); }},
+    {"SerialPortRefusedSpeed",
+     [] { return Setting([] { Port().SetBaudRate(static_cast<SerialPort::BaudRate>(12345)); }); }},
     {"SerialPortRefusedParity", [] { return Setting([] { Port().SetParity(static_cast<SerialPort::Parity>(3)); }); }},
     {"SerialPortFailedSettings",
      [] {
-       SerialPort port("/dev/ttyS0", true);
-       port.Close();
-       return Setting([&] { port.SetPortSettings(termios{}, "Invalid something or other."); });
+       return OnClosedPort([](SerialPort& port) { port.SetPortSettings(termios{}, "Invalid something or other."); });
      }},
     {"SerialPortBufferedRead",
      [] {
@@ -223,23 +255,11 @@ const Operation kOperations[] = {
 
     {"ExecCmd", [] { return OpSystem().ExecCmd("echo a line that needs memory", false); }},
     {"FailedExecCmd", [] { return OpSystem().ExecCmd("echo a line that needs memory; false", false); }},
-
     {"ExecCmdWithoutAPipe",
      [] {
-       // The descriptors of a pipe are beyond the limit.
-       rlimit limit{};
-       ::getrlimit(RLIMIT_NOFILE, &limit);
-       const rlimit none{0, limit.rlim_max};
        OpSystem opSystem;
        opSystem.ExecCmd("true", false);  // a sanitizer, too, takes a pipe to look at an object for the first time
-       ::setrlimit(RLIMIT_NOFILE, &none);
-       try {
-         opSystem.ExecCmd("true", false);
-       } catch (...) {
-         ::setrlimit(RLIMIT_NOFILE, &limit);
-         throw;
-       }
-       return std::string("done");
+       return WithoutDescriptors([&] { opSystem.ExecCmd("true", false); });
      }},
 
     {"TracebackText", [] { return linuxutils::Traceback().empty() ? "nothing" : "something"; }},
@@ -298,6 +318,13 @@ TEST_F(OutOfMemoryNetwork, IsToldWhicheverAllocationOfAQueryOrAChangeFails) {
        [&] { return std::to_string(static_cast<int>(IpNet(m_opSystem).SetGw("eth0", "192.0.2.177", false, false))); }},
       {"SetGwOfIpV6WithAFlush",
        [&] { return std::to_string(static_cast<int>(IpNet(m_opSystem).SetGw("eth0", "2001:db8::177", true, true))); }},
+      {"GetValue",
+       [] {
+         std::string value;
+         IpNet::GetValue("a text with a-word-that-is-long-enough", "with", 0, value, true);
+         return value;
+       }},
+      {"GetValues", [] { return Text(IpNet::GetValues("with a-word-that-is-long-enough", {"with"}, {true})); }},
       {"GetLinkLocalAddr", [] { return IpNet::GetLinkLocalAddr("02:00:00:00:00:01"); }},
       {"GetIpV4NetAddr", [] { return IpNet::GetIpV4NetAddr("192.0.2.10.and.much.more", 24); }},
   };

@@ -479,12 +479,13 @@ TEST(DebugSleep, ZeroReturnsAtOnce) {
 
 TEST(DebugSleep, RealSignalsDoNotShortenTheSleep) {
   const Interrupter interrupter;
-  const auto start = Clock::now();
 
-  DebugSleep(300);
-
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(300));
-  EXPECT_GT(interrupter.Count(), 0);
+  // A busy machine delivers few in one sleep.
+  while (interrupter.Count() <= 10) {
+    const auto start = Clock::now();
+    DebugSleep(300);
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(300));
+  }
 }
 
 }  // namespace
