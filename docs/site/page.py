@@ -6,7 +6,9 @@ headers become Doxygen's, and a link to a drawing becomes the drawing.
 
 import re
 
-FENCE = re.compile(r" *```")
+CODE = re.compile(r"(?ms)(^ *```.*?^ *```$)")
+HEADING = re.compile(r"(?m)^(#+) (.*)$")
+DRAWING = re.compile(r"(?m)^\[[^]]+\]\(site/([\w-]+)\.dot\)$")
 LINK = re.compile(r"\[([^]\[]+)\]\(([\w./-]*)(?:#([\w-]+))?\)")
 
 
@@ -16,57 +18,34 @@ def slug(heading):
 
 
 def headings(text):
-    """(level, words) of each heading."""
-    inside = False
-    for line in text.splitlines():
-        if FENCE.match(line):
-            inside = not inside
-        elif not inside and (found := re.match(r"(#+) (.*)", line)):
-            yield len(found.group(1)), found.group(2)
-
-
-def target(stem, file, anchor):
-    """What Doxygen calls the place that a link of the page stem leads to; None if it is outside the site."""
-    if file == "errors.json":
-        return anchor or "error-catalogue"
-    if file and not re.fullmatch(r"[\w-]+\.md", file):
-        return None
-    page = file.removesuffix(".md") or stem
-    return f"{page}-{anchor}" if anchor else page
-
-
-def linked(stem, line):
-    def link(found):
-        words, file, anchor = found.groups()
-        if file.startswith("../include/"):
-            return f'@ref {words} "{words}"'
-        place = target(stem, file, anchor)
-        if place is None:
-            return found.group(0)
-        # The tables of the first page are the tree of all pages.
-        command = "@subpage" if stem == "index" and line.startswith("|") and not anchor else "@ref"
-        return f'{command} {place} "{words}"'
-
-    return LINK.sub(link, line)
+    """The words of each heading."""
+    return [words for _, words in HEADING.findall(CODE.sub("", text))]
 
 
 def translated(stem, text):
-    sections = sum(level == 2 for level, _ in headings(text))
-    inside, lines = False, []
-    for line in text.splitlines():
-        if FENCE.match(line):
-            inside = not inside
-        elif inside:
-            pass
-        elif found := re.match(r"# (.*)", line):
-            line = f"{line} {{#{'mainpage' if stem == 'index' else stem}}}"
-            if sections > 2:
-                line += "\n\n@tableofcontents"
-        elif found := re.match(r"##+ (.*)", line):
-            line = f"{line} {{#{stem}-{slug(found.group(1))}}}"
-        elif found := re.fullmatch(r"\[[^]]+\]\(site/([\w-]+)\.dot\)", line):
-            line = f"@htmlinclude[block] {found.group(1)}.svg"
-        else:
-            line = linked(stem, line)
-        lines.append(line)
-    return "\n".join(lines) + "\n"
+    contents = "\n\n@tableofcontents" if len(headings(text)) > 3 else ""
+
+    def heading(found):
+        marks, words = found.groups()
+        if marks == "#":
+            return f"# {words} {{#{'mainpage' if stem == 'index' else stem}}}{contents}"
+        return f"{marks} {words} {{#{stem}-{slug(words)}}}"
+
+    def link(found):
+        words, file, anchor = re.sub(r"\s+", " ", found.group(1)), found.group(2), found.group(3)
+        # The tables of the first page are the tree of all pages.
+        line = found.string[found.string.rfind("\n", 0, found.start()) + 1:]
+        command = "@subpage" if stem == "index" and line.startswith("|") and not anchor else "@ref"
+        if file.startswith("../include/"):
+            return f'@ref {words} "{words}"'
+        if file == "errors.json":
+            return f'{command} {anchor or "error-catalogue"} "{words}"'
+        if file and not file.endswith(".md"):
+            return found.group(0)
+        page = file.removesuffix(".md") or stem
+        return f'{command} {page}-{anchor} "{words}"' if anchor else f'{command} {page} "{words}"'
+
+    parts = CODE.split(text)
+    parts[::2] = [LINK.sub(link, DRAWING.sub(r"@htmlinclude[block] \1.svg", HEADING.sub(heading, part)))
+                  for part in parts[::2]]
+    return "".join(parts)
