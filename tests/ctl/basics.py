@@ -92,7 +92,7 @@ class Explain(TestCase):
 
     def test_ATextThatIsNotInTheCatalogueIsSaidSo(self):
         result = ctl("explain", "all is well")
-        self.assertEqual((result.status, result.out, result.err), (0, "", "Nothing of that stands in the catalogue.\n"))
+        self.assertEqual((result.status, result.out, result.err), (0, "", "Nothing in it is in the catalogue.\n"))
         self.assertEqual(ctl("--quiet", "explain", "all is well").err, "")
 
     def test_ItNeedsNoFileOnTheBoard(self):

@@ -65,7 +65,7 @@ int Explain(const std::string& text, Output& out) {
   }
   out.Object("explained", {{"lines", lines}, {"explanations", found}});
   if (found == 0) {
-    out.Say("Nothing of that stands in the catalogue.");
+    out.Say("Nothing in it is in the catalogue.");
   }
   return kStatusDone;
 }
