@@ -19,7 +19,7 @@ int main() {
     char buffer[5];
     WriteLoop(writing, "hello", 5);            // all five, or an exception
     ReadLoop(reading, buffer, sizeof buffer);  // likewise
-    DebugSleep(20);                            // ms, whatever signals come
+    DebugSleep(20);                            // ms, even with signals
     // [use]
     std::cout << std::string(buffer, sizeof buffer) << '\n';
 

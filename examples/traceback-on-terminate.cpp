@@ -1,4 +1,4 @@
-// Ends with an exception that nobody catches, and tells where it was thrown.
+// Ends with an exception that nobody catches, and says where it was thrown.
 //
 // The stack is recorded at the throw, by a __cxa_throw in front of the C++ library's own, since the terminate handler
 // is too late: from there, the unwinder of 32-bit ARM gets no further than the C++ library.

@@ -31,7 +31,7 @@
 /// thread at a time.
 ///
 /// @warning The destructor closes the stream and then the descriptor, whose number the stream has just closed: in a
-/// program with several threads, that number may belong to somebody else by then.
+/// program with several threads, that number may belong to another file by then.
 class File {
  public:
   /// Opens @p path with the flags of `open` and, where it creates the file, the permission bits @p mode.
@@ -84,13 +84,13 @@ class File {
 
   /// Moves the descriptor's offset as `lseek` does and returns it. The stream does not know.
   /// @throws std::system_error "Seeking failed for '<name>' failed." (EOVERFLOW: the new offset does not fit into a
-  /// `long` of 32 bits; the descriptor has moved there all the same).
+  /// `long` of 32 bits; the descriptor has moved there nevertheless).
   long Seek(long offset, int whence) const;
 
   /// Controls the device with @p request and returns the result of `ioctl`.
   ///
   /// The third argument that `ioctl` gets is the list of the variable arguments itself, not the first of them: of use
-  /// only for requests without an argument. One that answers overwrites the list and what lies behind it.
+  /// only for requests without an argument. One that answers overwrites the list and the stack behind it.
   /// @throws std::system_error "IO Control failed for '<name>' failed.".
   int Ioctl(int request, ...) const;
 

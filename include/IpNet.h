@@ -25,10 +25,10 @@ class OpSystem;
 ///
 /// @snippet ip-configuration.cpp use
 ///
-/// Queries run one command and pick words out of its output; changes query first, do nothing if the state already is
-/// as asked, and otherwise run one shell text of up to two commands. There is no rollback: if the second command fails,
-/// the first may have taken effect; if the first fails and the second does not, only standard error shows it. Names and
-/// addresses go into the commands as they are given, without quoting or checks.
+/// Queries run one command and pick words out of its output. Changes query first, do nothing if everything is already
+/// as requested, and otherwise run one shell text of up to two commands. There is no rollback: if the second command
+/// fails, the first may have taken effect; if the first fails and the second does not, only standard error shows it.
+/// Names and addresses go into the commands as they are given, without quoting or checks.
 ///
 /// One object is used by one thread at a time, and callers that change the same interface or route must serialise their
 /// calls. Every query and change throws what OpSystem::ExecCmd() throws: `std::logic_error` with the tool's own words
@@ -70,7 +70,7 @@ class IpNet {
   ///
   /// First, all addresses of the family are removed if @p flush is set, else the one that GetIfaceInfo() reports.
   /// Special values of @p addr: "" (and "0.0.0.0" for IPv4) only removes; "::" for IPv6 sets the link-local address
-  /// that belongs to the hardware address, always with prefix length 64, and always anew.
+  /// that belongs to the hardware address, always with prefix length 64, and even if it is set already.
   /// @returns false, having changed nothing, if GetIfaceInfo() reports the requested address and prefix length already;
   /// else true, also where there was nothing to remove.
   bool SetAddr(std::string iface, std::string addr, int prefixLength, bool ipv6, bool flush);
@@ -117,7 +117,7 @@ class IpNet {
   /// The position of the word after the first occurrence of @p key in @p text at or after @p start, or npos.
   ///
   /// A key inside a longer word stands for the rest of that word, unless @p wholeWord is set: then the occurrence must
-  /// have a space behind it, and one before it unless it begins the text. Later occurrences are not looked at. A key
+  /// be followed by a space, and follow one unless it begins the text. Later occurrences are not looked at. A key
   /// with a space in it ends at that space, and an empty one occurs at @p start.
   static unsigned int GetPosOfValue(std::string text, std::string key, unsigned int start, bool wholeWord);
 

@@ -47,7 +47,7 @@
 /// @warning A device that knows no modem lines (an ordinary pseudo-terminal), and a line that was hung up (an unplugged
 /// adapter), cannot be closed: Close() throws, and the destructor, which closes an open port, then ends the process.
 /// @warning Close() repeats an interrupted `close`, although Linux has released the descriptor's number by then: in a
-/// program with several threads, that number may belong to somebody else.
+/// program with several threads, that number may belong to another file.
 class SerialPort {
  public:
   /// Line speeds; the values are the kernel's speed codes.
@@ -118,7 +118,7 @@ class SerialPort {
   /// Opens the device and applies the five settings in this order, and a custom speed in the place of @p baudRate.
   ///
   /// Setting the flow control makes the line raw once more, so after this call the device runs with 8 data bits and
-  /// without parity, whatever was asked for: call SetCharSize() and SetParity() afterwards.
+  /// without parity, whatever you pass: call SetCharSize() and SetParity() afterwards.
   /// @throws what OpenSerialPortDevice() and the setters throw; a setter's failure leaves the port open with the
   /// settings applied so far.
   void Open(BaudRate baudRate, CharacterSize charSize, Parity parity, StopBits stopBits, FlowControl flowControl);
@@ -153,7 +153,7 @@ class SerialPort {
   std::uint32_t GetCustomBaudRate() const;
 
   /// Sets the number of data bits. @p charSize is not checked: any value is ORed into the control flags.
-  /// @throws std::system_error of SetPortSettings(), with "Invalid character size setting." behind its text.
+  /// @throws std::system_error of SetPortSettings(), with "Invalid character size setting." after its text.
   void SetCharSize(CharacterSize charSize);
   /// The device's data bits; CHAR_SIZE_5 where attributes are not supported.
   CharacterSize GetCharSize() const;
@@ -252,7 +252,7 @@ class SerialPort {
   /// Discards what the driver has not sent yet.
   /// @throws std::system_error "SerialPort::FlushOutput: tcflush() failed!".
   void FlushOutput() const;
-  /// Discards both, and once more what was received meanwhile.
+  /// Discards both, and then what was received meanwhile.
   /// @throws std::system_error "SerialPort::FlushInputAndOutput: tcflush() failed!".
   void FlushInputAndOutput() const;
 
@@ -261,8 +261,8 @@ class SerialPort {
   /// @{
 
   /// A report in lines: the device, its speeds, flow control and driver information, and the registers of the board's
-  /// UART, read from physical memory whichever device this is. The flags and what follows, except the last line, are
-  /// hexadecimal.
+  /// UART, read from physical memory whichever device this is. From the flags on, numbers are hexadecimal, except in
+  /// the last line.
   ///
   /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with
   /// the remembered settings: the receive buffer is lost. Of a closed port the report is the device and "not opened

@@ -8,7 +8,7 @@
 /// char buffer[5];
 /// WriteLoop(writing, "hello", 5);            // all five, or an exception
 /// ReadLoop(reading, buffer, sizeof buffer);  // likewise
-/// DebugSleep(20);                            // ms, whatever signals come
+/// DebugSleep(20);                            // ms, even with signals
 /// @endcode
 /// This is a part of `examples/descriptors.cpp`. The handbook has more: @ref descriptors, @ref signals, @ref memory.
 ///

@@ -45,8 +45,8 @@ class WatchDog {
   WatchDog& operator=(const WatchDog&) = delete;
 
   /// Opens the device, which starts the timer, and sets the interval.
-  /// @throws std::system_error " Could not open watchdog device!" (EBUSY: somebody else has it), with the object
-  /// as active as before; what SetInterval() throws, likewise, with the device left open.
+  /// @throws std::system_error " Could not open watchdog device!" (EBUSY: already open, usually in another process),
+  /// with the object as active as before; and what SetInterval() throws, with the device left open.
   void Activate();
 
   /// Restarts the timer.

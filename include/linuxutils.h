@@ -22,9 +22,9 @@
 /// more (`-fno-optimize-sibling-calls` keeps the call).
 ///
 /// A function has a name if the program exports it to the dynamic linker (link with `-rdynamic`; static functions are
-/// never exported) and if it goes on behind its call. Where it ends in a call that never returns, the address behind
+/// never exported) and if it continues after its call. Where it ends in a call that never returns, the address after
 /// that call belongs to another function or to nobody, except on ARM. With g++, `-fno-reorder-blocks-and-partition` and
-/// `-fno-ipa-pure-const` keep code behind such calls, unless the called function is declared `[[noreturn]]`; with
+/// `-fno-ipa-pure-const` keep code after such calls, unless the called function is declared `[[noreturn]]`; with
 /// clang++, `-mllvm -trap-unreachable` does.
 ///
 /// The CMake target boardkit::traceback has all of these flags.
@@ -52,7 +52,7 @@ void AppendRecurionNote(std::string& text, int count);
 ///
 /// At most 20 frames are captured, this function's own and the @p skip callers left out included. Of neighbouring
 /// frames that are equal (a recursion from one place; of their lines, 200 characters are compared), the first is shown
-/// and the others are counted behind it.
+/// and the others are counted after it.
 std::string Traceback(int skip);
 
 /// The stack from the caller on, as Traceback(0) shows it; of a deep one, a frame less, since this function's own is
