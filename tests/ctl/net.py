@@ -3,6 +3,7 @@
 import os
 import pathlib
 import shutil
+import signal
 
 from ctl import BOARDCTL, NO_IP, finish, main, shell, start, TestCase
 
@@ -34,8 +35,8 @@ class Net(TestCase):
         objects = [line for line in lines if line.startswith("{")]
         self.assertEqual(len(objects), 5)
         self.assertEqual(objects[1], '{"schema":1,"kind":"net_interface","interface":"eth0","up":true,'
-                         '"link":"02:00:00:00:00:01","ipv4":"192.0.2.10","ipv4_prefix_length":"24",'
-                         '"ipv6":"fe80::ff:fe00:1","ipv6_prefix_length":"64",'
+                         '"link":"02:00:00:00:00:01","ipv4":"192.0.2.10","ipv4_prefix_length":24,'
+                         '"ipv6":"fe80::ff:fe00:1","ipv6_prefix_length":64,'
                          '"addresses":["192.0.2.10/24","fe80::ff:fe00:1/64"]}')
         self.assertEqual(objects[2], '{"schema":1,"kind":"net_interface","interface":"eth1","up":false,'
                          '"link":"02:00:00:00:00:02","ipv4":null,"ipv4_prefix_length":null,'
@@ -184,15 +185,37 @@ class Net(TestCase):
         self.assertIn("boardctl: that failed: it was 192.0.2.1 on eth0, and is none now.\n"
                       "boardctl: net gateway: Error: Nexthop has invalid gateway.\n  cause    ", result.err)
 
+    def test_ASignalInTheMiddleOfAChangeLetsItBeCompletedAndTold(self):
+        # Between the old address and the new one, ip waits until the signal has been sent: to all, as a terminal does.
+        tools = pathlib.Path("tools")
+        tools.mkdir()
+        (tools / "ip").write_text('#!/bin/sh\ncase "$*" in *" add "*) touch adding; until test -e sent; do sleep 0.02; done;; esac\n'
+                                  f'exec {shutil.which("ip")} "$@"\n')
+        (tools / "ip").chmod(0o755)
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with self.subTest(number=number):
+                steps = ["ip link set lo up", "ip addr add 192.0.2.9/24 dev lo", "ip addr del 127.0.0.1/8 dev lo", f"PATH={self.folder}/tools:$PATH",
+                         "exec " + shell("net", "address", "lo", ADDRESS)]
+                process = start([*self.own_network(), "sh", "-c", "; ".join(steps)], start_new_session=True)
+                self.wait_until(lambda: os.path.exists("adding"), "the second half of the change")
+                os.killpg(process.pid, number)
+                pathlib.Path("sent").touch()
+                result = finish(process)
+                os.remove("adding")
+                os.remove("sent")
+                self.assertEqual((result.status, result.out, result.err),
+                                 (128 + number, f"lo  was 192.0.2.9/24, is {ADDRESS}: changed\n", ""))
+
     def test_ADefaultRouteWithoutAGatewayIsLeft(self):
         result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default dev eth0", "> calls",
                              shell("net", "gateway", "eth0", "192.0.2.1") + "; echo $?")
         self.assertEqual(result.out, "1\n")
         self.assertIn("the default route has not one gateway", result.err)
-        self.assertEqual(self.calls(), ["ip -4 route show"])
+        self.assertEqual(self.calls(), ["ip addr show dev eth0", "ip -4 route show"])
 
     def test_AnInterfaceThatIsNotThereIsToldWithCauseAndRemedy(self):
-        for words in (["show", "eth7"], ["address", "eth7", ADDRESS], ["link-local", "eth7"], ["clear", "address", "eth7"]):
+        for words in (["show", "eth7"], ["address", "eth7", ADDRESS], ["link-local", "eth7"], ["clear", "address", "eth7"],
+                      ["gateway", "eth7", "192.0.2.1"], ["clear", "gateway", "eth7"]):
             with self.subTest(words=words):
                 result = self.on_board("net", *words)
                 self.assertEqual((result.status, result.out), (1, ""))

@@ -11,7 +11,22 @@ import sys
 from ctl import WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, TestCase, without_rights
 
 DEVICE = "/dev/watchdog"
+# The kernel would tell whether it is.
+DISARMED = "boardctl: /dev/watchdog is disarmed, unless its driver has nowayout set, which is not told here."
 RESET = 86  # boardsim's status when the watchdog has reset the board
+
+
+def sees_all():
+    """Whether the user may see what every process here has open."""
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            for descriptor in (process / "fd").iterdir():
+                descriptor.stat()
+        except PermissionError:
+            return False
+        except OSError:
+            pass  # it has ended
+    return True
 
 
 class Watchdog(TestCase):
@@ -37,8 +52,22 @@ class Watchdog(TestCase):
                                 '"timeout_s":null,"time_left_s":null,"min_timeout_s":null,"max_timeout_s":null,'
                                 '"nowayout":null,"reset_the_board":null,"held_by":[]}')
         self.assertEqual(text[0], DEVICE)
-        self.assertIn("  open by    nobody", text)
+        # Nobody on the board, but it may not see the simulator's processes.
+        self.assertIn("  open by    nobody that this user may see", text)
         self.assertIn("not told without opening it", result.err)
+
+    def test_NobodyIsSaidOfThoseWhomTheUserMaySee(self):
+        os.mkfifo("dog", 0o644)  # looked at like the simulated one
+        pathlib.Path(self.folder).chmod(0o755)
+        # What another user's processes have open, only root sees.
+        cases = [(["setpriv", "--reuid=65534", "--clear-groups"], "nobody that this user may see")] if os.geteuid() == 0 else []
+        cases.append(([], "nobody" if sees_all() else "nobody that this user may see"))
+        place = self.programs_for_all()
+        environment = {**os.environ, "LD_LIBRARY_PATH": str(place), "GCOV_PREFIX": self.folder}
+        for lower, words in cases:
+            with self.subTest(lower=lower):
+                result = finish(start([*lower, place / "boardctl", "watchdog", "show", "./dog"], env=environment))
+                self.assertIn(f"\n  open by    {words}\n", result.out, result.err)
 
     def test_ADeviceInUseIsToldWithWhoHasItAndNothingIsArmed(self):
         script = (f"{shell('watchdog', 'feed', DEVICE)} 2> fed & "
@@ -85,8 +114,23 @@ class Watchdog(TestCase):
                 self.assertEqual((result.status, result.out), (128 + number, ""))
                 self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
                     "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 1 s; it is fed each 0.3 s.",
-                    "boardctl: /dev/watchdog is disarmed."])
+                    DISARMED])
                 self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
+
+    def test_OfASignalsStatusThatLeavesItCountingTheWordsSaySo(self):
+        script = f"set -m; {shell('watchdog', 'feed', DEVICE)} 2> said & {self.fed(1)}; kill -TERM $!; wait $!; echo $?"
+        result = self.board("bash", "-c", script.replace("feed$", "timeout 30$"), options=["--nowayout"], log="log")
+        self.assertEqual((result.status, result.out), (RESET, "143\n"))
+        self.assertEqual(pathlib.Path("said").read_text().splitlines()[-1], DISARMED)
+        # A command that is slow to end, and a check that does not hold meanwhile.
+        command = "trap 'touch asked' TERM; touch ready; while :; do sleep 0.02; done"
+        run = shell("watchdog", "run", DEVICE, "--interval", "15", "--check", "until test -e asked; do sleep 0.02; done; exit 3",
+                    "--", "sh", "-c", command)
+        script = f"set -m; {run} 2> said & until test -e ready; do sleep 0.02; done; kill -TERM $!; wait $!; echo $?"
+        result = self.board("bash", "-c", script, log="log")
+        self.assertEqual((result.status, result.out), (RESET, "143\n"))
+        self.assertRegex(pathlib.Path("said").read_text().splitlines()[-1],
+                         r"^boardctl: --check ended with status 3; .*: no more feeding, THE BOARD RESETS within 15 s\.$")
 
     def test_TheTerminalsStopKeyDoesNotStopTheFeeding(self):
         script = (f"set -m; {shell('--quiet', 'watchdog', 'feed', DEVICE, '--interval', '1')} 2> said & "
@@ -108,7 +152,7 @@ class Watchdog(TestCase):
     def test_ACommandThatEndsWellIsFedWhileItLivesThenItIsDisarmed(self):
         result = self.run_under_it("--interval", "1", "--", "sh", "-c", "sleep 1.5; echo it ran")
         self.assertEqual((result.status, result.out), (0, "it ran\n"))
-        self.assertEqual(result.err.splitlines()[-1], "boardctl: /dev/watchdog is disarmed.")
+        self.assertEqual(result.err.splitlines()[-1], DISARMED)
         self.assertEqual(self.events(), ["open", "timeout 1", "write magic", "close: stopped"])
 
     def test_ACommandThatFailsLeavesTheBoardToItsReset(self):
@@ -124,7 +168,7 @@ class Watchdog(TestCase):
         result = self.run_under_it("--", "./nope")
         self.assertEqual(result.status, 1)
         self.assertEqual(result.err.splitlines()[1:], [
-            "boardctl: /dev/watchdog is disarmed.",
+            DISARMED,
             "boardctl: watchdog run: './nope' can't be started: No such file or directory"])
         self.assertEqual(self.events(), ["open", "timeout 30", "write magic", "close: stopped"])
 
@@ -234,7 +278,7 @@ class Watchdog(TestCase):
         driver = self.driver_that("if (request == WDIOC_GETTIMEOUT) { *(int*)argument = 3; }")
         result = self.board("sh", "-c", f"{driver} {shell('watchdog', 'feed', DEVICE, '--interval', '10', '--every', '5')}", log="log")
         self.assertEqual((result.status, result.err), (1, "boardctl: the driver made 3 s of 10 s.\n"
-                                                          "boardctl: /dev/watchdog is disarmed.\n"
+                                                          f"{DISARMED}\n"
                                                           "boardctl: watchdog feed: Feeding each 5 s is too rare for a time-out of 3 s\n"))
         self.assertEqual(self.events(), ["open", "timeout 10", "write magic", "close: stopped"])
 

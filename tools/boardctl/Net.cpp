@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdlib>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -17,6 +18,7 @@
 #include "Groups.h"
 #include "Interfaces.h"
 #include "Program.h"
+#include "Signals.h"
 #include "Status.h"
 
 namespace {
@@ -155,6 +157,10 @@ void ShowInterface(const Interface& look, IpNet& net, Output& out) {
     const auto found = record.find(key);
     return found == record.end() ? Value() : Value(Printable(found->second));
   };
+  const auto number = [&](const char* key) {
+    const Value told = text(key);
+    return told ? Json(std::strtoul(told->c_str(), nullptr, 10)) : Json();
+  };
   Json addresses = Json::array();
   std::string words;
   for (const Interface::Address& address : look.addresses) {
@@ -167,9 +173,9 @@ void ShowInterface(const Interface& look, IpNet& net, Output& out) {
                                {"up", look.isUp},
                                {"link", OrNull(text("link"))},
                                {"ipv4", OrNull(text("ipv4"))},
-                               {"ipv4_prefix_length", OrNull(text("ipv4pflen"))},
+                               {"ipv4_prefix_length", number("ipv4pflen")},
                                {"ipv6", OrNull(text("ipv6"))},
-                               {"ipv6_prefix_length", OrNull(text("ipv6pflen"))},
+                               {"ipv6_prefix_length", number("ipv6pflen")},
                                {"addresses", addresses}});
 }
 
@@ -277,6 +283,8 @@ int Make(Change& change, Network& net, const std::function<void()>& apply, const
   const bool isChanged = !change.commands.empty();
   Value after = change.before;
   if (isChanged && !call.dryRun) {
+    // Between the old one and the new one there is none: a signal ends neither this program nor its ip there.
+    const signals::Held held(signals::kForItsCommandsToo);
     try {
       apply();
     } catch (const std::exception&) {
@@ -418,6 +426,9 @@ Value InWords(const std::optional<Route>& route) {
 /// Sets the default route to @p wanted, or removes it.
 int SetRoute(const std::optional<Route>& wanted, bool ipv6, const Arguments& arguments, Call& call) {
   Network net;
+  if (!arguments.interface.empty()) {
+    net->GetIfaceInfo(arguments.interface);  // if there is none, nothing is changed
+  }
   const auto look = [&] { return RouteIn(net->GetGwInfo(ipv6), ipv6); };
   const std::optional<Route> before = look();
   Change change{"gateway", arguments.interface, ipv6, InWords(before), InWords(wanted), {}};

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -12,10 +13,13 @@
 
 namespace {
 
-/// The names in a folder that are numbers.
-std::vector<int> NumbersIn(const std::string& folder) {
+/// The names in a folder that are numbers. @p isRefused is set if the user may not look.
+std::vector<int> NumbersIn(const std::string& folder, bool* isRefused = nullptr) {
   std::vector<int> numbers;
   const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), ::closedir);
+  if (!open && errno == EACCES && isRefused != nullptr) {
+    *isRefused = true;
+  }
   for (const dirent* entry = open ? ::readdir(open.get()) : nullptr; entry != nullptr; entry = ::readdir(open.get())) {
     if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9') {
       numbers.push_back(static_cast<int>(std::strtol(entry->d_name, nullptr, 10)));
@@ -43,6 +47,20 @@ bool HasOpen(const std::string& process, const struct stat& device) {
   return false;
 }
 
+/// Whether this user may see what every process has open.
+bool SeesAll() {
+  bool isRefused = false;
+  for (const int number : NumbersIn("/proc")) {
+    const std::string files = "/proc/" + std::to_string(number) + "/fd";
+    // In a user namespace, the list may be read, and what it leads to not.
+    for (const int fd : NumbersIn(files, &isRefused)) {
+      struct stat file {};
+      isRefused = isRefused || (::stat((files + '/' + std::to_string(fd)).c_str(), &file) == -1 && errno == EACCES);
+    }
+  }
+  return !isRefused;
+}
+
 }  // namespace
 
 namespace processes {
@@ -59,7 +77,7 @@ std::vector<Holder> HoldersOf(const std::string& device) {
       std::string name;
       std::ifstream comm(process + "/comm");
       std::getline(comm, name);
-      holders.push_back({number, name});
+      holders.push_back({number, Printable(name)});
     }
   }
   return holders;
@@ -78,7 +96,10 @@ std::string InWords(const std::vector<Holder>& holders) {
   for (const Holder& holder : holders) {
     words += (words.empty() ? "" : ", ") + holder.name + " (" + std::to_string(holder.process) + ')';
   }
-  return words.empty() ? "nobody" : words;
+  if (!words.empty()) {
+    return words;
+  }
+  return SeesAll() ? "nobody" : "nobody that this user may see";
 }
 
 }  // namespace processes

@@ -19,7 +19,7 @@ std::vector<Holder> HoldersOf(const std::string& device);
 
 /// The same as [{"pid":1,"name":"init"}].
 Json InJson(const std::vector<Holder>& holders);
-/// "init (1), getty (812)"; "nobody" for none.
+/// "init (1), getty (812)"; for none, "nobody", and if this user may not see all, that too.
 std::string InWords(const std::vector<Holder>& holders);
 
 }  // namespace processes

@@ -141,6 +141,32 @@ void Install() {
   InstallSignalHandler(SIGPIPE, Ignore);
 }
 
+Held::Held(Holding holding) : m_holding(holding) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  for (const int number : kNumbers) {
+    ::sigaddset(&signals, number);
+  }
+  ::sigprocmask(SIG_BLOCK, &signals, &m_before);
+  if (m_holding == kForItsCommandsToo) {
+    // A shell unblocks what is blocked, and leaves ignored what is ignored. What is blocked here waits all the same.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    for (std::size_t i = 0; i < std::size(kNumbers); ++i) {
+      ::sigaction(kNumbers[i], &ignore, &m_actions[i]);
+    }
+  }
+}
+
+Held::~Held() {
+  if (m_holding == kForItsCommandsToo) {
+    for (std::size_t i = 0; i < std::size(kNumbers); ++i) {
+      ::sigaction(kNumbers[i], &m_actions[i], nullptr);
+    }
+  }
+  ::sigprocmask(SIG_SETMASK, &m_before, nullptr);
+}
+
 int Caught() {
   return caught;
 }

@@ -1,13 +1,35 @@
 #ifndef BOARDKIT_CTL_SIGNALS_H
 #define BOARDKIT_CTL_SIGNALS_H
 
+#include <signal.h>
+
 #include <cstdint>
+#include <iterator>
 
 /// SIGINT, SIGTERM and SIGHUP end a verb, after it has tidied up: they are noted, and the verb looks.
 namespace signals {
 
 /// From here on they are noted. SIGPIPE is caught, too, so that writing fails instead; children get it as usual.
 void Install();
+
+enum Holding { kForThisProcess, kForItsCommandsToo };
+
+/// While it lives, signals wait. The commands that are started meanwhile can be spared them, too: what has begun comes
+/// to its end.
+class Held {
+ public:
+  explicit Held(Holding holding = kForThisProcess);
+  ~Held();
+  Held(const Held&) = delete;
+  Held& operator=(const Held&) = delete;
+
+ private:
+  static constexpr int kNumbers[] = {SIGINT, SIGTERM, SIGHUP};
+
+  Holding m_holding;
+  sigset_t m_before{};
+  struct sigaction m_actions[std::size(kNumbers)]{};
+};
 
 /// The number of the first one that came; 0 for none.
 int Caught();

@@ -98,27 +98,6 @@ class StopsIgnored {
   struct sigaction m_before[std::size(kStops)]{};
 };
 
-/// While it lives, the signals wait.
-class SignalsWait {
- public:
-  SignalsWait() {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) {
-      ::sigaddset(&signals, number);
-    }
-    ::sigprocmask(SIG_BLOCK, &signals, &m_before);
-  }
-  ~SignalsWait() {
-    ::sigprocmask(SIG_SETMASK, &m_before, nullptr);
-  }
-  SignalsWait(const SignalsWait&) = delete;
-  SignalsWait& operator=(const SignalsWait&) = delete;
-
- private:
-  sigset_t m_before{};
-};
-
 std::string SecondsInWords(int seconds) {
   return std::to_string(seconds) + " s";
 }
@@ -161,7 +140,7 @@ class Armed {
         m_inTime(out),
         m_device(arguments.device),
         m_dog(std::make_unique<WatchDog>(arguments.intervalS, m_device)) {
-    const SignalsWait wait;
+    const signals::Held held;
     Arm(arguments.intervalS);
     KeepDescriptors();
     watchdog_info support{};
@@ -192,13 +171,16 @@ class Armed {
   int Disarm() {
     Do(&WatchDog::Deactivate, "Disarming");
     m_inTime.reset();
-    if (LookAtWatchdog(m_device).IsActive()) {
+    const WatchdogLook look = LookAtWatchdog(m_device);
+    if (look.IsActive()) {
       m_out.Warn("boardctl: closed in good order, and " + m_device +
                  " still counts (nowayout): THE BOARD RESETS within " + SecondsInWords(m_timeoutS) +
                  " unless another program opens and feeds it.");
       return kStatusFailed;
     }
-    m_out.Say("boardctl: " + m_device + " is disarmed.");
+    m_out.Say(
+        "boardctl: " + m_device +
+        (look.state ? " is disarmed." : " is disarmed, unless its driver has nowayout set, which is not told here."));
     return kStatusDone;
   }
 
@@ -216,7 +198,7 @@ class Armed {
 
  private:
   void Do(void (WatchDog::*step)(), const char* name) {
-    const SignalsWait wait;
+    const signals::Held held;
     try {
       (*m_dog.*step)();
     } catch (const std::exception&) {
@@ -489,7 +471,7 @@ int Run(const Arguments& arguments, Call& call) {
   std::optional<Child> command;
   std::optional<signals::HandsOn> handsOn;
   {
-    const SignalsWait wait;
+    const signals::Held held;
     try {
       if (signals::Caught() == 0) {
         command.emplace(call.command, false);
@@ -580,7 +562,8 @@ void AddWatchdog(Program& program) {
        "COMMAND ends otherwise: no more feeding, the board resets; status 1.\n"
        "--check or --alive fails: likewise; COMMAND is left running.\n"
        "COMMAND can't be started: disarms; status 1.\n"
-       "SIGINT, SIGTERM, SIGHUP: handed on; fed until COMMAND has ended, then disarms.\n"
+       "SIGINT, SIGTERM, SIGHUP: handed on; fed until COMMAND has ended, then disarms; the status tells the signal "
+       "also if --check or --alive failed or nowayout is set, and the board resets.\n"
        "boardctl is killed: nobody feeds, the board resets.\n"
        "Without a board: boardsim -- boardctl watchdog run /dev/watchdog -- ./app",
        "watchdog run /dev/watchdog --interval 5 -- ./app",
