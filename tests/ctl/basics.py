@@ -3,6 +3,7 @@
 import errno
 import json
 import os
+import pathlib
 import signal
 import subprocess
 
@@ -166,6 +167,13 @@ class Output(TestCase):
                     os.close(write)
                     os.close(unread)
 
+    def test_AClosedStandardOutputIsAFailure(self):
+        for words in (["explain", POPEN_FAILED], ["--help"]):
+            with self.subTest(words=words):
+                result = finish(start(["sh", "-c", shell(*words) + " >&-"]))
+                self.assertEqual(result.status, 1)
+                self.assertTrue(result.err.endswith("Standard output can't be written: Bad file descriptor\n"), result.err)
+
     def test_AFullDiskIsToldWithItsCauseAndStatus1(self):
         with open("/dev/full", "w") as full:
             result = finish(start([BOARDCTL, "explain", POPEN_FAILED], stdout=full))
@@ -237,6 +245,13 @@ class Memory(TestCase):
                 process.send_signal(number)
                 self.assertEqual(finish(process).status, 128 + number)
                 os.remove("pid")
+
+    def test_AWatchEndsWhenNobodyReadsAlsoWhereNothingChanges(self):
+        script = (f"{{ {shell('mem', 'watch', '0x40000000', '--every', '1')}; echo $? > status; }} | head -n 1; "
+                  "until test -s status; do sleep 0.02; done")
+        result = self.board("sh", "-c", script)
+        self.assertEqual((result.status, result.err, pathlib.Path("status").read_text()), (0, "", "1\n"))
+        self.assertIn("0x00000000", result.out)
 
     def test_ASignalThatIsIgnoredFromTheStartStaysSo(self):
         # As under nohup, or behind a shell's &.

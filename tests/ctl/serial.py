@@ -5,6 +5,7 @@ import pathlib
 import pty
 import re
 import shlex
+import shutil
 import signal
 import socket
 import subprocess
@@ -17,12 +18,7 @@ from ctl import BOARDCTL, DISK_FULL, PATIENCE, ctl, finish, main, port_not_opene
 PORT = "/dev/ttyS1"
 
 
-class Serial(TestCase):
-    def events(self):
-        """The log's events of the port, without times and flags."""
-        lines = pathlib.Path("log").read_text().splitlines()
-        return [re.sub(r" flags=.*", "", line.split(PORT + " ", 1)[1]) for line in lines if f" {PORT} " in line]
-
+class OnALine(TestCase):
     def command(self, line):
         """Gives the simulator a command on the socket of that name."""
         with socket.socket(socket.AF_UNIX) as control:
@@ -30,6 +26,13 @@ class Serial(TestCase):
             self.wait_until(lambda: control.connect_ex("socket") == 0, "a connection to the control socket")
             control.sendall(line.encode() + b"\n")
             self.assertTrue(control.recv(99).startswith(b"ok"), line)
+
+
+class Serial(OnALine):
+    def events(self):
+        """The log's events of the port, without times and flags."""
+        lines = pathlib.Path("log").read_text().splitlines()
+        return [re.sub(r" flags=.*", "", line.split(PORT + " ", 1)[1]) for line in lines if f" {PORT} " in line]
 
     def expect_put_back(self):
         """The last settings are those that the port had before."""
@@ -43,7 +46,7 @@ class Serial(TestCase):
         self.assertEqual((result.status, result.err), (0, ""))
         lines = result.out.splitlines()
         self.assertRegex(lines[0], rf"^{PORT}      serial8250, open by bash \(\d+\)$")
-        self.assertEqual(lines[1], "/dev/ttyS10     serial8250, open by nobody")
+        self.assertEqual(lines[1], "/dev/ttyS10     serial8250, open by nobody that this user may see")
         self.assertRegex(lines[2], rf'^{{"schema":1,"kind":"serial_port","device":"{PORT}","driver":"serial8250",'
                                    r'"has_uart":true,"held_by":\[{"pid":\d+,"name":"bash"}\]}$')
         self.assertEqual(len(lines), 4)
@@ -74,10 +77,12 @@ class Serial(TestCase):
                 result = self.on_board("serial", verb, dog, log="log")
                 self.assertEqual((result.status, result.err), (1, f"boardctl: serial {verb}: {dog} is no serial port\n"))
                 self.assertNotIn(f" {dog} open", pathlib.Path("log").read_text())
-        fuse = "/dev/fuse"  # has the major number of a real one, and opening it harms nothing
-        if os.path.exists(fuse):
-            result = ctl("serial", "show", fuse)
-            self.assertEqual((result.status, result.err), (1, f"boardctl: serial show: {fuse} is no serial port\n"))
+        # These have the major number of a real one, or the kernel tells that they are something else; opening them
+        # harms nothing.
+        for other in "/dev/fuse", "/dev/zero":
+            if os.path.exists(other):
+                result = ctl("serial", "show", other)
+                self.assertEqual((result.status, result.err), (1, f"boardctl: serial show: {other} is no serial port\n"))
 
     def test_TheLibrarysReportIsPrintedAndTheLineIsPutBack(self):
         result = self.on_board("serial", "report", PORT, log="log")
@@ -109,11 +114,6 @@ class Serial(TestCase):
                 self.assertEqual(int(set_up[-1], 16) & (size_mask | two_stops | parity | odd | rts_cts), flags)
 
     def test_StandardInputIsSentToItsEndAlsoInHexadecimal(self):
-        # With its standard descriptors closed, too: the device must not take their place, and get the words as bytes.
-        result = self.board("sh", "-c", f"echo plain > file; {shell('serial', 'send', PORT, 'file')} >&- 2>&-",
-                            options=["--tty", PORT + "=exec:cat > got"])
-        self.assertEqual((result.status, result.out, result.err), (0, "", ""))
-        self.wait_until(lambda: pathlib.Path("got").read_bytes() == b"plain\n", "the bytes at the far end")
         for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello")]:
             with self.subTest(words=words):
                 result = self.on_board("--json", "serial", "send", PORT, *words, given=given,
@@ -126,6 +126,31 @@ class Serial(TestCase):
                 result = self.on_board("serial", "send", PORT, "--hex", given=given)
                 self.assertEqual(result.status, 1)
                 self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
+
+    def test_TheDeviceDoesNotTakeThePlaceOfAClosedStandardDescriptorAndUsingOneFails(self):
+        # Else the far end would get the words as bytes.
+        pathlib.Path("file").write_bytes(b"plain\n")
+        for closed, words, status, err in [
+                ("<&- 2>&-", [PORT, "file"], 0, ""),
+                (">&-", [PORT, "file"], 1, "boardctl: serial send: Standard output can't be written: Bad file descriptor\n"),
+                ("<&-", [PORT], 1, "boardctl: serial send: Standard input can't be read: Bad file descriptor\n")]:
+            with self.subTest(closed=closed):
+                result = self.board("sh", "-c", f"{shell('serial', 'send', *words)} {closed}; echo $? > status",
+                                    options=["--tty", PORT + "=exec:cat > got"])
+                self.assertEqual((pathlib.Path("status").read_text(), result.err), (f"{status}\n", err))
+                wanted = b"plain\n" if "file" in words else b""
+                self.wait_until(lambda: pathlib.Path("got").read_bytes() == wanted, "the bytes at the far end")
+                os.remove("got")
+
+    def test_InputThatTurnsOutNotToBeHexadecimalIsToldWithWhatWasSentBefore(self):
+        # A piece of what is read is sent as a whole, or not at all.
+        given = b"41" * 512 + b"4x"
+        result = self.on_board("serial", "send", PORT, "--hex", given=given)
+        self.assertEqual(result.status, 1)
+        self.assertRegex(result.out, r"^failed: sent at most 512 bytes in \d+\.\d\d s, \d+ B/s\n$")
+        self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
+        result = self.on_board("--json", "serial", "send", PORT, "--hex", given=given)
+        self.assertEqual((result.objects[0]["size_bytes"], result.objects[0]["ended"]), (512, "failure"))
 
     def test_ASpeedThatTheUartCannotMakeIsRefusedAndAnyOtherIsTaken(self):
         result = self.on_board("serial", "send", PORT, "--speed", "123456", given=b"x", log="log")
@@ -194,18 +219,41 @@ class Serial(TestCase):
         self.expect_put_back()
 
     def test_APortThatIsUnpluggedInTheMiddleIsAFailureWithItsCause(self):
-        for words in (["receive", PORT], ["send", PORT, "/dev/zero"], ["test", PORT, "--speeds", "115200"]):
+        # It is in the middle when a byte has come through.
+        far_end = PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; printf x; cat > came"
+        for words, seen in ((["receive", PORT], "said"), (["send", PORT, "/dev/zero"], "came"),
+                            (["test", PORT, "--speeds", "115200", "--size", "16777216"], "came")):
             with self.subTest(words=words):
-                process = self.start_board("sh", "-c", f"{shell('serial', *words)}; echo status $?", log="log",
-                                           options=["--tty", PORT + "=none", "--control", "socket"])
-                self.wait_for_text("log", "speed=115200")
+                process = self.start_board("sh", "-c", f"{shell('serial', *words)} > said; echo status $?; cat said", log="log",
+                                           options=["--tty", far_end, "--control", "socket"])
+                self.wait_until(lambda: os.path.exists(seen) and os.path.getsize(seen) > 0, "a byte")
                 self.command(f"hangup {PORT}")
                 result = finish(process)
                 self.assertIn("status 1\n", result.out)
+                told = {"receive": (result.err, r"^boardctl: received 1 bytes in \d+\.\d\d s: that failed\n"),
+                        "send": (result.out, r"\nfailed: sent at most \d+ bytes in \d+\.\d\d s, "),
+                        "test": (result.out, r"\n  115200 .*  failed\nVerdict: failed, good at 0 of 1 speeds\n")}
+                self.assertRegex(*told[words[0]])
                 self.assertRegex(result.err, rf"boardctl: serial {words[0]}: ")
                 self.assertIn("  cause    ", result.err)
                 self.assertIn("unplugged", result.err)
-                os.remove("log")
+                for name in "log", "came", "said":
+                    os.remove(name)
+
+    def test_NobodyReadingWhatIsReceivedEndsItAlsoWhereNothingComes(self):
+        script = f"{{ {shell('serial', 'receive', PORT)}; echo $? > status; }} | head -n 1; until test -s status; do sleep 0.02; done"
+        result = self.board("sh", "-c", script, log="log",
+                            options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; echo x; exec cat"])
+        self.assertEqual((result.out, result.err, pathlib.Path("status").read_text()), ("x\n", "", "1\n"))
+        self.expect_put_back()
+
+    def test_AHoldersNameDoesNotReachTheTerminalAsItIs(self):
+        name = "a\x1b[2J\x07"
+        shutil.copy(shutil.which("sleep"), name)
+        pathlib.Path(name).chmod(0o755)
+        script = f"./{name} 100 3<>{PORT} & until {shell('serial', 'list')} | grep -q 'open by a'; do :; done; {shell('serial', 'list')}; kill $!"
+        result = self.board("bash", "-c", script)
+        self.assertIn(", open by a?[2J? (", result.out)
 
     def test_ASignalWhileReceivingPutsTheLineBack(self):
         for number in (signal.SIGINT, signal.SIGTERM):
@@ -314,7 +362,7 @@ class Serial(TestCase):
                 self.assertIn(port_not_opened("/dev/ttyS7") + ": No such file or directory\n  cause", result.err)
                 result = self.on_board("serial", verb, "/dev/null")
                 self.assertEqual(result.status, 1)
-                self.assertIn("Save the current settings for serial port failed?: Inappropriate ioctl for device\n", result.err)
+                self.assertEqual(result.err, f"boardctl: serial {verb}: /dev/null is no serial port\n")
         result = self.on_board("serial", "send", PORT, "missing")
         self.assertEqual((result.status, result.err),
                          (1, "boardctl: serial send: missing can't be read: No such file or directory\n"))
@@ -351,7 +399,7 @@ class SerialAsAnOrdinaryUser(Serial):
     user = "ordinary"
 
 
-class LineTest(TestCase):
+class LineTest(OnALine):
     def test_AGoodLineIsFoundGoodOverTheLoopAndAnEcho(self):
         for words, options in ((["--loop"], ["--tty", PORT + "=none"]), ([], ["--tty", PORT + "=echo"])):
             with self.subTest(words=words):
@@ -452,6 +500,19 @@ class LineTest(TestCase):
                 self.assertEqual(result.status, 1)
                 self.assertIn("\nVerdict: good at 1 of 1 speeds", result.out)
                 self.assertTrue(result.err.endswith(f"boardctl: serial test: The picture {path} can't be written: {why}\n"), result.err)
+
+    def test_WhatWasMeasuredIsToldAndDrawnAlsoWhereALaterSpeedFails(self):
+        # At the second speed, the far end takes so long that the line is hung up before the block is through.
+        test = shell("serial", "test", PORT, "--speeds", "9600,115200,19200", "--size", "1000", "--turns", "1", "--svg", "line.svg")
+        far_end = (PORT + "=exec:head -c 1000; head -c 1; until grep -q speed=115200 log; do sleep 0.02; done; "
+                   "while printf x; do sleep 0.1; done")
+        process = self.start_board("sh", "-c", f"{test}; echo status $?", log="log", options=["--tty", far_end, "--control", "socket"])
+        self.wait_for_text("log", "speed=115200 flags")
+        self.command(f"hangup {PORT}")
+        result = finish(process)
+        self.assertRegex(result.out, r"(?s)\n    9600 +1000 [^\n]*  good\n  115200 [^\n]*  failed\nVerdict: failed, good at 1 of 2 speeds, [^\n]*\nstatus 1\n$")
+        self.assertIn("unplugged", result.err)
+        self.assertIn("115200", "".join(xml.etree.ElementTree.parse("line.svg").getroot().itertext()))
 
     def test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack(self):
         process = self.start_board(BOARDCTL, "--json", "serial", "test", PORT, "--loop", "--size", "16777216", log="log")

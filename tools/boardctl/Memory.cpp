@@ -112,6 +112,7 @@ int Watch(const Arguments& arguments, Call& call) {
   std::optional<std::uint32_t> last;
   std::uint64_t changes = 0;
   do {
+    Output::CheckReader();
     const std::uint32_t value = ReadFromPhysicalMemoryAddress(arguments.address);
     if (value == last) {
       continue;

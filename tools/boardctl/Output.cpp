@@ -67,6 +67,13 @@ void Output::Bytes(const void* data, std::size_t size) {
   Write(std::string_view(static_cast<const char*>(data), size));
 }
 
+void Output::CheckReader() {
+  pollfd reader{STDOUT_FILENO, 0, 0};
+  if (::poll(&reader, 1, 0) == 1 && (reader.revents & (POLLERR | POLLHUP)) != 0) {
+    throw OutputClosed();
+  }
+}
+
 void Output::Say(std::string_view words) {
   if (!m_options.quiet) {
     Warn(words);

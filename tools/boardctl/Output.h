@@ -52,6 +52,9 @@ class Output {
   /// Bytes of the result as they are, in both cases.
   void Bytes(const void* data, std::size_t size);
 
+  /// Ends a verb that waits long, if nobody reads the results any more. @throws OutputClosed.
+  static void CheckReader();
+
   /// A line about the result, on standard error; nothing with --quiet.
   void Say(std::string_view words);
   /// A line on standard error, also with --quiet: what went wrong, or may harm.

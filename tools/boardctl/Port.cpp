@@ -143,6 +143,7 @@ bool Port::SetSpeed(std::uint32_t bitsPerSecond) {
 bool Port::WaitForData(int milliseconds) const {
   constexpr int kPiece = 50;  // a signal that comes just before the waiting is seen after it
   for (int waited = 0; signals::Caught() == 0; waited += kPiece) {
+    Output::CheckReader();
     try {
       if (m_port->IsDataReceived(std::min(kPiece, milliseconds - waited))) {
         return true;

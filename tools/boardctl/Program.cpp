@@ -88,6 +88,24 @@ const CLI::Option* OptionOf(const CLI::App* app, const std::string& name) {
   return nullptr;
 }
 
+/// What does not fit together, in our own words. The parser's begin with the option's name.
+std::string MismatchInWords(const std::string& problem, const CLI::App* app) {
+  std::string name = problem.substr(0, problem.find_first_of(": "));
+  const CLI::Option* option = OptionOf(app, name);
+  if (option == nullptr) {
+    name.insert(0, "--");
+    option = OptionOf(app, name);
+  }
+  if (option == nullptr) {
+    return problem;
+  }
+  if (option->get_items_expected_max() == 0) {
+    return name + " takes no value";
+  }
+  return option->results().size() > 1 ? name + " is given more than once"
+                                      : name + " takes a value: " + option->get_type_name();
+}
+
 /// The options that may stand behind @p app; @p verb is null for a group.
 std::vector<std::string> OptionsOf(const CLI::App* app, const Verb* verb) {
   std::vector<std::string> names;
@@ -229,9 +247,9 @@ Program::Program() : m_app(std::make_unique<CLI::App>("", "boardctl")) {
   m_app->formatter(std::make_shared<HelpFormatter>(*this));
   m_app->set_help_flag("-h,--help", "print this help");
   m_app->set_version_flag("--version", "boardctl " BOARDCTL_VERSION, "print the version");
-  m_app->add_flag("--json", m_options.json, "the results as JSON, one object a line");
-  m_app->add_flag("--quiet", m_options.quiet, "no words besides results and failures, no progress");
-  m_app->add_flag("--dry-run", m_dryRun, "show what would be changed, and change nothing");
+  AddFlag(*m_app, "--json", m_options.json, "the results as JSON, one object a line");
+  AddFlag(*m_app, "--quiet", m_options.quiet, "no words besides results and failures, no progress");
+  AddFlag(*m_app, "--dry-run", m_dryRun, "show what would be changed, and change nothing");
   // The options of all verbs may stand behind the verb, too, and what nobody knows is called by its name below.
   m_app->fallthrough();
   m_app->allow_extras();
@@ -338,6 +356,7 @@ int Program::Main(int argc, const char* const* argv) {
 int Program::Parse(const std::vector<std::string>& arguments, const CLI::App*& chosen) {
   std::string problem;
   bool isAnswered = false;
+  bool isMismatch = false;  // between an option and its value
   try {
     // The parser takes them from the end.
     m_app->parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
@@ -347,6 +366,9 @@ int Program::Parse(const std::vector<std::string>& arguments, const CLI::App*& c
     Output({}).Bytes((std::string(version.what()) + '\n').data(), std::strlen(version.what()) + 1);
     chosen = nullptr;
     return kStatusDone;
+  } catch (const CLI::ArgumentMismatch& error) {
+    problem = error.what();
+    isMismatch = true;
   } catch (const CLI::ParseError& error) {
     problem = error.what();
   }
@@ -381,7 +403,7 @@ int Program::Parse(const std::vector<std::string>& arguments, const CLI::App*& c
     throw UsageError("it takes a " + std::string(kind) + ": " + NamesOf(Below(chosen)));
   }
   if (!problem.empty()) {
-    throw UsageError(problem);
+    throw UsageError(isMismatch ? MismatchInWords(problem, chosen) : problem);
   }
   CheckGlobals(*chosen);
   return kStatusDone;
@@ -441,5 +463,5 @@ void AddTakenArgument(CLI::App& verb, const std::string& name, const char* type,
 }
 
 void AddFlag(CLI::App& verb, const std::string& name, bool& target, const std::string& description) {
-  verb.add_flag(name, target, description);
+  verb.add_flag(name, target, description)->disable_flag_override();
 }

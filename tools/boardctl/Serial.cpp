@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <exception>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -225,20 +226,16 @@ void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total,
   }
 }
 
-int Send(const SendArguments& arguments, Call& call) {
-  Source source(arguments.file);
+/// Sends all of @p source; what it has @p written so far counts also when that fails.
+void SendAll(Source& source, Port& port, bool isHex, std::uint64_t total, std::uint64_t& written, Output& out) {
   HexReader hex;
-  const std::uint64_t total = arguments.isHex ? 0 : source.Size();
-  std::uint64_t written = 0;
-  Port port(arguments.line, call.out);
-  Standstill standstill(call.out);
-  const auto start = Clock::now();
+  Standstill standstill(out);
   for (;;) {
     std::vector<unsigned char> bytes = source.Read();
     if (bytes.empty()) {
       break;
     }
-    if (arguments.isHex) {
+    if (isHex) {
       bytes = hex.Read(bytes);
     }
     if (!WaitForRoom(port, standstill)) {
@@ -246,28 +243,50 @@ int Send(const SendArguments& arguments, Call& call) {
     }
     port->Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
     written += bytes.size();
-    call.out.Progress(written, total, "B");
+    out.Progress(written, total, "B");
   }
-  if (arguments.isHex && signals::Caught() == 0) {
+  if (isHex && signals::Caught() == 0) {
     hex.End();
   }
-  WaitUntilSent(port, written, total, standstill, call.out);
+  WaitUntilSent(port, written, total, standstill, out);
+}
+
+int Send(const SendArguments& arguments, Call& call) {
+  Source source(arguments.file);
+  const std::uint64_t total = arguments.isHex ? 0 : source.Size();
+  std::uint64_t written = 0;
+  Port port(arguments.line, call.out);
+  const auto start = Clock::now();
+  std::exception_ptr failure;
+  try {
+    SendAll(source, port, arguments.isHex, total, written, call.out);
+  } catch (const std::exception&) {
+    failure = std::current_exception();
+  }
 
   const double seconds = SecondsSince(start);
-  const bool isWhole = signals::Caught() == 0;
+  const bool isSignalled = signals::Caught() != 0;
+  const bool isWhole = !failure && !isSignalled;
   // What a writer that was under way puts behind what the signal discarded waits, and is discarded at the end.
   const std::uint64_t unsent =
       isWhole ? 0 : std::uint64_t{signals::DiscardsOutput::Bytes()} + port.Side().Waiting().value_or(0);
   const std::uint64_t sent = written - std::min(unsent, written);
   const double rate = seconds > 0 ? static_cast<double>(sent) / seconds : 0;
-  call.out.Line((isWhole ? "sent " : "stopped: sent at most ") + std::to_string(sent) + " bytes" +
-                (isWhole || total == 0 ? "" : " of " + std::to_string(total)) + " in " + Fixed(seconds, 2) + " s, " +
-                Rate(rate));
+  call.out.Line((isWhole   ? "sent "
+                 : failure ? "failed: sent at most "
+                           : "stopped: sent at most ") +
+                std::to_string(sent) + " bytes" + (isWhole || total == 0 ? "" : " of " + std::to_string(total)) +
+                " in " + Fixed(seconds, 2) + " s, " + Rate(rate));
   call.out.Object("serial_send", {{"device", arguments.line.device},
                                   {"speed_bps", arguments.line.speedBps},
                                   {"size_bytes", sent},
                                   {"t_s", seconds},
-                                  {"ended", isWhole ? "whole" : "signal"}});
+                                  {"ended", failure   ? "failure"
+                                            : isWhole ? "whole"
+                                                      : "signal"}});
+  if (failure) {
+    std::rethrow_exception(failure);
+  }
   if (!isWhole) {
     call.out.Warn("boardctl: what was not sent yet was discarded; the line's settings are put back");
   }
@@ -363,22 +382,22 @@ std::string WhyEnded(const std::string& ended, const std::string& silent) {
   if (ended == "count") {
     return "all bytes have come";
   }
+  if (ended == "failure") {
+    return "that failed";
+  }
   return ended == "until" ? "the text has come" : "a signal came; the line's settings are put back";
 }
 
-int Receive(const ReceiveArguments& arguments, Call& call) {
-  Port port(arguments.line, call.out);
-  Printer printer(arguments, call.out);
-  const auto start = Clock::now();
+/// Takes in what comes; what has been @p received so far counts also when that fails. Returns what ended it.
+std::string ReceiveAll(Port& port, const ReceiveArguments& arguments, Printer& printer, std::uint64_t& received,
+                       Output& out) {
   const bool showsProgress = ::isatty(STDOUT_FILENO) == 0;  // else it would stand in the midst of what is received
-  std::uint64_t received = 0;
-  std::string last;  // as much as the text that is waited for can begin in
+  std::string last;                                         // as much as the text that is waited for can begin in
   std::string ended;
   while (ended.empty()) {
     const int wait = arguments.idleMs == 0 ? INT_MAX : static_cast<int>(arguments.idleMs);
     if (!port.WaitForData(wait)) {
-      ended = signals::Caught() != 0 ? "signal" : "idle";
-      break;
+      return signals::Caught() != 0 ? "signal" : "idle";
     }
     std::vector<unsigned char> bytes = port.Read();
     if (arguments.count != 0 && bytes.size() >= arguments.count - received) {
@@ -391,8 +410,25 @@ int Receive(const ReceiveArguments& arguments, Call& call) {
     received += bytes.size();
     printer.Print(bytes);
     if (showsProgress) {
-      call.out.Progress(received, arguments.count, "B");
+      out.Progress(received, arguments.count, "B");
     }
+  }
+  return ended;
+}
+
+int Receive(const ReceiveArguments& arguments, Call& call) {
+  Port port(arguments.line, call.out);
+  Printer printer(arguments, call.out);
+  const auto start = Clock::now();
+  std::uint64_t received = 0;
+  std::string ended = "failure";
+  std::exception_ptr failure;
+  try {
+    ended = ReceiveAll(port, arguments, printer, received, call.out);
+  } catch (const OutputClosed&) {
+    throw;
+  } catch (const std::exception&) {
+    failure = std::current_exception();
   }
   printer.End();
 
@@ -411,6 +447,9 @@ int Receive(const ReceiveArguments& arguments, Call& call) {
   }
   call.out.Say("boardctl: received " + std::to_string(received) + " bytes in " + Fixed(seconds, 2) +
                " s: " + WhyEnded(ended, silent));
+  if (failure) {
+    std::rethrow_exception(failure);
+  }
   return kStatusDone;
 }
 

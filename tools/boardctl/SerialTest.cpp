@@ -49,7 +49,7 @@ struct Measurement {
   double limit = 0;            // bytes a second that the line can carry
   std::vector<double> turnUs;  // of single bytes
   std::uint64_t turnsLost = 0;
-  std::string verdict;
+  std::string verdict = "failed";
 
   double Throughput() const {
     return blockSeconds > 0 ? static_cast<double>(block.received) / blockSeconds : 0;
@@ -149,15 +149,14 @@ void MeasureTurns(Port& port, const Arguments& arguments, Measurement& measured)
   std::sort(measured.turnUs.begin(), measured.turnUs.end());
 }
 
-Measurement Measure(Port& port, const Arguments& arguments, std::uint32_t speed, Output& out) {
-  Measurement measured;
+void Measure(Port& port, const Arguments& arguments, std::uint32_t speed, Measurement& measured, Output& out) {
   measured.speedBps = speed;
   measured.isPossible = port.SetSpeed(speed);
   measured.runsAtBps = port.Side().Read().speedBps;
   measured.limit = static_cast<double>(speed) / arguments.line.BitsPerByte();
   if (!measured.isPossible) {
     measured.verdict = "not possible";
-    return measured;
+    return;
   }
   port->FlushInputAndOutput();
   MeasureBlock(port, arguments, measured, out);
@@ -170,7 +169,6 @@ Measurement Measure(Port& port, const Arguments& arguments, std::uint32_t speed,
                      : measured.block.received == 0 ? "silent"
                      : isGood                       ? "good"
                                                     : "errors";
-  return measured;
 }
 
 /// A cell of the table, flush right.
@@ -259,6 +257,7 @@ int Test(const Arguments& arguments, Call& call) {
   const std::vector<std::uint32_t> speeds =
       isAsked ? arguments.speeds : std::vector<std::uint32_t>(std::begin(kStandardSpeeds), std::end(kStandardSpeeds));
   std::vector<Measurement> all;
+  std::exception_ptr failure;  // told when all that was measured has been
   {
     // Opened at a speed that every UART makes.
     LineOptions line = arguments.line;
@@ -268,11 +267,19 @@ int Test(const Arguments& arguments, Call& call) {
       port->SetLoopback(true);
     }
     for (const std::uint32_t speed : speeds) {
-      if (signals::Caught() != 0) {
+      if (signals::Caught() != 0 || failure) {
         break;
       }
       call.out.Say("boardctl: " + std::to_string(speed) + " bit/s");
-      all.push_back(Measure(port, arguments, speed, call.out));
+      all.emplace_back();
+      try {
+        Measure(port, arguments, speed, all.back(), call.out);
+      } catch (const OutputClosed&) {
+        throw;
+      } catch (const std::exception&) {
+        failure = std::current_exception();
+        call.out.EndProgress();
+      }
       Tell(all.back(), arguments, call.out);
     }
   }
@@ -303,6 +310,9 @@ int Test(const Arguments& arguments, Call& call) {
                 (fastest == 0 ? "" : ", the fastest good one is " + std::to_string(fastest) + " bit/s"));
   if (!arguments.svg.empty()) {
     Draw(all, arguments);
+  }
+  if (failure) {
+    std::rethrow_exception(failure);
   }
   if (fastest == 0 && signals::Caught() == 0) {
     call.out.Warn(arguments.isInternal

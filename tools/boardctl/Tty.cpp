@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <system_error>
@@ -41,11 +42,21 @@ int DataBitsOf(tcflag_t flags) {
   }
 }
 
+/// Whether the kernel knows the character device as something else. Pseudo-terminals it does not tell of.
+bool IsOfOtherKind(dev_t number) {
+  const std::string path =
+      "/sys/dev/char/" + std::to_string(major(number)) + ':' + std::to_string(minor(number)) + "/subsystem";
+  std::error_code none;
+  const std::string kind = std::filesystem::read_symlink(path, none).filename();
+  return !none && kind != "tty";
+}
+
 /// Looks before it opens, for opening a watchdog arms it. What can't be looked at, opening tells about.
 int OpenPort(const std::string& device) {
   constexpr unsigned int kMiscMajor = 10;  // has /dev/watchdog, and no port
   struct stat node {};
-  if (::stat(device.c_str(), &node) == 0 && (!S_ISCHR(node.st_mode) || major(node.st_rdev) == kMiscMajor)) {
+  if (::stat(device.c_str(), &node) == 0 &&
+      (!S_ISCHR(node.st_mode) || major(node.st_rdev) == kMiscMajor || IsOfOtherKind(node.st_rdev))) {
     throw std::runtime_error(device + " is no serial port");
   }
   return ::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);

@@ -5,12 +5,12 @@
 #include "Program.h"
 
 int main(int argc, char** argv) {
-  // A device must not take the place of a standard descriptor that is closed.
-  int fd = STDIN_FILENO;
-  while (fd >= 0 && fd <= STDERR_FILENO) {
-    fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  // A device must not take the place of a standard descriptor that is closed, and using one fails, as it should.
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(fd, F_GETFD) == -1) {
+      ::open("/dev/null", (fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+    }
   }
-  ::close(fd);
 
   Program program;
   AddSerial(program);
