@@ -8,6 +8,8 @@ import signal
 from ctl import BOARDCTL, NO_IP, finish, main, shell, start, TestCase
 
 ADDRESS = "192.0.2.10/24"
+# The kernel gives it its link-local address a moment later, and must not do so behind what the test does.
+ETH1_UP = "ip link set eth1 up; until ip -6 addr show dev eth1 | grep -q fe80; do sleep 0.02; done"
 
 
 class Net(TestCase):
@@ -93,7 +95,7 @@ class Net(TestCase):
             with self.subTest(words=words):
                 setup = ["ip addr add 192.0.2.10/24 dev eth0", "ip addr add 192.0.2.30/24 dev eth0",
                          "ip -6 addr add 2001:db8::10/64 dev eth0 nodad", "ip route add default via 192.0.2.1 dev eth0",
-                         "ip link set eth1 up; ip addr flush dev eth1"]
+                         ETH1_UP, "ip addr flush dev eth1"]
                 result = self.script(*setup, "> calls", shell("--dry-run", "net", *words), "cp calls dry; > calls",
                                      shell("--dry-run", "--json", "net", *words), shell("--json", "net", *words),
                                      f"cp calls real; > calls; {shell('--json', 'net', *words)} > /dev/null")
@@ -152,7 +154,7 @@ class Net(TestCase):
 
     def test_TheLinkLocalAddressIsSetOnceAndLeftAlone(self):
         result = self.script(shell("net", "link-local", "--changed", "eth0") + "; echo $?",
-                             "ip link set eth1 up", "ip -6 addr flush dev eth1", shell("net", "link-local", "eth1"),
+                             ETH1_UP, "ip -6 addr flush dev eth1", shell("net", "link-local", "eth1"),
                              shell("net", "link-local", "--changed", "eth1") + "; echo $?",
                              shell("net", "link-local", "lo") + "; echo $?")
         self.assertIn("boardctl: net link-local: lo has no hardware address to make one of\n", result.err)

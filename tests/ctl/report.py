@@ -102,7 +102,7 @@ class Report(TestCase):
     def test_NoSecretsAreNamed(self):
         os.environ["BOARD_PASSWORD"] = "topsecret1"
         self.addCleanup(os.environ.pop, "BOARD_PASSWORD")
-        script = ("sh -c 'exec 5<>/dev/ttyS1; sleep 9' topsecret2 & "
+        script = ("sh -c 'exec 5<>/dev/ttyS1; sleep 100; :' topsecret2 & "
                   f"until {shell('serial', 'list')} | grep -q 'open by sh'; do :; done; {shell('--json', 'report')}; {shell('report')}; kill $!")
         result = self.board("sh", "-c", script)
         self.assertNotIn("topsecret", result.out + result.err)

@@ -91,15 +91,22 @@ class Serial(OnALine):
         self.assertIn("\nReal baud rate: 114890\n", result.out)
         self.expect_put_back()
 
+    def send(self, *words, got, redirected="", **keywords):
+        """Runs serial send on a board that waits for its far end before and behind it, and checks what has come there."""
+        pathlib.Path("got").unlink(missing_ok=True)
+        script = (f"until test -e got; do sleep 0.02; done; {shell(*words)} {redirected}; status=$?; "
+                  f"until test $(wc -c < got) -ge {len(got)}; do sleep 0.02; done; exit $status")
+        result = self.board("sh", "-c", script, options=["--tty", PORT + "=exec:cat > got"], **keywords)
+        self.assertEqual(pathlib.Path("got").read_bytes(), got)
+        return result
+
     def test_AFileIsSentWholeWithEverySettingAskedForAndTheLineIsPutBack(self):
         sent = os.urandom(20000)
         pathlib.Path("file").write_bytes(sent)
-        result = self.on_board("serial", "send", PORT, "file", "--speed", "57600", "--parity", "even", "--stop", "2",
-                               options=["--tty", PORT + "=exec:cat > got"], log="log")
+        result = self.send("serial", "send", PORT, "file", "--speed", "57600", "--parity", "even", "--stop", "2", got=sent,
+                           log="log")
         self.assertEqual(result.status, 0, result.err)
         self.assertRegex(result.out, r"^sent 20000 bytes in \d+\.\d\d s, \d+ B/s\n$")
-        self.wait_until(lambda: pathlib.Path("got").stat().st_size == len(sent), "all bytes at the far end")
-        self.assertEqual(pathlib.Path("got").read_bytes(), sent)
         self.assertIn("settings speed=57600", self.events())
         self.expect_put_back()
 
@@ -116,11 +123,9 @@ class Serial(OnALine):
     def test_StandardInputIsSentToItsEndAlsoInHexadecimal(self):
         for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello")]:
             with self.subTest(words=words):
-                result = self.on_board("--json", "serial", "send", PORT, *words, given=given,
-                                       options=["--tty", PORT + "=exec:cat > got"])
+                result = self.send("--json", "serial", "send", PORT, *words, given=given, got=got)
                 self.assertEqual((result.status, result.objects[0]["size_bytes"], result.objects[0]["ended"]),
                                  (0, len(got), "whole"), result.err)
-                self.wait_until(lambda: pathlib.Path("got").read_bytes() == got, "the bytes at the far end")
         for given in (b"4 8", b"xy", b"486"):
             with self.subTest(given=given):
                 result = self.on_board("serial", "send", PORT, "--hex", given=given)
@@ -135,12 +140,8 @@ class Serial(OnALine):
                 (">&-", [PORT, "file"], 1, "boardctl: serial send: Standard output can't be written: Bad file descriptor\n"),
                 ("<&-", [PORT], 1, "boardctl: serial send: Standard input can't be read: Bad file descriptor\n")]:
             with self.subTest(closed=closed):
-                result = self.board("sh", "-c", f"{shell('serial', 'send', *words)} {closed}; echo $? > status",
-                                    options=["--tty", PORT + "=exec:cat > got"])
-                self.assertEqual((pathlib.Path("status").read_text(), result.err), (f"{status}\n", err))
-                wanted = b"plain\n" if "file" in words else b""
-                self.wait_until(lambda: pathlib.Path("got").read_bytes() == wanted, "the bytes at the far end")
-                os.remove("got")
+                result = self.send("serial", "send", *words, got=b"plain\n" if "file" in words else b"", redirected=closed)
+                self.assertEqual((result.status, result.err), (status, err))
 
     def test_InputThatTurnsOutNotToBeHexadecimalIsToldWithWhatWasSentBefore(self):
         # A piece of what is read is sent as a whole, or not at all.
@@ -174,7 +175,7 @@ class Serial(OnALine):
 
     def test_ReceivingEndsAtTheCountAtTheTextOrWhenTheFarEndIsSilentAndSaysAtWhich(self):
         sent = b"one\ntwo login: three"
-        cases = [(("--idle", "1000"), sent, "the far end was silent for 1000 ms"),
+        cases = [(("--idle", "5000"), sent, "the far end was silent for 5000 ms"),
                  (("--count", "5"), b"one\nt", "all bytes have come"),
                  (("--until", "login:"), b"one\ntwo login:", "the text has come")]
         for words, out, why in self.some_of(cases):
@@ -194,9 +195,9 @@ class Serial(OnALine):
         cases = [(("--count", "5"), "after 3 bytes of 5"), (("--until", "x"), "after 3 bytes, and the text did not come")]
         for words, told in self.some_of(cases):
             with self.subTest(words=words):
-                result = self.receive(*words, "--idle", "1000", sent=b"abc")
+                result = self.receive(*words, "--idle", "5000", sent=b"abc")
                 self.assertEqual((result.status, result.raw), (1, b"abc"))
-                self.assertIn(f"boardctl: serial receive: the far end was silent for 1000 ms {told}", result.err)
+                self.assertIn(f"boardctl: serial receive: the far end was silent for 5000 ms {told}", result.err)
                 self.expect_put_back()
 
     def test_WhatComesIsShownInHexadecimalWithTimesAndAsJson(self):
@@ -460,8 +461,9 @@ class LineTest(OnALine):
                 self.assertEqual((result.status, measured["verdict"], result.objects[-1]["passed"]), (1, "errors", False))
 
     def test_SingleBytesThatDoNotComeBackAreErrors(self):
-        result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "100",
-                               options=["--tty", PORT + "=exec:head -c 100; exec cat > rest"])
+        test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "100")
+        result = self.board("sh", "-c", "until test -e ready; do sleep 0.02; done; " + test,
+                            options=["--tty", PORT + "=exec:touch ready; head -c 100; exec cat > rest"])
         measured = result.objects[0]
         self.assertEqual((result.status, measured["verdict"], measured["received_bytes"], measured["turnaround_us"]),
                          (1, "errors", 100, None))
@@ -504,9 +506,10 @@ class LineTest(OnALine):
     def test_WhatWasMeasuredIsToldAndDrawnAlsoWhereALaterSpeedFails(self):
         # At the second speed, the far end takes so long that the line is hung up before the block is through.
         test = shell("serial", "test", PORT, "--speeds", "9600,115200,19200", "--size", "1000", "--turns", "1", "--svg", "line.svg")
-        far_end = (PORT + "=exec:head -c 1000; head -c 1; until grep -q speed=115200 log; do sleep 0.02; done; "
+        far_end = (PORT + "=exec:touch ready; head -c 1000; head -c 1; until grep -q speed=115200 log; do sleep 0.02; done; "
                    "while printf x; do sleep 0.1; done")
-        process = self.start_board("sh", "-c", f"{test}; echo status $?", log="log", options=["--tty", far_end, "--control", "socket"])
+        process = self.start_board("sh", "-c", f"until test -e ready; do sleep 0.02; done; {test}; echo status $?", log="log",
+                                   options=["--tty", far_end, "--control", "socket"])
         self.wait_for_text("log", "speed=115200 flags")
         self.command(f"hangup {PORT}")
         result = finish(process)

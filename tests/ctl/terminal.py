@@ -43,9 +43,9 @@ class Terminal(TestCase):
 
     def test_TheProgressIsShownWithRateAndTimeLeftAndIsGoneAtTheEnd(self):
         far_end = PORT + "=exec:while :; do head -c 500 /dev/zero; sleep 0.1; done"
-        command = self.on_board("serial", "receive", PORT, "--count", "60000", options=["--tty", far_end])
+        command = self.on_board("serial", "receive", PORT, "--count", "200000", options=["--tty", far_end])
         self.type(f"clear; {command} > got; echo status $?")
-        self.wait_for_screen(r"^\[#+\.+\] \d+ %  [\d.]+ KiB of 58\.6 KiB  [\d.]+ (?:KiB|B)/s  \d+ s left")
+        self.wait_for_screen(r"^\[#+\.+\] \d+ %  [\d.]+ KiB of 195\.3 KiB  [\d.]+ (?:KiB|B)/s  \d+ s left")
         self.tmux("send-keys", "-t", "it", "C-c")
         self.wait_for_screen(r"boardctl: received \d+ bytes in [\d.]+ s: a signal came")
         self.wait_for_screen(r"\nstatus 130")
@@ -106,8 +106,9 @@ class Terminal(TestCase):
             self.type(typed, "Tab")
             self.wait_for_screen(rf"^board {shown}\s*$")
         self.tmux("send-keys", "-t", "it", "C-c")
+        self.wait_for_screen(r"^board\s*\Z")
         self.type("clear")
-        self.wait_for_screen(r"^board\s*$")
+        self.wait_for_screen(r"\A\s*board\s*\Z")
         self.type("boardctl net address et", "Tab")
         self.wait_for_screen(r"^board boardctl net address eth[01]?\s*")
 
