@@ -252,7 +252,7 @@ class SerialPort {
   /// Discards what the driver has not sent yet.
   /// @throws std::system_error "SerialPort::FlushOutput: tcflush() failed!".
   void FlushOutput() const;
-  /// Discards both, and then what was received meanwhile.
+  /// Discards what the driver has received and what it has not sent yet, and then what was received meanwhile.
   /// @throws std::system_error "SerialPort::FlushInputAndOutput: tcflush() failed!".
   void FlushInputAndOutput() const;
 
@@ -260,9 +260,9 @@ class SerialPort {
   /// @name Diagnosis
   /// @{
 
-  /// A report in lines: the device, its speeds, flow control and driver information, and the registers of the board's
-  /// UART, read from physical memory whichever device this is. From the flags on, numbers are hexadecimal, except in
-  /// the last line.
+  /// A report of several lines: the device, its speeds, flow control and driver information, and the registers of the
+  /// board's UART, read from physical memory whichever device this is. From the flags on, numbers are hexadecimal, except
+  /// in the last line.
   ///
   /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with
   /// the remembered settings: the receive buffer is lost. Of a closed port the report is the device and "not opened

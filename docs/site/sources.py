@@ -3,6 +3,7 @@
 - Every public header begins with the example of its page of the handbook, has every text of its family, and on the site
   each operation shows its failures.
 - The README's programs, and the examples that a page of the handbook shows, are the files in examples/.
+- Each subsystem's page has the same sections: example, arguments, failures, threads, pitfalls; its states are drawn.
 - The handbook is plain Markdown, whose links lead somewhere also where the sources are read.
 - The handbook and the headers name only files that are there, and the handbook's commands are not cut off on a desktop.
 - The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
@@ -83,6 +84,18 @@ def check_examples():
             compare(f"The beginning of the examples of {path}", [part for _, part, _ in blocks][:1], ["use"])
 
 
+SECTIONS = ["Smallest example", "Failures and what remains", "Threads", "Pitfalls"]
+
+
+def check_sections():
+    for stem in SUBSYSTEMS:
+        text = pathlib.Path(f"docs/{stem}.md").read_text()
+        compare(f"The sections of {stem}", [words for words in handbook.headings(text) if words in SECTIONS], SECTIONS)
+        compare(f"A table of the arguments in {stem}", "\n| Argument | Meaning |\n" in text, True)
+    drawn = {name for path in pathlib.Path("docs").glob("*.md") for name in handbook.DRAWING.findall(path.read_text())}
+    compare("What is drawn", drawn, {path.stem for path in pathlib.Path("docs/site").glob("*.dot")})
+
+
 def prose(text):
     return re.sub(r"`[^`\n]*`|<!--.*?-->", "", handbook.CODE.sub("", text))
 
@@ -158,6 +171,7 @@ check_headers()
 check_failures()
 check_readme()
 check_examples()
+check_sections()
 check_links()
 check_names()
 check_widths()
