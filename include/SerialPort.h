@@ -261,8 +261,8 @@ class SerialPort {
   /// @{
 
   /// A report of several lines: the device, its speeds, flow control and driver information, and the registers of the
-  /// board's UART, read from physical memory whichever device this is. From the flags on, numbers are hexadecimal, except
-  /// in the last line.
+  /// board's UART, read from physical memory whichever device this is. From the flags on, numbers are hexadecimal,
+  /// except in the last line.
   ///
   /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with
   /// the remembered settings: the receive buffer is lost. Of a closed port the report is the device and "not opened
