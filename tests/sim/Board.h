@@ -20,7 +20,7 @@ constexpr const char* kSimulator = BOARDKIT_BOARDSIM;
 inline const Words kWithoutNamespaces = {"--no-namespaces", "--net", "host"};
 
 /// Nothing here may take longer, however busy the machine is.
-constexpr std::chrono::seconds kLongest{60};
+constexpr std::chrono::seconds kLongest{200};
 
 enum class User {
   kOneself,
