@@ -1,6 +1,6 @@
 // Sets one bit of a register: memory 0x40000000
 //
-// Needs root's rights: it goes through /dev/mem. Without a board: boardsim -- memory 0x40000000
+// Needs root, because it uses /dev/mem. Without a board: boardsim -- memory 0x40000000
 #include <SystemCalls.h>
 
 #include <sys/sysinfo.h>

@@ -1,6 +1,6 @@
 // Prints the diagnostic report of a serial port: serial-report /dev/ttyS1
 //
-// Needs root's rights: the report reads the UART's registers through /dev/mem.
+// Needs root, because the report reads the UART's registers through /dev/mem.
 #include <SerialPort.h>
 
 #include <exception>

@@ -1,5 +1,5 @@
 // Gives a network interface an IPv4 address: set-address eth0 192.0.2.10 24
-// Needs root's rights, or CAP_NET_ADMIN. Replaces the first IPv4 address that the interface has.
+// Needs root or CAP_NET_ADMIN. Replaces the first IPv4 address that the interface has.
 #include <IpNet.h>
 #include <OpSystem.h>
 
