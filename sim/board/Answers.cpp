@@ -119,23 +119,11 @@ void Answers::Give(const TrappedCall& call) {
   }
 }
 
-/// What a name in the folder of the thread leads to.
-/// @returns false if there is nothing.
-bool Answers::Look(const TrappedCall& call, const std::string& name, struct stat& status) {
-  // The folder of a thread that has ended has nothing in it, even if another one has got its number.
-  if (call.Thread() == m_threadNumber && ::fstatat(m_thread.Get(), name.c_str(), &status, 0) == 0) {
-    return true;
-  }
-  m_thread = Descriptor(::open(ProcessFolder(call).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  m_threadNumber = m_thread && call.IsWaiting() ? call.Thread() : -1;
-  return m_threadNumber != -1 && ::fstatat(m_thread.Get(), name.c_str(), &status, 0) == 0;
-}
-
 /// The device that the descriptor of a call means; null: none.
 Device* Answers::DeviceBehind(const TrappedCall& call) {
   // Whichever way the descriptor came to the application, it is known by the file behind it.
   struct stat status {};
-  if (!Look(call, "fd/" + std::to_string(call.CalledDescriptor()), status)) {
+  if (!m_caller.StatDescriptor(call, call.CalledDescriptor(), status)) {
     return nullptr;
   }
   return Find(m_devices, [file = FileId::Of(status)](const Device& device) { return device.Is(file); });
@@ -193,7 +181,7 @@ Device* Answers::DeviceMeant(const TrappedCall& call, const std::filesystem::pat
   const auto isIt = [&status](const Device& device) { return device.Is(FileId::Of(status)); };
   // Mostly, its own name is said, and that leads to it. Others may be links, also such that begin at the root.
   Device* device = Find(m_devices, [&path](const Device& named) { return named.IsCalled(path); });
-  if (device != nullptr && Look(call, "root" + path.string(), status) && isIt(*device)) {
+  if (device != nullptr && m_caller.StatName(call, "root" + path.string(), status) && isIt(*device)) {
     return device;
   }
   return Resolve(call, path, status) ? Find(m_devices, isIt) : nullptr;
@@ -243,7 +231,7 @@ bool Answers::MayOpen(const TrappedCall& call, const struct stat& file, int flag
   const auto gives = [&](mode_t who) { return (file.st_mode & wanted * who) == wanted * who; };
   // As a rule, everybody may, or it is its owner who calls.
   struct stat caller {};
-  return gives(kEach) || (gives(S_IXUSR) && Look(call, ".", caller) && caller.st_uid == file.st_uid) ||
+  return gives(kEach) || (gives(S_IXUSR) && m_caller.StatName(call, ".", caller) && caller.st_uid == file.st_uid) ||
          HasRight(call, file, wanted);
 }
 

@@ -4,10 +4,9 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <string>
 
-#include "Descriptor.h"
 #include "devices/Device.h"
+#include "sandbox/CallingThread.h"
 #include "sandbox/TrappedCall.h"
 
 /// Finds the device that a supervised system call means, and lets it answer. All others the kernel answers.
@@ -29,13 +28,11 @@ class Answers {
   void HandOut(const TrappedCall& call, const TrappedCall::Opening& opening, Device& device) const;
   Device* DeviceMeant(const TrappedCall& call, const std::filesystem::path& path, struct stat& status);
   Device* DeviceBehind(const TrappedCall& call);
-  bool Look(const TrappedCall& call, const std::string& name, struct stat& status);
 
   const Devices& m_devices;
   bool m_namespaces;
   bool m_hasTold = false;
-  Descriptor m_thread;  // the folder in /proc of the one that called last
-  pid_t m_threadNumber = -1;
+  CallingThread m_caller;
 };
 
 #endif

@@ -54,9 +54,10 @@ void EventLoop::Turn() {
 
   m_waiting.clear();
   std::optional<Clock::time_point> next;
-  for (const auto& entry : m_entries) {
-    m_waiting.push_back(entry->interest ? entry->interest() : pollfd{-1, 0, 0});
-    if (const auto moment = entry->Next(); moment && (!next || *moment < *next)) {
+  // The last one first: what happened before something has then been seen with it, and is handled before it.
+  for (auto entry = m_entries.rbegin(); entry != m_entries.rend(); ++entry) {
+    m_waiting.push_back((*entry)->interest ? (*entry)->interest() : pollfd{-1, 0, 0});
+    if (const auto moment = (*entry)->Next(); moment && (!next || *moment < *next)) {
       next = moment;
     }
   }
@@ -69,9 +70,10 @@ void EventLoop::Turn() {
   const auto now = Clock::now();
   for (std::size_t i = 0; i < m_waiting.size(); ++i) {
     const std::shared_ptr<Entry> entry = m_entries[i];
+    const short events = m_waiting[m_waiting.size() - 1 - i].revents;
     const auto moment = entry->isOver ? std::nullopt : entry->Next();
-    if (!entry->isOver && (m_waiting[i].revents != 0 || (moment && *moment <= now))) {
-      entry->handler(m_waiting[i].revents);
+    if (!entry->isOver && (events != 0 || (moment && *moment <= now))) {
+      entry->handler(events);
     }
   }
 }

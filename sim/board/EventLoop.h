@@ -45,13 +45,15 @@ class EventLoop {
   [[nodiscard]] Registration At(Moment moment, std::function<void()> handler);
 
   /// Waits once and calls the handlers of all that has come, in the order of their registration.
+  ///
+  /// When a handler is called, whatever happened before its own event to those registered earlier has been handled.
   void Turn();
 
  private:
   Registration Add(Entry entry);
 
   std::vector<std::shared_ptr<Entry>> m_entries;
-  std::vector<pollfd> m_waiting;  // one an entry, kept for its memory
+  std::vector<pollfd> m_waiting;  // one an entry, in the opposite order, kept for its memory
 };
 
 #endif

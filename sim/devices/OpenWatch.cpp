@@ -32,7 +32,7 @@ void LeaveToKernel(Descriptor descriptor) {
 }  // namespace
 
 OpenWatch::OpenWatch(const Descriptor& terminal) : m_events(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-  if (!m_events || ::inotify_add_watch(m_events.Get(), PathOf(terminal.Get()).c_str(), IN_OPEN | IN_CLOSE) == -1) {
+  if (!m_events || ::inotify_add_watch(m_events.Get(), PathOf(terminal.Get()).c_str(), IN_OPEN) == -1) {
     throw SetupError("opens of a terminal can't be watched", errno);
   }
 }

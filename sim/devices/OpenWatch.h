@@ -13,7 +13,7 @@ class OpenWatch {
   OpenWatch(const OpenWatch&) = delete;
   OpenWatch& operator=(const OpenWatch&) = delete;
 
-  /// Readable after an open or a close.
+  /// Readable after an open.
   int Get() const {
     return m_events.Get();
   }

@@ -44,6 +44,7 @@ SerialLine::SerialLine(const std::string& path, const Traits& traits, const Back
       m_settings(m_port, m_modem, m_sender, m_receiver, traits.isPaced),
       m_requests({m_port, m_modem, m_sender, m_receiver, m_settings}, traits.isPaced) {
   AddCommands();
+  Register();
 }
 
 void SerialLine::Attach(Descriptor descriptor) {
@@ -56,20 +57,6 @@ void SerialLine::Attach(Descriptor descriptor) {
   m_modem.SetOutputs(0);
   m_settings.Program();
   TellInfo();
-  const auto work = [this](short /*events*/) { Work(); };
-  m_masterRegistration = m_backplane.loop.Watch([this] { return MasterInterest(); }, work);
-  m_opensRegistration = m_backplane.loop.Watch(
-      [this] {
-        return pollfd{m_port.terminal ? m_port.terminal->Events() : -1, POLLIN, 0};
-      },
-      work);
-  m_farRegistration = m_backplane.loop.Watch(
-      [this] {
-        // Whoever is at the far end waits while the application does not read.
-        return m_port.far->Interest(m_receiver.IsListening(), m_sender.IsFarFull() && m_sender.CanSend());
-      },
-      work);
-  m_timeRegistration = m_backplane.loop.At([this] { return Next(); }, [this] { Work(); });
 }
 
 void SerialLine::Tell(SystemFolder folder) {
@@ -93,8 +80,6 @@ bool SerialLine::Is(const FileId& file) const {
 }
 
 void SerialLine::Opened() {
-  // A close just before is still on its way.
-  Work();
   if (!m_port.terminal) {
     throw RequestError{EIO};
   }
@@ -121,14 +106,12 @@ Descriptor SerialLine::Open(int flags) const {
 }
 
 void SerialLine::Request(const TrappedCall& call) {
+  // What the application did before has been noticed: the loop sees to that.
+  m_modem.LookAtFarEnd();
+  m_requests.Answer(call);
   if (SerialRequests::OnlyAsks(call.IoctlRequest())) {
-    LookForOpens();
-    m_modem.LookAtFarEnd();
-    m_requests.Answer(call);
     return;
   }
-  Work();
-  m_requests.Answer(call);
   if (call.IoctlRequest() == TIOCSSERIAL) {
     TellInfo();
   }
@@ -216,6 +199,25 @@ void SerialLine::TellInfo() {
 
 // --- The loop --------------------------------------------------------------------------------------------------------
 
+/// Once: a port that is plugged in anew keeps its turn before those who answer the application.
+void SerialLine::Register() {
+  const auto work = [this](short /*events*/) { Work(); };
+  m_masterRegistration = m_backplane.loop.Watch([this] { return MasterInterest(); }, work);
+  m_opensRegistration = m_backplane.loop.Watch(
+      [this] {
+        // While it is open, its opens change nothing.
+        return pollfd{m_port.terminal && !m_port.IsOpen() ? m_port.terminal->Events() : -1, POLLIN, 0};
+      },
+      work);
+  m_farRegistration = m_backplane.loop.Watch(
+      [this] {
+        // Whoever is at the far end waits while the application does not read.
+        return m_port.far->Interest(m_receiver.IsListening(), m_sender.IsFarFull() && m_sender.CanSend());
+      },
+      work);
+  m_timeRegistration = m_backplane.loop.At([this] { return Next(); }, [this] { Work(); });
+}
+
 pollfd SerialLine::MasterInterest() const {
   // Without an opener, it would tell of that for ever.
   if (!m_port.terminal || !m_port.IsOpen()) {
@@ -299,12 +301,15 @@ void SerialLine::LastClose() {
   m_sender.EndStops();
   m_receiver.Reset();
   m_receiver.Drop();
-  m_port.terminal->TakeOpens();
   m_isClosing = true;
   const unsigned int wait = m_port.info.closing_wait;
   m_closeEnds = wait == ASYNC_CLOSING_WAIT_INF    ? Clock::time_point::max()
                 : wait == ASYNC_CLOSING_WAIT_NONE ? Clock::now()
                                                   : Clock::now() + wait * kClosingUnit;
+  // Of what has been told until now, most was the port's own doing; but somebody may have opened it again.
+  if (!m_port.terminal->TakeOpens().isClosed) {
+    Begin(Port::Use::kOpen);
+  }
 }
 
 /// What a driver does once the output has gone, or has had its time to go.

@@ -59,6 +59,7 @@ class SerialLine : public Device {
   void Feed(const std::string& hex);
   void TellInfo();
 
+  void Register();
   pollfd MasterInterest() const;
   std::optional<Clock::time_point> Next() const;
   /// Does all that can be done without waiting.

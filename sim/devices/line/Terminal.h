@@ -21,7 +21,7 @@ class Terminal {
   int Get() const {
     return m_master.Get();
   }
-  /// Readable after opens and closes.
+  /// Readable after opens.
   int Events() const {
     return m_opens.Get();
   }
