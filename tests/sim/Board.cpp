@@ -130,6 +130,12 @@ std::string OwnMounts() {
   return own;
 }
 
+void ExpectSilence(const Outcome& outcome) {
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.output, "");
+  EXPECT_EQ(outcome.errors, "");
+}
+
 }  // namespace
 
 Board::Board(const Start& start, const std::string& folder)
@@ -283,10 +289,17 @@ Outcome SimulatorTest::Run(const Start& start) {
 }
 
 void SimulatorTest::ExpectSteps(const Words& options, const Words& command) {
-  const Outcome outcome = Run(options, command);
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.output, "");
-  EXPECT_EQ(outcome.errors, "");
+  ExpectSilence(Run(options, command));
+}
+
+void SimulatorTest::ExpectStepsOfEachUser(const Words& command) {
+  for (const User user : {User::kOneself, User::kOrdinary}) {
+    SCOPED_TRACE(user == User::kOrdinary ? "an ordinary user" : "the user of the tests");
+    Start start;
+    start.command = command;
+    start.user = user;
+    ExpectSilence(Run(start));
+  }
 }
 
 std::string SimulatorTest::Shared(const std::string& program) {

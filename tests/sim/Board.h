@@ -96,6 +96,8 @@ class SimulatorTest : public testing::Test {
   Outcome Run(const Start& start);
   /// Expects success, and silence.
   void ExpectSteps(const Words& options, const Words& command);
+  /// For one user after the other.
+  void ExpectStepsOfEachUser(const Words& command);
 
   /// A folder of the test's own.
   const std::string& Folder() const {

@@ -231,8 +231,13 @@ TEST_F(FarEnd, OneThatIsSlowHearsAllThatIsOnItsWayWhenTheProgramEnds) {
 }
 
 TEST_F(FarEnd, OneThatNeverReadsDoesNotKeepTheBoardFromEndingAndWhatItMissesIsLogged) {
+  // It ends once its writer has been held up for a second.
   const Outcome outcome = Run({"--tty", "/dev/ttyS1=exec:exec sleep 300", "--log", Path("log")},
-                              {"sh", "-c", "head -c 1000000 /dev/zero >/dev/ttyS1 & sleep 0.3; exit 5"});
+                              {"sh", "-c",
+                               "head -c 1000000 /dev/zero >/dev/ttyS1 & "
+                               "written() { sed -n 's/^wchar: //p' /proc/$!/io; }; "
+                               "until test \"$(written)\" -ge 65536 && before=$(written) && sleep 1 && "
+                               "test \"$(written)\" = \"$before\"; do sleep 0.1; done 2>/dev/null; exit 5"});
   EXPECT_EQ(outcome.status, 5);
   EXPECT_TRUE(std::regex_search(Contents(Path("log")), std::regex(" /dev/ttyS1 lost bytes=\\d{4,5}\n")));
 }

@@ -100,6 +100,10 @@ TEST_F(Serial, ItLiesInDevUnderItsNameAndIsATerminal) {
   EXPECT_EQ(outcome.output, "character special file 620\nfifo 600\nregular file 600\n") << outcome.errors;
 }
 
+TEST_F(Serial, OpenedForReadingAloneItIsOpenWhenTheFirstRequestComes) {
+  ExpectSteps({}, {kProbe, "read-only"});
+}
+
 TEST_F(Serial, TheShellsToolsWorkOnIt) {
   const Outcome outcome =
       Run({}, {"sh", "-c",
@@ -179,14 +183,7 @@ TEST_F(Serial, TheRegistersLieWhereTheOptionSays) {
 }
 
 TEST_F(Serial, MemoryCannotBeTruncated) {
-  for (const User user : {User::kOneself, User::kOrdinary}) {
-    SCOPED_TRACE(user == User::kOrdinary ? "an ordinary user" : "the user of the tests");
-    Start start;
-    start.command = {kProbe, "memory-size"};
-    start.user = user;
-    const Outcome outcome = Run(start);
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-  }
+  ExpectStepsOfEachUser({kProbe, "memory-size"});
 }
 
 TEST_F(Serial, AllRegistersAreThereWhenTheProgramStarts) {

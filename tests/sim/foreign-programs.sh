@@ -85,13 +85,14 @@ check "picocom" "${board[@]}" -- sh -c 'printf hello | picocom -q -b 115200 -x 5
 
 check "screen" "${board[@]}" -- sh -c '
   export SCREENDIR=$PWD/screens; mkdir -m 700 screens
-  screen -dmS line /dev/ttyS1 115200 && sleep 1 && screen -S line -X quit
-  for i in $(seq 50); do stty -F /dev/ttyS1 raw && exec 3<>/dev/ttyS1 && exit 0; sleep 0.1; done; exit 1'
+  screen -dmS line /dev/ttyS1 115200
+  until screen -S line -X quit >/dev/null; do sleep 0.1; done
+  for i in $(seq 200); do stty -F /dev/ttyS1 raw && exec 3<>/dev/ttyS1 && exit 0; sleep 0.1; done; exit 1'
 
 check "agetty" "${board[@]}" --tty /dev/ttyS1=exec:'cat >asked' -- sh -c '
-  setsid agetty -L 115200 ttyS1 vt100 & for i in $(seq 100); do grep -q login: asked && exit 0; sleep 0.1; done; exit 1'
+  setsid agetty -L 115200 ttyS1 vt100 & for i in $(seq 200); do grep -q login: asked && exit 0; sleep 0.1; done; exit 1'
 
 check "tcpdump" "$boardsim" -- sh -c '
-  ip address add 192.0.2.77/24 dev eth0; tcpdump -i lo -c 1 -w packet >/dev/null 2>&1 & sleep 1
-  ping -c 2 127.0.0.1 >/dev/null 2>&1 || (echo >/dev/udp/127.0.0.1/9) 2>/dev/null || bash -c "echo >/dev/udp/127.0.0.1/9"
+  ip address add 192.0.2.77/24 dev eth0; tcpdump -i lo -c 1 -w packet >/dev/null 2>&1 &
+  while kill -0 $! 2>/dev/null; do bash -c "echo >/dev/udp/127.0.0.1/9"; sleep 0.1; done
   wait $!'

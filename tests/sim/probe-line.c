@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -148,9 +149,27 @@ static void software_flow(void) {
   close(fd);
 }
 
+/* Whether this process's first thread is in that request, and so has made it before any that follows. */
+static int is_in_request(unsigned long request) {
+  char path[64];
+  char text[128];
+  snprintf(path, sizeof path, "/proc/self/task/%d/syscall", getpid());
+  int file = open(path, O_RDONLY);
+  CHECK(file != -1);
+  ssize_t size = read(file, text, sizeof text - 1);
+  close(file);
+  CHECK(size > 0);
+  text[size] = '\0';
+  long number = -1;
+  unsigned long wanted = 0;
+  return sscanf(text, "%ld %*x %lx", &number, &wanted) == 2 && number == SYS_ioctl && wanted == request;
+}
+
 static void* move_lines(void* argument) {
   int fd = *(int*)argument;
-  usleep(100000);
+  while (!is_in_request(TIOCMIWAIT)) {
+    usleep(1000);
+  }
   set_lines(fd, TIOCM_RTS);
   return NULL;
 }
@@ -173,9 +192,12 @@ static void modem_wait(void) {
   memset(&action, 0, sizeof action);
   action.sa_handler = on_alarm;
   CHECK(sigaction(SIGALRM, &action, NULL) == 0);
-  struct itimerval soon = {{0, 0}, {0, 100000}};
-  CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
+  /* Again and again: the first one may come before the request. */
+  struct itimerval often = {{0, 20000}, {0, 20000}};
+  struct itimerval never = {{0, 0}, {0, 0}};
+  CHECK(setitimer(ITIMER_REAL, &often, NULL) == 0);
   CHECK(ioctl(fd, TIOCMIWAIT, TIOCM_CAR) == -1 && errno == EINTR);
+  CHECK(setitimer(ITIMER_REAL, &never, NULL) == 0);
   write_all(fd, "count", 5);
   expect_bytes(fd, "count", 5);
   CHECK(counts(fd).tx == after.tx + 5 && counts(fd).rx == after.rx + 5);
@@ -241,9 +263,10 @@ static void slow(void) {
   int fd = open_tty();
   double start = now();
   write_all(fd, block, sizeof block);
-  CHECK(waiting_output(fd) > 0);
+  /* Unless this process has slept for as long. */
+  CHECK(waiting_output(fd) > 0 || now() - start >= 0.099);
   unsigned int state = 1;
-  CHECK(ioctl(fd, TIOCSERGETLSR, &state) == 0 && state == 0);
+  CHECK(ioctl(fd, TIOCSERGETLSR, &state) == 0 && (state == 0 || now() - start >= 0.099));
   drain(fd);
   CHECK(now() - start >= 0.099 && waiting_output(fd) == 0);
   CHECK(ioctl(fd, TIOCSERGETLSR, &state) == 0 && state == TIOCSER_TEMT);
@@ -266,12 +289,16 @@ static void slow(void) {
     action.sa_flags = kFlags[i];
     CHECK(sigaction(SIGALRM, &action, NULL) == 0);
     struct itimerval soon = {{0, 0}, {0, 20000}};
-    start = now();
-    write_all(fd, block, sizeof block);
-    CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
-    int result = ioctl(fd, TCSBRK, 1);
-    CHECK(kFlags[i] == 0 ? result == -1 && errno == EINTR : result == 0 && now() - start >= 0.099);
-    drain(fd);
+    int result;
+    do {
+      start = now();
+      write_all(fd, block, sizeof block);
+      CHECK(setitimer(ITIMER_REAL, &soon, NULL) == 0);
+      result = ioctl(fd, TCSBRK, 1);
+      CHECK(result == 0 ? now() - start >= 0.099 : kFlags[i] == 0 && errno == EINTR);
+      drain(fd);
+      /* The signal may have come before the request, which then waits to its end. */
+    } while (result == 0 && kFlags[i] == 0);
   }
   /* A writer waits, and may lose patience. */
   static char much[100000];
