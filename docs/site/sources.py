@@ -5,6 +5,7 @@
 - The README's programs, and the examples that a page of the handbook shows, are the files in examples/.
 - Each subsystem's page has the same sections: example, arguments, failures, threads, pitfalls; its states are drawn.
 - The handbook is plain Markdown, whose links lead somewhere also where the sources are read.
+- The handbook's number of tests is about right.
 - The handbook and the headers name only files that are there, and the handbook's commands are not cut off on a desktop.
 - The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
   EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
@@ -121,6 +122,13 @@ def check_links():
                 compare(f"The link of {path} to {file}#{anchor}", anchor in anchors(target), True)
 
 
+def check_figures():
+    said = int(re.search(r"more than (\d+) functions in C\+\+", pathlib.Path("docs/testing.md").read_text()).group(1))
+    written = sum(len(re.findall(r"(?m)^ *(?:TYPED_)?TEST(?:_F|_P)?\(", path.read_text()))
+                  for path in pathlib.Path("tests").rglob("*.cpp"))
+    compare(f"The number of tests in docs/testing.md, {said} of {written},", said < written < 1.2 * said, True)
+
+
 FILES = r"`((?:examples|tests|scripts|src|cmake|docs|packaging|tools)/[\w./-]+)[ `]"
 
 
@@ -173,6 +181,7 @@ check_readme()
 check_examples()
 check_sections()
 check_links()
+check_figures()
 check_names()
 check_widths()
 check_manual()
