@@ -1,7 +1,7 @@
 """Checks every link and anchor within the site, and that Doxygen understood the text.
 
-Usage: links.py SITE_FOLDER. Prints each dead link, each pair of asterisks that was to be bold, each escaped character that
-came out so, and each piece of code that came out empty, and ends with 1 if there are any.
+Usage: links.py SITE_FOLDER. Prints each dead link, each pair of asterisks that was to be bold, each escaped character or
+link that came out so, and each piece of code that came out empty, and ends with 1 if there are any.
 """
 
 import html.parser
@@ -41,6 +41,8 @@ class Page(html.parser.HTMLParser):
             self._code += data
         elif "**" in data:
             self.lost.append(f"asterisks in {data.strip()!r}")
+        elif "](" in data:
+            self.lost.append(f"a link's brackets in {data.strip()!r}")
         elif re.search(r"&#?\w+;", data):
             self.lost.append(f"an escaped character in {data.strip()!r}")
 
