@@ -40,6 +40,20 @@ stopped() {
   wait "$!"
 }
 
+# watched: watches a word until another boardctl has changed its last bit.
+watched() {
+  : > /tmp/seen
+  "$boardctl" mem watch 0x80012000 --every 1 --changes 1 > /tmp/seen &
+  until [ -s /tmp/seen ] || ! kill -0 "$!"; do
+    sleep 0.1
+  done
+  "$boardctl" --quiet mem write 0x80012000 0x1234567e
+  wait "$!"
+  watching=$?
+  cat /tmp/seen
+  return "$watching"
+}
+
 if [ "${1:-}" = reset ]; then
   echo 1 > /sys/class/watchdog/watchdog0/nowayout
   expect 0 '^  nowayout   yes$' "$boardctl" watchdog show /dev/watchdog
@@ -131,6 +145,10 @@ for device in /dev/watchdog /dev/watchdog0; do
 ^  nowayout   no$
 ^  open by    nobody$' "$boardctl" watchdog show $device
 done
+# Nor does what is given a watchdog for a serial port: its number is none that watchdogs always have.
+for verb in show report send receive test; do
+  expect 1 "^boardctl: serial $verb: /dev/watchdog0 is no serial port$" "$boardctl" serial $verb /dev/watchdog0
+done
 expect 0 'inactive' cat /sys/class/watchdog/watchdog0/state
 
 # What the driver would refuse is refused before.
@@ -157,6 +175,9 @@ expect 0 '' "$boardctl" mem write 0x80012000 0x12345678
 expect 0 '' "$boardctl" mem write 0x80012000 0xff --mask 0x0f
 expect 0 '^0x80012000  0x1234567F$' "$boardctl" mem read 0x80012000
 expect 0 '^0x80012000  1234567F ' "$boardctl" mem dump 0x80012000 4
+expect 0 'Z  0x1234567F  0001 .* 0111 1111$
+Z  0x1234567E  0001 .* 0111 1110$
+^ *\^  bits 0$' watched
 # The kernel's own memory is refused.
 expect 1 'Operation not permitted' "$boardctl" mem read 0x40008000
 expect 0 '^  speed  *[0-9]* bit/s$
@@ -169,6 +190,18 @@ expect 0 '^eth0  was none, is 192.0.2.1 on eth0: changed$' "$boardctl" net gatew
 expect 0 '^eth0  up, hardware address
 192.0.2.10/24
 ^gateway ipv4  192.0.2.1 on eth0$' "$boardctl" net show
+expect 0 '^was 192.0.2.1 on eth0, is none: changed$' "$boardctl" net clear gateway
+expect 0 'changed$' "$boardctl" net gateway eth0 192.0.2.1
+ip -6 addr flush dev eth0
+expect 0 '^eth0  was none, is fe80::.*/64: changed$' "$boardctl" net link-local eth0
+expect 3 '^eth0  is fe80::.*/64: nothing had to be changed$' "$boardctl" net link-local eth0 --changed
+expect 0 '^eth0  was fe80::.*/64, is none: changed$' "$boardctl" net clear address eth0 --ipv6
 expect 0 '^eth0  was 192.0.2.10/24, is none: changed$
 ^boardctl: the default route went, too' "$boardctl" net clear address eth0
+
+expect 1 '^out$
+^boardctl: status 3$' "$boardctl" run 'echo out; exit 3'
+expect 0 '^  cause  ' "$boardctl" explain 'popen failed: Cannot allocate memory'
+expect 0 '^/dev/ttyS0$' "$boardctl" __complete serial show ''
+expect 0 '^_boardctl' "$boardctl" completion bash
 exit $failed

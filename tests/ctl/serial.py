@@ -447,6 +447,8 @@ class LineTest(OnALine):
                    "    os.write(1, data)\n")
         cases = [(dict(lost=[300], changed=100, doubled=200), (2, 1, 1)), (dict(lost=[100], changed=0, doubled=0), (0, 1, 0)),
                  (dict(lost=[], changed=100, doubled=0), (2, 0, 0)), (dict(lost=[], changed=0, doubled=100), (0, 0, 1)),
+                 # A single byte, behind the block, that comes back as another one.
+                 (dict(lost=[], changed=3001, doubled=0), (0, 0, 0)),
                  # More than may be under way: without an answer, it goes on.
                  (dict(lost=[*range(100, 500), *range(600, 1000), *range(1100, 1500)], changed=0, doubled=0), (0, 1200, 0))]
         for faults, counted in self.some_of(cases):
