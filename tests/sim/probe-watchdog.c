@@ -359,8 +359,8 @@ static void starve_created(void) {
 /* Descriptor 3 is it: a warning, a second before the reset. */
 static void pretimeout(void) {
   int seconds = 1;
-  set_timeout(3, 2);
   CHECK(ioctl(3, WDIOC_SETPRETIMEOUT, &seconds) == 0);
+  set_timeout(3, 2);
 }
 
 /* Refused, it was not opened: root, too, needs a right for that. */
