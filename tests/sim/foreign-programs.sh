@@ -31,7 +31,7 @@ check "busybox stty and cat" "${board[@]}" --tty /dev/ttyS1=exec:'cat >heard' --
   sh -c 'busybox stty -F /dev/ttyS1 raw -echo && busybox cat sent >/dev/ttyS1'
 cmp sent heard
 
-check "busybox watchdog" "${board[@]}" -- sh -c 'timeout 2 busybox watchdog -F -T 1 -t 0.3 /dev/watchdog; test $? -ne 86'
+check "busybox watchdog" "${board[@]}" -- sh -c 'timeout 4 busybox watchdog -F -T 3 -t 0.5 /dev/watchdog; test $? -ne 86'
 
 check "busybox devmem" "${board[@]}" --reg 0x40000000=0x600dcafe -- \
   sh -c 'test "$(busybox devmem 0x40000000 32)" = 0x600DCAFE'

@@ -10,7 +10,6 @@
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "probe.h"
@@ -249,12 +248,6 @@ static void breaks(void) {
   }
   int status = 0;
   CHECK(waitpid(child, &status, 0) == child && WIFSIGNALED(status) && WTERMSIG(status) == SIGINT);
-}
-
-static double now(void) {
-  struct timespec time;
-  CHECK(clock_gettime(CLOCK_MONOTONIC, &time) == 0);
-  return (double)time.tv_sec + (double)time.tv_nsec * 1e-9;
 }
 
 /* Bytes take their time: 960 a second. */

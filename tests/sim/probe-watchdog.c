@@ -50,12 +50,6 @@ static void starve_a_second(int fd) {
   CHECK(nanosleep(&time, NULL) == 0 && time_left(fd) < whole);
 }
 
-static double now(void) {
-  struct timespec time;
-  CHECK(clock_gettime(CLOCK_MONOTONIC, &time) == 0);
-  return (double)time.tv_sec + (double)time.tv_nsec * 1e-9;
-}
-
 /* Its whole time is left, but for what has passed since: on a busy machine, that may be much. */
 static void expect_fed_since(double moment, int fd) {
   int left = time_left(fd);

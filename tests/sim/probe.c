@@ -1,6 +1,7 @@
 #include "probe.h"
 
 #include <string.h>
+#include <time.h>
 
 const char* current_cases;
 size_t current_case;
@@ -12,6 +13,12 @@ void check_failed(const char* file, int line, const char* condition) {
   }
   fputc('\n', stderr);
   exit(1);
+}
+
+double now(void) {
+  struct timespec time;
+  CHECK(clock_gettime(CLOCK_MONOTONIC, &time) == 0);
+  return (double)time.tv_sec + (double)time.tv_nsec * 1e-9;
 }
 
 static const struct step* find(const char* name) {

@@ -55,6 +55,9 @@ ssize_t read_within(int fd, int milliseconds, void* buffer, size_t size);
 void read_all(int fd, void* buffer, size_t size);
 void write_all(int fd, const void* buffer, size_t size);
 
+/* In seconds. */
+double now(void);
+
 /* Obeys the lines of standard input, with a line each. */
 void talk(void);
 
