@@ -13,6 +13,9 @@ from ctl import WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, TestCase, 
 DEVICE = "/dev/watchdog"
 # The kernel would tell whether it is.
 DISARMED = "boardctl: /dev/watchdog is disarmed, unless its driver has nowayout set, which is not told here."
+# A check that does not end, and the words of a shell that wait until what it has started is gone.
+HANGING = "sleep 600 & echo $! > checking; wait"
+GONE = "while grep -qs '^State:[^Z]*$' /proc/$(cat checking)/status; do sleep 0.02; done; echo it is gone"
 RESET = 86  # boardsim's status when the watchdog has reset the board
 SOON = "6"  # the time-out that tests live to see the end of: a busy machine still feeds in time
 
@@ -215,18 +218,17 @@ class Watchdog(TestCase):
                                      rf"no more feeding, THE BOARD RESETS within {SOON} s\.\n")
 
     def test_ACheckThatHangsIsEndedWithAllItStartedAndFailed(self):
-        script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '12', '--check', 'echo $$ > checking; sleep 60; true', '--', 'sleep', '90')}; "
-                  "test -d /proc/$(cat checking) || echo it is gone; sleep 60")
+        script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '12', '--check', HANGING, '--', 'sleep', '90')}; "
+                  f"{GONE}; sleep 60")
         result = self.board("sh", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (RESET, "it is gone\n"))
         self.assertIn("boardctl: --check did not end within 4.0 s, a third of the time-out; the command", result.err)
 
     def test_ASignalWhileTheCheckRunsEndsTheCheckToo(self):
         command = "trap 'echo tidy; exit 5' HUP; touch ready; while :; do sleep 0.02; done"
-        check = "echo $$ > checking; sleep 60; true"
-        script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '15', '--check', check, '--', 'sh', '-c', command)} & "
+        script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '15', '--check', HANGING, '--', 'sh', '-c', command)} & "
                   "until test -s checking && test -e ready; do sleep 0.02; done; kill -HUP $!; wait $!; echo $?; "
-                  "test -d /proc/$(cat checking) || echo it is gone")
+                  f"{GONE}")
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (0, f"tidy\n{128 + signal.SIGHUP}\nit is gone\n"), result.err)
         self.assertEqual(self.events(), ["open", "timeout 15", "write magic", "close: stopped"])
