@@ -42,7 +42,7 @@ SerialLine::SerialLine(const std::string& path, const Traits& traits, const Back
       m_sender(m_port, m_modem, [this](std::string_view bytes) { m_receiver.Hear(bytes); }),
       m_receiver(m_port, m_modem, m_sender),
       m_settings(m_port, m_modem, m_sender, m_receiver, traits.isPaced),
-      m_requests({m_port, m_modem, m_sender, m_receiver, m_settings}, traits.isPaced) {
+      m_requests({m_port, m_modem, m_sender, m_receiver, m_settings, [this] { TellInfo(); }}, traits.isPaced) {
   AddCommands();
   Register();
 }
@@ -111,9 +111,6 @@ void SerialLine::Request(const TrappedCall& call) {
   m_requests.Answer(call);
   if (SerialRequests::OnlyAsks(call.IoctlRequest())) {
     return;
-  }
-  if (call.IoctlRequest() == TIOCSSERIAL) {
-    TellInfo();
   }
   Work();
 }

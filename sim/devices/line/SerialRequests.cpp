@@ -39,6 +39,7 @@ SerialRequests::SerialRequests(const Parts& parts, bool isPaced)
       m_sender(parts.sender),
       m_receiver(parts.receiver),
       m_settings(parts.settings),
+      m_tellInfo(parts.tellInfo),
       m_isPaced(isPaced) {}
 
 void SerialRequests::Answer(const TrappedCall& call) {
@@ -287,5 +288,7 @@ void SerialRequests::SetInfo(const TrappedCall& call) {
   m_port.info = info;
   m_port.info.line = line;
   m_settings.Program();
+  // Before the answer: whoever gets it may look at once.
+  m_tellInfo();
   m_port.Log("TIOCSSERIAL");
 }

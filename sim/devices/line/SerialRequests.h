@@ -27,6 +27,7 @@ class SerialRequests {
     Sender& sender;
     Receiver& receiver;
     LineSettings& settings;
+    std::function<void()> tellInfo;  // after a change of the port's info
   };
 
   static TrappedRequests Numbers();
@@ -63,6 +64,7 @@ class SerialRequests {
   Sender& m_sender;
   Receiver& m_receiver;
   LineSettings& m_settings;
+  const std::function<void()> m_tellInfo;
   const bool m_isPaced;
   LateCalls m_late;
   std::optional<Clock::time_point> m_breakEnds;
