@@ -203,13 +203,15 @@ class Memory(TestCase):
     def test_AWordIsWrittenWholeOrTheBitsOfAMaskAndADryRunOnlyTells(self):
         script = " && ".join([shell("mem", "write", "0x40000004", "0x12345678"),
                               shell("mem", "write", "0x40000000", "0", "--mask", "0xff", "--json"),
-                              shell("--dry-run", "mem", "write", "0x40000000", "0"),
+                              shell("mem", "write", "0x40000008", "0xffffffff", "--mask", "0xff"),
+                             shell("--dry-run", "mem", "write", "0x40000000", "0"),
                               shell("mem", "read", "0x40000000", "2")])
         result = self.board("sh", "-c", script, options=self.REGISTERS)
         self.assertEqual(result.out.splitlines(), [
             "0x40000004  wrote 0x12345678",
             '{"schema":1,"kind":"mem_write","address":"0x40000000","before":"0x600DCAFE","value":"0x600DCA00",'
             '"mask":"0x000000FF","written":true}',
+            "0x40000008  wrote 0x21676FFF, before 0x21676F64",
             "0x40000000  would write 0x00000000",
             "0x40000000  0x600DCA00",
             "0x40000004  0x12345678"])
