@@ -36,6 +36,7 @@ stopped() {
   until grep -qx active /sys/class/watchdog/watchdog0/state || ! kill -0 "$!"; do
     sleep 0.1
   done
+  cut -d ' ' -f 1 /proc/uptime > stopped
   kill "$!"
   wait "$!"
 }
@@ -60,7 +61,7 @@ if [ "${1:-}" = reset ]; then
   expect 0 'watchdog0 has nowayout set: once armed, nothing disarms it' "$boardctl" report
   expect 143 "^boardctl: nowayout is set: once armed, nothing disarms /dev/watchdog
 ^boardctl: closed in good order, and /dev/watchdog still counts (nowayout): THE BOARD RESETS within $2 s " stopped "$2"
-  [ "$failed" = 0 ] && echo armed
+  [ "$failed" = 0 ] && awk 'NR == 1 { stopped = $1 } END { print "armed " $1 - stopped " seconds ago" }' stopped /proc/uptime
   exit
 fi
 

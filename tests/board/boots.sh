@@ -95,7 +95,8 @@ test_evk() {
 }
 
 # reset_behind FOLDER MACHINE TESTS ARMING [QEMU_OPTION]...: runs TESTS, whose status it ends with if they fail; then ARMING,
-# which says "armed" when it has left a watchdog behind that nobody feeds: that has to reset the board, and in time.
+# which says "armed: N seconds" or, with how long ago that was, "armed N seconds ago", when it has left a watchdog behind
+# that nobody feeds: that has to reset the board, and in time.
 reset_timeout=4
 reset_margin=3
 reset_behind() {
@@ -105,10 +106,11 @@ reset_behind() {
 } || exit
 $arming
 sleep 60" 600 "$machine" "$@" &
-  local booting=$! armed=''
+  local booting=$! armed='' ago
   while kill -0 "$booting" 2>/dev/null; do
-    if [[ -z $armed ]] && grep -q '^armed' "$run/output" 2>/dev/null; then
-      armed=$EPOCHREALTIME
+    if [[ -z $armed ]] && grep -q '^armed.* seconds' "$run/output" 2>/dev/null; then
+      ago=$(sed -n 's/^armed \([0-9.]*\) seconds ago.*/\1/p' "$run/output")
+      armed=$(awk "BEGIN { printf \"%.3f\", $EPOCHREALTIME - ${ago:-0} }")
     fi
     sleep 0.1
   done

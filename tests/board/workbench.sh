@@ -131,6 +131,22 @@ END
 run 125 --timeout 15 ./hanging </dev/null
 grep -q 'without a verdict, by a hang' err || fail 'It is not told.'
 
+echo '== An emulator that somebody kills is told from a board that hangs'
+"$board" run ./hanging </dev/null >out 2>err &
+running=$! emulator=''
+until [[ $emulator ]]; do
+  sleep 0.2
+  kill -0 "$running" || fail 'It has ended by itself.'
+  while IFS= read -r process; do
+    [[ $(readlink "${process%cmdline}exe") != */qemu-system-arm ]] || emulator=$(cut -d / -f 3 <<<"$process")
+  done < <(grep -lzs "/run\.$running/" /proc/[0-9]*/cmdline)
+done
+kill -KILL "$emulator"
+status=0
+wait "$running" || status=$?
+((status == 125)) || fail "The status is $status, not 125."
+grep -q 'without a verdict, by a failure of the emulator (status 137)' err || fail 'It is not told.'
+
 echo '== A board that resets is told from one that hangs'
 program resetting <<'END'
 reboot -f
