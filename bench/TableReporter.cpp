@@ -114,11 +114,11 @@ void TableReporter::PrintRow(const Run& run) {
   }
 
   const auto measure = static_cast<Measure>(number("measure"));
-  const bool hasVerdict = m_judge && measure != Measure::kNothing;
+  const auto unit = static_cast<Unit>(number("unit"));
+  const bool hasVerdict = (m_judge || unit == Unit::kInstruction) && measure != Measure::kNothing;
   const bool exceeded = hasVerdict && number("judged") > number("limit");
   m_limitExceeded = m_limitExceeded || exceeded;
   const char* const verdict = !hasVerdict ? "-" : exceeded ? "EXCEEDED" : "ok";
-  const auto unit = static_cast<Unit>(number("unit"));
   GetOutputStream() << FormatRow(name, Format(number("bare"), unit), Format(number("boardkit"), unit),
                                  FormatRatio(number("ratio")), FormatLimit(measure, unit, number("limit")), verdict)
                     << std::flush;

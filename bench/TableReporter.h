@@ -10,7 +10,7 @@
 class TableReporter : public benchmark::BenchmarkReporter {
  public:
   /// @param contender what is compared with the bare code.
-  /// @param judge false: there are numbers but no verdicts, and no limit is ever exceeded.
+  /// @param judge false: only what is the same each time, instructions, gets a verdict and can exceed its limit.
   TableReporter(std::string contender, bool judge);
 
   bool ReportContext(const Context& context) override;

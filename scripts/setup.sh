@@ -14,6 +14,12 @@ if [[ -z ${CXX:-} ]]; then
   build_needs+=("g++=g++")
 fi
 
+# What the tests need beyond that.
+test_needs=(libgtest-dev=/usr/include/gtest/gtest.h libcli11-dev=/usr/include/CLI/CLI.hpp
+  nlohmann-json3-dev=/usr/include/nlohmann/json.hpp iproute2=ip util-linux=unshare mount=mount bsdutils=script make=make
+  pkg-config=pkg-config busybox=busybox gdb=gdb python3=python3 socat=socat zsh=zsh fish=fish uidmap=newuidmap
+  mandoc=mandoc tmux=tmux)
+
 # die SENTENCE...: gives up.
 die() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2

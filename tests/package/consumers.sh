@@ -55,6 +55,10 @@ if [ "$shared" = OFF ]; then
   nm -g --defined-only "$library" | awk '$2 ~ /[TDBR]/ { print $3 }' | grep -vxFf "$source/src/exported-symbols.txt" >"$work/own"
   [ -s "$work/own" ]
   if grep -v '^_ZN' "$work/own"; then exit 1; fi
+
+  say "the dynamic linker's functions are asked for where the C library keeps them apart"
+  PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --static --libs-only-l boardkit | grep -w -- -ldl
+  grep -h 'LINK_ONLY:dl' "$libdir"/cmake/boardkit/*.cmake
 fi
 
 say "pkg-config and one compiler call"

@@ -14,7 +14,7 @@ sed -i 's/^_Z9WriteLoopiPKvj$/_Z9WriteLoupiPKvj/' "$work/tree/src/exported-symbo
 # misspelt. Everything else must be there.
 refused() {
   cmake -G Ninja -S "$work/tree" -B "$work/$1" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$2" -DBOARDKIT_TESTS=OFF \
-    -DBOARDKIT_EXAMPLES=OFF -DBOARDKIT_SIM=OFF -DBOARDKIT_TOOLS=OFF >"$work/$1.log"
+    -DBOARDKIT_EXAMPLES=OFF -DBOARDKIT_SIM=OFF -DBOARDKIT_TOOLS=OFF >"$work/$1.log" 2>&1 || { cat "$work/$1.log"; exit 1; }
   if cmake --build "$work/$1" --target boardkit >"$work/$1.log" 2>&1; then
     printf 'The build with %s was not refused.\n' "$1"
     exit 1

@@ -35,6 +35,19 @@ for table in _ZTV8OpSystem:5 _ZTV5IpNet:4; do
   fi
 done
 
+# What it takes on a PC; tests/board/armhf-object.sh has the board's limit.
+case $(readelf --file-header "$library") in
+  *X86-64*)
+    most=$((77 * 1024))
+    strip -o "$work/stripped" "$library"
+    size=$(wc -c < "$work/stripped")
+    if [ "$size" -gt "$most" ]; then
+      printf 'The stripped object has grown too large: %s bytes, %s at most.\n' "$size" "$most"
+      failed=1
+    fi
+    ;;
+esac
+
 # The standard library and the C library, nothing else.
 if sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' "$work/dynamic" | grep -vE '^(libstdc\+\+|libgcc_s|libm|libc)\.so'; then
   printf 'The libraries above are needed, but should not be.\n'

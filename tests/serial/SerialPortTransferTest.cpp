@@ -461,7 +461,7 @@ TEST_F(Buffered, TheDeviceIsNotAsked) {
 
   port.IsDataAvailable();
   port.Read(out, 1);
-  EXPECT_ANY_THROW(port.Read(out, 5));
+  EXPECT_EXACT_THROW(port.Read(out, 5), std::invalid_argument, serialtext::kTooFewBuffered);
   port.Read(out, 0);
   port.IsDataAvailable();
 

@@ -283,6 +283,7 @@ TEST_P(LibraryOnSim, TheReportTellsWhatTheDriverHasProgrammedAndThePortIsOpenedA
   for (const Row& row :
        {Row{115200, k115200, "22\nReal baud rate: 114890\n"}, Row{9600, k9600, "197\nReal baud rate: 9597.67\n"}}) {
     const std::string speed = std::to_string(row.speed);
+    SCOPED_TRACE(speed);
     RunStep({"--tty", "/dev/ttyS1=none"}, {"report", speed});
 
     // The access bit, which reading the divisor needs, is cleared again.

@@ -330,7 +330,7 @@ TEST_F(DeactivatingASignal, OnlyTheCallingThreadIsAffectedAndTheThreadsThatItMak
   JoiningThread([&] {
     DeactivateSignalP(SIGUSR2);
     inThread = Blocked();
-    std::thread([&] { inItsThread = Blocked(); }).join();
+    JoiningThread([&] { inItsThread = Blocked(); }).Join();
   }).Join();
 
   EXPECT_EQ(Blocked(), before);
