@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "503413684979b864db1c22961c102510ae37ab3fa0398769355c9c53b0602370"
+SRC_URI[sha256sum] = "366693b2ae613658e74afc866a66ddcc647c21bc355e40908385e1292097c63f"
 
 inherit cmake pkgconfig
 
