@@ -85,6 +85,7 @@ void File::Init() {
 }
 
 bool File::Exists(const std::string& path) {
+  // By contract: it is opened, so one that may not be read does not exist.
   return !path.empty() && std::ifstream(path).is_open();
 }
 

@@ -172,11 +172,13 @@ void IpNet::ClearDebug() {
 }
 
 std::string IpNet::GetDebugOutput() const {
+  // By contract: what was traced earlier is hidden, not cleared, while the trace is off.
   return m_debugActive ? m_debugOutput : std::string();
 }
 
 std::string IpNet::GetIpV4NetAddr(std::string address, int prefixLength) {
   if (prefixLength >= kIpV4Bits) {
+    // By contract: unchecked.
     return address;
   }
 
@@ -197,6 +199,7 @@ std::string IpNet::GetIpV4NetAddr(std::string address, int prefixLength) {
 
 std::string IpNet::GetLinkLocalAddr(std::string mac) {
   constexpr std::size_t kMacBytes = 6;
+  // By contract: no text is refused; from the first part on that is no number, all bytes are 0.
   std::istringstream input(mac);
   input.imbue(std::locale::classic());
   input >> std::hex;

@@ -70,6 +70,7 @@ std::string SerialPort::ToString() {
   report << "Flowcontrol: " << FlowControlName(GetFlowControl()) << '\n';
   serial_struct info{};
   if (::ioctl(m_fd, TIOCGSERIAL, &info) == -1) {
+    // By contract: the blank at the beginning.
     ThrowSystemError(" TIOCGSERIAL failed!");
   }
 

@@ -150,9 +150,9 @@ void InstallSignalHandler(int signal, void (*handler)(int, siginfo_t*, void*)) {
     ThrowSystemError("Error setting signal handler: ");
   }
 
+  // By contract: this deprecated call, although SA_RESTART has the same effect.
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored \
-    "-Wdeprecated-declarations"  // SA_RESTART has the same effect, but the call is part of the contract
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
   if (::siginterrupt(signal, 0) != 0) {
     ThrowSystemError("Error setting signal interrupt: ");
   }
@@ -165,6 +165,7 @@ void DeactivateSignalP(int signal) {
   }
 
   if (::sigaddset(&deactivatedSignals, signal) != 0) {
+    // By contract: the text says "terminate" for any signal.
     throw std::runtime_error("Error adding to terminate signal mask.");
   }
 
@@ -183,7 +184,7 @@ int LinuxGetThreadId() {
   return static_cast<int>(::syscall(SYS_gettid));
 }
 
-// An address that is not a multiple of 4 is accessed as it stands: the hardware decides, not the sanitizer.
+// By contract: an address that is not a multiple of 4 is used as it is. The hardware decides, not the sanitizer.
 __attribute__((no_sanitize("alignment"))) unsigned int ReadFromPhysicalMemoryAddress(unsigned int address) {
   const PhysicalWord word(address);
   return *word.Get();

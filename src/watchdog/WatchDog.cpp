@@ -30,6 +30,7 @@ void WatchDog::Activate() {
   // By contract: an active object opens the device once more.
   m_fd = ::open(m_device.c_str(), O_RDWR);
   if (m_fd == -1) {
+    // By contract: the blank at the beginning, here and in the other texts of failed system calls.
     ThrowSystemError(" Could not open watchdog device!");
   }
 
@@ -58,6 +59,7 @@ void WatchDog::SetInterval(int seconds) {
   m_interval = seconds;
   // The driver writes back the timeout that it chose; GetInterval() asks for it.
   if (::ioctl(m_fd, WDIOC_SETTIMEOUT, &seconds) != 0) {
+    // By contract: without the driver's error number, as in GetInterval().
     throw std::logic_error("Could not set watchdog interval");
   }
 }
