@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "366693b2ae613658e74afc866a66ddcc647c21bc355e40908385e1292097c63f"
+SRC_URI[sha256sum] = "35cbc1cc62934a22bf4c086cc08fa50c95c0d3e231a97d540e3ac8c699ca387f"
 
 inherit cmake pkgconfig
 
