@@ -15,6 +15,7 @@ if [[ -z ${CXX:-} ]]; then
 fi
 
 # What the tests need beyond that.
+# shellcheck disable=SC2034  # in the scripts that source this
 test_needs=(libgtest-dev=/usr/include/gtest/gtest.h libcli11-dev=/usr/include/CLI/CLI.hpp
   nlohmann-json3-dev=/usr/include/nlohmann/json.hpp iproute2=ip util-linux=unshare mount=mount bsdutils=script make=make
   pkg-config=pkg-config busybox=busybox gdb=gdb python3=python3 socat=socat zsh=zsh fish=fish uidmap=newuidmap
