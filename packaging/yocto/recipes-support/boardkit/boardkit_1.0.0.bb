@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "35cbc1cc62934a22bf4c086cc08fa50c95c0d3e231a97d540e3ac8c699ca387f"
+SRC_URI[sha256sum] = "3870d1538d4c4d011ec9ea23d88fb92507b559353a487e8c73511d44ee40fc15"
 
 inherit cmake pkgconfig
 
