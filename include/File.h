@@ -82,7 +82,7 @@ class File {
   /// @throws std::system_error "ReadLink failed for '<path>' failed.".
   static std::string ReadLink(const std::string& path);
 
-  /// Moves the descriptor's offset as `lseek` does and returns it. The stream does not know.
+  /// Moves the descriptor's offset, in bytes, as `lseek` does and returns it. The stream does not know.
   /// @throws std::system_error "Seeking failed for '<name>' failed." (EOVERFLOW: the new offset does not fit into a
   /// `long` of 32 bits; the descriptor has moved there nevertheless).
   long Seek(long offset, int whence) const;

@@ -13,8 +13,8 @@
 /// This is a part of `examples/descriptors.cpp`. The handbook has more: @ref descriptors, @ref signals, @ref memory.
 ///
 /// Unless its comment says otherwise, a function turns a failed system call into a `std::system_error` with the call's
-/// `errno`, `std::system_category()` and a fixed message: `what()` is the message, ": " and the error's words. A
-/// message that ends in a colon is therefore followed by a second one.
+/// `errno`, `std::system_category()` and a fixed text: `what()` is the text, ": " and the error's words. A text
+/// that ends in a colon is therefore followed by a second one.
 ///
 /// The functions keep no state, except DeactivateSignalP(), and any thread may call them. The suffix `_e` marks
 /// wrappers that throw on an error, `_a` those that return the call's own result.

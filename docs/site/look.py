@@ -56,14 +56,15 @@ CONTRAST = """(() => {
     const ratio = (a + 0.05) / (b + 0.05);
     if (ratio < 4.5) { bad.set(element.tagName + "." + element.className + " " + style.color + " on " + behind.map(Math.round), `${ratio.toFixed(2)} "${node.data.trim().slice(0, 30)}"`); }
   }
-  for (const field of document.querySelectorAll("input[placeholder]")) {
-    const style = getComputedStyle(field, "::placeholder");
+  for (const field of document.querySelectorAll("input")) {
+    if (!(field.value || field.placeholder) || !field.checkVisibility()) { continue; }
+    const style = getComputedStyle(field, field.value ? null : "::placeholder");
     const behind = background(field);
     const color = parse(style.color);
     const own = over([...color.slice(0, 3), (color.length > 3 ? color[3] : 1) * style.opacity], behind);
     const [a, b] = [light(own), light(behind)].sort((x, y) => y - x);
     const ratio = (a + 0.05) / (b + 0.05);
-    if (ratio < 4.5) { bad.set("a field's placeholder", `${ratio.toFixed(2)} "${field.placeholder}"`); }
+    if (ratio < 4.5) { bad.set("a field's text", `${ratio.toFixed(2)} "${field.value || field.placeholder}"`); }
   }
   return {looked, bad: [...bad].map((pair) => pair.join(": "))};
 })()"""

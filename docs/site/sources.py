@@ -63,6 +63,7 @@ def check_readme():
     programs = re.findall(r"```cpp\n// .*?: ([\w-]+)[^\n]*\n(.*?)```\n", text, re.S)
     if len(programs) < 2:
         complaints.append("README.md shows fewer than two programs.")
+    compare("README.md is a page, of 170 lines at most", text.count("\n") <= 170, True)
     for block in re.findall(r"```cpp\n(.*?)```\n", text, re.S):
         name = re.search(r": ([\w-]+)", block.splitlines()[0]).group(1)
         compare(f"The program {name} of README.md", block, make.whole(pathlib.Path(f"examples/{name}.cpp")))

@@ -19,6 +19,9 @@ configure -S "$source" -B "$work/build" $only_library >/dev/null
 cp -P "$build"/libboardkit.so* "$work/build/"
 cmake --install "$work/build" --prefix "$work/prefix" >/dev/null
 find "$work/prefix" -name 'libboardkit.so.*.*.*' | grep .
+for page in "$source"/docs/man/*; do
+  find "$work/prefix" -path "*/man/*" -name "${page##*/}" | grep .
+done
 cmake --build "$work/build" --target uninstall >/dev/null
 left=$(find "$work/prefix" ! -type d)
 if [ "$left" != "$work/prefix/of-somebody-else" ]; then
