@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "3870d1538d4c4d011ec9ea23d88fb92507b559353a487e8c73511d44ee40fc15"
+SRC_URI[sha256sum] = "b5ac33133c1549b72c63722a95f5cd4e350bbadfae8d522e73f7dfd8ed59d8aa"
 
 inherit cmake pkgconfig
 
