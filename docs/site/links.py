@@ -41,6 +41,8 @@ class Page(html.parser.HTMLParser):
             self._code += data
         elif "**" in data:
             self.lost.append(f"asterisks in {data.strip()!r}")
+        elif re.search("[`\u2018]", data):
+            self.lost.append(f"a backquote in {data.strip()!r}")
         elif "](" in data:
             self.lost.append(f"a link's brackets in {data.strip()!r}")
         elif re.search(r"&#?\w+;", data):
