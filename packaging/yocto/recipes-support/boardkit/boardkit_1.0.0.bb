@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "b5ac33133c1549b72c63722a95f5cd4e350bbadfae8d522e73f7dfd8ed59d8aa"
+SRC_URI[sha256sum] = "c3df0b696184b63ac6a35bad21a662063df550ede3f4af7779ad6b87c7eaa1d7"
 
 inherit cmake pkgconfig
 
