@@ -356,8 +356,8 @@ TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
   EXPECT_EQ(RunWithLog({}, {kStarve, "starve", "/dev/watchdog", "3"}), 86);
 
   EXPECT_EQ(Output(), "armed: 3 seconds\n");
-  EXPECT_EQ(Errors().find("boardsim: /dev/watchdog has reset the board: time-out 3 s, last fed "), 0U) << Errors();
-  ExpectSame(LogBeforeReset("time-out 3 s, last fed "), kStart + OfWatchdog({"open", "timeout 3"}));
+  EXPECT_EQ(Errors().find("boardsim: /dev/watchdog has reset the board: time-out 3 s, last fed 3."), 0U) << Errors();
+  ExpectSame(LogBeforeReset("time-out 3 s, last fed 3."), kStart + OfWatchdog({"open", "timeout 3"}));
 }
 
 TEST_P(LibraryOnSim, AProcessThatDiesWithTheWatchdogArmedTakesTheBoardAlong) {

@@ -711,7 +711,7 @@ static int interrupted_of(int calls, int flags) {
   int fd = open_tty();
   alarm_every(1000, flags);
   int interrupted = 0;
-  for (int i = 0; i < calls || signals < 20; ++i) {
+  for (int i = 0; i < calls || signals <= 20; ++i) {
     /* A loop would go unnoticed here, a wrong answer does not. */
     int wanted = (i & 1) != 0 ? LOOP | TIOCM_RTS : LOOP | TIOCM_DTR;
     int before = signals;
