@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "c3df0b696184b63ac6a35bad21a662063df550ede3f4af7779ad6b87c7eaa1d7"
+SRC_URI[sha256sum] = "705d2801346b03ec7f0bd2ef73017c9436ceacd440cf1940181313d57a200ad5"
 
 inherit cmake pkgconfig
 
