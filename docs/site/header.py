@@ -4,12 +4,12 @@ Usage: header.py HEADER, from the top folder; the Doxyfile names it as a filter.
 """
 
 import html
-import json
 import pathlib
 import re
 import sys
 
-ERRORS = json.loads(pathlib.Path("docs/errors.json").read_text())["errors"]
+from catalogue import ERRORS
+
 # A declaration's first line: perhaps words and a type, the name, and what it takes.
 DECLARATION = re.compile(r"^ *(?!//|return\b)(?:[\w:<>,&* ]+[&* ])?(~?\w+)\(")
 

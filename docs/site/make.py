@@ -4,28 +4,16 @@ HTML header.
 Usage: make.py OUTPUT_FOLDER, from the top folder; scripts/docs calls it.
 """
 
-import html
-import json
 import pathlib
 import re
 import subprocess
 import sys
 import textwrap
 
+import catalogue
 import page
 
 FOLDER = pathlib.Path(__file__).parent
-
-SUBSYSTEMS = {
-    "sys": ("Descriptors, signals, memory", "SystemCalls.h"),
-    "file": ("Files", "File.h"),
-    "watchdog": ("Watchdog", "WatchDog.h"),
-    "serial": ("Serial port", "SerialPort.h"),
-    "os": ("Commands", "OpSystem.h"),
-    "net": ("IP configuration", "IpNet.h"),
-    "diag": ("Tracebacks", "linuxutils.h"),
-}
-
 
 def header():
     """Doxygen's own header with the theme's scripts and ours."""
@@ -40,40 +28,6 @@ def header():
     # The page says its language, which screen readers and hyphenation want to know.
     before = before.replace("<html xmlns=", '<html lang="en" xmlns=', 1)
     return before + scripts + "$treeview" + after
-
-
-def operations(names):
-    return ", ".join(f"@ref {name} \"{name}\"" if "::" in name else f"@ref {name}" for name in names)
-
-
-def causes(entry):
-    for cause in entry["causes"]:
-        numbers = ", ".join(cause["errno"])
-        yield (f"<b>{numbers}:</b> " if numbers else "") + html.escape(cause["cause"]), html.escape(cause["remedy"])
-
-
-def catalogue(errors):
-    """The page of all fixed texts, with an anchor for each."""
-    lines = ["# Error catalogue {#error-catalogue}\n",
-             "@tableofcontents\n",
-             "Every fixed text of the library, what causes it, what to do, and what remains. Paste a line of a log into the "
-             "field, or type a part of it; @ref failures explains how to read a message. `boardctl explain` has the same "
-             "catalogue at the command line. Three dots stand for what varies.\n",
-             '<div id="filter-place"></div>\n']
-    for subsystem, (title, _) in SUBSYSTEMS.items():
-        entries = [entry for entry in errors if entry["subsystem"] == subsystem]
-        if not entries:
-            continue
-        lines.append(f"## {title} {{#errors-{subsystem}}}\n")
-        for entry in entries:
-            text = html.escape(entry["text"]) or "(an empty text)"
-            rows = "".join(f"<li>{cause} <i>What to do:</i> {remedy}</li>" for cause, remedy in causes(entry))
-            # What users may search for is not read as Markdown; the names of the operations are links.
-            lines.append(f'@htmlonly[block]<div class="entry"><div class="text"><code>{text}</code></div>@endhtmlonly\n'
-                         f"@anchor {entry['id']} {entry['exception']} from {operations(entry['operations'])}\n\n"
-                         f"@htmlonly[block]<ul>{rows}</ul><p>Remains: {html.escape(entry['remains'])}</p></div>"
-                         "@endhtmlonly\n")
-    return "\n".join(lines)
 
 
 def drawing(source):
@@ -105,14 +59,15 @@ def whole(path):
 def main(output):
     output = pathlib.Path(output)
     output.mkdir(parents=True, exist_ok=True)
-    errors = json.loads(pathlib.Path("docs/errors.json").read_text())["errors"]
     (output / "header.html").write_text(header())
-    (output / "error-catalogue.md").write_text(catalogue(errors))
+    (output / "error-catalogue.md").write_text(catalogue.for_site())
     # The headers show parts of the examples with @snippet.
     for example in pathlib.Path("examples").glob("*.cpp"):
         (output / example.name).write_text("".join(
             f"// [{name}]\n{part}// [{name}]\n" for name, part in snippets(example).items()))
     for path in pathlib.Path("docs").glob("*.md"):
+        if path.stem == "errors":
+            continue  # The site has its own.
         (output / path.name).write_text(page.translated(path.stem, path.read_text()))
     for source in FOLDER.glob("*.dot"):
         (output / f"{source.stem}.svg").write_text(drawing(source))

@@ -1,17 +1,19 @@
 """The parts of the manual pages that are taken from the headers, the error catalogue and the examples.
 
-Usage: manual.py, from the top folder: writes the sections SYNOPSIS, ERRORS and EXAMPLES of docs/man/*.3boardkit anew.
+Usage: manual.py, from the top folder: writes the sections SYNOPSIS, ERRORS and EXAMPLES of docs/man/*.3boardkit anew, and
+docs/errors.md, the catalogue as a page.
 """
 
-import json
 import pathlib
 import re
 
+import catalogue
 import make
 
 # Of the headers with more than one page in the handbook, the examples of the others.
 FURTHER_EXAMPLES = {"SystemCalls.h": ["signals", "memory"]}
-FAMILIES = {header: subsystem for subsystem, (_, header) in make.SUBSYSTEMS.items()}
+CATALOGUE = pathlib.Path("docs/errors.md")
+FAMILIES = {header: subsystem for subsystem, (_, header) in catalogue.SUBSYSTEMS.items()}
 
 
 def page_of(header):
@@ -78,9 +80,8 @@ def flat(text):
 
 
 def errors_of(header):
-    entries = json.loads(pathlib.Path("docs/errors.json").read_text())["errors"]
     result = []
-    for entry in entries:
+    for entry in catalogue.ERRORS:
         if entry["subsystem"] != FAMILIES[header.name]:
             continue
         text = entry["text"]
@@ -158,6 +159,7 @@ def main():
         text = ERRORS.sub(lambda _: errors_of(header), text, count=1)
         text = EXAMPLES.sub(lambda _: examples_of(header), text, count=1)
         page.write_text(text)
+    CATALOGUE.write_text(catalogue.for_readers())
 
 
 if __name__ == "__main__":

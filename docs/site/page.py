@@ -38,7 +38,7 @@ def translated(stem, text):
         command = "@subpage" if stem == "index" and line.startswith("|") and not anchor else "@ref"
         if file.startswith("../include/"):
             return f'@ref {words} "{words}"'
-        if file == "errors.json":
+        if file == "errors.md":
             return f'{command} {anchor or "error-catalogue"} "{words}"'
         if file and not file.endswith(".md"):
             return found.group(0)

@@ -15,6 +15,7 @@ import pathlib
 import re
 import sys
 
+import catalogue
 import header
 import make
 import manual
@@ -49,11 +50,11 @@ def check_failures():
     for path in sorted(pathlib.Path("include").glob("*.h")):
         text = path.read_text()
         shown |= header.filtered(text)[1]
-        for entry in header.ERRORS:
+        for entry in catalogue.ERRORS:
             if entry["origin"] == "library" and entry["text"] and manual.FAMILIES[path.name] == entry["subsystem"] and \
                     not header.names(text, entry):
                 complaints.append(f"{path} does not have the text {entry['text']!r}.")
-    for entry in header.ERRORS:
+    for entry in catalogue.ERRORS:
         for operation in entry["operations"]:
             compare(f"What the page of {operation} shows", (operation, entry["id"]) in shown, True)
 
@@ -75,13 +76,17 @@ SHOWN = re.compile(r"(?ms)^<!-- (examples/[\w.-]+): (\w+) -->\n```\w+\n(.*?)^```
 
 
 def check_examples():
-    """What the handbook shows of examples, which the tests compile and run."""
+    """What the handbook shows of C++ is a part of the examples, which the tests compile and run."""
+    tests = "".join(path.read_text() for path in pathlib.Path("tests/examples").glob("*.sh"))
     for path in sorted(pathlib.Path("docs").glob("*.md")):
         blocks = SHOWN.findall(path.read_text())
+        compare(f"The C++ in {path} that is an example's", sum(name.endswith(".cpp") for name, _, _ in blocks),
+                path.read_text().count("\n```cpp\n"))
         for name, part, block in blocks:
             example = pathlib.Path(name)
             compare(f"What {path} shows of {name}", block, make.whole(example) if part == "whole" else
                     make.snippets(example)[part])
+            compare(f"A test runs {name}", f"examples/{example.name.removesuffix('.cpp')}\"" in tests, True)
         if path.stem in SUBSYSTEMS:
             compare(f"The beginning of the examples of {path}", [part for _, part, _ in blocks][:1], ["use"])
 
@@ -104,9 +109,8 @@ def prose(text):
 
 def anchors(path):
     """What a link to a file can name in it."""
-    if path.name == "errors.json":
-        return {entry["id"] for entry in header.ERRORS} | {f"errors-{entry['subsystem']}" for entry in header.ERRORS}
-    return {handbook.slug(words) for words in handbook.headings(path.read_text())}
+    text = path.read_text()
+    return {handbook.slug(words) for words in handbook.headings(text)} | set(re.findall(r'<a id="([\w-]+)">', text))
 
 
 def check_links():
@@ -180,6 +184,8 @@ check_headers()
 check_failures()
 check_readme()
 check_examples()
+compare(f"What {manual.CATALOGUE} shows (python3 docs/site/manual.py writes it)", manual.CATALOGUE.read_text(),
+        catalogue.for_readers())
 check_sections()
 check_links()
 check_figures()

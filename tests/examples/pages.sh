@@ -30,6 +30,14 @@ END
 run 0 printed "$examples/files"
 expect printed 21.5 "Error reading from file descriptor. No bytes read:ReadBytes from 'example.txt' failed.: " "exists: no"
 
+printf 21.5 > reading
+prints 0 "$examples/failures" reading <<'END'
+begins with 21.5
+END
+prints 0 "$examples/failures" missing <<'END'
+create it first: Open for 'missing' failed.: No such file or directory
+END
+
 run 0 printed "$examples/commands"
 expect printed hello "it said: ls: " "No such file or directory"
 
@@ -49,6 +57,9 @@ expect printed "commands waited for a child that was not theirs"
 [ -n "$boardsim" ] || exit 0
 need_board "$boardsim"
 
+prints 0 "$boardsim" --reg 0x40000000=0x10 -- "$examples/read-register" 0x40000000 <<'END'
+0x10
+END
 prints 0 "$boardsim" --reg 0x40000000=0x10 -- "$examples/memory" 0x40000000 <<'END'
 0x10 -> 0x11
 some memory is in use
