@@ -130,7 +130,8 @@ void Watchdog::Tell(SystemFolder folder) {
   m_told.Write("bootstatus", std::to_string(m_bootStatus));
   // That of the node, which is a FIFO.
   m_told.Write("dev", "0:0");
-  m_told.Write("uevent", "DEVNAME=watchdog0");
+  const std::string node = OtherName(Path()).empty() ? Path() : OtherName(Path());
+  m_told.Write("uevent", "DEVNAME=" + node.substr(std::string("/dev/").size()));
   TellState();
   m_tellRegistration = m_backplane.loop.At([this] { return NextSecond(); }, [this] { TellState(); });
 }

@@ -148,7 +148,7 @@ for device in /dev/watchdog /dev/watchdog0; do
 done
 # Nor does what is given a watchdog for a serial port: its number is none that watchdogs always have.
 for verb in show report send receive test; do
-  expect 1 "^boardctl: serial $verb: /dev/watchdog0 is no serial port$" "$boardctl" serial $verb /dev/watchdog0
+  expect 1 "^boardctl: serial $verb: /dev/watchdog0 is not a serial port$" "$boardctl" serial $verb /dev/watchdog0
 done
 expect 0 'inactive' cat /sys/class/watchdog/watchdog0/state
 

@@ -273,7 +273,7 @@ class HostileNames(TestCase):
                 with self.subTest(words=words):
                     result = finish(start([*self.away_from_the_network(), BOARDCTL, "net", *words]))
                     self.assertEqual((result.status, result.out), (2, ""))
-                    self.assertIn("is no name of an interface", result.err)
+                    self.assertIn("is not the name of an interface", result.err)
 
     def test_WhatIpReportsGoesIntoNoCommandUnchecked(self):
         for name in ("e0;reboot", "$(x)"):

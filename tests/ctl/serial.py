@@ -48,7 +48,7 @@ class Serial(OnALine):
         self.assertRegex(lines[0], rf"^{PORT}      serial8250, open by bash \(\d+\)$")
         self.assertEqual(lines[1], "/dev/ttyS10     serial8250, open by nobody that this user may see")
         self.assertRegex(lines[2], rf'^{{"schema":1,"kind":"serial_port","device":"{PORT}","driver":"serial8250",'
-                                   r'"has_uart":true,"held_by":\[{"pid":\d+,"name":"bash"}\]}$')
+                                   r'"has_uart":true,"held_by":\[{"pid":\d+,"name":"bash"}\],"held_by_complete":false}$')
         self.assertEqual(len(lines), 4)
 
     def test_AWholeSetOfSettingsIsShownAndNothingIsChanged(self):
@@ -75,14 +75,14 @@ class Serial(OnALine):
         for verb in "show", "report", "send", "receive", "test":
             with self.subTest(verb=verb):
                 result = self.on_board("serial", verb, dog, log="log")
-                self.assertEqual((result.status, result.err), (1, f"boardctl: serial {verb}: {dog} is no serial port\n"))
+                self.assertEqual((result.status, result.err), (1, f"boardctl: serial {verb}: {dog} is not a serial port\n"))
                 self.assertNotIn(f" {dog} open", pathlib.Path("log").read_text())
         # These have the major number of a real one, or the kernel tells that they are something else; opening them
         # harms nothing.
         for other in "/dev/fuse", "/dev/zero":
             if os.path.exists(other):
                 result = ctl("serial", "show", other)
-                self.assertEqual((result.status, result.err), (1, f"boardctl: serial show: {other} is no serial port\n"))
+                self.assertEqual((result.status, result.err), (1, f"boardctl: serial show: {other} is not a serial port\n"))
 
     def test_TheLibrarysReportIsPrintedAndTheLineIsPutBack(self):
         result = self.on_board("serial", "report", PORT, log="log")
@@ -363,7 +363,7 @@ class Serial(OnALine):
                 self.assertIn(port_not_opened("/dev/ttyS7") + ": No such file or directory\n  cause", result.err)
                 result = self.on_board("serial", verb, "/dev/null")
                 self.assertEqual(result.status, 1)
-                self.assertEqual(result.err, f"boardctl: serial {verb}: /dev/null is no serial port\n")
+                self.assertEqual(result.err, f"boardctl: serial {verb}: /dev/null is not a serial port\n")
         result = self.on_board("serial", "send", PORT, "missing")
         self.assertEqual((result.status, result.err),
                          (1, "boardctl: serial send: missing can't be read: No such file or directory\n"))

@@ -8,11 +8,10 @@ import signal
 import subprocess
 import sys
 
-from ctl import WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, TestCase, without_rights
+from ctl import WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, strict, TestCase, without_rights, works
 
 DEVICE = "/dev/watchdog"
-# The kernel would tell whether it is.
-DISARMED = "boardctl: /dev/watchdog is disarmed, unless its driver has nowayout set, which is not told here."
+DISARMED = "boardctl: /dev/watchdog is disarmed."
 # A check that does not end, and the words of a shell that wait until what it has started is gone.
 HANGING = "sleep 600 & echo $! > checking; wait"
 GONE = "while grep -qs '^State:[^Z]*$' /proc/$(cat checking)/status; do sleep 0.02; done; echo it is gone"
@@ -22,6 +21,9 @@ SOON = "6"  # the time-out that tests live to see the end of: a busy machine sti
 
 def sees_all():
     """Whether the user may see what every process here has open."""
+    first = 0xEFFFFFFC  # the number of the namespace of processes that the kernel starts with
+    if os.stat("/proc/self/ns/pid").st_ino != first or not os.path.exists("/proc/1"):
+        return False
     for process in pathlib.Path("/proc").glob("[0-9]*"):
         try:
             for descriptor in (process / "fd").iterdir():
@@ -56,26 +58,85 @@ class Watchdog(TestCase):
         self.assertEqual(self.events(), [])
         self.assertEqual(result.status, 0)
         first, *text = result.out.splitlines()
+        self.assertEqual(first, '{"schema":1,"kind":"watchdog","device":"/dev/watchdog","identity":"boardsim",'
+                                '"state":"inactive","timeout_s":60,"time_left_s":0,"min_timeout_s":1,"max_timeout_s":65535,'
+                                '"nowayout":false,"reset_the_board":false,"held_by":[],"held_by_complete":false}')
+        # Nobody on the board, but it may not see the simulator's processes.
+        self.assertEqual(text, [DEVICE, "  identity   boardsim", "  state      inactive",
+                                "  time-out   60 s (from 1 s to 65535 s)", "  time left  0 s", "  nowayout   no",
+                                "  open by    nobody that this user may see"])
+        self.assertEqual(result.err, "")
+
+    def test_ShowTellsOfTheNodeThatItIsGivenAlone(self):
+        os.mkfifo("dog")
+        os.chmod("dog", 0o666)
+        script = "; ".join(shell("--json", "watchdog", "show", device) for device in ("/dev/dog", "./dog"))
+        simulated, other = self.board("sh", "-c", script, options=["--watchdog", "/dev/dog"]).objects
+        self.assertEqual((simulated["identity"], other["identity"]), ("boardsim", None))
+
+    def without_sys(self, script):
+        """The words of a shell for a script to which /sys tells of no watchdog."""
+        if not works("unshare", "--map-root-user", "--mount", "true"):
+            self.skipTest("no mounts of its own can be made here")
+        return shlex.join(["unshare", "--map-root-user", "--mount", "bash", "-c", f"mount -t tmpfs none /sys/class/watchdog && {script}"])
+
+    def test_WhatSysDoesNotTellIsUnknown(self):
+        show = f"{shell('--json', 'watchdog', 'show', DEVICE)}; {shell('watchdog', 'show', DEVICE)} 2> said"
+        result = self.board("sh", "-c", self.without_sys(show), log="log")
+        self.assertEqual((result.status, self.events()), (0, []), result.err)
+        first, *text = result.out.splitlines()
         self.assertEqual(first, '{"schema":1,"kind":"watchdog","device":"/dev/watchdog","identity":null,"state":null,'
                                 '"timeout_s":null,"time_left_s":null,"min_timeout_s":null,"max_timeout_s":null,'
-                                '"nowayout":null,"reset_the_board":null,"held_by":[]}')
-        self.assertEqual(text[0], DEVICE)
-        # Nobody on the board, but it may not see the simulator's processes.
-        self.assertIn("  open by    nobody that this user may see", text)
-        self.assertIn("not told without opening it", result.err)
+                                '"nowayout":null,"reset_the_board":null,"held_by":[],"held_by_complete":false}')
+        self.assertEqual(text, [DEVICE, "  identity   unknown", "  state      unknown", "  time-out   unknown",
+                                "  time left  unknown", "  nowayout   unknown", "  open by    nobody that this user may see"])
+        self.assertEqual(pathlib.Path("said").read_text(),
+                         "Its settings are unknown without opening it, and opening it would arm it.\n")
+        result = self.board("sh", "-c", self.without_sys(shell("watchdog", "run", DEVICE, "--", "true")))
+        self.assertEqual(result.err.splitlines()[-1],
+                         "boardctl: /dev/watchdog is disarmed, unless its driver has nowayout set, which is unknown here.")
+
+    def test_OneThatWasLeftCountingIsRemarkedWithTheWayOut(self):
+        script = (f"{shell('watchdog', 'feed', DEVICE)} & until grep -qs 'timeout 30' log; do sleep 0.02; done; kill -KILL $!; "
+                  f"until grep -q 'close: not stopped' log; do sleep 0.02; done; {shell('watchdog', 'show', DEVICE)}; "
+                  f"{shell('--json', 'report')}")
+        result = self.board("sh", "-c", script, log="log")
+        self.assertIn("\n  state      active\n  time-out   30 s (", result.out)
+        self.assertRegex(result.out, r"\n  time left  \d\d s\n")
+        words = ("{0} counts, and no program that /proc shows has it open: it was left behind and the board resets, or the "
+                 "kernel feeds it.")
+        remedy = "Open and feed it, for example by boardctl watchdog feed {0}."
+        self.assertIn(f"{words} {remedy}\n".format(DEVICE), result.err)
+        unusual = strict(result.out.splitlines()[-1])["unusual"]
+        self.assertIn({"what": words.format("/dev/watchdog0"), "remedy": remedy.format("/dev/watchdog0")}, unusual)
+
+    def test_AfterAResetOfTheWatchdogThatIsRemarked(self):
+        script = (f"if test -e before; then {shell('watchdog', 'show', DEVICE)}; exit 0; fi; touch before; "
+                  f"{shell('watchdog', 'run', DEVICE, '--interval', '1', '--', 'false')}; sleep 60")
+        result = self.board("sh", "-c", script, options=["--restart", "1"], log="log")
+        self.assertEqual(result.status, 0, result.err)
+        self.assertIn("The board was last started by a reset of /dev/watchdog. Look for what stopped feeding it: the log "
+                      "before that start.\n", result.err)
 
     def test_NobodyIsSaidOfThoseWhomTheUserMaySee(self):
         os.mkfifo("dog", 0o644)  # looked at like the simulated one
         pathlib.Path(self.folder).chmod(0o755)
         # What another user's processes have open, only root sees.
-        cases = [(["setpriv", "--reuid=65534", "--clear-groups"], "nobody that this user may see")] if os.geteuid() == 0 else []
-        cases.append(([], "nobody" if sees_all() else "nobody that this user may see"))
+        hidden = "nobody that this user may see"
+        cases = [(["setpriv", "--reuid=65534", "--clear-groups"], hidden)] if os.geteuid() == 0 else []
+        cases.append(([], "nobody" if sees_all() else hidden))
+        # Root of a namespace of users is nobody to the processes outside of it; in one of processes, those do not show.
+        for words in (["unshare", "--map-root-user"], ["unshare", "--map-root-user", "--pid", "--fork", "--mount-proc"]):
+            if works(*words, "true"):
+                cases.append((words, hidden))
         place = self.programs_for_all()
         environment = {**os.environ, "LD_LIBRARY_PATH": str(place), "GCOV_PREFIX": self.folder}
         for lower, words in cases:
             with self.subTest(lower=lower):
                 result = finish(start([*lower, place / "boardctl", "watchdog", "show", "./dog"], env=environment))
                 self.assertIn(f"\n  open by    {words}\n", result.out, result.err)
+                result = finish(start([*lower, place / "boardctl", "--json", "watchdog", "show", "./dog"], env=environment))
+                self.assertEqual(result.objects[0]["held_by_complete"], words == "nobody")
 
     def test_ADeviceInUseIsToldWithWhoHasItAndNothingIsArmed(self):
         script = (f"{shell('watchdog', 'feed', DEVICE)} 2> fed & "
@@ -83,7 +144,7 @@ class Watchdog(TestCase):
                   f"{shell('--json', 'watchdog', 'show', DEVICE)} 2>/dev/null; "
                   f"{shell('watchdog', 'run', DEVICE, '--', 'touch', 'ran')}; echo $?; kill -TERM $!; wait $!; echo $?")
         result = self.board("sh", "-c", script, log="log")
-        self.assertRegex(result.out, r'"held_by":\[\{"pid":\d+,"name":"boardctl"\}\]\}\n1\n143\n$')
+        self.assertRegex(result.out, r'"held_by":\[\{"pid":\d+,"name":"boardctl"\}\],"held_by_complete":false\}\n1\n143\n$')
         self.assertRegex(result.err, r"boardctl: /dev/watchdog is in use, by boardctl \(\d+\)\. Nothing was armed\.\n"
                                      rf"boardctl: watchdog run: {re.escape(WATCHDOG_NOT_OPENED)}: Device or resource busy\n"
                                      r"  cause    EBUSY: ")
@@ -91,8 +152,8 @@ class Watchdog(TestCase):
         self.assertEqual(self.events(), ["open", "timeout 30", "open refused: busy", "write magic", "close: stopped"])
 
     def test_WhatIsNoWatchdogIsNotOpened(self):
-        for device, words in [("/dev/null", "/dev/null is no watchdog\n"),
-                              ("/etc/passwd", "/etc/passwd is no watchdog\n"),
+        for device, words in [("/dev/null", "/dev/null is not a watchdog\n"),
+                              ("/etc/passwd", "/etc/passwd is not a watchdog\n"),
                               ("/dev/nope", WATCHDOG_NOT_OPENED + ": No such file or directory\n  cause")]:
             for verb in ["show"], ["feed"], ["run"]:
                 with self.subTest(device=device, verb=verb):
@@ -130,7 +191,11 @@ class Watchdog(TestCase):
         script = f"set -m; {shell('watchdog', 'feed', DEVICE)} 2> said & {self.fed(1)}; kill -TERM $!; wait $!; echo $?"
         result = self.board("bash", "-c", script.replace("feed$", "timeout 30$"), options=["--nowayout"], log="log")
         self.assertEqual((result.status, result.out), (RESET, "143\n"))
-        self.assertEqual(pathlib.Path("said").read_text().splitlines()[-1], DISARMED)
+        self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
+            "boardctl: nowayout is set: once armed, nothing disarms /dev/watchdog, and the board resets after the last feeding.",
+            "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 30 s; it is fed each 10 s.",
+            "boardctl: closed in good order, and /dev/watchdog still counts (nowayout): THE BOARD RESETS within 30 s "
+            "unless another program opens and feeds it."])
         # A command that is slow to end, and a check that does not hold meanwhile.
         command = "trap 'touch asked' TERM; touch ready; while :; do sleep 0.02; done"
         run = shell("watchdog", "run", DEVICE, "--interval", "15", "--check", "until test -e asked; do sleep 0.02; done; exit 3",
@@ -251,7 +316,7 @@ class Watchdog(TestCase):
                 # The way out that it names works.
                 script += (f"; set -m; {shell('watchdog', 'feed', DEVICE)} & until grep -q 'timeout 30' log; do sleep 0.02; done; "
                            "kill -INT $!; wait $!")
-                result = self.board("bash", "-c", script, log="log")
+                result = self.board("sh", "-c", self.without_sys(script), log="log")
                 self.assertEqual((result.status, result.out), (130, "1\n"), result.err)
                 self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened for asking: it counts with its old "
                               "time-out, and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
@@ -260,6 +325,16 @@ class Watchdog(TestCase):
                 self.assertFalse(os.path.exists("ran"))
                 self.assertEqual(self.events(), ["open", "timeout refused: 65536", "close: not stopped", "open", "timeout 30",
                                                  "write magic", "close: stopped"])
+
+    def test_AnIntervalThatSysRulesOutIsRefusedBeforeTheDeviceIsOpened(self):
+        for verb in ["feed"], ["run"]:
+            with self.subTest(verb=verb):
+                result = self.on_board("watchdog", *verb, DEVICE, "--interval", "65536",
+                                       *(["--", "touch", "ran"] if verb == ["run"] else []), log="log")
+                self.assertEqual((result.status, result.err), (2, f"boardctl: watchdog {verb[0]}: --interval: the driver takes "
+                                 f"1 to 65535 s, not 65536 s (see boardctl watchdog {verb[0]} --help)\n"))
+                self.assertFalse(os.path.exists("ran"))
+                self.assertEqual(self.events(), [])
 
     def driver_that(self, answers):
         """The words of a shell that let a command see another driver: none such is available, so the test changes what the

@@ -10,7 +10,7 @@
 namespace {
 
 [[noreturn]] void Refuse(const std::string& text, const std::string& what) {
-  throw std::invalid_argument('"' + text + "\" is no " + what);
+  throw std::invalid_argument('"' + text + "\" is not " + what);
 }
 
 /// The digits of @p text read to @p base; false for none, for others, and beyond 64 bits.
@@ -44,7 +44,7 @@ namespace check {
 std::uint64_t Decimal(const std::string& text, std::uint64_t least, std::uint64_t most) {
   std::uint64_t number = 0;
   if (!Read(text, 10, number) || number < least || number > most) {
-    Refuse(text, "number from " + std::to_string(least) + " to " + std::to_string(most));
+    Refuse(text, "a number from " + std::to_string(least) + " to " + std::to_string(most));
   }
   return number;
 }
@@ -55,7 +55,7 @@ std::uint32_t Word(const std::string& text) {
   const bool isHexadecimal = isPrefixed && (text[1] == 'x' || text[1] == 'X');
   const bool isRead = isHexadecimal ? Read(text.substr(2), 16, number) : Read(text, isPrefixed ? 8 : 10, number);
   if (!isRead || number > std::numeric_limits<std::uint32_t>::max()) {
-    Refuse(text, "number of 32 bits (such as 0x80011000, decimal, or octal with a leading 0)");
+    Refuse(text, "a number of 32 bits (such as 0x80011000, decimal, or octal with a leading 0)");
   }
   return static_cast<std::uint32_t>(number);
 }
@@ -63,14 +63,14 @@ std::uint32_t Word(const std::string& text) {
 std::uint32_t WordAddress(const std::string& text) {
   const std::uint32_t address = Word(text);
   if (address % sizeof address != 0) {
-    Refuse(text, "address of a word of 32 bits: a multiple of 4");
+    Refuse(text, "the address of a word of 32 bits: a multiple of 4");
   }
   return address;
 }
 
 std::string Path(const std::string& text) {
   if (text.empty() || text.find('\n') != std::string::npos) {
-    Refuse(text, "path");
+    Refuse(text, "a path");
   }
   return text;
 }
@@ -83,7 +83,7 @@ std::string Interface(const std::string& text) {
         isClean && character != '\0' && (IsLetterOrDigit(character) || std::strchr("_-.:@", character) != nullptr);
   }
   if (!isClean) {
-    Refuse(text, "name of an interface: 1 to 15 letters, digits or _ - . : @");
+    Refuse(text, "the name of an interface: 1 to 15 letters, digits or _ - . : @");
   }
   return text;
 }
@@ -99,7 +99,7 @@ Address IpAddress(const std::string& text) {
       return {canonical, family == AF_INET6};
     }
   }
-  Refuse(text, "IPv4 or IPv6 address");
+  Refuse(text, "an IPv4 or IPv6 address");
 }
 
 Network IpNetwork(const std::string& text) {
@@ -107,13 +107,13 @@ Network IpNetwork(const std::string& text) {
   constexpr unsigned int kIpv6Bits = 128;
   const std::size_t slash = text.find('/');
   if (slash == std::string::npos) {
-    Refuse(text, "address with its prefix length, such as 192.0.2.10/24");
+    Refuse(text, "an address with its prefix length, such as 192.0.2.10/24");
   }
   const Address address = IpAddress(text.substr(0, slash));
   std::uint64_t length = 0;
   const unsigned int most = address.ipv6 ? kIpv6Bits : kIpv4Bits;
   if (!Read(text.substr(slash + 1), 10, length) || length > most) {
-    Refuse(text.substr(slash + 1), "prefix length from 0 to " + std::to_string(most));
+    Refuse(text.substr(slash + 1), "a prefix length from 0 to " + std::to_string(most));
   }
   return {address, static_cast<int>(length)};
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 /// What comes from outside, checked before anything is done with it. Every function returns the value, or throws
-/// std::invalid_argument with a phrase for the user: "\"0\" is no number from 1 to 65535".
+/// std::invalid_argument with a phrase for the user: "\"0\" is not a number from 1 to 65535".
 namespace check {
 
 /// A number in decimal digits, and nothing else: no sign, no blanks, no 0x.

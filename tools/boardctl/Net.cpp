@@ -74,7 +74,7 @@ std::vector<std::string> LinesOf(const std::string& text) {
 // --- What ip reports
 
 /// The address of a family in the library's record. What ip reports goes into the next command.
-/// @throws std::runtime_error if it is no address.
+/// @throws std::runtime_error if it is not an address.
 Value AddressIn(const IpNet::Record& record, bool ipv6) {
   const std::string key = FamilyOf(ipv6);
   const auto address = record.find(key);
@@ -167,7 +167,7 @@ void ShowInterface(const Interface& look, IpNet& net, Output& out) {
     addresses.push_back(address.InWords());
     words += (words.empty() ? "" : ", ") + address.InWords();
   }
-  out.Line(look.name + "  " + (look.isUp ? "up" : "down") + ", hardware address " + text("link").value_or("not told"));
+  out.Line(look.name + "  " + (look.isUp ? "up" : "down") + ", hardware address " + text("link").value_or("unknown"));
   out.Line("  " + (words.empty() ? "no address" : words));
   out.Object("net_interface", {{"interface", look.name},
                                {"up", look.isUp},
@@ -368,7 +368,7 @@ bool IsForHosts(const check::Address& address) {
 int SetAddress(const Arguments& arguments, Call& call) {
   const check::Address& address = arguments.network.address;
   if (!IsForHosts(address)) {
-    throw UsageError("ADDRESS: " + address.text + " is no address of a host");
+    throw UsageError("ADDRESS: " + address.text + " is not the address of a host");
   }
   Network net;
   Change change{"address", arguments.interface, address.ipv6, {}, {}, {}};
@@ -452,7 +452,7 @@ int SetRoute(const std::optional<Route>& wanted, bool ipv6, const Arguments& arg
 
 int SetGateway(const Arguments& arguments, Call& call) {
   if (!IsForHosts(arguments.gateway)) {
-    throw UsageError("ADDRESS: " + arguments.gateway.text + " is no address of a host");
+    throw UsageError("ADDRESS: " + arguments.gateway.text + " is not the address of a host");
   }
   return SetRoute(Route{arguments.gateway.text, arguments.interface}, arguments.gateway.ipv6, arguments, call);
 }

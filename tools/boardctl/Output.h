@@ -47,7 +47,7 @@ class Output {
   /// A line of the result as text, at once; nothing with --json.
   void Line(std::string_view line);
   /// A line of the result as JSON: {"schema":1,"kind":@p kind, and @p members}; nothing without --json. Every key is
-  /// always there, what is not known is null. Text that is no UTF-8 is replaced.
+  /// always there, what is not known is null. Text that is not UTF-8 is replaced.
   void Object(const char* kind, const Json& members);
   /// Bytes of the result as they are, in both cases.
   void Bytes(const void* data, std::size_t size);

@@ -13,11 +13,15 @@
 
 namespace {
 
+bool IsRefusal(int error) {
+  return error == EACCES || error == EPERM;
+}
+
 /// The names in a folder that are numbers. @p isRefused is set if the user may not look.
 std::vector<int> NumbersIn(const std::string& folder, bool* isRefused = nullptr) {
   std::vector<int> numbers;
   const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), ::closedir);
-  if (!open && errno == EACCES && isRefused != nullptr) {
+  if (!open && IsRefusal(errno) && isRefused != nullptr) {
     *isRefused = true;
   }
   for (const dirent* entry = open ? ::readdir(open.get()) : nullptr; entry != nullptr; entry = ::readdir(open.get())) {
@@ -47,15 +51,23 @@ bool HasOpen(const std::string& process, const struct stat& device) {
   return false;
 }
 
-/// Whether this user may see what every process has open.
-bool SeesAll() {
+/// Whether /proc shows all processes of the board: not those outside of a container, nor with hidepid those of others.
+bool ShowsAll() {
+  constexpr ino_t kFirst = 0xEFFFFFFC;  // the number of the namespace that the kernel starts with
+  struct stat space {};
+  struct stat init {};
+  const bool isContained = ::stat("/proc/self/ns/pid", &space) == 0 && space.st_ino != kFirst;
+  return !isContained && ::stat("/proc/1", &init) == 0;
+}
+
+bool LooksIntoAll() {
   bool isRefused = false;
   for (const int number : NumbersIn("/proc")) {
     const std::string files = "/proc/" + std::to_string(number) + "/fd";
     // In a user namespace, the list may be read, and what it leads to not.
     for (const int fd : NumbersIn(files, &isRefused)) {
       struct stat file {};
-      isRefused = isRefused || (::stat((files + '/' + std::to_string(fd)).c_str(), &file) == -1 && errno == EACCES);
+      isRefused = isRefused || (::stat((files + '/' + std::to_string(fd)).c_str(), &file) == -1 && IsRefusal(errno));
     }
   }
   return !isRefused;
@@ -83,12 +95,18 @@ std::vector<Holder> HoldersOf(const std::string& device) {
   return holders;
 }
 
-Json InJson(const std::vector<Holder>& holders) {
+bool SeesAll() {
+  static const bool kSeesAll = ShowsAll() && LooksIntoAll();
+  return kSeesAll;
+}
+
+void AddTo(Json& object, const std::vector<Holder>& holders) {
   Json list = Json::array();
   for (const Holder& holder : holders) {
     list.push_back({{"pid", holder.process}, {"name", holder.name}});
   }
-  return list;
+  object["held_by"] = list;
+  object["held_by_complete"] = SeesAll();
 }
 
 std::string InWords(const std::vector<Holder>& holders) {

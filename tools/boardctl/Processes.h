@@ -17,8 +17,12 @@ struct Holder {
 /// The other processes that have @p device open, in the order of their numbers.
 std::vector<Holder> HoldersOf(const std::string& device);
 
-/// The same as [{"pid":1,"name":"init"}].
-Json InJson(const std::vector<Holder>& holders);
+/// Whether this user sees what every process of the board has open. Not even root does in a container, nor in a user
+/// namespace.
+bool SeesAll();
+
+/// The members "held_by":[{"pid":1,"name":"init"}] and "held_by_complete":true, behind those of @p object.
+void AddTo(Json& object, const std::vector<Holder>& holders);
 /// "init (1), getty (812)"; for none, "nobody", and if this user may not see all, that too.
 std::string InWords(const std::vector<Holder>& holders);
 

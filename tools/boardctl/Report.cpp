@@ -31,7 +31,7 @@
 
 namespace {
 
-constexpr const char* kNotTold = "not told";
+constexpr const char* kUnknown = "unknown";
 
 /// The page: what is told as text, as JSON, and what of it is unusual.
 struct Page {
@@ -139,9 +139,9 @@ void TellVersions(Page& page) {
 
   page.Head("versions");
   page.Row("boardctl", BOARDCTL_VERSION);
-  page.Row("library", file.empty() ? kNotTold : file);
+  page.Row("library", file.empty() ? kUnknown : file);
   page.Row("kernel", kernelText + ", " + kernel.machine);
-  page.Row("C library", *library == '\0' ? kNotTold : library);
+  page.Row("C library", *library == '\0' ? kUnknown : library);
   page.Row("ip", version.empty() ? "none" : version + (path.empty() ? "" : ", " + path));
   page.json["versions"] = {{"boardctl", BOARDCTL_VERSION}, {"library_file", OrNull(file)}, {"kernel", kernelText},
                            {"machine", kernel.machine},    {"c_library", OrNull(library)}, {"ip", OrNull(version)},
@@ -166,7 +166,7 @@ void TellLoad(Page& page) {
   page.Row("load", Fixed(load, 2) + " on " + std::to_string(processors) + " processors, up " +
                        std::to_string(information.uptime) + " s");
   page.Row("memory", std::to_string(total / kMib) + " MiB, " +
-                         (told ? std::to_string(available / kMib) + " MiB available" : "available: not told"));
+                         (told ? std::to_string(available / kMib) + " MiB available" : "available: unknown"));
   page.json["load"] = {{"load_1min", load}, {"processors", processors}, {"uptime_s", information.uptime}};
   page.json["memory"] = {{"total_bytes", total}, {"available_bytes", told ? Json(available) : Json()}};
 
@@ -195,9 +195,10 @@ void TellSerialPorts(Page& page) {
     }
     const auto holders = processes::HoldersOf(device.path);
     page.Row(device.path,
-             (device.driver.empty() ? "driver not told" : device.driver) + ", open by " + processes::InWords(holders));
-    ports.push_back(
-        {{"device", device.path}, {"driver", OrNull(device.driver)}, {"held_by", processes::InJson(holders)}});
+             (device.driver.empty() ? "driver unknown" : device.driver) + ", open by " + processes::InWords(holders));
+    Json port = {{"device", device.path}, {"driver", OrNull(device.driver)}};
+    processes::AddTo(port, holders);
+    ports.push_back(port);
     if (::access(device.path.c_str(), R_OK | W_OK) != 0) {
       page.unusual.push_back({device.path + " may not be opened: " + std::strerror(errno) + '.',
                               "Be root, or in the group of the device (dialout)."});
@@ -216,7 +217,7 @@ void TellWatchdogs(Page& page) {
   for (const std::string& path : WatchdogPaths()) {
     try {
       const WatchdogLook look = LookAtWatchdog(path);
-      page.Row(path, look.identity.value_or("not told without opening") + (look.state ? ", " + *look.state : "") +
+      page.Row(path, look.identity.value_or("unknown without opening") + (look.state ? ", " + *look.state : "") +
                          (look.timeoutS ? ", time-out " + std::to_string(*look.timeoutS) + " s" : "") + ", open by " +
                          processes::InWords(look.holders));
       watchdogs.push_back(InJson(look));
@@ -274,7 +275,7 @@ void TellMemoryDevice(Page& page) {
                               (isStrict ? ", but not for memory that the kernel itself uses (CONFIG_STRICT_DEVMEM" +
                                               std::string(isRelaxed ? ", iomem=relaxed)" : ")")
                                         : "")
-                        : "not to be used: " + why);
+                        : "may not be used: " + why);
   page.json["physical_memory"] = {{"device", kDevice},
                                   {"usable", why.empty()},
                                   {"why_not", OrNull(why)},
@@ -352,8 +353,10 @@ int Report(Call& call) {
   TellWatchdogs(page);
   TellMemoryDevice(page);
   TellNetwork(page);
-  if (::geteuid() != 0) {
-    page.unusual.push_back({"What other users' processes have open is not to be seen.", "Run the report as root."});
+  if (!processes::SeesAll()) {
+    page.unusual.push_back({"Not all processes are visible: one that is not may have a device open.",
+                            ::geteuid() != 0 ? "Run the report as root."
+                                             : "Run the report outside of containers, with all rights of root."});
   }
 
   Json unusual = Json::array();

@@ -40,16 +40,17 @@ int List(Call& call) {
   const std::vector<SerialDevice> devices = SerialDevices();
   for (const SerialDevice& device : devices) {
     const auto holders = processes::HoldersOf(device.path);
-    call.out.Object("serial_port", {{"device", device.path},
-                                    {"driver", device.driver.empty() ? Json() : Json(device.driver)},
-                                    {"has_uart", device.hasUart ? Json(*device.hasUart) : Json()},
-                                    {"held_by", processes::InJson(holders)}});
+    Json object = {{"device", device.path},
+                   {"driver", device.driver.empty() ? Json() : Json(device.driver)},
+                   {"has_uart", device.hasUart ? Json(*device.hasUart) : Json()}};
+    processes::AddTo(object, holders);
+    call.out.Object("serial_port", object);
     if (device.hasUart == false) {
       bare += ' ' + device.path;
       continue;
     }
     call.out.Line(device.path + std::string(device.path.size() < 16 ? 16 - device.path.size() : 1, ' ') +
-                  (device.driver.empty() ? "driver not told" : device.driver) + ", open by " +
+                  (device.driver.empty() ? "driver unknown" : device.driver) + ", open by " +
                   processes::InWords(holders));
   }
   if (!bare.empty()) {
@@ -68,7 +69,7 @@ std::string Names(const Json& flags) {
   for (const auto& [name, isUp] : flags.items()) {
     names += isUp.get<bool>() ? ' ' + name : "";
   }
-  return flags.is_null() ? " not told" : names.empty() ? " none" : names;
+  return flags.is_null() ? " unknown" : names.empty() ? " none" : names;
 }
 
 std::string Numbers(const Json& numbers) {
@@ -76,7 +77,7 @@ std::string Numbers(const Json& numbers) {
   for (const auto& [name, number] : numbers.items()) {
     text += ' ' + name + '=' + number.dump();
   }
-  return numbers.is_null() ? " not told" : text;
+  return numbers.is_null() ? " unknown" : text;
 }
 
 int Show(const std::string& device, Call& call) {
@@ -101,18 +102,19 @@ int Show(const std::string& device, Call& call) {
   call.out.Line("  counted     " + Numbers(counters));
   call.out.Line("  UART        " + Numbers(uart));
   call.out.Line("  open by      " + processes::InWords(holders));
-  call.out.Object("serial_settings", {{"device", device},
-                                      {"speed_bps", settings.speedBps},
-                                      {"input_speed_bps", settings.inputSpeedBps},
-                                      {"data_bits", settings.dataBits},
-                                      {"parity", settings.parity},
-                                      {"stop_bits", settings.stopBits},
-                                      {"flow", settings.flow},
-                                      {"raw", settings.isRaw},
-                                      {"lines", lines},
-                                      {"counters", counters},
-                                      {"uart", uart},
-                                      {"held_by", processes::InJson(holders)}});
+  Json object = {{"device", device},
+                 {"speed_bps", settings.speedBps},
+                 {"input_speed_bps", settings.inputSpeedBps},
+                 {"data_bits", settings.dataBits},
+                 {"parity", settings.parity},
+                 {"stop_bits", settings.stopBits},
+                 {"flow", settings.flow},
+                 {"raw", settings.isRaw},
+                 {"lines", lines},
+                 {"counters", counters},
+                 {"uart", uart}};
+  processes::AddTo(object, holders);
+  call.out.Object("serial_settings", object);
   return kStatusDone;
 }
 

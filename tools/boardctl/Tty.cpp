@@ -57,7 +57,7 @@ int OpenPort(const std::string& device) {
   struct stat node {};
   if (::stat(device.c_str(), &node) == 0 &&
       (!S_ISCHR(node.st_mode) || major(node.st_rdev) == kMiscMajor || IsOfOtherKind(node.st_rdev))) {
-    throw std::runtime_error(device + " is no serial port");
+    throw std::runtime_error(device + " is not a serial port");
   }
   return ::open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
 }

@@ -41,7 +41,7 @@ class Tty {
   /// What the serial driver tells of the UART, or null.
   Json Uart() const;
 
-  /// The number of bytes that wait to be sent; nothing where that is not told.
+  /// The number of bytes that wait to be sent; nothing where that is unknown.
   std::optional<std::uint32_t> Waiting() const;
   /// Waits until the driver takes more, for @p milliseconds at most; true also where writing fails at once.
   bool HasRoom(int milliseconds) const;

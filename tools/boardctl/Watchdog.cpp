@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
+#include <thread>
 
 #include "Check.h"
 #include "Groups.h"
@@ -46,9 +47,9 @@ struct Arguments {
 
 int Show(const std::string& device, Output& out) {
   const WatchdogLook look = LookAtWatchdog(device);
-  constexpr const char* kNotTold = "not told";
+  constexpr const char* kUnknown = "unknown";
   const auto seconds = [&](const std::optional<std::uint64_t>& number) {
-    return number ? std::to_string(*number) + " s" : kNotTold;
+    return number ? std::to_string(*number) + " s" : kUnknown;
   };
   std::string limits;
   if (look.shortestS && look.longestS) {
@@ -56,14 +57,14 @@ int Show(const std::string& device, Output& out) {
              (*look.longestS == 0 ? ", without an upper limit)" : " to " + seconds(look.longestS) + ')');
   }
   out.Line(device);
-  out.Line("  identity   " + look.identity.value_or(kNotTold));
-  out.Line("  state      " + look.state.value_or(kNotTold));
+  out.Line("  identity   " + look.identity.value_or(kUnknown));
+  out.Line("  state      " + look.state.value_or(kUnknown));
   out.Line("  time-out   " + seconds(look.timeoutS) + limits);
   out.Line("  time left  " + seconds(look.timeLeftS));
-  out.Line("  nowayout   " + std::string(look.nowayout ? (*look.nowayout ? "yes" : "no") : kNotTold));
+  out.Line("  nowayout   " + std::string(look.nowayout ? (*look.nowayout ? "yes" : "no") : kUnknown));
   out.Line("  open by    " + processes::InWords(look.holders));
   if (look.name.empty()) {
-    out.Say("What it is set to is not told without opening it, and opening it would arm it.");
+    out.Say("Its settings are unknown without opening it, and opening it would arm it.");
   }
   for (const Remark& remark : RemarksOn(look)) {
     out.Say(remark.what + ' ' + remark.remedy);
@@ -171,7 +172,7 @@ class Armed {
   int Disarm() {
     Do(&WatchDog::Deactivate, "Disarming");
     m_inTime.reset();
-    const WatchdogLook look = LookAtWatchdog(m_device);
+    const WatchdogLook look = LookAfterClosing();
     if (look.IsActive()) {
       m_out.Warn("boardctl: closed in good order, and " + m_device +
                  " still counts (nowayout): THE BOARD RESETS within " + SecondsInWords(m_timeoutS) +
@@ -180,7 +181,7 @@ class Armed {
     }
     m_out.Say(
         "boardctl: " + m_device +
-        (look.state ? " is disarmed." : " is disarmed, unless its driver has nowayout set, which is not told here."));
+        (look.state ? " is disarmed." : " is disarmed, unless its driver has nowayout set, which is unknown here."));
     return kStatusDone;
   }
 
@@ -208,6 +209,19 @@ class Armed {
     }
   }
 
+  /// A simulated watchdog hears of a close a moment later.
+  WatchdogLook LookAfterClosing() const {
+    constexpr milliseconds kPatience(1000);
+    constexpr milliseconds kPiece(10);
+    const Clock::time_point end = Clock::now() + kPatience;
+    WatchdogLook look = LookAtWatchdog(m_device);
+    while (look.IsActive() && look.nowayout != true && Clock::now() < end) {
+      std::this_thread::sleep_for(kPiece);
+      look = LookAtWatchdog(m_device);
+    }
+    return look;
+  }
+
   void Arm(int intervalS) {
     try {
       m_dog->Activate();
@@ -215,7 +229,7 @@ class Armed {
       if (error.code().value() == EBUSY) {
         const auto holders = LookAtWatchdog(m_device).holders;
         m_out.Warn("boardctl: " + m_device + " is in use, by " +
-                   (holders.empty() ? "a process that only root may see" : processes::InWords(holders)) +
+                   (holders.empty() ? "a process that is not visible here" : processes::InWords(holders)) +
                    ". Nothing was armed.");
       }
       throw;
@@ -507,7 +521,7 @@ int Seconds(const std::string& text) {
 
 std::string CheckCommand(const std::string& text) {
   if (text.empty()) {
-    throw std::invalid_argument("\"\" is no command");
+    throw std::invalid_argument("\"\" is not a command");
   }
   return text;
 }

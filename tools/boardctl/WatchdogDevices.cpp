@@ -10,6 +10,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 
 namespace {
@@ -46,12 +47,34 @@ std::vector<std::string> Names() {
   return names;
 }
 
-/// The name in /sys of the device with that number; empty if /sys has none.
-std::string NameOf(dev_t number) {
+/// The node in /dev of a watchdog in /sys.
+std::string NodeOf(const std::string& name) {
+  constexpr std::string_view kKey = "DEVNAME=";
+  std::ifstream told(fs::path(kClass) / name / "uevent");
+  for (std::string line; std::getline(told, line);) {
+    if (line.rfind(kKey, 0) == 0) {
+      return "/dev/" + line.substr(kKey.size());
+    }
+  }
+  return "/dev/" + name;
+}
+
+bool IsOld(const struct stat& node) {
+  return S_ISCHR(node.st_mode) && major(node.st_rdev) == kMiscMajor && minor(node.st_rdev) == kOldMinor;
+}
+
+/// The name in /sys of the device behind a node; empty if /sys has none.
+std::string NameOf(const struct stat& node) {
+  // A simulated one is a pipe: its number is the 0:0 that all pipes have, and the node that /sys names has to be this.
+  const dev_t number = S_ISCHR(node.st_mode) ? node.st_rdev : 0;
   const std::string text = std::to_string(major(number)) + ':' + std::to_string(minor(number));
   for (const std::string& name : Names()) {
-    const bool isOldName = name == kFirst && major(number) == kMiscMajor && minor(number) == kOldMinor;
-    if (isOldName || LineOf(fs::path(kClass) / name / "dev") == text) {
+    const bool hasNumber = LineOf(fs::path(kClass) / name / "dev") == text;
+    struct stat named {};
+    const bool isNode =
+        hasNumber && (S_ISCHR(node.st_mode) || (::stat(NodeOf(name).c_str(), &named) == 0 &&
+                                                named.st_dev == node.st_dev && named.st_ino == node.st_ino));
+    if (isNode || (name == kFirst && IsOld(node))) {
       return name;
     }
   }
@@ -63,7 +86,7 @@ std::vector<processes::Holder> HoldersOf(const WatchdogLook& look) {
   std::vector<processes::Holder> holders = processes::HoldersOf(look.device);
   std::vector<std::string> others;
   if (!look.name.empty()) {
-    others.push_back("/dev/" + look.name);
+    others.push_back(NodeOf(look.name));
   }
   if (look.name == kFirst) {
     others.emplace_back(kOldDevice);
@@ -94,13 +117,9 @@ WatchdogLook LookAtWatchdog(const std::string& device) {
 
   WatchdogLook look;
   look.device = device;
-  if (S_ISCHR(node.st_mode)) {
-    look.name = NameOf(node.st_rdev);
-  }
-  const bool isOld = major(node.st_rdev) == kMiscMajor && minor(node.st_rdev) == kOldMinor;
-  // A simulated one is a pipe, whose other side hears of a close a moment later: what /sys tells may be old.
-  if (look.name.empty() && !(S_ISCHR(node.st_mode) && isOld) && !S_ISFIFO(node.st_mode)) {
-    throw std::runtime_error(device + " is no watchdog");
+  look.name = NameOf(node);
+  if (look.name.empty() && !IsOld(node) && !S_ISFIFO(node.st_mode)) {
+    throw std::runtime_error(device + " is not a watchdog");
   }
 
   if (!look.name.empty()) {
@@ -125,11 +144,11 @@ WatchdogLook LookAtWatchdog(const std::string& device) {
 std::vector<std::string> WatchdogPaths() {
   std::vector<std::string> paths;
   for (const std::string& name : Names()) {
-    paths.push_back("/dev/" + name);
+    paths.push_back(NodeOf(name));
   }
   // One that /sys does not tell of has the old name alone.
   struct stat node {};
-  if (::stat(kOldDevice, &node) == 0 && NameOf(node.st_rdev).empty()) {
+  if (::stat(kOldDevice, &node) == 0 && NameOf(node).empty()) {
     paths.emplace_back(kOldDevice);
   }
   return paths;
@@ -155,14 +174,15 @@ std::vector<Remark> RemarksOn(const WatchdogLook& look) {
 }
 
 Json InJson(const WatchdogLook& look) {
-  return {{"device", look.device},
-          {"identity", OrNull(look.identity)},
-          {"state", OrNull(look.state)},
-          {"timeout_s", OrNull(look.timeoutS)},
-          {"time_left_s", OrNull(look.timeLeftS)},
-          {"min_timeout_s", OrNull(look.shortestS)},
-          {"max_timeout_s", OrNull(look.longestS)},
-          {"nowayout", OrNull(look.nowayout)},
-          {"reset_the_board", OrNull(look.hasReset)},
-          {"held_by", processes::InJson(look.holders)}};
+  Json object = {{"device", look.device},
+                 {"identity", OrNull(look.identity)},
+                 {"state", OrNull(look.state)},
+                 {"timeout_s", OrNull(look.timeoutS)},
+                 {"time_left_s", OrNull(look.timeLeftS)},
+                 {"min_timeout_s", OrNull(look.shortestS)},
+                 {"max_timeout_s", OrNull(look.longestS)},
+                 {"nowayout", OrNull(look.nowayout)},
+                 {"reset_the_board", OrNull(look.hasReset)}};
+  processes::AddTo(object, look.holders);
+  return object;
 }
