@@ -91,6 +91,42 @@ def check_examples():
             compare(f"The beginning of the examples of {path}", [part for _, part, _ in blocks][:1], ["use"])
 
 
+# The handbook's pages of each header.
+PAGES = {"SystemCalls.h": ["descriptors", "signals", "memory"], "File.h": ["files"], "WatchDog.h": ["watchdog"],
+         "SerialPort.h": ["serial-port"], "OpSystem.h": ["commands"], "IpNet.h": ["ip-configuration"],
+         "linuxutils.h": ["tracebacks"]}
+
+
+def parameters(declaration):
+    """The names of what an operation takes."""
+    if "= default" in declaration or "= delete" in declaration:
+        return set()
+    taken = re.sub(r"\(\*(\w+)\)\([^()]*\)", r"\1", declaration[declaration.index("(") + 1:declaration.rindex(")")])
+    return {found.group(1) for one in taken.split(",") if (found := re.search(r"[\w>&*] ?[ &*](\w+)$", one.strip()))}
+
+
+def check_arguments():
+    """The table of arguments has every parameter of every operation, and nothing else."""
+    for header_name, stems in PAGES.items():
+        lines = pathlib.Path("include", header_name).read_text().splitlines()
+        taken = {}
+        for number, name, _ in header.operations(lines):
+            declaration = " ".join(lines[number:]).split(";")[0]
+            taken.setdefault(name.rsplit("::")[-1], set()).update(parameters(declaration))
+        explained = {}
+        for stem in stems:
+            text = pathlib.Path(f"docs/{stem}.md").read_text()
+            table = re.search(r"(?s)\n\| Argument \| Meaning \|\n\|---\|---\|\n(.*?)\n\n", text).group(1)
+            cells = [row.split(" | ")[0] for row in table.splitlines()]
+            explained[stem] = {name for cell in cells for name in re.findall(r"`(\w+)`", cell)}
+        for name, names in taken.items():
+            # The page is the one that names the operation, where there are several.
+            pages = [stem for stem in stems if len(stems) == 1 or name in pathlib.Path(f"docs/{stem}.md").read_text()]
+            compare(f"What {' and '.join(pages)} explain of what {name}() takes",
+                    names & set().union(*(explained[stem] for stem in pages)), names)
+        compare(f"The arguments explained for {header_name}", set().union(*explained.values()), set().union(*taken.values()))
+
+
 SECTIONS = ["Smallest example", "Failures and what remains", "Threads", "Pitfalls"]
 
 
@@ -187,6 +223,7 @@ check_examples()
 compare(f"What {manual.CATALOGUE} shows (python3 docs/site/manual.py writes it)", manual.CATALOGUE.read_text(),
         catalogue.for_readers())
 check_sections()
+check_arguments()
 check_links()
 check_figures()
 check_names()
