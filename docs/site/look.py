@@ -1,10 +1,10 @@
-"""Looks at the site in headless Chromium, as a desktop in light and as a telephone in dark colours.
+"""Looks at the site in headless Chromium, as a desktop and as a telephone, in light and in dark colours.
 
 Usage: look.py SITE_FOLDER SCREENSHOT_FOLDER
 
-On every page: no error in the console, text with a contrast of 4.5 to 1 or more, and on the telephone nothing that is
-wider than the screen. The search must find Activate, and the error catalogue's field must find EBUSY. Screenshots of five
-whole pages are left in both widths. The pages are opened as files, without a server.
+On every page: no error in the console, text with a contrast of 4.5 to 1 or more, nothing that is wider than the screen,
+and nothing that is cut off. The search must find Activate, and the error catalogue's field must find EBUSY. Screenshots of
+five whole pages are left in all four ways, of long ones in several pieces. The pages are opened as files, without a server.
 """
 
 import base64
@@ -21,7 +21,10 @@ import time
 DESKTOP = {"width": 1280, "height": 900, "mobile": False, "deviceScaleFactor": 1}
 TELEPHONE = {"width": 390, "height": 844, "mobile": True, "deviceScaleFactor": 2}
 PATIENCE_S = 60
-MOST_SHOWN = 6000
+SCREENS = [("desktop", DESKTOP), ("telephone", TELEPHONE)]
+SCHEMES = ["light", "dark"]
+# The height of a screenshot that can still be looked at.
+PIECE = 6000
 PICTURES = ["index", "watchdog", "serial-port", "error-catalogue", "classSerialPort"]
 
 CONTRAST = """(() => {
@@ -72,13 +75,18 @@ CONTRAST = """(() => {
 TOO_WIDE = """(() => {
   const scrolls = (e) => { for (let p = e.parentElement; p && p !== document.body; p = p.parentElement) {
       const style = getComputedStyle(p), box = p.getBoundingClientRect();
-      if (/auto|scroll|hidden/.test(style.overflowX) && p.id !== "doc-content" && box.right <= innerWidth + 1) { return true; } }
+      if (/auto|scroll/.test(style.overflowX) && p.id !== "doc-content" && box.right <= innerWidth + 1) { return true; } }
     return false; };
   const bad = [];
   for (const e of document.body.querySelectorAll("*")) {
     const box = e.getBoundingClientRect();
     if (box.width >= 1 && box.height >= 1 && (box.right > SCREEN + 1 || box.width > SCREEN + 1) && e.checkVisibility() && !scrolls(e)) {
       bad.push(`${e.tagName}.${e.className} ${Math.round(box.left)} to ${Math.round(box.right)} "${(e.textContent || "").trim().slice(0, 40)}"`); }
+  }
+  // The menu's button has its words for screen readers alone.
+  for (const e of document.body.querySelectorAll("*:not(.main-menu-btn)")) {
+    if (/hidden|clip/.test(getComputedStyle(e).overflowX) && e.innerText && e.clientWidth > 1 && e.scrollWidth > e.clientWidth + 1 &&
+        e.checkVisibility()) { bad.push(`${e.tagName}.${e.className} cuts off "${e.innerText.trim().slice(0, 40)}"`); }
   }
   if (document.scrollingElement.scrollWidth > SCREEN) { bad.push(`the page is ${document.scrollingElement.scrollWidth} wide`); }
   return bad;
@@ -151,14 +159,17 @@ class Browser:
 
     def open(self, path, screen, scheme):
         self.ask("Emulation.setDeviceMetricsOverride", screen)
-        self.ask("Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": scheme},
-                                                             {"name": "prefers-reduced-motion", "value": "reduce"}]})
+        self.colour(scheme)
         self.events.clear()
         self.ask("Page.navigate", {"url": path.as_uri()})
         deadline = time.monotonic() + PATIENCE_S
         while not any(event.get("method") == "Page.loadEventFired" for event in self.events):
             self.events.append(self._receive(deadline))
         self.settle()
+
+    def colour(self, scheme):
+        self.ask("Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": scheme},
+                                                             {"name": "prefers-reduced-motion", "value": "reduce"}]})
 
     def settle(self):
         # Two frames later, what the scripts do is done and painted, unless they move something.
@@ -185,24 +196,27 @@ class Browser:
                     event["text"] = character
                 self.ask("Input.dispatchKeyEvent", event)
 
-    def picture(self, path, screen):
-        """Of the whole page, or of as much as can be looked at."""
+    def pictures(self, folder, name, screen):
+        """Of the whole page; those of a long one are numbered."""
         height = self.evaluate("""(() => {
           const content = document.getElementById("doc-content"), page = document.scrollingElement;
           return innerHeight + Math.max(content.scrollHeight - content.clientHeight, page.scrollHeight - innerHeight); })()""")
-        self.ask("Emulation.setDeviceMetricsOverride", {**screen, "height": min(height, MOST_SHOWN)})
+        self.ask("Emulation.setDeviceMetricsOverride", {**screen, "height": height})
         self.settle()
-        data = self.ask("Page.captureScreenshot", {"format": "png"})["data"]
-        path.write_bytes(base64.b64decode(data))
+        for number, top in enumerate(range(0, height, PIECE)):
+            clip = {"x": 0, "y": top, "width": screen["width"], "height": min(PIECE, height - top), "scale": 1}
+            data = self.ask("Page.captureScreenshot", {"format": "png", "clip": clip})["data"]
+            piece = f"{name}-{number + 1}" if number else name
+            (folder / f"{piece}.png").write_bytes(base64.b64decode(data))
 
     def close(self):
         os.close(self._out)
         self._process.wait(PATIENCE_S)
 
 
-def check_search(browser, site):
-    """The search works from a file, and finds a member by its beginning."""
-    browser.open(site / "index.html", DESKTOP, "light")
+def check_search(browser, site, screen, scheme):
+    """The search works from a file, finds a member by its beginning, and its results can be read."""
+    browser.open(site / "index.html", screen, scheme)
     browser.evaluate("document.getElementById('MSearchField').focus()")
     browser.type("Activ")
     shown = "[...document.querySelectorAll('.SRResult')].filter((e) => e.checkVisibility()).map((e) => e.innerText).join(' ')"
@@ -211,17 +225,19 @@ def check_search(browser, site):
         for context in browser.contexts():
             try:
                 if "Activate" in (browser.evaluate(shown, contextId=context) or ""):
-                    return []
+                    contrast = browser.evaluate(CONTRAST, contextId=context)["bad"]
+                    return [f"the search: {error}" for error in browser.errors()] + \
+                        [f"the search: contrast of {bad}" for bad in contrast]
             except SystemExit:
                 # A frame that has gone.
                 continue
         time.sleep(0.1)
-    return ["index.html: the search does not find Activate"]
+    return ["the search does not find Activate"]
 
 
-def check_filter(browser, site):
+def check_filter(browser, site, screen, scheme):
     """The error catalogue's field finds entries by a word, and the text in a line of a log."""
-    browser.open(site / "error-catalogue.html", DESKTOP, "light")
+    browser.open(site / "error-catalogue.html", screen, scheme)
     shown = "[...document.querySelectorAll('.entry')].filter((e) => e.checkVisibility()).map((e) => e.innerText)"
     everything = browser.evaluate(shown)
     complaints = []
@@ -232,35 +248,51 @@ def check_filter(browser, site):
         browser.ask("Input.insertText", {"text": typed})
         found = browser.evaluate(shown)
         if len(everything) < 60 or len(found) > most or not any(wanted in text for text in found):
-            complaints.append(f"error-catalogue.html: {typed!r} leaves {len(found)} of {len(everything)} entries")
-    return complaints
+            complaints.append(f"the filter: {typed!r} leaves {len(found)} of {len(everything)} entries")
+    complaints += [f"the filter: contrast of {bad}" for bad in browser.evaluate(CONTRAST)["bad"]]
+    return complaints + [f"the filter: {error}" for error in browser.errors()]
+
+
+def check_page(browser, path, name, screen, pictures):
+    """The number of texts, and the complaints."""
+    looked, complaints = 0, []
+    browser.open(path, screen, SCHEMES[0])
+    complaints += [f"too wide: {bad}" for bad in browser.evaluate(TOO_WIDE.replace("SCREEN", str(screen["width"])))[:5]]
+    for scheme in SCHEMES:
+        # The page follows when it changes.
+        browser.colour(scheme)
+        browser.settle()
+        dark = browser.evaluate("document.documentElement.classList.contains('dark-mode')")
+        if dark != (scheme == "dark"):
+            complaints.append(f"it does not become {scheme}")
+        contrast = browser.evaluate(CONTRAST)
+        looked += contrast["looked"]
+        complaints += [f"contrast, {scheme}, of {bad}" for bad in contrast["bad"]]
+        if path.stem in PICTURES:
+            browser.pictures(pictures, f"{path.stem}-{name}-{scheme}", screen)
+    return looked, [f"{path.name} ({name}): {complaint}" for complaint in complaints + list(browser.errors())]
 
 
 def main(site, pictures):
     site, pictures = pathlib.Path(site).resolve(), pathlib.Path(pictures)
     shutil.rmtree(pictures, ignore_errors=True)
     pictures.mkdir(parents=True)
-    complaints, looked = [], 0
+    complaints, looked, pages = [], 0, sorted(site.glob("*.html"))
     with tempfile.TemporaryDirectory() as profile:
         browser = Browser(profile)
-        pages = sorted(site.glob("*.html"))
-        for path in pages:
-            for name, screen, scheme in (("desktop", DESKTOP, "light"), ("telephone", TELEPHONE, "dark")):
-                browser.open(path, screen, scheme)
-                where = f"{path.name} ({name}, {scheme})"
-                complaints += [f"{where}: {error}" for error in browser.errors()]
-                contrast = browser.evaluate(CONTRAST)
-                looked += contrast["looked"]
-                complaints += [f"{where}: contrast of {bad}" for bad in contrast["bad"]]
-                if name == "telephone":
-                    wide = browser.evaluate(TOO_WIDE.replace("SCREEN", str(TELEPHONE["width"])))
-                    complaints += [f"{where}: too wide: {bad}" for bad in wide[:5]]
-                if path.stem in PICTURES:
-                    browser.picture(pictures / f"{path.stem}-{name}.png", screen)
-        complaints += check_search(browser, site) + check_filter(browser, site)
+        for name, screen in SCREENS:
+            for path in pages:
+                texts, found = check_page(browser, path, name, screen, pictures)
+                looked += texts
+                complaints += found
+            for scheme in SCHEMES:
+                complaints += [f"{complaint} ({name}, {scheme})" for check in (check_search, check_filter)
+                               for complaint in check(browser, site, screen, scheme)]
         browser.close()
-    if len(list(pictures.glob("*.png"))) != 2 * len(PICTURES) or looked < 1000:
-        complaints.append(f"Not all was there to be looked at: {looked} texts.")
+    missing = [f"{stem}-{name}-{scheme}" for stem in PICTURES for name, _ in SCREENS for scheme in SCHEMES
+               if not (pictures / f"{stem}-{name}-{scheme}.png").exists()]
+    if missing or looked < 1000 * len(SCREENS) * len(SCHEMES):
+        complaints.append(f"Not all was there to be looked at: {looked} texts; no picture {missing}.")
     for line in complaints:
         print(line)
     print(f"{len(pages)} pages, {looked} texts, {len(complaints)} complaints.")
