@@ -12,7 +12,7 @@
 /// file.Seek(0, SEEK_SET);
 /// file.ReadBytes(text, sizeof text);  // all four, or an exception
 /// @endcode
-/// This is a part of `examples/files.cpp`. The handbook has more: @ref files.
+/// This is a part of `examples/files.cpp`. The handbook has more: @ref handbook-files.
 
 #include <cstdio>
 #include <string>

@@ -19,7 +19,7 @@ class Page(html.parser.HTMLParser):
 
     def __init__(self, path):
         super().__init__()
-        self.links, self.anchors, self.doubled, self.lost = [], set(), [], []
+        self.links, self.anchors, self.doubled, self.lost, self.title = [], set(), [], [], ""
         self._inside, self._code = [], None
         self.feed(path.read_text(encoding="utf-8", errors="replace"))
 
@@ -39,6 +39,8 @@ class Page(html.parser.HTMLParser):
     def handle_data(self, data):
         if self._inside:
             self._code += data
+        elif self.lasttag == "title":
+            self.title = self.title or data
         elif "**" in data:
             self.lost.append(f"asterisks in {data.strip()!r}")
         elif re.search("[`\u2018]", data):
@@ -63,6 +65,12 @@ def main(folder):
     folder = pathlib.Path(folder).resolve()
     pages = {path: Page(path) for path in folder.rglob("*.html")}
     count, dead = 0, []
+    # A page may overwrite another one.
+    titles = [page.title for path, page in pages.items() if path.parent == folder]
+    for source in pathlib.Path("docs").glob("*.md"):
+        title = source.read_text().splitlines()[0].removeprefix("# ")
+        if not any(shown in (title, f"boardkit: {title}") for shown in titles):
+            dead.append(f"the page of {source} is not there")
     for path, page in pages.items():
         dead += [f"{path.name}: two anchors {anchor}" for anchor in page.doubled]
         dead += [f"{path.name}: {what}" for what in page.lost]

@@ -1,5 +1,5 @@
-"""Writes what Doxygen reads besides the headers: the handbook's pages, the error catalogue, the drawings of states and the
-HTML header.
+"""Writes what Doxygen reads besides the headers: the handbook's pages, the error catalogue, the drawings of states, the
+HTML header and the layout.
 
 Usage: make.py OUTPUT_FOLDER, from the top folder; scripts/docs calls it.
 """
@@ -43,6 +43,12 @@ def drawing(source):
     return f'<div class="states">{svg}</div>\n'
 
 
+def layout():
+    """Doxygen's own layout, which calls the list of headers "Files", as a page of the handbook is called."""
+    made = subprocess.run(["doxygen", "-l", "/dev/stdout"], check=True, capture_output=True, text=True).stdout
+    return made.replace('<tab type="files" visible="yes" title="">', '<tab type="files" visible="yes" title="Headers">', 1)
+
+
 SNIPPET = re.compile(r"(?ms)^[^\n]*\[(\w+)\]$\n(.*?)^[^\n]*\[\1\]$")
 
 
@@ -60,6 +66,7 @@ def main(output):
     output = pathlib.Path(output)
     output.mkdir(parents=True, exist_ok=True)
     (output / "header.html").write_text(header())
+    (output / "layout.xml").write_text(layout())
     (output / "error-catalogue.md").write_text(catalogue.for_site())
     # The headers show parts of the examples with @snippet.
     for example in pathlib.Path("examples").glob("*.cpp"):

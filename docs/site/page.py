@@ -12,6 +12,15 @@ DRAWING = re.compile(r"(?m)^\[[^]]+\]\(site/([\w-]+)\.dot\)$")
 LINK = re.compile(r"\[([^]\[]+)\]\(([\w./-]*)(?:#([\w-]+))?\)")
 
 
+# Doxygen's own list of files takes the name files.html, and overwrites a page of that name.
+LABELS = {"index": "mainpage", "files": "handbook-files"}
+
+
+def label(stem):
+    """A page's name for Doxygen, and of its HTML file."""
+    return LABELS.get(stem, stem)
+
+
 def slug(heading):
     """A heading's anchor, as the places that show Markdown files make it."""
     return re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-")
@@ -28,7 +37,7 @@ def translated(stem, text):
     def heading(found):
         marks, words = found.groups()
         if marks == "#":
-            return f"# {words} {{#{'mainpage' if stem == 'index' else stem}}}{contents}"
+            return f"# {words} {{#{label(stem)}}}{contents}"
         return f"{marks} {words} {{#{stem}-{slug(words)}}}"
 
     def link(found):
@@ -43,7 +52,7 @@ def translated(stem, text):
         if file and not file.endswith(".md"):
             return found.group(0)
         page = file.removesuffix(".md") or stem
-        return f'{command} {page}-{anchor} "{words}"' if anchor else f'{command} {page} "{words}"'
+        return f'{command} {page}-{anchor} "{words}"' if anchor else f'{command} {label(page)} "{words}"'
 
     parts = CODE.split(text)
     parts[::2] = [LINK.sub(link, DRAWING.sub(r"@htmlinclude[block] \1.svg", HEADING.sub(heading, part)))

@@ -11,7 +11,10 @@ cd "$work"
 
 cat > bin/doxygen <<'END_OF_DOXYGEN'
 #!/bin/sh
-[ "$1" != -w ] || { echo '$treeview'; exit; }
+case $1 in
+  -l) exit ;;
+  -w) echo '$treeview'; exit ;;
+esac
 echo begins >> "$WORK/builds"
 mkdir -p build/docs/html
 touch build/docs/html/index.html
