@@ -5,7 +5,7 @@ set -euo pipefail
 mapfile -t pages < <(find docs/man sim tools -name '*.[137]' -o -name '*.3boardkit' 2>/dev/null | sort)
 failed=0
 for page in "${pages[@]}"; do
-  mandoc -Tlint -W warning "$page" || failed=1
+  mandoc -Tlint -W style "$page" || failed=1
   complaints=$(man --warnings -l "$page" 2>&1 >/dev/null)
   if [[ -n $complaints ]]; then
     printf '%s: %s\n' "$page" "$complaints"

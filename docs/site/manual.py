@@ -73,6 +73,15 @@ def roff(text):
     return "\\&" + text if text.startswith((".", "\\(aq")) else text
 
 
+def continued(text, width=76):
+    """One line of roff, on several lines of the file if it is long."""
+    lines = [""]
+    for piece in re.findall(r"\S* ?", text):
+        lines += [""] if len(lines[-1]) + len(piece) > width else []
+        lines[-1] += piece
+    return "\\\n".join(lines)
+
+
 def flat(text):
     """Running text: hyphens stay hyphens."""
     text = text.replace("\\", "\\e")
@@ -86,7 +95,7 @@ def errors_of(header):
             continue
         text = entry["text"]
         result.append(".TP")
-        result.append(f'\\(lq{roff(text)}\\(rq' if text else "(an empty text)")
+        result.append(continued(f'\\(lq{roff(text)}\\(rq') if text else "(an empty text)")
         result.append(flat(entry["exception"]) + " from " + ", ".join(entry["operations"]) + ".")
         for cause in entry["causes"]:
             numbers = ", ".join(cause["errno"])
@@ -114,7 +123,8 @@ def sentences(text):
     """Lines short enough for the linter."""
     result = []
     for line in text.splitlines():
-        if line.startswith((".TP", "\\(lq")):
+        # The text of an error stays one line.
+        if line.startswith((".TP", "\\(lq")) or result and result[-1].endswith("\\"):
             result.append(line)
             continue
         # A new sentence begins a new line.

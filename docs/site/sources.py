@@ -11,6 +11,7 @@
   EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
 """
 
+import difflib
 import pathlib
 import re
 import sys
@@ -29,7 +30,9 @@ def compare(what, shown, source):
     global compared
     compared += 1
     if shown != source:
-        complaints.append(f"{what} differs. Shown:\n{shown}\nIn the source:\n{source}")
+        difference = difflib.unified_diff(str(shown).splitlines(), str(source).splitlines(), "shown", "in the source",
+                                          lineterm="")
+        complaints.append("\n".join([f"{what} differs:", *difference]))
 
 
 def check_headers():
