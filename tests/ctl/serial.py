@@ -349,6 +349,26 @@ class Serial(OnALine):
         self.assertRegex(result.out, r"^stopped: sent at most \d{1,5} bytes of 200000 in ")
         self.expect_put_back()
 
+    def test_ASignalEndsTheOpeningOfALineThatTheFarEndHoldsAndNothingIsEchoedMeanwhile(self):
+        # What another program has written waits; a flood that the kernel echoed would be more and more.
+        pathlib.Path("holder").write_text(f"""if True:
+            import os, termios, time
+            line = os.open("{PORT}", os.O_RDWR | os.O_NOCTTY)
+            termios.tcflow(line, termios.TCOOFF)
+            os.write(line, b"x" * 100)
+            open("held", "w").close()
+            time.sleep(600)""")
+        echo = f"stty -a -F {PORT} | grep -ow -e -echo -e echo -e -clocal -e clocal | tr '\\n' ' '"
+        for number, words in self.some_of([(signal.SIGTERM, ["test", PORT]), (signal.SIGINT, ["send", PORT, "/etc/passwd"]),
+                                           (signal.SIGHUP, ["receive", PORT]), (signal.SIGTERM, ["report", PORT])]):
+            with self.subTest(number=number, words=words):
+                script = (f"rm -f held said; stty -F {PORT} sane -clocal; {sys.executable} -S holder & holder=$!; "
+                          f"until test -e held; do sleep 0.02; done; set -m; {shell('serial', *words)} > got 2> said & "
+                          "until grep -qs 'nothing goes out' said; do sleep 0.02; done; "
+                          f"{echo}; kill -{number:d} $!; wait $!; echo $?; {echo}; kill $holder")
+                result = self.board("bash", "-c", script)
+                self.assertEqual(result.out, f"clocal -echo {128 + number}\n-clocal echo ", result.err)
+
     def test_WhatCannotBeOpenedIsToldWithCauseAndRemedy(self):
         result = self.on_board("serial", "show", "/dev/ttyS7")
         self.assertEqual(result.status, 1)

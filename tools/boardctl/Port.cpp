@@ -95,7 +95,20 @@ void AddLine(CLI::App& verb, LineOptions& line) {
   AddFormat(verb, line);
 }
 
+void Standstill::Look(std::uint32_t waiting) {
+  constexpr std::chrono::seconds kPatience(2);
+  if (waiting != m_last) {
+    m_last = waiting;
+    m_since = Clock::now();
+  } else if (!m_isTold && Clock::now() - m_since > kPatience) {
+    m_out.Say("boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up");
+    m_isTold = true;
+  }
+}
+
 Port::Port(const LineOptions& line, Output& out) : m_out(out), m_side(line.device), m_discards(m_side.Descriptor()) {
+  m_side.Quieten();
+  WaitUntilOthersHaveSent();
   try {
     m_port = std::make_unique<SerialPort>(line.device, true);
     if (!SetSpeed(line.speedBps)) {
@@ -170,6 +183,17 @@ std::vector<unsigned char> Port::Read() {
   return bytes;
 }
 
+/// The library's opening would, and tell nobody. A signal discards it.
+void Port::WaitUntilOthersHaveSent() const {
+  Standstill standstill(m_out);
+  while (const std::uint32_t waiting = m_side.Waiting().value_or(0)) {
+    standstill.Look(waiting);
+    if (!signals::Wait(Standstill::kLookMs)) {
+      return;
+    }
+  }
+}
+
 void Port::Close() {
   if (!m_port) {
     // Opening that fails at its last step leaves the line raw.
@@ -180,6 +204,7 @@ void Port::Close() {
   m_side.Discard();
   try {
     m_port->Close();
+    m_side.PutBack();
   } catch (const std::exception& error) {
     // Without a destructor, which would end the process; the kernel closes the descriptor at its end.
     m_port.release();  // NOLINT(bugprone-unused-return-value): left open on purpose

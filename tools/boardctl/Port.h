@@ -3,6 +3,7 @@
 
 #include <SerialPort.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -39,6 +40,25 @@ std::uint32_t ParseSpeed(const std::string& text);
 /// Adds the verb test to the group serial.
 void AddSerialTest(Program& program, CLI::App& group);
 
+/// Tells once that nothing goes out, when that has lasted.
+class Standstill {
+ public:
+  static constexpr int kLookMs = 20;  // how often to look
+
+  explicit Standstill(Output& out) : m_out(out) {}
+
+  /// @p waiting: how many bytes the driver has not sent yet.
+  void Look(std::uint32_t waiting);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  Output& m_out;
+  std::uint32_t m_last = 0;
+  Clock::time_point m_since = Clock::now();
+  bool m_isTold = false;
+};
+
 /// The library's port, and a way out of it whatever happens: what it cannot close (an unplugged adapter, a line without
 /// modem lines) is put back by the side door and left to the kernel, for its destructor would end the process.
 class Port {
@@ -67,6 +87,7 @@ class Port {
   std::vector<unsigned char> Read();
 
  private:
+  void WaitUntilOthersHaveSent() const;
   void Close();
 
   Output& m_out;

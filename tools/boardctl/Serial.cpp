@@ -180,35 +180,9 @@ class HexReader {
   int m_half = kNone;  // the first digit of a byte
 };
 
-constexpr int kLookMs = 20;  // how often it is seen how far sending has come
-
-/// Tells once that nothing goes out, when that has lasted.
-class Standstill {
- public:
-  explicit Standstill(Output& out) : m_out(out) {}
-
-  /// @p waiting: how many bytes the driver has not sent yet.
-  void Look(std::uint32_t waiting) {
-    constexpr double kPatience = 2;  // seconds without a byte going out
-    if (waiting != m_last) {
-      m_last = waiting;
-      m_since = Clock::now();
-    } else if (!m_isTold && SecondsSince(m_since) > kPatience) {
-      m_out.Say("boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up");
-      m_isTold = true;
-    }
-  }
-
- private:
-  Output& m_out;
-  std::uint32_t m_last = 0;
-  Clock::time_point m_since = Clock::now();
-  bool m_isTold = false;
-};
-
 /// Waits until the driver takes more, for a writer that it holds up would tell nobody. False if a signal comes before.
 bool WaitForRoom(const Port& port, Standstill& standstill) {
-  while (signals::Caught() == 0 && !port.Side().HasRoom(kLookMs)) {
+  while (signals::Caught() == 0 && !port.Side().HasRoom(Standstill::kLookMs)) {
     standstill.Look(port.Side().Waiting().value_or(0));
   }
   return signals::Caught() == 0;
@@ -224,7 +198,7 @@ void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total,
     }
     out.Progress(written - std::min<std::uint64_t>(waiting, written), total, "B");
     standstill.Look(waiting);
-    signals::Wait(kLookMs);
+    signals::Wait(Standstill::kLookMs);
   }
 }
 

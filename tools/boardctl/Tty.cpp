@@ -146,6 +146,16 @@ void Tty::Discard() const {
   ::ioctl(m_fd, TCFLSH, TCOFLUSH);
 }
 
+void Tty::Quieten() const {
+  if (!m_before.empty()) {
+    termios2 settings{};
+    std::memcpy(&settings, m_before.data(), sizeof settings);
+    settings.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
+    settings.c_cflag |= CLOCAL;
+    ::ioctl(m_fd, TCSETS2, &settings);
+  }
+}
+
 bool Tty::PutBack() const {
   return !m_before.empty() && ::ioctl(m_fd, TCSETS2, m_before.data()) == 0;
 }

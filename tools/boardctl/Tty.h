@@ -50,6 +50,9 @@ class Tty {
   /// Discards what is not sent yet.
   void Discard() const;
 
+  /// Lets the kernel echo nothing and opening wait for no carrier, until PutBack(). Opening waits until all is sent,
+  /// which for a line that is flooded with what it echoes never ends.
+  void Quieten() const;
   /// Puts back what the settings were when this object was made; false if that is refused.
   bool PutBack() const;
 
