@@ -21,5 +21,7 @@ Signals::Signals() {
 
 bool Signals::IsInterruptPending() {
   sigset_t pending;
-  return ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGINT) == 1;
+  struct sigaction action {};
+  return ::sigpending(&pending) == 0 && ::sigismember(&pending, SIGINT) == 1 &&
+         ::sigaction(SIGINT, nullptr, &action) == 0 && action.sa_handler != SIG_IGN;
 }

@@ -21,7 +21,7 @@ class Signals {
   int Get() const {
     return m_descriptor.Get();
   }
-  /// Whether somebody has pressed the key for the end, while signals are kept back.
+  /// Whether somebody has pressed the key for the end, while signals are kept back. A job in the background ignores it.
   static bool IsInterruptPending();
   const State& Before() const {
     return m_before;

@@ -318,4 +318,25 @@ TEST_F(Machine, AKeyDuringTheStartEndsItWith130AndLeavesNothing) {
   EXPECT_NE(::access(Path("ran").c_str(), F_OK), 0);
 }
 
+TEST_F(Machine, AKeyDuringTheStartIsIgnoredWhereTheCallerIgnoresIt) {
+  Shell(
+      "printf '#!/bin/sh\\necho >\"$0.started\"\\nwhile ! test -e \"$0.go\"; do sleep 0.01; done\\n"
+      "PATH=${PATH#*:} exec ip \"$@\"\\n' >" +
+      Path("ip") + "; chmod +x " + Path("ip"));
+  Start start;
+  start.command = {"touch", Path("ran")};
+  start.environment = {"PATH=" + Folder() + ":" + std::getenv("PATH")};
+  start.prepare = [] {
+    ::setpgid(0, 0);
+    std::signal(SIGINT, SIG_IGN);
+  };
+  const auto board = Boot(start);
+  ASSERT_TRUE(Eventually([this] { return ::access(Path("ip.started").c_str(), F_OK) == 0; }));
+  EXPECT_EQ(::kill(-board->Process(), SIGINT), 0);
+  Shell("touch " + Path("ip.go"));
+  const Outcome outcome = board->Finish();
+  EXPECT_EQ(outcome.status, 0) << outcome.errors;
+  EXPECT_EQ(::access(Path("ran").c_str(), F_OK), 0);
+}
+
 }  // namespace
