@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     }
     return Board(*options).Run();
   } catch (const std::exception& error) {
-    // A key that ends all that was being started, or that ended part of it, is no error.
+    // A key that ends all that was being started, or that ended part of it, is not an error.
     if (Signals::IsInterruptPending()) {
       return kStatusSignal + SIGINT;
     }

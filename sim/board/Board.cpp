@@ -144,7 +144,7 @@ void Board::MakeSandbox() {
   RefuseRootOnThisNetwork();
   if (!forbidden.empty()) {
     std::fprintf(stderr,
-                 "boardsim: %s, so no device is to be seen in /dev, and the network is this machine's. See --check.\n",
+                 "boardsim: %s, so no device is visible in /dev, and the network is this machine's. See --check.\n",
                  forbidden.c_str());
   }
 }

@@ -95,5 +95,5 @@ std::uint32_t ParseWord(const std::string& text) {
   if (const auto number = ParseNumber(text)) {
     return *number;
   }
-  throw SetupError("\"" + text + "\" is no number of 32 bits");
+  throw SetupError("\"" + text + "\" is not a 32-bit number");
 }

@@ -42,7 +42,7 @@ class Commands {
   std::vector<Command> m_commands;
 };
 
-/// @throws SetupError if it is no number of 32 bits.
+/// @throws SetupError if it is not a 32-bit number.
 std::uint32_t ParseWord(const std::string& text);
 
 #endif

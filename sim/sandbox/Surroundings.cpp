@@ -78,7 +78,7 @@ void MountPrivateRun() {
     Require<NamespacesForbidden>(source && Bind(PathOf(source.Get()), path), path + " can't be mounted");
   }
   ::mkdir(kLocks, kSharedFolderMode);
-  // Where these are no links into it, they are folders of the same meaning.
+  // Where these are not links into it, they are folders of the same meaning.
   for (const std::string path : {"/var/lock", "/var/run"}) {
     if (IsFolder(path)) {
       MountEmptyFolder(path, path == "/var/lock" ? "mode=1777" : "mode=755");

@@ -105,7 +105,7 @@ TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "");
   EXPECT_EQ(outcome.errors.find("boardsim: namespaces can't be made: "), 0U) << outcome.errors;
-  const std::string rest = ", so no device is to be seen in /dev, and the network is this machine's. See --check.\n";
+  const std::string rest = ", so no device is visible in /dev, and the network is this machine's. See --check.\n";
   ASSERT_GE(outcome.errors.size(), rest.size());
   EXPECT_EQ(outcome.errors.substr(outcome.errors.size() - rest.size()), rest);
 }

@@ -154,9 +154,9 @@ TEST_F(Control, RegistersAreReadAndWrittenFromBothSides) {
     EXPECT_EQ(client->Ask("read 0x8001100c"), "ok 0x13");
     EXPECT_EQ(client->Ask("write 0xfffffffc 1"), "ok");
     EXPECT_EQ(board->Ask("peek 0xfffffffc"), "0x1");
-    EXPECT_EQ(client->Ask("read 0x1000x"), "error \"0x1000x\" is no number of 32 bits");
-    EXPECT_EQ(client->Ask("read 0x100000000"), "error \"0x100000000\" is no number of 32 bits");
-    EXPECT_EQ(client->Ask("write 1 -1"), "error \"-1\" is no number of 32 bits");
+    EXPECT_EQ(client->Ask("read 0x1000x"), "error \"0x1000x\" is not a 32-bit number");
+    EXPECT_EQ(client->Ask("read 0x100000000"), "error \"0x100000000\" is not a 32-bit number");
+    EXPECT_EQ(client->Ask("write 1 -1"), "error \"-1\" is not a 32-bit number");
     ExpectEnd();
   }
 }

@@ -651,7 +651,7 @@ static void strangers(void) {
   CHECK(write(fds[1], "abc", 3) == 3 && ioctl(fds[0], FIONREAD, &bits) == 0 && bits == 3);
   int null = open("/dev/null", O_RDWR);
   CHECK(null != -1 && write(null, "x", 1) == 1);
-  /* A terminal of the program's own is no serial port. */
+  /* A terminal of the program's own is not a serial port. */
   int master = open("/dev/ptmx", O_RDWR | O_NOCTTY);
   CHECK(master != -1);
   int unlocked = 0;
