@@ -14,14 +14,14 @@
 
 namespace {
 
-constexpr const char* kDevice = "/dev/watchdog";
+constexpr const char* kWatchdog = "/dev/watchdog";
 
 bool IsHardware() {
   return std::getenv("BOARD_HARDWARE_WATCHDOG") != nullptr;
 }
 
 TEST(WatchDogDriver, FedForLongerThanItsTimeOutTheBoardLives) {
-  WatchDog dog(2, kDevice);
+  WatchDog dog(2, kWatchdog);
   dog.Activate();
   EXPECT_EQ(dog.GetInterval(), 2);
   for (int i = 0; i < 10; ++i) {
@@ -31,7 +31,7 @@ TEST(WatchDogDriver, FedForLongerThanItsTimeOutTheBoardLives) {
 }
 
 TEST(WatchDogDriver, DisarmedByTheMagicCloseItLetsTheBoardLive) {
-  WatchDog dog(2, kDevice);
+  WatchDog dog(2, kWatchdog);
   dog.Activate();
   dog.Deactivate();
   DebugSleep(3000);
@@ -39,7 +39,7 @@ TEST(WatchDogDriver, DisarmedByTheMagicCloseItLetsTheBoardLive) {
 }
 
 TEST(WatchDogDriver, ItsTimeOutCanBeChangedWhileItRuns) {
-  WatchDog dog(2, kDevice);
+  WatchDog dog(2, kWatchdog);
   dog.Activate();
   dog.SetInterval(30);
   EXPECT_EQ(dog.GetInterval(), 30);
@@ -48,9 +48,9 @@ TEST(WatchDogDriver, ItsTimeOutCanBeChangedWhileItRuns) {
 }
 
 TEST(WatchDogDriver, ASecondOpenerIsRefusedAndTheFirstGoesOn) {
-  WatchDog first(30, kDevice);
+  WatchDog first(30, kWatchdog);
   first.Activate();
-  WatchDog second(30, kDevice);
+  WatchDog second(30, kWatchdog);
   EXPECT_SYSTEM_ERROR(second.Activate(), EBUSY, watchdogtext::kOpenError);
   first.Feed();
   EXPECT_EQ(first.GetInterval(), 30);
@@ -58,7 +58,7 @@ TEST(WatchDogDriver, ASecondOpenerIsRefusedAndTheFirstGoesOn) {
 
 TEST(WatchDogDriver, ATimeOutThatTheDriverRefusesLeavesTheOldOne) {
   constexpr int kTooLong = 65536;  // for a software watchdog; those in hardware are fed by the kernel meanwhile
-  WatchDog dog(30, kDevice);
+  WatchDog dog(30, kWatchdog);
   dog.Activate();
   if (IsHardware()) {
     dog.SetInterval(kTooLong);
@@ -70,14 +70,14 @@ TEST(WatchDogDriver, ATimeOutThatTheDriverRefusesLeavesTheOldOne) {
 }
 
 TEST(WatchDogDriver, WhatTheLibraryRefusesDoesNotReachTheDriver) {
-  WatchDog dog(30, kDevice);
+  WatchDog dog(30, kWatchdog);
   dog.Activate();
   EXPECT_EXACT_THROW(dog.SetInterval(0), std::logic_error, watchdogtext::kTooShort);
   EXPECT_EQ(dog.GetInterval(), 30);
 }
 
 TEST(WatchDogDriver, ItCanBeArmedAgainAfterDisarming) {
-  WatchDog dog(30, kDevice);
+  WatchDog dog(30, kWatchdog);
   dog.Activate();
   dog.Deactivate();
   dog.Activate();

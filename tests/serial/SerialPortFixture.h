@@ -22,6 +22,8 @@ inline const Calls kOpeningWithoutAttributes = {"open(\"/dev/ttyS1\", 0x102)", "
 inline const Calls kClosing = {"TIOCMGET(70)", "TIOCMSET(70, 0x0)", "tcsetattr(70, TCSANOW)", "close(70)"};
 inline const Calls kClosingWithoutAttributes = {"TIOCMGET(70)", "TIOCMSET(70, 0x0)", "close(70)"};
 
+constexpr int kLoopback = 0x8000;  // in the modem bits
+
 /// The first @p count of @p calls.
 inline Calls First(std::size_t count, const Calls& calls) {
   return {calls.begin(), calls.begin() + static_cast<std::ptrdiff_t>(count)};

@@ -462,7 +462,6 @@ TEST_F(FlowControl, AnyOtherValueThrowsAndWritesAndRemembersNothing) {
 
 // --- Modem bits ------------------------------------------------------------------------------------------------------
 
-constexpr int kLoopback = 0x8000;
 constexpr int kOtherBits = TIOCM_DTR | TIOCM_CTS | TIOCM_CD;
 
 TEST_F(ModemBits, TheLoopbackIsSetAndClearedAloneAndInTwoCalls) {

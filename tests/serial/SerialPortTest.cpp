@@ -26,8 +26,6 @@ static_assert(std::is_nothrow_destructible_v<SerialPort>);
 
 static_assert((O_RDWR | O_NOCTTY) == 0x102, "the number that the tests expect");
 
-constexpr int kLoopback = 0x8000;  // in the modem bits
-
 /// Attributes as a device may be found: nothing in them is what opening sets.
 termios AsFound() {
   termios attributes{};

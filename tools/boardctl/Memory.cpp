@@ -28,7 +28,7 @@ constexpr const char* kDetails =
     "may guard it. Reading some registers changes the device: a receive buffer loses "
     "what is read.";
 
-struct Arguments {
+struct MemoryArguments {
   std::uint32_t address = 0;
   std::uint64_t count = 1;
   std::uint32_t value = 0;
@@ -48,11 +48,11 @@ void TellBusError(int /*number*/, siginfo_t* /*information*/, void* /*context*/)
 }
 
 /// The address of the word @p index behind the first one.
-std::uint32_t AddressOf(const Arguments& arguments, std::uint64_t index) {
+std::uint32_t AddressOf(const MemoryArguments& arguments, std::uint64_t index) {
   return arguments.address + static_cast<std::uint32_t>(index) * kWordSize;
 }
 
-void CheckEnd(const Arguments& arguments) {
+void CheckEnd(const MemoryArguments& arguments) {
   const std::uint64_t end = arguments.address + arguments.count * kWordSize;
   if (end > std::uint64_t{std::numeric_limits<std::uint32_t>::max()} + 1) {
     throw UsageError("COUNT: " + std::to_string(arguments.count) + " words from " + Hexadecimal(arguments.address) +
@@ -60,7 +60,7 @@ void CheckEnd(const Arguments& arguments) {
   }
 }
 
-int Read(const Arguments& arguments, Call& call) {
+int Read(const MemoryArguments& arguments, Call& call) {
   CheckEnd(arguments);
   InstallSignalHandler(SIGBUS, TellBusError);
   for (std::uint64_t i = 0; i < arguments.count && signals::Caught() == 0; ++i) {
@@ -72,7 +72,7 @@ int Read(const Arguments& arguments, Call& call) {
   return kStatusDone;
 }
 
-int Write(const Arguments& arguments, Call& call) {
+int Write(const MemoryArguments& arguments, Call& call) {
   InstallSignalHandler(SIGBUS, TellBusError);
   Json before;
   std::uint32_t value = arguments.value;
@@ -106,7 +106,7 @@ std::string Binary(std::uint32_t word, char set, char clear) {
   return text;
 }
 
-int Watch(const Arguments& arguments, Call& call) {
+int Watch(const MemoryArguments& arguments, Call& call) {
   InstallSignalHandler(SIGBUS, TellBusError);
   const auto start = std::chrono::steady_clock::now();
   std::optional<std::uint32_t> last;
@@ -146,7 +146,7 @@ int Watch(const Arguments& arguments, Call& call) {
   return kStatusDone;
 }
 
-int Dump(const Arguments& arguments, Call& call) {
+int Dump(const MemoryArguments& arguments, Call& call) {
   constexpr std::uint64_t kWordsInRow = 4;
   CheckEnd(arguments);
   InstallSignalHandler(SIGBUS, TellBusError);
@@ -175,16 +175,16 @@ int Dump(const Arguments& arguments, Call& call) {
 }
 
 /// Adds a verb that has an address, and gives its arguments a home.
-CLI::App& AddAddressVerb(Program& program, CLI::App& group, const Verb& verb, int (*run)(const Arguments&, Call&),
-                         Arguments*& arguments) {
-  const auto kept = std::make_shared<Arguments>();
+CLI::App& AddAddressVerb(Program& program, CLI::App& group, const Verb& verb, int (*run)(const MemoryArguments&, Call&),
+                         MemoryArguments*& arguments) {
+  const auto kept = std::make_shared<MemoryArguments>();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
   AddArgument(app, "ADDRESS", "", kept->address, check::WordAddress, kAddress, kRequired);
   arguments = kept.get();
   return app;
 }
 
-void AddCount(CLI::App& app, Arguments& arguments, std::uint64_t standard) {
+void AddCount(CLI::App& app, MemoryArguments& arguments, std::uint64_t standard) {
   constexpr std::uint64_t kMost = 0x40000000;  // words there are
   arguments.count = standard;
   AddArgument(
@@ -197,7 +197,7 @@ void AddCount(CLI::App& app, Arguments& arguments, std::uint64_t standard) {
 void AddMemory(Program& program) {
   constexpr const char* kNothing = "nothing but what reading changes in a device.";
   CLI::App& group = program.AddGroup("mem", "physical memory and registers: read, write, watch, dump");
-  Arguments* arguments = nullptr;
+  MemoryArguments* arguments = nullptr;
 
   CLI::App& read = AddAddressVerb(program, group,
                                   {"read", "Reads words of 32 bits, one a line", "ADDRESS [COUNT] [OPTION]...", "",

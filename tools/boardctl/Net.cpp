@@ -23,7 +23,7 @@
 
 namespace {
 
-struct Arguments {
+struct NetArguments {
   std::string interface;
   check::Network network;
   check::Address gateway;
@@ -52,10 +52,6 @@ const char* FamilyOf(bool ipv6) {
 
 std::string OptionOf(bool ipv6) {
   return ipv6 ? "-6" : "-4";
-}
-
-Json OrNull(const Value& value) {
-  return value ? Json(*value) : Json();
 }
 
 std::vector<std::string> LinesOf(const std::string& text) {
@@ -189,7 +185,7 @@ void ShowGateway(bool ipv6, IpNet& net, Output& out) {
                              {"interface", isThere ? Json(gateway.interface) : Json()}});
 }
 
-int Show(const Arguments& arguments, Call& call) {
+int Show(const NetArguments& arguments, Call& call) {
   OpSystem runner;
   IpNet net(runner);
   int status = kStatusDone;
@@ -278,7 +274,7 @@ void Tell(const Change& change, const std::vector<std::string>& asked, const Val
 
 /// Makes the change by @p apply, or only tells of it. @p look asks what there is.
 int Make(Change& change, Network& net, const std::function<void()>& apply, const std::function<Value()>& look,
-         const Arguments& arguments, Call& call) {
+         const NetArguments& arguments, Call& call) {
   const std::vector<std::string> asked = net.TakeCommands();
   const bool isChanged = !change.commands.empty();
   Value after = change.before;
@@ -302,7 +298,7 @@ int Make(Change& change, Network& net, const std::function<void()>& apply, const
 }
 
 /// Makes a change of an address, and warns of a default route that goes with it.
-int MakeAddress(Change& change, Network& net, const std::string& address, int length, const Arguments& arguments,
+int MakeAddress(Change& change, Network& net, const std::string& address, int length, const NetArguments& arguments,
                 Call& call) {
   // The one of the family that the interface has now; other ways out of the board stay.
   const IpNet::Record record = net->GetGwInfo(change.ipv6);
@@ -325,7 +321,7 @@ int MakeAddress(Change& change, Network& net, const std::string& address, int le
 }
 
 /// The commands with which the library replaces an address.
-std::vector<std::string> CommandsFor(const Change& change, const Arguments& arguments) {
+std::vector<std::string> CommandsFor(const Change& change, const NetArguments& arguments) {
   const std::string ip = "ip " + OptionOf(change.ipv6) + " addr ";
   const std::string device = " dev " + arguments.interface;
   std::vector<std::string> commands;
@@ -341,7 +337,7 @@ std::vector<std::string> CommandsFor(const Change& change, const Arguments& argu
 }
 
 /// An address that is there as a further one would be refused when it is added, after the first one has gone.
-void RefuseFurther(const Change& change, const std::string& address, const Arguments& arguments) {
+void RefuseFurther(const Change& change, const std::string& address, const NetArguments& arguments) {
   if (arguments.isFlushed) {
     return;
   }
@@ -365,7 +361,7 @@ bool IsForHosts(const check::Address& address) {
   return bytes.s_addr != INADDR_ANY && ntohl(bytes.s_addr) < INADDR_UNSPEC_GROUP;
 }
 
-int SetAddress(const Arguments& arguments, Call& call) {
+int SetAddress(const NetArguments& arguments, Call& call) {
   const check::Address& address = arguments.network.address;
   if (!IsForHosts(address)) {
     throw UsageError("ADDRESS: " + address.text + " is not the address of a host");
@@ -400,7 +396,7 @@ bool IsHardwareAddress(const std::string& text) {
   return true;
 }
 
-int SetLinkLocal(const Arguments& arguments, Call& call) {
+int SetLinkLocal(const NetArguments& arguments, Call& call) {
   Network net;
   Change change{"address", arguments.interface, true, {}, {}, {}};
   const IpNet::Record record = net->GetIfaceInfo(arguments.interface);
@@ -424,7 +420,7 @@ Value InWords(const std::optional<Route>& route) {
 }
 
 /// Sets the default route to @p wanted, or removes it.
-int SetRoute(const std::optional<Route>& wanted, bool ipv6, const Arguments& arguments, Call& call) {
+int SetRoute(const std::optional<Route>& wanted, bool ipv6, const NetArguments& arguments, Call& call) {
   Network net;
   if (!arguments.interface.empty()) {
     net->GetIfaceInfo(arguments.interface);  // if there is none, nothing is changed
@@ -450,14 +446,14 @@ int SetRoute(const std::optional<Route>& wanted, bool ipv6, const Arguments& arg
       change, net, apply, [&] { return InWords(look()); }, arguments, call);
 }
 
-int SetGateway(const Arguments& arguments, Call& call) {
+int SetGateway(const NetArguments& arguments, Call& call) {
   if (!IsForHosts(arguments.gateway)) {
     throw UsageError("ADDRESS: " + arguments.gateway.text + " is not the address of a host");
   }
   return SetRoute(Route{arguments.gateway.text, arguments.interface}, arguments.gateway.ipv6, arguments, call);
 }
 
-int Clear(const Arguments& arguments, Call& call) {
+int Clear(const NetArguments& arguments, Call& call) {
   if (arguments.what == "gateway") {
     if (arguments.isFlushed) {
       throw UsageError("--flush is for addresses");
@@ -478,9 +474,9 @@ int Clear(const Arguments& arguments, Call& call) {
 
 // --- The command line
 
-CLI::App& AddNetVerb(Program& program, CLI::App& group, const Verb& verb, int (*run)(const Arguments&, Call&),
-                     Arguments*& arguments) {
-  const auto kept = std::make_shared<Arguments>();
+CLI::App& AddNetVerb(Program& program, CLI::App& group, const Verb& verb, int (*run)(const NetArguments&, Call&),
+                     NetArguments*& arguments) {
+  const auto kept = std::make_shared<NetArguments>();
   arguments = kept.get();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
   if (verb.hasChanged) {
@@ -489,7 +485,7 @@ CLI::App& AddNetVerb(Program& program, CLI::App& group, const Verb& verb, int (*
   return app;
 }
 
-void AddInterface(CLI::App& app, Arguments& arguments, const char* description, Presence presence = kOptional) {
+void AddInterface(CLI::App& app, NetArguments& arguments, const char* description, Presence presence = kOptional) {
   AddArgument(app, "IFACE", "", arguments.interface, check::Interface, description, presence);
 }
 
@@ -509,7 +505,7 @@ void AddNet(Program& program) {
       "the change, until a reboot or until a DHCP client or network manager changes it. No file is written. It needs "
       "CAP_NET_ADMIN.";
   CLI::App& group = program.AddGroup("net", "IP addresses and gateways: show, set, clear");
-  Arguments* arguments = nullptr;
+  NetArguments* arguments = nullptr;
 
   CLI::App& show =
       AddNetVerb(program, group,

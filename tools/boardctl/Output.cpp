@@ -209,6 +209,18 @@ std::string Fixed(double number, int decimals) {
   return text;
 }
 
+Json OrNull(const std::string& text) {
+  return text.empty() ? Json() : Json(text);
+}
+
+Json OrNull(const std::optional<std::string>& text) {
+  return text ? Json(*text) : Json();
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 std::string Timestamp(std::chrono::system_clock::time_point time) {
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -100,6 +101,10 @@ std::string HexadecimalBytes(const unsigned char* data, std::size_t size);
 std::string Printable(std::string text);
 /// A number with @p decimals digits behind the point.
 std::string Fixed(double number, int decimals);
+/// What is not known is null.
+Json OrNull(const std::string& text);
+Json OrNull(const std::optional<std::string>& text);
+double SecondsSince(std::chrono::steady_clock::time_point start);
 /// The time as RFC 3339 tells it, in UTC: "2026-01-31T12:00:00.000Z".
 std::string Timestamp(std::chrono::system_clock::time_point time);
 

@@ -67,10 +67,6 @@ std::optional<std::string> ValueIn(const std::string& path, const std::string& k
   return std::nullopt;
 }
 
-Json OrNull(const std::string& text) {
-  return text.empty() ? Json() : Json(text);
-}
-
 std::string Resolved(const std::string& path) {
   char* const resolved = ::realpath(path.c_str(), nullptr);
   std::string text = resolved == nullptr ? "" : resolved;
@@ -143,8 +139,12 @@ void TellVersions(Page& page) {
   page.Row("kernel", kernelText + ", " + kernel.machine);
   page.Row("C library", *library == '\0' ? kUnknown : library);
   page.Row("ip", version.empty() ? "none" : version + (path.empty() ? "" : ", " + path));
-  page.json["versions"] = {{"boardctl", BOARDCTL_VERSION}, {"library_file", OrNull(file)}, {"kernel", kernelText},
-                           {"machine", kernel.machine},    {"c_library", OrNull(library)}, {"ip", OrNull(version)},
+  page.json["versions"] = {{"boardctl", BOARDCTL_VERSION},
+                           {"library_file", OrNull(file)},
+                           {"kernel", kernelText},
+                           {"machine", kernel.machine},
+                           {"c_library", OrNull(std::string(library))},
+                           {"ip", OrNull(version)},
                            {"ip_file", OrNull(path)}};
 }
 

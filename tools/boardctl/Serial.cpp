@@ -25,10 +25,6 @@ constexpr const char* kPutBack =
     "nothing: the line's settings are put back when the program ends, also by a signal. A driver may drop DTR and RTS "
     "then.";
 
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 std::string Rate(double perSecond) {
   return Fixed(perSecond, 0) + " B/s";
 }

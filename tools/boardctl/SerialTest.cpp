@@ -30,7 +30,7 @@ using Bytes = std::vector<unsigned char>;
 constexpr std::uint32_t kStandardSpeeds[] = {9600,   19200,  38400,   57600,   115200,  230400,  460800,  500000,
                                              576000, 921600, 1000000, 1152000, 1500000, 2000000, 2500000, 3000000};
 
-struct Arguments {
+struct TestArguments {
   LineOptions line;
   std::vector<std::uint32_t> speeds;
   bool isInternal = false;
@@ -59,10 +59,6 @@ struct Measurement {
   }
 };
 
-double SecondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 Bytes PseudoRandom(std::uint64_t size, std::uint32_t seed, SerialPort::CharacterSize bits) {
   std::mt19937 generator(seed);
   constexpr unsigned int kSmallest = 5;
@@ -83,7 +79,7 @@ int PatienceMs(double limit, double bytes) {
 }
 
 /// Sends a block and takes in what comes back meanwhile, until all has come or nothing comes any more.
-void MeasureBlock(Port& port, const Arguments& arguments, Measurement& measured, Output& out) {
+void MeasureBlock(Port& port, const TestArguments& arguments, Measurement& measured, Output& out) {
   constexpr double kLead = 0.02;  // seconds that sending may be ahead of what comes back
   constexpr std::size_t kLeastLead = 1024;
   constexpr std::size_t kPiece = 256;
@@ -129,7 +125,7 @@ void MeasureBlock(Port& port, const Arguments& arguments, Measurement& measured,
 }
 
 /// Sends single bytes, each when the one before has come back.
-void MeasureTurns(Port& port, const Arguments& arguments, Measurement& measured) {
+void MeasureTurns(Port& port, const TestArguments& arguments, Measurement& measured) {
   constexpr std::uint64_t kGiveUp = 3;  // of a line that answers no more
   constexpr double kMicroseconds = 1e6;
   const Bytes sent = PseudoRandom(arguments.turns, measured.speedBps + 1, arguments.line.bits);
@@ -149,7 +145,7 @@ void MeasureTurns(Port& port, const Arguments& arguments, Measurement& measured)
   std::sort(measured.turnUs.begin(), measured.turnUs.end());
 }
 
-void Measure(Port& port, const Arguments& arguments, std::uint32_t speed, Measurement& measured, Output& out) {
+void Measure(Port& port, const TestArguments& arguments, std::uint32_t speed, Measurement& measured, Output& out) {
   measured.speedBps = speed;
   measured.isPossible = port.SetSpeed(speed);
   measured.runsAtBps = port.Side().Read().speedBps;
@@ -199,7 +195,7 @@ std::string RowOf(const Measurement& measured) {
                 measured.verdict});
 }
 
-void Tell(const Measurement& measured, const Arguments& arguments, Output& out) {
+void Tell(const Measurement& measured, const TestArguments& arguments, Output& out) {
   Json turns;
   if (!measured.turnUs.empty()) {
     turns = {{"count", measured.turnUs.size()}, {"lost", measured.turnsLost},   {"min", measured.TurnAt(0)},
@@ -227,7 +223,7 @@ void Tell(const Measurement& measured, const Arguments& arguments, Output& out) 
   }
 }
 
-void Draw(const std::vector<Measurement>& all, const Arguments& arguments) {
+void Draw(const std::vector<Measurement>& all, const TestArguments& arguments) {
   std::vector<std::string> labels;
   plot::Series throughput{"measured", "#0b6bcb", {}};
   plot::Series limit{"the line's own limit", "#777777", {}, true};
@@ -252,7 +248,7 @@ void Draw(const std::vector<Measurement>& all, const Arguments& arguments) {
   ::close(fd);
 }
 
-int Test(const Arguments& arguments, Call& call) {
+int Test(const TestArguments& arguments, Call& call) {
   const bool isAsked = !arguments.speeds.empty();
   const std::vector<std::uint32_t> speeds =
       isAsked ? arguments.speeds : std::vector<std::uint32_t>(std::begin(kStandardSpeeds), std::end(kStandardSpeeds));
@@ -338,7 +334,7 @@ std::vector<std::uint32_t> ParseSpeeds(const std::string& text) {
 void AddSerialTest(Program& program, CLI::App& group) {
   constexpr std::uint64_t kMostBytes = std::uint64_t{16} * 1024 * 1024;
   constexpr std::uint64_t kMostTurns = 100000;
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<TestArguments>();
   CLI::App& verb = program.AddVerb(
       &group,
       {"test", "Tests a line: errors, throughput, turn-around", "DEVICE [OPTION]...", "",

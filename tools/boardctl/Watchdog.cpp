@@ -35,7 +35,7 @@ using std::chrono::milliseconds;
 constexpr int kFeedingsPerTimeout = 3;  // so that two may be late
 constexpr int kMsPerS = 1000;
 
-struct Arguments {
+struct WatchdogArguments {
   std::string device;
   int intervalS = 30;
   int everyS = 0;  // 0: as often as the time-out asks for
@@ -136,7 +136,7 @@ void KeepDescriptors() {
 class Armed {
  public:
   /// @throws what WatchDog::Activate() does, after a sentence of what that means.
-  Armed(const Arguments& arguments, Output& out)
+  Armed(const WatchdogArguments& arguments, Output& out)
       : m_out(out),
         m_inTime(out),
         m_device(arguments.device),
@@ -261,7 +261,7 @@ class Armed {
 };
 
 /// What can be known without opening the device: after an interval that the driver refuses, nobody could disarm it.
-void CheckBeforeArming(const Arguments& arguments, Output& out) {
+void CheckBeforeArming(const WatchdogArguments& arguments, Output& out) {
   if (arguments.everyS >= arguments.intervalS) {
     throw UsageError("--every: " + SecondsInWords(arguments.everyS) + " is not shorter than --interval, " +
                      SecondsInWords(arguments.intervalS));
@@ -284,13 +284,13 @@ void CheckBeforeArming(const Arguments& arguments, Output& out) {
   }
 }
 
-void TellArmed(const Armed& dog, const Arguments& arguments, milliseconds period, Output& out) {
+void TellArmed(const Armed& dog, const WatchdogArguments& arguments, milliseconds period, Output& out) {
   out.Say("boardctl: " + arguments.device + " is armed: the board resets when it is not fed for " +
           SecondsInWords(dog.TimeoutS()) + "; it is fed each " +
           Fixed(std::chrono::duration<double>(period).count(), period.count() % kMsPerS == 0 ? 0 : 1) + " s.");
 }
 
-int Feed(const Arguments& arguments, Output& out) {
+int Feed(const WatchdogArguments& arguments, Output& out) {
   CheckBeforeArming(arguments, out);
   if (signals::Caught() != 0) {
     return kStatusDone;
@@ -421,7 +421,7 @@ void WaitForChild(Clock::time_point end) {
 }
 
 /// Feeds while @p command lives and all checks hold. Returns what is wrong, or nothing when it has ended.
-std::string FeedWhile(const Child& command, Armed& dog, const Arguments& arguments) {
+std::string FeedWhile(const Child& command, Armed& dog, const WatchdogArguments& arguments) {
   const milliseconds period = dog.Period();
   Pulse pulse(arguments.alive);
   std::optional<Child> check;
@@ -465,7 +465,7 @@ std::string FeedWhile(const Child& command, Armed& dog, const Arguments& argumen
   return {};
 }
 
-int Run(const Arguments& arguments, Call& call) {
+int Run(const WatchdogArguments& arguments, Call& call) {
   if (call.command.empty() || call.command.front().empty()) {
     throw UsageError("it takes \"--\" and a command behind all options");
   }
@@ -526,16 +526,16 @@ std::string CheckCommand(const std::string& text) {
   return text;
 }
 
-CLI::App& AddDeviceVerb(Program& program, CLI::App& group, const Verb& verb, int (*run)(const Arguments&, Call&),
-                        Arguments*& arguments) {
-  const auto kept = std::make_shared<Arguments>();
+CLI::App& AddDeviceVerb(Program& program, CLI::App& group, const Verb& verb,
+                        int (*run)(const WatchdogArguments&, Call&), WatchdogArguments*& arguments) {
+  const auto kept = std::make_shared<WatchdogArguments>();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
   AddArgument(app, "DEVICE", "", kept->device, check::Path, "the watchdog, for example /dev/watchdog", kRequired);
   arguments = kept.get();
   return app;
 }
 
-void AddInterval(CLI::App& app, Arguments& arguments) {
+void AddInterval(CLI::App& app, WatchdogArguments& arguments) {
   AddArgument(app, "--interval", "S", arguments.intervalS, Seconds,
               "time-out in seconds, 1 or more (default 30); the driver may round it or refuse");
 }
@@ -544,13 +544,13 @@ void AddInterval(CLI::App& app, Arguments& arguments) {
 
 void AddWatchdog(Program& program) {
   CLI::App& group = program.AddGroup("watchdog", "the watchdog: show, feed, run a command under it");
-  Arguments* arguments = nullptr;
+  WatchdogArguments* arguments = nullptr;
   AddDeviceVerb(
       program, group,
       {"show", "Shows a watchdog's settings and who has it open, without opening it", "DEVICE [OPTION]...", "",
        "The kernel tells them in /sys. Only root sees the processes of other users.", "watchdog show /dev/watchdog",
        "nothing: the device was not opened."},
-      [](const Arguments& given, Call& call) { return Show(given.device, call.out); }, arguments);
+      [](const WatchdogArguments& given, Call& call) { return Show(given.device, call.out); }, arguments);
 
   CLI::App& feed = AddDeviceVerb(
       program, group,
@@ -562,7 +562,7 @@ void AddWatchdog(Program& program) {
        "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
        "stops at any close, also when boardctl is killed.",
        false},
-      [](const Arguments& given, Call& call) { return Feed(given, call.out); }, arguments);
+      [](const WatchdogArguments& given, Call& call) { return Feed(given, call.out); }, arguments);
   AddInterval(feed, *arguments);
   AddArgument(feed, "--every", "S", arguments->everyS, Seconds,
               "seconds between two feedings (default: a third of the time-out)");

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr std::size_t kSize = 65536;
-constexpr std::size_t kPieceSize = 4096;
+constexpr std::size_t kMostAtOnce = 4096;
 constexpr std::size_t kThrottle = 3968;  // unread bytes, of the 4096 that a terminal keeps
 constexpr std::size_t kUnthrottle = 128;
 constexpr std::chrono::milliseconds kLook{10};
@@ -22,7 +22,7 @@ Receiver::Receiver(Port& port, ModemControl& modem, Sender& sender)
     : m_port(port), m_modem(modem), m_sender(sender), m_queue(kSize) {}
 
 bool Receiver::IsListening() const {
-  return m_port.use == Port::Use::kClosed || (m_port.IsOpen() && (m_modem.IsLooped() || m_queue.Room() >= kPieceSize));
+  return m_port.use == Port::Use::kClosed || (m_port.IsOpen() && (m_modem.IsLooped() || m_queue.Room() >= kMostAtOnce));
 }
 
 bool Receiver::Receive() {
@@ -30,7 +30,7 @@ bool Receiver::Receive() {
     return false;
   }
   // A marked byte takes the room of two.
-  char piece[kPieceSize / 2];
+  char piece[kMostAtOnce / 2];
   const bool wasConnected = m_port.far->IsConnected();
   const std::size_t got = m_port.far->Receive(piece, sizeof piece);
   // In the loop the receiver does not listen to the line.
