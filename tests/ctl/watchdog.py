@@ -385,6 +385,15 @@ class Watchdog(TestCase):
             with self.subTest(verb=verb):
                 self.assertIn(" killed", ctl("watchdog", verb, "--help").out)
 
+    def test_FedRarelyItIsDisarmedAtOnceByASignal(self):
+        feed = shell("watchdog", "feed", DEVICE, "--interval", "65535", "--every", "60000")
+        script = f"set -m; {feed} 2> said & until grep -qs 'is armed' said; do sleep 0.02; done; kill -INT $!; wait $!"
+        result = self.board("bash", "-c", script, log="log")
+        self.assertEqual((result.status, result.out), (130, ""))
+        self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
+            "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 65535 s; it is fed each 60000 s.", DISARMED])
+        self.assertEqual(self.events(), ["open", "timeout 65535", "write magic", "close: stopped"])
+
     def test_NobodyReadingItsWordsItFeedsOn(self):
         feed = f"echo $$ > pid; exec {shell('watchdog', 'feed', DEVICE, '--interval', SOON)} 2>&1"
         script = (f"set -m; {{ sh -c {shlex.quote(feed)}; echo $? > status; }} | head -n 0 & {self.fed_longer_than_the_time_out()}; "

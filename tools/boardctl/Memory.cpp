@@ -112,7 +112,6 @@ int Watch(const MemoryArguments& arguments, Call& call) {
   std::optional<std::uint32_t> last;
   std::uint64_t changes = 0;
   do {
-    Output::CheckReader();
     const std::uint32_t value = ReadFromPhysicalMemoryAddress(arguments.address);
     if (value == last) {
       continue;
@@ -142,7 +141,7 @@ int Watch(const MemoryArguments& arguments, Call& call) {
     changes += last ? 1U : 0U;
     last = value;
   } while ((arguments.changes == 0 || changes < arguments.changes) &&
-           signals::Wait(static_cast<int>(arguments.everyMs)));
+           Output::WaitWhileRead(static_cast<int>(arguments.everyMs)));
   return kStatusDone;
 }
 

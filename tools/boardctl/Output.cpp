@@ -74,6 +74,21 @@ void Output::CheckReader() {
   }
 }
 
+bool Output::WaitWhileRead(int milliseconds) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
+  while (signals::Caught() == 0) {
+    CheckReader();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    if (left <= 0) {
+      return true;
+    }
+    pollfd either[] = {{STDOUT_FILENO, 0, 0}, {signals::Descriptor(), POLLIN, 0}};
+    ::poll(either, std::size(either), static_cast<int>(left));
+  }
+  return false;
+}
+
 void Output::Say(std::string_view words) {
   if (!m_options.quiet) {
     Warn(words);

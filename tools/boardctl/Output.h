@@ -55,6 +55,9 @@ class Output {
 
   /// Ends a verb that waits long, if nobody reads the results any more. @throws OutputClosed.
   static void CheckReader();
+  /// Waits for @p milliseconds, and not longer than until a signal comes: false then. @throws OutputClosed as soon as
+  /// nobody reads the results any more.
+  static bool WaitWhileRead(int milliseconds);
 
   /// A line about the result, on standard error; nothing with --quiet.
   void Say(std::string_view words);

@@ -548,7 +548,7 @@ void AddWatchdog(Program& program) {
   AddDeviceVerb(
       program, group,
       {"show", "Shows a watchdog's settings and who has it open, without opening it", "DEVICE [OPTION]...", "",
-       "The kernel tells them in /sys. Only root sees the processes of other users.", "watchdog show /dev/watchdog",
+       "The kernel shows them in /sys. Only root sees the processes of other users.", "watchdog show /dev/watchdog",
        "nothing: the device was not opened."},
       [](const WatchdogArguments& given, Call& call) { return Show(given.device, call.out); }, arguments);
 
