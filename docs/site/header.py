@@ -1,4 +1,5 @@
-"""Prints a public header as Doxygen reads it: behind the comment of each operation, the fixed texts of its failures.
+"""Prints a public header as Doxygen reads it: behind the comment of each operation, the fixed texts of its failures; behind
+each enumerator, what it means.
 
 Usage: header.py HEADER, from the top folder; the Doxyfile names it as a filter. The texts are the error catalogue's.
 """
@@ -56,6 +57,23 @@ def failures(name, comment, found):
     return [entry for entry in entries if any(names(text, entry) for text in comments)] or entries
 
 
+# Without words, an enumerator has no place on its page where the search could lead to.
+ENUMERATORS = [("BAUD_0", "No speed: a real line drops DTR and RTS."), (r"BAUD_(\d+)", r"\1 bits per second."),
+               (r"CHAR_SIZE_(\d)", r"\1 data bits."), ("STOP_BITS_1", "One stop bit."), ("STOP_BITS_2", "Two stop bits."),
+               ("PARITY_EVEN", "Even parity."), ("PARITY_ODD", "Odd parity."), ("PARITY_NONE", "No parity bit."),
+               ("FLOW_CONTROL_HARDWARE", "By the lines RTS and CTS."),
+               ("FLOW_CONTROL_SOFTWARE", "By the characters XON and XOFF."), ("FLOW_CONTROL_NONE", "Nobody stops the sender.")]
+
+
+def described(text):
+    """Enumerators with what they mean."""
+    def with_words(found):
+        words = next(re.sub(pattern, words, found[1]) for pattern, words in ENUMERATORS if re.fullmatch(pattern, found[1]))
+        return f"{found[0]} /**< {words} */"
+
+    return re.sub(r"(?s)\benum \w+[^{};]*\{.*?\}", lambda found: re.sub(r"\b([A-Z]\w+) = \d+", with_words, found[0]), text)
+
+
 def filtered(text):
     """The header's text with the failures, and the set of (operation, id) that it names."""
     lines = text.splitlines()
@@ -71,7 +89,7 @@ def filtered(text):
             shown.add((name, entry["id"]))
         if listed:
             lines[number:number] = [f"{indent}///", f"{indent}/// @par Failures and what remains", *listed]
-    return "\n".join(lines) + "\n", shown
+    return described("\n".join(lines) + "\n"), shown
 
 
 if __name__ == "__main__":
