@@ -62,6 +62,24 @@ def check_failures():
             compare(f"What the page of {operation} shows", (operation, entry["id"]) in shown, True)
 
 
+def check_composed():
+    """Operations that call others fail as these do."""
+    opens = "SerialPort::OpenSerialPortDevice"
+    sets = {f"SerialPort::Set{what}" for what in ("BaudRate", "CharSize", "Parity", "NumOfStopBits", "FlowControl")}
+    for entry in catalogue.ERRORS:
+        names = set(entry["operations"])
+        if entry["id"] in ("err-serial-already-open", "err-serial-not-open"):
+            continue  # Whoever calls another has looked.
+        if opens in names:
+            compare(f"What {entry['id']} has beside {opens}", names >= {"SerialPort::SerialPort", "SerialPort::Open"}, True)
+        if names & sets:
+            compare(f"What {entry['id']} has beside setters", "SerialPort::Open" in names, True)
+        if names & {"SerialPort::Open", "SerialPort::Close", "ReadFromPhysicalMemoryAddress"}:
+            compare(f"What {entry['id']} has beside what a report calls", "SerialPort::ToString" in names, True)
+        if "OpSystem::ExecCmd" in names:
+            compare(f"What {entry['id']} has beside ExecCmd", "IpNet::SetAddr" in names and "IpNet::GetGwInfo" in names, True)
+
+
 def check_readme():
     text = pathlib.Path("README.md").read_text()
     programs = re.findall(r"```cpp\n// .*?: ([\w-]+)[^\n]*\n(.*?)```\n", text, re.S)
@@ -221,6 +239,7 @@ def check_manual():
 
 check_headers()
 check_failures()
+check_composed()
 check_readme()
 check_examples()
 compare(f"What {manual.CATALOGUE} shows (python3 docs/site/manual.py writes it)", manual.CATALOGUE.read_text(),
