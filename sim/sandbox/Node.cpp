@@ -1,6 +1,7 @@
 #include "sandbox/Node.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -16,6 +17,8 @@
 namespace {
 
 constexpr mode_t kRootsOwn = 0600;  // as on a board
+constexpr mode_t kRootsAndGroups = 0660;
+constexpr const char* kGroupOfPorts = "dialout";
 
 /// A master whose slave can be opened.
 Descriptor OpenMaster(const char* ptmx) {
@@ -27,6 +30,14 @@ Descriptor OpenMaster(const char* ptmx) {
   return master;
 }
 
+/// Where there is the group to which serial ports belong, its members may open them, as on a board.
+void GiveToGroup(const std::string& port) {
+  const group* const members = ::getgrnam(kGroupOfPorts);
+  if (members != nullptr && ::chown(port.c_str(), static_cast<uid_t>(-1), members->gr_gid) == 0) {
+    ::chmod(port.c_str(), kRootsAndGroups);
+  }
+}
+
 /// A terminal of the private /dev, under a name there.
 Descriptor MakeTerminal(const std::string& path) {
   Descriptor master = OpenMaster("/dev/pts/ptmx");
@@ -34,6 +45,7 @@ Descriptor MakeTerminal(const std::string& path) {
   unsigned int number = 0;
   ::ioctl(master.Get(), TIOCGPTN, &number);
   Require(Bind("/dev/pts/" + std::to_string(number), path), path + " can't be mounted");
+  GiveToGroup(path);
   return master;
 }
 

@@ -265,6 +265,26 @@ TEST_F(Machine, WhoIsNotRootOnTheBoardGetsNeitherMemoryNorTheWatchdogNorThePort)
   EXPECT_EQ(Contents(Path("log")).find(" open"), std::string::npos);
 }
 
+TEST_F(Machine, ThePortIsOpenToTheGroupOfSerialPortsAlsoWhenItIsPluggedInAgain) {
+  if (::geteuid() != 0 || Shell("getent group dialout").empty()) {
+    GTEST_SKIP() << "Only root has other users, and there must be the group.";
+  }
+  const auto board =
+      Boot({"--net", "none", "--control", Path("control")},
+           {"setpriv", "--reuid=1234", "--regid=1235", "--groups=dialout", "sh", "-c",
+            "while read line; do stat -c '%U %G %a' /dev/ttyS1; true <>/dev/ttyS1 && ! (true <>/dev/mem) "
+            "2>/dev/null && echo opened; done"});
+  Connection client(Path("control"));
+  EXPECT_EQ(board->Ask("now"), "root dialout 660");
+  EXPECT_EQ(board->Listen(), "opened");
+  EXPECT_EQ(client.Ask("hangup /dev/ttyS1"), "ok");
+  EXPECT_EQ(client.Ask("plug /dev/ttyS1"), "ok");
+  EXPECT_EQ(board->Ask("now"), "root dialout 660");
+  EXPECT_EQ(board->Listen(), "opened");
+  board->EndInput();
+  EXPECT_EQ(board->Finish().errors, "");
+}
+
 TEST_F(Machine, TheProgramMayHaveAsMuchOfALimitedResourceAsTheCallerMay) {
   Start start;
   start.command = {"sh", "-c",
