@@ -149,6 +149,22 @@ if [ -n "$boardctl" ]; then
   if grep -q "inet 192.0.2.10" printed; then fail "The old address has come back." printed; fi
 fi
 
+# What the page on boards says of capabilities: those of a file are not inherited by ip, ambient ones are.
+if [ "$(id -u)" -eq 0 ] && command -v setcap > /dev/null; then
+  chmod 755 .
+  cp "$examples/set-address" app
+  # shellcheck disable=SC2016  # the inner shell's own
+  run 0 printed "$boardsim" -- sh -c '
+    setcap cap_net_admin+ep app
+    lower() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@" ./app eth0 192.0.2.10 24; }
+    lower || echo "refused"
+    setcap -r app
+    lower --inh-caps=+net_admin --ambient-caps=+net_admin'
+  expect printed "RTNETLINK answers: Operation not permitted" "refused" "Changed."
+else
+  printf 'Left out, for want of root or setcap: the capabilities of a file.\n'
+fi
+
 # What the page on security says of names that ip reports: the shell runs what stands behind the semicolon.
 # shellcheck disable=SC2016  # the inner shell's own
 run 0 printed "$boardsim" -- sh -c '
