@@ -187,6 +187,21 @@ class Net(TestCase):
         self.assertIn("boardctl: that failed: it was 192.0.2.1 on eth0, and is none now.\n"
                       "boardctl: net gateway: Error: Nexthop has invalid gateway.\n  cause    ", result.err)
 
+    def test_AGatewayThatIpRefusesIsToldWithCauseAndRemedy(self):
+        lost = "The gateway lies in no network of the interface, or the interface is down."
+        ipv6_lost = lost.replace("gateway", "IPv6 gateway", 1)
+        for gateway, cause in [("203.0.113.1", lost), ("2001:db8:1::1", ipv6_lost),
+                               ("2001:db8::1", "The gateway is an address of the board itself.")]:
+            with self.subTest(gateway=gateway):
+                result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip addr add 2001:db8::1/64 dev eth0 nodad",
+                                     shell("net", "gateway", "eth0", gateway))
+                self.assertEqual((result.status, result.out), (1, ""))
+                self.assertIn(f"\n  cause    {cause}\n  remedy   ", result.err)
+        result = self.script("ip link add v1 type veth peer name v2; echo 1 > /proc/sys/net/ipv6/conf/v1/disable_ipv6",
+                             shell("net", "address", "v1", "2001:db8::1/64"))
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertIn("\n  cause    IPv6 is switched off for the interface.\n  remedy   sysctl net.ipv6", result.err)
+
     def test_ASignalInTheMiddleOfAChangeLetsItBeCompletedAndTold(self):
         # Between the old address and the new one, ip waits until the signal has been sent: to all, as a terminal does.
         tools = pathlib.Path("tools")
@@ -224,9 +239,17 @@ class Net(TestCase):
                 self.assertTrue(result.err.startswith(f'boardctl: net {words[0]}: Device "eth7" does not exist.\n  cause    There is '),
                                 result.err)
 
+    def test_InterfacesOfTheNetworkThatItIsInAreCompleted(self):
+        # Which the folder in /sys need not be of.
+        result = finish(start([*self.own_network(), BOARDCTL, "__complete", "net", "show", "lo"]))
+        self.assertEqual((result.status, result.out.split()), (0, ["lo"]), result.err)
+        script = f"ip link add v1 type veth peer name v2; exec {shell('__complete', 'net', 'show', 'v')}"
+        result = finish(start([*self.own_network(), "sh", "-c", script]))
+        self.assertEqual((result.status, sorted(result.out.split())), (0, ["v1", "v2"]), result.err)
+
     def test_AnInterfaceWhoseNameWouldBeRefusedIsNotCompleted(self):
         result = self.board("sh", "-c", "ip link add name 'e;x' type veth peer name v1; " + shell("__complete", "net", "show", ""))
-        self.assertEqual((result.status, result.out.split()), (0, ["eth0", "eth1", "lo", "v1"]), result.err)
+        self.assertEqual((result.status, result.out.split()), (0, ["lo", "eth0", "eth1", "v1"]), result.err)
 
     def test_WithoutIpItIsToldWithCauseAndRemedy(self):
         result = self.board("sh", "-c", f"PATH=/nowhere; {shell('net', 'show', 'eth0')}")

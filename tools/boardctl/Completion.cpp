@@ -8,8 +8,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "Check.h"
 #include "Groups.h"
+#include "Interfaces.h"
 #include "Program.h"
 #include "SerialPorts.h"
 #include "Status.h"
@@ -53,13 +53,12 @@ Words NamesIn(const std::string& folder, const std::string& begin) {
   return names;
 }
 
-Words Interfaces() {
+/// Of those that the kernel allows, the ones that are taken.
+Words InterfaceNames() {
   Words names;
-  for (const std::string& name : NamesIn("/sys/class/net", "")) {
-    try {
-      names.push_back(check::Interface(name));
-    } catch (const std::invalid_argument&) {
-      // The kernel allows it, and it would be refused.
+  for (const Interface& interface : Interfaces()) {
+    if (interface.isClean) {
+      names.push_back(interface.name);
     }
   }
   return names;
@@ -77,7 +76,7 @@ Words Arguments(const std::string& name, const std::string& group) {
       found.push_back(device.path);
     }
   } else if (name == "IFACE") {
-    found = Interfaces();
+    found = InterfaceNames();
   } else if (name == "FILE") {
     found = {kFiles};
   } else if (name == "WHAT") {

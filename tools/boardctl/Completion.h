@@ -10,7 +10,7 @@ class Program;
 constexpr const char* kCompletionWord = "__complete";
 
 /// What may stand in the place of the last of @p words, or begin like it; ":files" stands for names of files. Looks at
-/// the command line's own tree, /dev and /sys/class/net, and opens no device.
+/// the command line's own tree, /dev and the kernel's list of interfaces, and opens no device.
 std::vector<std::string> Complete(const Program& program, const std::vector<std::string>& words);
 
 #endif
