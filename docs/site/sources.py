@@ -171,6 +171,9 @@ def check_links():
         text = prose(path.read_text())
         for command in re.findall(r"[@\\](?:ref|subpage|snippet|include|htmlinclude|tableofcontents)\b.*|\{#.*", text):
             complaints.append(f"{path} has what only Doxygen reads: {command}")
+        # Doxygen shows backquotes in a link's words as they are.
+        if path.parent.name == "docs" and (quoted := re.search(r"\[[^]\n]*`[^]\n]*\]\([\w#./-]+\)", path.read_text())):
+            complaints.append(f"{path} has backquotes in a link: {quoted.group(0)}")
         for file, anchor in re.findall(r"\]\(([^)#]*)(?:#([^)]+))?\)", text):
             if re.match(r"https?:", file):
                 continue
