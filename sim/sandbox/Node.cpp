@@ -30,12 +30,12 @@ Descriptor OpenMaster(const char* ptmx) {
   return master;
 }
 
-/// Where there is the group to which serial ports belong, its members may open them, as on a board.
+/// As on a board, the members of a group may open it, which is root's where there is none for serial ports.
 void GiveToGroup(const std::string& port) {
   const group* const members = ::getgrnam(kGroupOfPorts);
-  if (members != nullptr && ::chown(port.c_str(), static_cast<uid_t>(-1), members->gr_gid) == 0) {
-    ::chmod(port.c_str(), kRootsAndGroups);
-  }
+  [[maybe_unused]] const bool isTheirs =
+      members != nullptr && ::chown(port.c_str(), static_cast<uid_t>(-1), members->gr_gid) == 0;
+  ::chmod(port.c_str(), kRootsAndGroups);
 }
 
 /// A terminal of the private /dev, under a name there.

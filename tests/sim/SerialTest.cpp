@@ -97,7 +97,7 @@ TEST_F(Serial, ALoopThatIsNotReadIsDroppedAndCountedAndBlocksNobody) {
 TEST_F(Serial, ItLiesInDevUnderItsNameAndIsATerminal) {
   ExpectSteps({}, {kProbe, "nodes"});
   const Outcome outcome = Run({}, {"sh", "-c", "stat -c '%F %a' /dev/ttyS1 /dev/watchdog /dev/mem"});
-  EXPECT_EQ(outcome.output, "character special file 620\nfifo 600\nregular file 600\n") << outcome.errors;
+  EXPECT_EQ(outcome.output, "character special file 660\nfifo 600\nregular file 600\n") << outcome.errors;
 }
 
 TEST_F(Serial, OpenedForReadingAloneItIsOpenWhenTheFirstRequestComes) {
