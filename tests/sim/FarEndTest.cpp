@@ -230,6 +230,14 @@ TEST_F(FarEnd, OneThatIsSlowHearsAllThatIsOnItsWayWhenTheProgramEnds) {
   EXPECT_EQ(board->Finish().status, 0);
 }
 
+TEST_F(FarEnd, OneOnASlowLineHearsAllThatIsOnItsWayHoweverLongThatTakes) {
+  // At 30 bytes a second.
+  ExpectSteps({"--pace", "--log", Path("log"), "--tty", "/dev/ttyS1=exec:cat >" + Path("heard")},
+              {"sh", "-c", "exec >/dev/ttyS1; stty 300 raw -echo <&1; printf %200s all"});
+  EXPECT_EQ(Contents(Path("heard")), Shell("printf %200s all"));
+  EXPECT_EQ(Contents(Path("log")).find("lost"), std::string::npos);
+}
+
 TEST_F(FarEnd, OneThatNeverReadsDoesNotKeepTheBoardFromEndingAndWhatItMissesIsLogged) {
   // It ends once its writer has been held up for a second.
   const Outcome outcome = Run({"--tty", "/dev/ttyS1=exec:exec sleep 300", "--log", Path("log")},

@@ -116,10 +116,11 @@ void SerialLine::Request(const TrappedCall& call) {
 }
 
 bool SerialLine::IsBusy() {
-  const std::uint64_t before = m_sender.Gone();
   Work();
-  if (!m_lastMove || m_sender.Gone() != before) {
+  // Most of it moves between two questions.
+  if (const std::uint64_t gone = m_sender.Gone(); !m_lastMove || gone != m_lastGone) {
     m_lastMove = Clock::now();
+    m_lastGone = gone;
   }
   const bool isBusy =
       m_port.terminal && !m_sender.IsEmpty() && m_sender.CanSend() && Clock::now() < *m_lastMove + kPatience;

@@ -84,6 +84,7 @@ class SerialLine : public Device {
   bool m_isClosing = false;  // what was written before the last close is still on its way
   Clock::time_point m_closeEnds;
   std::optional<Clock::time_point> m_lastMove;  // after the application's end
+  std::uint64_t m_lastGone = 0;                 // with it
 
   EventLoop::Registration m_masterRegistration;
   EventLoop::Registration m_opensRegistration;
