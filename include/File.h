@@ -23,9 +23,9 @@
 ///
 /// @snippet files.cpp use
 ///
-/// Made from a path (which it opens) or from a descriptor or a stream (which it adopts, learning the name from the
-/// kernel), and complete from then on; what it holds is closed with it. Bytes go through the descriptor; the stream is
-/// there for reading with it, and knows nothing of what went through the descriptor.
+/// It is constructed from a path, which it opens, or from a descriptor or a stream, which it adopts, asking the kernel
+/// for the name. The destructor closes both. Bytes go through the descriptor; the stream is only for reading, and does
+/// not notice what goes through the descriptor.
 ///
 /// Every failure is a `std::system_error`. The members are const, but move the file's offset: one object is used by one
 /// thread at a time.
@@ -38,11 +38,11 @@ class File {
   /// @throws std::system_error "Open for '<path>' failed.".
   File(const std::string& path, int flags, unsigned int mode);
 
-  /// Adopts @p stream and its descriptor, and takes the name of `/proc/self/fd`. If that fails, the stream is closed.
+  /// Adopts @p stream and its descriptor, and takes the name from `/proc/self/fd`. If that fails, the stream is closed.
   /// @throws std::system_error "Open for '' failed." for a null stream, and what ReadLink() throws.
   explicit File(std::FILE* stream);
 
-  /// Adopts @p fd and takes the name of `/proc/self/fd`. If that fails, the descriptor is closed.
+  /// Adopts @p fd and takes the name from `/proc/self/fd`. If that fails, the descriptor is closed.
   /// @throws std::system_error "Open for '' failed." for -1, and what ReadLink() throws.
   explicit File(int fd);
 
@@ -56,8 +56,8 @@ class File {
   /// was not available before.
   void Init();
 
-  /// True if @p path can be opened for reading, which the function tries: a folder exists, a file that the caller may
-  /// not read does not, and a FIFO without a writer blocks.
+  /// True if @p path can be opened for reading, which the function tries: a folder counts as existing, a file that the
+  /// caller may not read as missing, and a FIFO without a writer blocks.
   static bool Exists(const std::string& path);
 
   /// The stream, which the object keeps; null if there is none, as on a write-only descriptor.
@@ -82,15 +82,15 @@ class File {
   /// @throws std::system_error "ReadLink failed for '<path>' failed.".
   static std::string ReadLink(const std::string& path);
 
-  /// Moves the descriptor's offset, in bytes, as `lseek` does and returns it. The stream does not know.
+  /// Moves the descriptor's offset, in bytes, as `lseek` does and returns it. The stream does not notice.
   /// @throws std::system_error "Seeking failed for '<name>' failed." (EOVERFLOW: the new offset does not fit into a
   /// `long` of 32 bits; the descriptor has moved there nevertheless).
   long Seek(long offset, int whence) const;
 
   /// Controls the device with @p request and returns the result of `ioctl`.
   ///
-  /// The third argument that `ioctl` gets is the list of the variable arguments itself, not the first of them: of use
-  /// only for requests without an argument. One that answers overwrites the list and the stack behind it.
+  /// The third argument that `ioctl` gets is the list of the variable arguments itself, not the first of them. This
+  /// suits only requests without an argument: one that answers overwrites the list and the stack behind it.
   /// @throws std::system_error "IO Control failed for '<name>' failed.".
   int Ioctl(int request, ...) const;
 

@@ -25,10 +25,10 @@ class OpSystem;
 ///
 /// @snippet ip-configuration.cpp use
 ///
-/// Queries run one command and pick words out of its output. Changes query first, do nothing if everything is already
-/// as requested, and otherwise run one shell text of up to two commands. There is no rollback: if the second command
-/// fails, the first may have taken effect; if the first fails and the second does not, only standard error shows it.
-/// Names and addresses go into the commands as they are given, without quoting or checks.
+/// A query runs one command and picks words out of its output. A change queries first, does nothing if everything is
+/// already as requested, and otherwise runs one shell text of up to two commands. There is no rollback: if the second
+/// command fails, the first may have taken effect; if the first fails and the second does not, only standard error
+/// shows it. Names and addresses go into the commands as they are given, without quoting or checks.
 ///
 /// One object is used by one thread at a time, and callers that change the same interface or route must serialise their
 /// calls. Every query and change throws what OpSystem::ExecCmd() throws: `std::logic_error` with the tool's own words

@@ -35,7 +35,7 @@
 /// the port.
 ///
 /// For a device without terminal attributes the constructor's second argument is false: then none are read or written,
-/// setters only remember, and getters see zeros. Such a device must still accept a flush of its input, and the
+/// setters only remember, and getters return zeros. Such a device must still accept a flush of its input, and the
 /// modem-control requests for closing: a regular file cannot be opened this way.
 ///
 /// Every failure is a `std::system_error` with the current `errno`, unless an operation says otherwise. Operations that
@@ -44,7 +44,7 @@
 ///
 /// @warning Opening is neither exclusive (another process may open the device too) nor close-on-exec (children inherit
 /// the descriptor).
-/// @warning A device that knows no modem lines (an ordinary pseudo-terminal), and a line that was hung up (an unplugged
+/// @warning A device without modem lines (an ordinary pseudo-terminal), and a line that was hung up (an unplugged
 /// adapter), cannot be closed: Close() throws, and the destructor, which closes an open port, then ends the process.
 /// @warning Close() repeats an interrupted `close`, although Linux has released the descriptor's number by then: in a
 /// program with several threads, that number may belong to another file.
@@ -115,7 +115,7 @@ class SerialPort {
   /// port closed; what FlushInputAndOutput() and ReadAllAvailableData() throw, with the port left open.
   void OpenSerialPortDevice();
 
-  /// Opens the device and applies the five settings in this order, and a custom speed in the place of @p baudRate.
+  /// Opens the device and applies the five settings in this order, and a custom speed instead of @p baudRate.
   ///
   /// Setting the flow control makes the line raw once more, so after this call the device runs with 8 data bits and
   /// without parity, whatever you pass: call SetCharSize() and SetParity() afterwards.

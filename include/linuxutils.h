@@ -17,9 +17,9 @@
 ///
 /// @snippet tracebacks.cpp use
 ///
-/// A frame is there where the code has unwind tables (on ARM, compile with `-fasynchronous-unwind-tables`), for a
-/// function that was called: an inlined one has none of its own, and one that ended in a jump to the next has none any
-/// more (`-fno-optimize-sibling-calls` keeps the call).
+/// A function has a frame if its code has unwind tables (on ARM, compile with `-fasynchronous-unwind-tables`) and if it
+/// was really called: an inlined function has no frame, and neither has one that ended in a jump to the next
+/// (`-fno-optimize-sibling-calls` keeps the call).
 ///
 /// A function has a name if the program exports it to the dynamic linker (link with `-rdynamic`; static functions are
 /// never exported) and if it continues after its call. Where it ends in a call that never returns, the address after
@@ -29,8 +29,8 @@
 ///
 /// The CMake target boardkit::traceback has all of these flags.
 ///
-/// Ask for the traceback where something happens. A terminate handler is too late: on 32-bit ARM the unwinder gets no
-/// further from there than the C++ library. The example traceback-on-terminate records the stack of each throw.
+/// Take the traceback where something happens. A terminate handler is too late: on 32-bit ARM, the stack that it sees
+/// ends inside the C++ library. The example traceback-on-terminate records the stack of each throw.
 ///
 /// Any thread may call these functions; none of them is safe in a signal handler, since all allocate memory.
 namespace linuxutils {
