@@ -41,7 +41,7 @@ def differences(value, schema, where):
     """Where a value is not as a schema says, of as much of JSON Schema as ours uses."""
     types = {"object": dict, "array": list, "string": str, "boolean": bool, "integer": int, "number": (int, float),
              "null": type(None)}
-    known = {"type", "properties", "required", "additionalProperties", "items", "enum", "const", "pattern"}
+    known = {"type", "properties", "required", "additionalProperties", "items", "enum", "const", "pattern", "description"}
     assert set(schema) <= known, schema
     wanted = schema.get("type", [])
     wanted = wanted if isinstance(wanted, list) else [wanted]

@@ -82,6 +82,21 @@ class Schema(TestCase):
             with self.subTest(kind=kind):
                 self.assertEqual((schema["properties"]["kind"], schema["properties"]["schema"]), ({"const": kind}, {"const": 1}))
 
+    def test_EveryKindAndEveryKeyWhoseNameDoesNotSayItIsDescribed(self):
+        plain = {"schema", "kind", "DTR", "RTS", "CTS", "DSR", "CD", "RI", "LOOP", "min", "median", "max", "dry_run", "parity",
+                 "versions", "load", "memory"}
+
+        def undescribed(schema, where):
+            for key, inner in schema.get("properties", {}).items():
+                if not inner.get("description") and key not in plain:
+                    yield f"{where}.{key}"
+                yield from undescribed(inner, f"{where}.{key}")
+            yield from undescribed(schema["items"], where) if "items" in schema else ()
+        for kind, schema in SCHEMA["$defs"].items():
+            self.assertIn(" ".join(schema["description"].split(":")[0].split(",")[0].split(" ")[:2]),
+                          {" ".join(verb) for verb in VERBS})
+            self.assertEqual(list(undescribed(schema, kind)), [])
+
     def test_TheComparisonFindsWhatIsMissingTooMuchOrWrong(self):
         schema = SCHEMA["$defs"]["mem_word"]
         good = {"schema": 1, "kind": "mem_word", "address": "0x00000000", "value": "0x00000001"}

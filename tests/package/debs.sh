@@ -69,7 +69,8 @@ expect libboardkit-dev "$architecture" same "$lib/libboardkit.so" "$lib/libboard
   /usr/share/doc/libboardkit-dev/examples/set-address.cpp /usr/share/doc/libboardkit-dev/examples/CMakeLists.txt
 expect boardkit-tools "$architecture" foreign /usr/bin/boardctl /usr/share/man/man1/boardctl.1.gz \
   /usr/share/bash-completion/completions/boardctl /usr/share/zsh/site-functions/_boardctl \
-  /usr/share/fish/vendor_completions.d/boardctl.fish '/usr/share/doc/boardkit-tools/examples/systemd/watched@.service' \
+  /usr/share/boardkit/boardctl-schema.json /usr/share/fish/vendor_completions.d/boardctl.fish \
+  '/usr/share/doc/boardkit-tools/examples/systemd/watched@.service' \
   /usr/share/doc/boardkit-tools/examples/udev/60-boardkit.rules
 hardened boardkit-tools /usr/bin/boardctl
 expect boardkit-tools-dbgsym "$architecture" no '/usr/lib/debug/.build-id'

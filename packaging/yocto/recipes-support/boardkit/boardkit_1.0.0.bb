@@ -31,6 +31,7 @@ PACKAGES =+ "${PN}-tools"
 FILES:${PN}-tools = " \
     ${bindir}/boardctl \
     ${datadir}/bash-completion \
+    ${datadir}/boardkit \
     ${datadir}/fish \
     ${datadir}/zsh \
 "
