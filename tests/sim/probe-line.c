@@ -32,14 +32,18 @@ static void drain(int fd) {
   CHECK(ioctl(fd, TCSBRK, 1) == 0);
 }
 
-static void set_flags(int fd, tcflag_t input, tcflag_t control) {
+static void set_stops(int fd, tcflag_t input, tcflag_t control, cc_t start, cc_t stop) {
   struct termios settings;
   CHECK(ioctl(fd, TCGETS, &settings) == 0);
   settings.c_iflag = input;
   settings.c_cflag |= control;
-  settings.c_cc[VSTART] = 17;
-  settings.c_cc[VSTOP] = 19;
+  settings.c_cc[VSTART] = start;
+  settings.c_cc[VSTOP] = stop;
   CHECK(ioctl(fd, TCSETS, &settings) == 0);
+}
+
+static void set_flags(int fd, tcflag_t input, tcflag_t control) {
+  set_stops(fd, input, control, 17, 19);
 }
 
 static void expect_nothing(int fd) {
@@ -145,6 +149,12 @@ static void software_flow(void) {
   CHECK(waiting_output(fd) == 3 && ioctl(fd, TCXONC, TCOON) == 0);
   expect_bytes(fd, "own", 3);
   CHECK(ioctl(fd, TCXONC, 17) == -1 && errno == EINVAL);
+  /* Without such characters, zero bytes stop nothing, and none are sent. */
+  set_stops(fd, IXON, 0, _POSIX_VDISABLE, _POSIX_VDISABLE);
+  write_all(fd, "\0on", 3);
+  expect_bytes(fd, "\0on", 3);
+  CHECK(ioctl(fd, TCXONC, TCIOFF) == 0 && ioctl(fd, TCXONC, TCION) == 0);
+  expect_nothing(fd);
   close(fd);
 }
 

@@ -59,16 +59,19 @@ void Receiver::Hear(std::string_view bytes) {
 /// Does what a terminal would do too late: it only sees what the application has room for.
 std::string Receiver::Filtered(std::string_view bytes) {
   const termios2& settings = m_port.Settings();
+  const auto isControl = [&settings](char byte, std::size_t which) {
+    return settings.c_cc[which] != _POSIX_VDISABLE && byte == static_cast<char>(settings.c_cc[which]);
+  };
   const bool isMarked = (settings.c_iflag & PARMRK) != 0 && (settings.c_iflag & ISTRIP) == 0;
   std::string rest;
   for (const char byte : bytes) {
     const char stripped = (settings.c_iflag & ISTRIP) != 0 ? static_cast<char>(byte & 0x7F) : byte;
     if ((settings.c_iflag & IXON) != 0) {
-      if (stripped == static_cast<char>(settings.c_cc[VSTOP])) {
+      if (isControl(stripped, VSTOP)) {
         m_sender.Stop(true);
         continue;
       }
-      const bool isStart = stripped == static_cast<char>(settings.c_cc[VSTART]);
+      const bool isStart = isControl(stripped, VSTART);
       if (isStart || (settings.c_iflag & IXANY) != 0) {
         m_sender.Stop(false);
       }
@@ -189,7 +192,7 @@ void Receiver::Throttle(bool on) {
   m_isThrottled = on;
   const termios2& settings = m_port.Settings();
   if ((settings.c_iflag & IXOFF) != 0) {
-    m_sender.SendAtOnce(static_cast<char>(settings.c_cc[on ? VSTOP : VSTART]));
+    m_sender.SendControl(on ? VSTOP : VSTART);
   }
   if ((settings.c_cflag & CRTSCTS) != 0) {
     const unsigned int others = m_modem.Outputs() & ~static_cast<unsigned int>(TIOCM_RTS);

@@ -93,9 +93,11 @@ void Sender::Hold(bool on) {
   m_isHeld = on;
 }
 
-void Sender::SendAtOnce(char byte) {
-  m_urgent = byte;
-  Transmit();
+void Sender::SendControl(std::size_t which) {
+  if (const cc_t byte = m_port.Settings().c_cc[which]; byte != _POSIX_VDISABLE) {
+    m_urgent = static_cast<char>(byte);
+    Transmit();
+  }
 }
 
 void Sender::EndStops() {

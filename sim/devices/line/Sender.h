@@ -79,8 +79,9 @@ class Sender {
   bool IsBreaking() const {
     return m_isBreaking;
   }
-  /// A byte that goes before all others, and whatever stops these.
-  void SendAtOnce(char byte);
+  /// A control character of the settings (VSTOP, VSTART), if there is one. It goes before all other bytes, and whatever
+  /// stops these.
+  void SendControl(std::size_t which);
   /// Nothing stops it any more.
   void EndStops();
 

@@ -201,17 +201,16 @@ void SerialRequests::Discard(const TrappedCall& call) {
 }
 
 void SerialRequests::ControlFlow(const TrappedCall& call) {
-  const cc_t* const characters = m_port.Settings().c_cc;
   switch (call.IoctlArgument()) {
     case TCOOFF:
     case TCOON:
       m_sender.Hold(call.IoctlArgument() == TCOOFF);
       break;
     case TCIOFF:
-      m_sender.SendAtOnce(static_cast<char>(characters[VSTOP]));
+      m_sender.SendControl(VSTOP);
       break;
     case TCION:
-      m_sender.SendAtOnce(static_cast<char>(characters[VSTART]));
+      m_sender.SendControl(VSTART);
       break;
     default:
       throw RequestError{EINVAL};
