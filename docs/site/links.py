@@ -67,12 +67,16 @@ def main(folder):
     folder = pathlib.Path(folder).resolve()
     pages = {path: Page(path) for path in folder.rglob("*.html")}
     count, dead = 0, []
-    # A page may overwrite another one.
+    # A page may overwrite another one, or be missing in the list of pages, as all are if the first has another title than
+    # the site.
     titles = [page.title for path, page in pages.items() if path.parent == folder]
+    listed = (folder / "navtreedata.js").read_text()
     for source in pathlib.Path("docs").glob("*.md"):
         title = source.read_text().splitlines()[0].removeprefix("# ")
         if not any(shown in (title, f"boardkit: {title}") for shown in titles):
             dead.append(f"the page of {source} is not there")
+        elif f'[ "{title}", "' not in listed:
+            dead.append(f"the list of pages does not have {title!r}")
     for path, page in pages.items():
         dead += [f"{path.name}: two anchors {anchor}" for anchor in page.doubled]
         dead += [f"{path.name}: {what}" for what in page.lost]
