@@ -45,15 +45,15 @@ with tempfile.TemporaryDirectory() as project:
     (project / "boardkit/build").symlink_to(build)
     page = (source / "docs/install.md").read_text()
     lists = re.search(r"(?s)```cmake\n(cmake_minimum_required.*?)```", page)[1]
-    (project / "CMakeLists.txt").write_text(lists.replace("add_executable(app ", "add_executable(my-application ").replace(
-        "target_link_libraries(app ", "target_link_libraries(my-application "))
+    suite = re.search(r"(?s)```cmake\n(enable_testing.*?)```", (source / "docs/without-a-board.md").read_text())[1]
+    (project / "CMakeLists.txt").write_text(lists + suite)
     (project / "app.cpp").write_text((source / "examples/serial-echo.cpp").read_text())
-    test = project / "my-test.sh"
+    test = project / "line-test.sh"
     test.write_text((source / "examples/line-test.sh").read_text())
     test.chmod(0o755)
     ran = subprocess.run(["bash", "-ex"], input="\n".join(lines) + "\n", cwd=project, text=True, capture_output=True,
                          env={**os.environ, "CXX": sys.argv[3]})
-    if ran.returncode != 0 or not ran.stdout.endswith("\npassed\n"):
+    if ran.returncode != 0 or "100% tests passed, 0 tests failed out of 1\n" not in ran.stdout:
         complaints.append(f"The job ends with {ran.returncode}:\n{ran.stdout}{ran.stderr}")
 
 print("\n".join(complaints) or f"{len(lines)} lines ran.")
