@@ -86,6 +86,24 @@ carried_whole() {
   cmp "$1" /tmp/back
 }
 
+# flooded: receives for 3 s on a line that is flooded: the kernel echoes what the far end sends back.
+flooded() {
+  stty -F "$port" sane
+  cat < "$port" > /dev/null &
+  taking=$!
+  yes | head -n 500 > "$port"
+  sleep 1
+  "$boardctl" serial receive "$port" > /tmp/flood &
+  receiving=$!
+  sleep 3
+  kill "$taking" "$receiving"
+  wait "$receiving"
+  stopped=$?
+  # Until nothing of it is under way any more.
+  "$boardctl" serial receive "$port" --idle 2000 > /dev/null 2>&1
+  return "$stopped"
+}
+
 if [ "${1:-}" = line ]; then
   expect 0 '^/dev/ttyS0 ' "$boardctl" serial list
   expect 0 '^/dev/ttyS0$
@@ -109,6 +127,10 @@ not raw
   stty -F "$port" sane
   "$boardctl" serial send "$port" /tmp/sent
   expect 0 'not raw' "$boardctl" serial show "$port"
+
+  # Opened all the same, and ended by a signal.
+  expect 143 '^boardctl: received [0-9]* bytes in [0-9.]* s: a signal came' flooded
+  stty -F "$port" sane
 
   for loop in '' --loop; do
     # shellcheck disable=SC2086 # an option or nothing

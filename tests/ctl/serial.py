@@ -13,7 +13,7 @@ import sys
 import termios
 import xml.etree.ElementTree
 
-from ctl import BOARDCTL, DISK_FULL, PATIENCE, ctl, finish, main, port_not_opened, shell, TestCase, without_rights
+from ctl import BOARDCTL, DISK_FULL, PATIENCE, ctl, finish, main, port_not_opened, shell, TestCase, without_rights, works
 
 PORT = "/dev/ttyS1"
 
@@ -50,6 +50,19 @@ class Serial(OnALine):
         self.assertRegex(lines[2], rf'^{{"schema":1,"kind":"serial_port","device":"{PORT}","driver":"serial8250",'
                                    r'"has_uart":true,"held_by":\[{"pid":\d+,"name":"bash"}\],"held_by_complete":false}$')
         self.assertEqual(len(lines), 4)
+
+    def test_TheDriverOfTheDeviceIsToldNotThoseThatNewKernelsPutBetween(self):
+        script = f"""number=$(cat /sys/class/tty/ttyS1/dev); mount -t tmpfs none /sys/class/tty; cd /sys/class/tty
+            mkdir -p ttyS1 soc/uart/ctrl/port drivers/imx-uart drivers/ctrl drivers/port serial-base platform
+            ln -s ../soc/uart/ctrl/port ttyS1/device; echo $number > ttyS1/dev; cd soc/uart
+            ln -s ../../drivers/imx-uart driver; ln -s ../../drivers/ctrl ctrl/driver; ln -s ../../drivers/port ctrl/port/driver
+            ln -s ../../platform subsystem; ln -s ../../serial-base ctrl/subsystem; ln -s ../../serial-base ctrl/port/subsystem
+            {shell('--json', 'serial', 'list')}"""
+        if not works("unshare", "--map-root-user", "--mount", "true"):
+            self.skipTest("no mounts of its own can be made here")
+        result = self.board("unshare", "--map-root-user", "--mount", "sh", "-c", script)
+        self.assertEqual((result.status, result.err), (0, ""))
+        self.assertEqual([port["driver"] for port in result.objects], ["imx-uart"])
 
     def test_AWholeSetOfSettingsIsShownAndNothingIsChanged(self):
         show = shell("--json", "serial", "show", PORT)

@@ -520,8 +520,7 @@ void AddNet(Program& program) {
        "It REPLACES the first address of that family that IFACE has: the old one goes "
        "before the new one comes.",
        "Over ssh: with an interface's last IPv4 address goes its default route. If adding fails, the old address is "
-       "gone "
-       "already. --dry-run prints the commands of ip, and runs only those that ask.",
+       "gone already. --dry-run prints the commands of ip, and runs only those that ask.",
        "net address eth0 192.0.2.10/24 --dry-run", kRemains, true, true, false, true},
       SetAddress, arguments);
   AddInterface(address, *arguments, kInterface, kRequired);
@@ -556,8 +555,7 @@ void AddNet(Program& program) {
        "       boardctl net clear gateway [IFACE] [OPTION]...",
        "Over ssh, this may cut the connection: with an interface's last IPv4 address goes its default route.",
        "With IFACE, a default route by another interface stays. --dry-run prints the commands of ip, and runs only "
-       "those "
-       "that ask.",
+       "those that ask.",
        "net clear address eth0 --ipv6", kRemains, true, true, false, true},
       Clear, arguments);
   AddArgument(clear, "WHAT", "", arguments->what, What, "address or gateway", kRequired);

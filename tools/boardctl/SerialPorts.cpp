@@ -3,14 +3,16 @@
 #include <dirent.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <climits>
+#include <filesystem>
 #include <fstream>
 #include <memory>
+#include <system_error>
 
 namespace {
+
+namespace fs = std::filesystem;
 
 std::string LineOf(const std::string& path) {
   std::string line;
@@ -24,6 +26,21 @@ bool IsSerial(const std::string& name) {
   const bool isTty = name.rfind("tty", 0) == 0 && name.size() > 4 && (name[3] < '0' || name[3] > '9');
   const bool isRadio = name.rfind("rfcomm", 0) == 0;
   return (isTty || isRadio) && name.back() >= '0' && name.back() <= '9';
+}
+
+std::string NameOfTarget(const fs::path& link) {
+  std::error_code none;
+  return fs::read_symlink(link, none).filename();
+}
+
+/// The driver of a port's device. From Linux 6.5 on, two devices of the bus serial-base stand between.
+std::string DriverOf(const std::string& link) {
+  std::error_code none;
+  fs::path device = fs::canonical(link, none);
+  while (NameOfTarget(device / "subsystem") == "serial-base") {
+    device = device.parent_path();
+  }
+  return NameOfTarget(device / "driver");
 }
 
 /// ttyS2 before ttyS10.
@@ -47,10 +64,7 @@ std::vector<SerialDevice> SerialDevices() {
     // A node may be another device than the one of its name.
     const std::string told = "/sys/class/tty/" + name;
     if (LineOf(told + "/dev") == std::to_string(major(node.st_rdev)) + ':' + std::to_string(minor(node.st_rdev))) {
-      char driver[PATH_MAX];
-      const ssize_t length = ::readlink((told + "/device/driver").c_str(), driver, sizeof driver);
-      const std::string target(driver, length > 0 ? static_cast<std::size_t>(length) : 0);
-      device.driver = target.substr(target.rfind('/') + 1);
+      device.driver = DriverOf(told + "/device");
       const std::string type = LineOf(told + "/type");
       if (!type.empty()) {
         device.hasUart = type != "0";
