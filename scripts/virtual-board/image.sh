@@ -204,7 +204,8 @@ cross_build() {
   # Most of the time goes into them, so they are not optimised.
   quietly "$built/tests/configure.log" "Configuring build/board/$preset/tests" \
     cmake -S tests/board -B "$built/tests" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_PREFIX_PATH="$built/stage" \
-    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$target.cmake" -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "$@"
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$target.cmake" -DCMAKE_UNITY_BUILD=ON \
+    -DCMAKE_COMPILE_WARNING_AS_ERROR=ON "$@"
   quietly "$built/tests/build.log" "Building build/board/$preset/tests" \
     cmake --build "$built/tests" --parallel "$(nproc)"
 }

@@ -151,36 +151,39 @@ boots=(
   'evk test_evk'
 )
 
-# test_kernel KERNEL: all boots with it, a few at a time; prints each one's output when it has ended. Ends with the status
-# of one that failed.
-test_kernel() {
-  local kernel=$1 runs=$mine/$1 entry name test arguments running=0 status failed=0
-  mkdir -p "$runs"
-  printf '##### %s\n' "$(title "$kernel")"
+# test_kernels KERNEL...: all boots with each of them, a few at a time; prints each one's output when it has ended. Ends
+# with the status of one that failed.
+test_kernels() {
+  local kernel entry name test arguments running=0 status failed=0
   for entry in "${boots[@]}"; do
-    if ((running == at_once)); then
-      wait -n || true
-      running=$((running - 1))
-    fi
-    read -r name test arguments <<<"$entry"
-    # shellcheck disable=SC2086
-    run_one "$runs/$name" $test $arguments &
-    running=$((running + 1))
+    for kernel; do
+      if ((running == at_once)); then
+        wait -n || true
+        running=$((running - 1))
+      fi
+      mkdir -p "$mine/$kernel"
+      read -r name test arguments <<<"$entry"
+      # shellcheck disable=SC2086
+      run_one "$mine/$kernel/$name" $test $arguments &
+      running=$((running + 1))
+    done
   done
   wait
 
   for entry in "${boots[@]}"; do
-    name=${entry%% *}
-    status=$(cat "$runs/$name.status" 2>/dev/null) || status=$no_verdict
-    if ((status != 0)); then
-      failed=$status
-      printf '%s with %s: FAILED with status %s\n' "$name" "$(title "$kernel")" "$status" >&2
-      if ((status == no_verdict)); then
-        show_end "$runs/$name"
-      else
-        grep -e '^\[  FAILED  \] [^0-9]' -e '^FAILED' "$runs/$name.shown" >&2 || true
+    for kernel; do
+      name=$kernel/${entry%% *}
+      status=$(cat "$mine/$name.status" 2>/dev/null) || status=$no_verdict
+      if ((status != 0)); then
+        failed=$status
+        printf '%s with %s: FAILED with status %s\n' "${entry%% *}" "$(title "$kernel")" "$status" >&2
+        if ((status == no_verdict)); then
+          show_end "$mine/$name"
+        else
+          grep -e '^\[  FAILED  \] [^0-9]' -e '^FAILED' "$mine/$name.shown" >&2 || true
+        fi
       fi
-    fi
+    done
   done
   return "$failed"
 }
@@ -189,12 +192,12 @@ title() {
   printf 'Linux %s (%s)' "$(cat "$cache/kernel-$1/complete")" "$1"
 }
 
-# run_one FOLDER TEST [ARGUMENT]...: a boot of test_kernel.
+# run_one FOLDER TEST [ARGUMENT]...: a boot of test_kernels.
 run_one() {
   local run=$1 status=0
   "$2" "$run" "${@:3}" || status=$?
   {
-    printf '=== %s (%s)\n' "${run##*/}" "$(tr '\n' ' ' <"$run/summary")"
+    printf '=== %s with %s: %s\n' "${run##*/}" "$(title "$kernel")" "$(tr '\n' ' ' <"$run/summary")"
     tr -d '\r' <"$run/output"
     if grep '^BOARD-COMPLAINT' "$run/console"; then
       status=1
@@ -207,6 +210,14 @@ run_one() {
   } >"$run.shown"
   cat -- "$run.shown"
   printf '%s\n' "$status" >"$run.status"
+}
+
+# prepare_tests: all that the boots need.
+prepare_tests() {
+  prepare "${kernels[@]}"
+  cross_build armhf-time64 '-DBOARDKIT_EXAMPLES=OFF -DBOARDKIT_TOOLS=OFF' \
+    -DCMAKE_CXX_FLAGS='-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64'
+  add_tests
 }
 
 # run_tests [--kernel NAME] [BOOT]...: the tests with a kernel, or with all of them; all boots, or only the named ones.
@@ -231,13 +242,8 @@ run_tests() {
   done
   boots=("${chosen[@]}")
 
-  prepare "${kernels[@]}"
-  cross_build armhf-time64 '-DBOARDKIT_EXAMPLES=OFF -DBOARDKIT_TOOLS=OFF' \
-    -DCMAKE_CXX_FLAGS='-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64'
-  add_tests
+  prepare_tests
   prepared "${kernels[@]}"
-  for kernel in "${kernels[@]}"; do
-    test_kernel "$kernel"
-  done
+  test_kernels "${kernels[@]}"
   printf 'All boots passed, in %s s.\n' "$SECONDS"
 }

@@ -234,7 +234,7 @@ echo '== Of the tests, one that merely fails ends the run with its status and it
   boots=('failing test_failing' 'passing test_passing')
   prepare bookworm
   prepared bookworm
-  test_kernel bookworm
+  test_kernels bookworm
 ) >out 2>err && status=0 || status=$?
 ((status == 3)) || fail "The status is $status, not 3."
 grep -q 'failing .*FAILED with status 3' err || fail 'Its status is not told.'

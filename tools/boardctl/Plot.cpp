@@ -9,7 +9,7 @@
 namespace {
 
 // The picture, in its own units.
-constexpr double kWidth = 960;
+constexpr double kPictureWidth = 960;
 constexpr double kHead = 60;
 constexpr double kPanel = 280;
 constexpr double kFoot = 90;
@@ -85,7 +85,7 @@ class PanelDrawing {
     std::string svg = Text(kLeft, m_top - 34, m_panel.title + " (" + m_panel.unit + ')', "class=\"title\"");
     for (int exponent = m_low; exponent <= m_high; ++exponent) {
       const double y = Y(std::pow(10, exponent));
-      svg += Line(kLeft, y, kWidth - kRight, y, "class=\"grid\"");
+      svg += Line(kLeft, y, kPictureWidth - kRight, y, "class=\"grid\"");
       svg += Text(kLeft - 8, y + 4, Short(exponent), "text-anchor=\"end\"");
     }
     double legend = kLeft;
@@ -101,7 +101,7 @@ class PanelDrawing {
   }
 
   static double X(std::size_t place, std::size_t places) {
-    return kLeft + (kWidth - kLeft - kRight) * (static_cast<double>(place) + 0.5) / static_cast<double>(places);
+    return kLeft + (kPictureWidth - kLeft - kRight) * (static_cast<double>(place) + 0.5) / static_cast<double>(places);
   }
 
  private:
@@ -179,7 +179,7 @@ std::vector<std::string> Histogram(const std::vector<double>& values, const std:
 std::string Svg(const std::string& title, const std::string& axis, const std::vector<std::string>& labels,
                 const std::vector<Panel>& panels) {
   const double height = kHead + kPanel * static_cast<double>(panels.size()) + kFoot;
-  const std::string size = "0 0 " + Number(kWidth) + ' ' + Number(height);
+  const std::string size = "0 0 " + Number(kPictureWidth) + ' ' + Number(height);
   std::string svg =
       "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"" + size +
       "\" font-family=\"sans-serif\" font-size=\"13\" role=\"img\">\n<title>" + Escaped(title) +
@@ -195,7 +195,7 @@ std::string Svg(const std::string& title, const std::string& axis, const std::ve
     const std::string turn = "text-anchor=\"end\" transform=\"rotate(-40 " + Number(x) + ' ' + Number(below) + ")\"";
     svg += Text(x + 4, below + 4, labels[i], turn);
   }
-  return svg + Text((kLeft + kWidth - kRight) / 2, height - 14, axis, "text-anchor=\"middle\"") + "</svg>\n";
+  return svg + Text((kLeft + kPictureWidth - kRight) / 2, height - 14, axis, "text-anchor=\"middle\"") + "</svg>\n";
 }
 
 }  // namespace plot

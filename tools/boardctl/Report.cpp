@@ -43,9 +43,9 @@ struct Page {
     lines.push_back(title);
   }
   void Row(const std::string& name, const std::string& value) {
-    constexpr std::size_t kColumn = 14;
+    constexpr std::size_t kValuesBegin = 14;
     const std::string front = "  " + name;
-    lines.push_back(front + std::string(front.size() < kColumn ? kColumn - front.size() : 1, ' ') + value);
+    lines.push_back(front + std::string(front.size() < kValuesBegin ? kValuesBegin - front.size() : 1, ' ') + value);
   }
 };
 
