@@ -17,6 +17,15 @@ document.addEventListener("DOMContentLoaded", () => {
 
   const entries = [...document.querySelectorAll(".entry")];
   const texts = entries.map((entry) => entry.textContent.toLowerCase());
+  // Each section's heading and its entries.
+  const sections = [];
+  document.querySelectorAll(".contents h1, .entry").forEach((element) => {
+    if (element.matches(".entry")) {
+      sections.at(-1)?.entries.push(element);
+    } else {
+      sections.push({heading: element, entries: []});
+    }
+  });
   // The parts of each fixed text, without what varies between them.
   const fixed = entries.map((entry) => entry.querySelector(".text").textContent.toLowerCase().split("...")
     .map((part) => part.trim()).filter((part) => part));
@@ -28,10 +37,15 @@ document.addEventListener("DOMContentLoaded", () => {
       entry.hidden = !words.every((word) => texts[i].includes(word)) && !fixed[i].every((part) => typed.includes(part));
       shown += entry.hidden ? 0 : 1;
     });
+    sections.forEach((section) => { section.heading.hidden = section.entries.every((entry) => entry.hidden); });
     count.textContent = `${shown} of ${entries.length} texts`;
   };
   field.addEventListener("input", apply);
   // A link to an entry must not lead to a hidden one.
-  window.addEventListener("hashchange", () => { field.value = ""; apply(); });
+  window.addEventListener("hashchange", () => {
+    field.value = "";
+    apply();
+    document.getElementById(decodeURIComponent(location.hash.slice(1)))?.scrollIntoView();
+  });
   apply();
 });

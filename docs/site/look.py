@@ -249,6 +249,9 @@ def check_filter(browser, site, screen, scheme):
         found = browser.evaluate(shown)
         if len(everything) < 60 or len(found) > most or not any(wanted in text for text in found):
             complaints.append(f"the filter: {typed!r} leaves {len(found)} of {len(everything)} entries")
+        headings = browser.evaluate("[...document.querySelectorAll('.contents h1')].filter((e) => e.checkVisibility()).length")
+        if not 1 <= headings <= len(found):
+            complaints.append(f"the filter: {typed!r} leaves {headings} headings over {len(found)} entries")
     complaints += [f"the filter: contrast of {bad}" for bad in browser.evaluate(CONTRAST)["bad"]]
     return complaints + [f"the filter: {error}" for error in browser.errors()]
 
