@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "BareSupervisor.h"
 #include "Benches.h"
 #include "Contest.h"
 #include "Descriptor.h"
@@ -59,6 +60,7 @@ class Line {
       m_master = Descriptor(master);
     }
     m_tty = Descriptor(tty);
+    m_name = IsOnBoard() ? kTty : ::ttyname(tty);
     termios settings{};
     Require(::tcgetattr(m_tty.Get(), &settings) == 0, "tcgetattr");
     ::cfmakeraw(&settings);
@@ -71,6 +73,9 @@ class Line {
   }
   bool IsOnBoard() const {
     return m_master.Get() == -1;
+  }
+  const std::string& Name() const {
+    return m_name;
   }
 
   void SendByteAndBack() const {
@@ -85,6 +90,7 @@ class Line {
  private:
   Descriptor m_tty;
   Descriptor m_master;
+  std::string m_name;
 };
 
 struct Case {
@@ -133,18 +139,25 @@ void AskForSize(const Line& line) {
   Require(RealIoctl(line, TIOCGWINSZ, &size) == 0, "TIOCGWINSZ");
 }
 
-/// Beside the board, a pseudo-terminal refuses.
-void AskForModemLines(const Line& line) {
-  int lines = 0;
-  RealIoctl(line, TIOCMGET, &lines);
+/// Beside the board, calls are answered by the least that can.
+void BeSupervised(const Line& line) {
+  static bool isSupervised = line.IsOnBoard();
+  if (!isSupervised) {
+    ContinueSupervised();
+    isSupervised = true;
+  }
 }
 
-/// Beside the board, there is nothing of that name to open.
-void OpenForBoth(const Line& /*line*/) {
-  const int fd = ::open(kTty, O_RDWR | O_NOCTTY | O_CLOEXEC);
-  if (fd != -1) {
-    ::close(fd);
-  }
+void AskForModemLines(const Line& line) {
+  BeSupervised(line);
+  int lines = 0;
+  Require(RealIoctl(line, TIOCMGET, &lines) == 0, "TIOCMGET");
+}
+
+/// Two calls: it is closed, too.
+void OpenForBoth(const Line& line) {
+  BeSupervised(line);
+  const Descriptor tty(::open(line.Name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
 }
 
 void SendByteAndBack(const Line& line) {
