@@ -23,9 +23,10 @@ constexpr const char* kNumberedPath = "/dev/watchdog0";
 constexpr watchdog_info kSupport{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT, 0,
                                  "boardsim"};
 constexpr char kMagic = 'V';
-constexpr int kFirst = 60;       // seconds
-constexpr int kShortest = 1;     // seconds
-constexpr int kLongest = 65535;  // seconds
+constexpr std::size_t kLargestPage = 65536;  // bytes
+constexpr int kFirst = 60;                   // seconds
+constexpr int kShortest = 1;                 // seconds
+constexpr int kLongest = 65535;              // seconds
 
 std::string Seconds(Watchdog::Clock::duration time) {
   char text[32];
@@ -228,13 +229,16 @@ void Watchdog::Finish() {
 void Watchdog::Look() {
   pollfd reader{m_reader.Get(), POLLIN, 0};
   while (::poll(&reader, 1, 0) > 0) {
-    char bytes[4096];
+    char bytes[kLargestPage];
     const ssize_t got = ::read(m_reader.Get(), bytes, sizeof bytes);
     if (got > 0) {
       if (!m_isOpen) {
         Begin();
       }
-      m_maySleep = std::find(bytes, bytes + got, kMagic) != bytes + got;
+      // What is written at once comes in pieces of a page.
+      const bool hasMagic = std::find(bytes, bytes + got, kMagic) != bytes + got;
+      m_maySleep = hasMagic || (m_maySleep && m_goesOn);
+      m_goesOn = got % ::sysconf(_SC_PAGESIZE) == 0;
       Feed(m_maySleep ? "write magic" : "write");
       continue;
     }

@@ -69,6 +69,7 @@ class Watchdog : public Device {
   bool m_isArmed = false;
   bool m_wasArmed = false;  // before it was opened
   bool m_maySleep = false;  // the magic byte was in the last write
+  bool m_goesOn = false;    // what comes may belong to the last write, too
   bool m_isFed = false;     // since the status was asked for
   bool m_isWarned = false;  // of the reset, since it was fed
   int m_timeout = 0;        // seconds

@@ -148,6 +148,15 @@ TEST_F(Watchdog, AShellCanFeedAndStopIt) {
   EXPECT_EQ(Run({}, {"sh", "-c", "echo V >/dev/watchdog; exit 5"}).status, 5);
 }
 
+TEST_F(Watchdog, TheMagicByteCountsAlsoAtTheBeginningOfALongWrite) {
+  EXPECT_EQ(Run({}, {"sh", "-c",
+                     "{ printf V; head -c 9999 /dev/zero; } >\"$0\"; "
+                     "dd if=\"$0\" of=/dev/watchdog bs=10000 count=1 conv=notrunc,nocreat 2>/dev/null; exit 5",
+                     Path("long")})
+                .status,
+            5);
+}
+
 TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
   const auto board = Boot({"--control", Path("control")}, {kProbe, "talk"});
   EXPECT_EQ(board->Ask("open rwc /dev/watchdog"), "3");
