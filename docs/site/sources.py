@@ -2,10 +2,12 @@
 
 - Every public header begins with the example of its page of the handbook, has every text of its family, and on the site
   each operation shows its failures.
-- The README's programs, and the examples that a page of the handbook shows, are the files in examples/.
-- Each subsystem's page has the same sections: example, arguments, failures, threads, pitfalls; its states are drawn.
+- The error catalogue names composite operations where the calls in them fail, and docs/errors.md is made of it.
+- All C++ that the README and the handbook show is a part of the files in examples/, which tests run.
+- Each subsystem's page has the same sections: example, arguments, failures, threads, pitfalls; its states are drawn; and
+  its table of arguments has every parameter of every operation.
 - The handbook is plain Markdown, whose links lead somewhere also where the sources are read.
-- The handbook's number of tests is about right.
+- The handbook's number of test functions is about right.
 - The handbook and the headers name only files that are there, and the handbook's commands are not cut off on a desktop.
 - The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
   EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
