@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks the manual pages: by mandoc, by man, and that the project's pages that they refer to exist. Run from the top folder.
+# Checks the manual pages: by mandoc, by man, and that the pages that they refer to exist. Run from the top folder.
 set -euo pipefail
 
 mapfile -t pages < <(find docs/man sim tools -name '*.[137]' -o -name '*.3boardkit' 2>/dev/null | sort)
@@ -19,6 +19,15 @@ for page in "${pages[@]}"; do
       failed=1
     fi
   done < <(sed -nE 's/^\.BR (board[a-z]+|[A-Za-z]+) \((1|7|3boardkit)\).*/\1 \2/p' "$page" | grep -E '^board| 3boardkit$')
+  # Those of the system's calls and library are there where the system's manual is.
+  if man -w 2 open >/dev/null 2>&1; then
+    while read -r name section; do
+      if ! man -w "$section" "$name" >/dev/null 2>&1; then
+        printf '%s refers to %s(%s), which the system does not have.\n' "$page" "$name" "$section"
+        failed=1
+      fi
+    done < <(sed -nE 's/^\.BR ([a-z0-9_]+) \(([23])\).*/\1 \2/p' "$page")
+  fi
 done
 printf '%s manual pages.\n' "${#pages[@]}"
 ((${#pages[@]} >= 9 && !failed))
