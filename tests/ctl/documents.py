@@ -47,6 +47,17 @@ class ManualPage(TestCase):
             self.assertIn(option, known)
 
 
+class Readme(TestCase):
+    def test_TheCommandsOfTheReadmeRunOnASimulatedBoard(self):
+        commands = re.findall(r"(?m)^(?:sudo |boardsim -- )?boardctl (.*?) *#.*$", (SOURCE / "README.md").read_text())
+        self.assertGreater(len(commands), 4)
+        for command in commands:
+            with self.subTest(command=command):
+                result = self.on_board(*shlex.split(command))
+                self.assertEqual(result.status, 0, result.err)
+                self.assertTrue(result.out)
+
+
 class Schema(TestCase):
     # What every verb that has JSON is called with on a board.
     CALLS = {

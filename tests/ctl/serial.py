@@ -262,12 +262,12 @@ class Serial(OnALine):
         self.expect_put_back()
 
     def test_AHoldersNameDoesNotReachTheTerminalAsItIs(self):
-        name = "a\x1b[2J\x07"
+        name = "a\x1b[2J\x07\x7f"
         shutil.copy(shutil.which("sleep"), name)
         pathlib.Path(name).chmod(0o755)
         script = f"./{name} 100 3<>{PORT} & until {shell('serial', 'list')} | grep -q 'open by a'; do :; done; {shell('serial', 'list')}; kill $!"
         result = self.board("bash", "-c", script)
-        self.assertIn(", open by a?[2J? (", result.out)
+        self.assertIn(", open by a?[2J?? (", result.out)
 
     def test_ASignalWhileReceivingPutsTheLineBack(self):
         for number in (signal.SIGINT, signal.SIGTERM):
