@@ -337,6 +337,16 @@ class Watchdog(TestCase):
                 self.assertFalse(os.path.exists("ran"))
                 self.assertEqual(self.events(), [])
 
+        # A driver with other limits.
+        for most, words in (("0", "10 s or more, not 9 s"), ("20", "10 to 20 s, not 9 s")):
+            with self.subTest(most=most):
+                script = (f"cd /sys/class/watchdog && mkdir watchdog0 && cd watchdog0 && echo 0:0 > dev && echo 10 > min_timeout && "
+                          f"echo {most} > max_timeout && {shell('watchdog', 'feed', DEVICE, '--interval', '9')}")
+                result = self.board("sh", "-c", self.without_sys(script), log="log")
+                self.assertEqual((result.status, result.err), (2, f"boardctl: watchdog feed: --interval: the driver takes {words} "
+                                                                  "(see boardctl watchdog feed --help)\n"))
+                self.assertEqual(self.events(), [])
+
     def driver_that(self, answers):
         """The words of a shell that let a command see another driver: none such is available, so the test changes what the
         driver says of itself. @answers are statements about a request and its argument."""

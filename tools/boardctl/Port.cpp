@@ -1,5 +1,8 @@
 #include "Port.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <limits>
@@ -39,6 +42,29 @@ SerialPort::BaudRate StandardCode(std::uint32_t bitsPerSecond) {
   }
   return SerialPort::BAUD_0;
 }
+
+/// The number that the next descriptor to be opened gets: the lowest that is free.
+int NextDescriptor() {
+  const int fd = ::open("/", O_PATH | O_CLOEXEC);
+  ::close(fd);
+  return fd;
+}
+
+/// While it lives, reading does not wait. The library reads as many bytes as there were a moment ago.
+class DoesNotWait {
+ public:
+  explicit DoesNotWait(int fd) : m_fd(fd) {
+    ::fcntl(m_fd, F_SETFL, O_NONBLOCK);
+  }
+  ~DoesNotWait() {
+    ::fcntl(m_fd, F_SETFL, 0);
+  }
+  DoesNotWait(const DoesNotWait&) = delete;
+  DoesNotWait& operator=(const DoesNotWait&) = delete;
+
+ private:
+  int m_fd;
+};
 
 }  // namespace
 
@@ -106,7 +132,8 @@ void Standstill::Look(std::uint32_t waiting) {
   }
 }
 
-Port::Port(const LineOptions& line, Output& out) : m_out(out), m_side(line.device), m_discards(m_side.Descriptor()) {
+Port::Port(const LineOptions& line, Output& out)
+    : m_out(out), m_side(line.device), m_fd(NextDescriptor()), m_discards(m_side.Descriptor(), m_fd) {
   m_side.Quieten();
   WaitUntilOthersHaveSent();
   try {
@@ -175,9 +202,12 @@ bool Port::WaitForData(int milliseconds) const {
 
 std::vector<unsigned char> Port::Read() {
   std::vector<unsigned char> bytes;
-  m_port->ReadAllAvailableData();
+  {
+    const DoesNotWait doesNotWait(m_fd);
+    m_port->ReadAllAvailableData();
+  }
   m_port->Read(bytes, 0);
-  if (bytes.empty()) {
+  if (bytes.empty() && m_side.IsHungUp()) {
     bytes.push_back(m_port->ReadOneByte());
   }
   return bytes;

@@ -82,8 +82,8 @@ class Port {
 
   /// Waits until something can be read, for @p milliseconds at most, and not longer than until a signal comes.
   bool WaitForData(int milliseconds) const;
-  /// What the driver has received. If it said that there is something, and there is nothing, the line was hung up.
-  /// @throws what the library does then.
+  /// What the driver has received: nothing if another program that has the port open was faster.
+  /// @throws what the library does for a line that was hung up.
   std::vector<unsigned char> Read();
 
  private:
@@ -92,6 +92,7 @@ class Port {
 
   Output& m_out;
   Tty m_side;
+  int m_fd;  // of the library's port
   std::unique_ptr<SerialPort> m_port;
   signals::DiscardsOutput m_discards;
 };

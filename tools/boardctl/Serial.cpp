@@ -372,6 +372,9 @@ std::string ReceiveAll(Port& port, const ReceiveArguments& arguments, Printer& p
       return signals::Caught() != 0 ? "signal" : "idle";
     }
     std::vector<unsigned char> bytes = port.Read();
+    if (bytes.empty()) {
+      continue;
+    }
     if (arguments.count != 0 && bytes.size() >= arguments.count - received) {
       bytes.resize(static_cast<std::size_t>(arguments.count - received));
       ended = "count";

@@ -136,7 +136,9 @@ void MeasureTurns(Port& port, const TestArguments& arguments, Measurement& measu
     port->FlushInput();
     const auto start = Clock::now();
     port->Write(&byte, 1);
-    if (!port.WaitForData(PatienceMs(measured.limit, 2)) || port.Read().front() != byte) {
+    const bool hasCome = port.WaitForData(PatienceMs(measured.limit, 2));
+    const Bytes come = hasCome ? port.Read() : Bytes();
+    if (come.empty() || come.front() != byte) {
       measured.turnsLost += signals::Caught() == 0 ? 1U : 0U;
       continue;
     }

@@ -22,6 +22,7 @@ constexpr int kNone = -1;
 
 std::atomic<int> caught{0};
 std::atomic<int> discarded{kNone};  // the descriptor of the tty
+std::atomic<int> freed{kNone};      // another one of it
 std::atomic<std::uint32_t> discardedBytes{0};
 std::atomic<int> handedTo{kNone};  // a process; 0 for all descendants
 int wake[2] = {kNone, kNone};
@@ -109,6 +110,7 @@ void Note(int number, siginfo_t* information, void* /*context*/) {
       discardedBytes += static_cast<std::uint32_t>(waiting);
     }
     ::tcflush(fd, TCOFLUSH);
+    ::fcntl(freed, F_SETFL, O_NONBLOCK);
   }
   const int process = handedTo;
   const bool isFromTerminal = information->si_code == SI_KERNEL;
@@ -189,7 +191,8 @@ int Descriptor() {
   return wake[0];
 }
 
-DiscardsOutput::DiscardsOutput(int fd) {
+DiscardsOutput::DiscardsOutput(int fd, int other) {
+  freed = other;
   discarded = fd;
 }
 

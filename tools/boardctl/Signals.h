@@ -40,11 +40,12 @@ bool Wait(int milliseconds);
 /// A descriptor that is readable once a signal has come, for those who wait for something else, too.
 int Descriptor();
 
-/// While it lives, a signal also discards what the tty behind @p fd has not sent yet: so a writer that the line's flow
-/// control holds up comes back.
+/// While it lives, a signal also discards what the tty behind @p fd has not sent yet, and lets @p other, a descriptor
+/// of the same tty, wait no more: so a writer that the line's flow control holds up comes back, and so does a reader
+/// whose bytes another program has taken. @p other need not be open yet.
 class DiscardsOutput {
  public:
-  explicit DiscardsOutput(int fd);
+  DiscardsOutput(int fd, int other);
   ~DiscardsOutput();
   DiscardsOutput(const DiscardsOutput&) = delete;
   DiscardsOutput& operator=(const DiscardsOutput&) = delete;

@@ -273,9 +273,11 @@ void CheckBeforeArming(const WatchdogArguments& arguments, Output& out) {
     return;  // opening tells why
   }
   const auto interval = static_cast<std::uint64_t>(arguments.intervalS);
-  if (interval < look.shortestS.value_or(0) || (look.longestS.value_or(0) != 0 && interval > *look.longestS)) {
-    throw UsageError("--interval: the driver takes " + std::to_string(look.shortestS.value_or(1)) + " to " +
-                     std::to_string(look.longestS.value_or(INT_MAX)) + " s, not " +
+  const std::uint64_t least = look.shortestS.value_or(1);
+  const std::uint64_t most = look.longestS.value_or(0);  // 0: no limit
+  if (interval < least || (most != 0 && interval > most)) {
+    throw UsageError("--interval: the driver takes " + std::to_string(least) +
+                     (most == 0 ? " s or more, not " : " to " + std::to_string(most) + " s, not ") +
                      SecondsInWords(arguments.intervalS));
   }
   if (look.nowayout == true) {
