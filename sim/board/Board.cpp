@@ -69,12 +69,14 @@ int Board::RunOnce() {
     return kStatusSignal + SIGINT;
   }
   bool hasEnded = false;
+  bool isCutShort = false;
   const auto signals = m_loop.Watch(
       [this] {
         return pollfd{m_signals.Get(), POLLIN, 0};
       },
-      [this, &hasEnded](short) {
-        HandOnSignals();
+      [this, &hasEnded, &isCutShort](short) {
+        const bool isSignalled = HandOnSignals();
+        isCutShort = isCutShort || (hasEnded && isSignalled);
         hasEnded = m_sandbox->HasEnded();
       });
   EventLoop::Registration calls;
@@ -98,7 +100,8 @@ int Board::RunOnce() {
   for (auto device = m_devices.begin(); !m_isReset && device != m_devices.end(); ++device) {
     (*device)->Finish();
   }
-  while (!m_isReset && std::any_of(m_devices.begin(), m_devices.end(), [](auto& device) { return device->IsBusy(); })) {
+  const auto isBusy = [](auto& device) { return device->IsBusy(); };
+  while (!m_isReset && !isCutShort && std::any_of(m_devices.begin(), m_devices.end(), isBusy)) {
     m_loop.Turn();
   }
   return m_isReset ? kStatusReset : ApplicationStatus();
@@ -163,14 +166,18 @@ void Board::AnswerCall() {
   }
 }
 
-void Board::HandOnSignals() {
+/// @returns whether there was one that is meant for the application.
+bool Board::HandOnSignals() {
+  bool isSignalled = false;
   signalfd_siginfo signal{};
   while (::read(m_signals.Get(), &signal, sizeof signal) == sizeof signal) {
     // What comes from the terminal has reached the application as well.
     if (signal.ssi_signo != SIGCHLD && signal.ssi_code != SI_KERNEL) {
       m_sandbox->Signal(static_cast<int>(signal.ssi_signo));
     }
+    isSignalled = isSignalled || signal.ssi_signo != SIGCHLD;
   }
+  return isSignalled;
 }
 
 void Board::SetLink(const std::string& interface, const std::string& state) {

@@ -38,7 +38,7 @@ class Board {
   void MakeSandbox();
   void RefuseRootOnThisNetwork() const;
   void AnswerCall();
-  void HandOnSignals();
+  bool HandOnSignals();
   void SetLink(const std::string& interface, const std::string& state);
   void Reset(const std::string& path, const std::string& circumstance, const std::string& account);
   int ApplicationStatus() const;

@@ -98,8 +98,8 @@ void Sandbox::Go() {
 }
 
 void Sandbox::Signal(int signal) const {
-  // Likewise never without a process.
-  if (m_application > 0) {
+  // Likewise never without a process. When it has ended, its number may be another one's.
+  if (m_application > 0 && !m_status) {
     ::kill(m_application, signal);
   }
 }

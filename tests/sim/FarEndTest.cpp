@@ -238,6 +238,18 @@ TEST_F(FarEnd, OneOnASlowLineHearsAllThatIsOnItsWayHoweverLongThatTakes) {
   EXPECT_EQ(Contents(Path("log")).find("lost"), std::string::npos);
 }
 
+TEST_F(FarEnd, AKeyEndsTheBoardThatStillSendsWhatIsLeft) {
+  const auto board =
+      Boot({"--pace", "--tty", "/dev/ttyS1=exec:cat >" + Path("heard")},
+           {"sh", "-c", "exec 3>/dev/ttyS1; stty 300 raw -echo <&3; printf %9000s all >&3; echo over; exit 5"});
+  EXPECT_EQ(board->Listen(), "over");
+  // The first process has ended, and the command listens.
+  ASSERT_TRUE(Eventually([&board] { return ChildrenOf(board->Process()).size() == 1; }));
+  EXPECT_EQ(::kill(board->Process(), SIGINT), 0);
+  EXPECT_EQ(board->Finish().status, 5);
+  EXPECT_LT(Contents(Path("heard")).size(), 9000U);
+}
+
 TEST_F(FarEnd, OneThatNeverReadsDoesNotKeepTheBoardFromEndingAndWhatItMissesIsLogged) {
   // It ends once its writer has been held up for a second.
   const Outcome outcome = Run({"--tty", "/dev/ttyS1=exec:exec sleep 300", "--log", Path("log")},

@@ -122,10 +122,14 @@ bool SerialLine::IsBusy() {
     m_lastMove = Clock::now();
     m_lastGone = gone;
   }
+  // Who sends all back, or nobody, would not miss it.
+  const bool isHeard = m_port.far->IsConnected() && !m_port.far->ReturnsBytes();
   const bool isBusy =
-      m_port.terminal && !m_sender.IsEmpty() && m_sender.CanSend() && Clock::now() < *m_lastMove + kPatience;
+      m_port.terminal && isHeard && !m_sender.IsEmpty() && m_sender.CanSend() && Clock::now() < *m_lastMove + kPatience;
   if (!isBusy && !m_sender.IsEmpty()) {
-    m_port.Log("lost bytes=" + std::to_string(m_sender.Waiting()));
+    if (isHeard) {
+      m_port.Log("lost bytes=" + std::to_string(m_sender.Waiting()));
+    }
     m_sender.Drop();
   }
   return isBusy;
