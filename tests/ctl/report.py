@@ -105,6 +105,36 @@ class Report(TestCase):
                 with self.subTest(words=words):
                     self.assertIn(remark, finish(start([*words, BOARDCTL, "--json", "report"])).objects[0]["unusual"])
 
+    def elsewhere(self, script, *words):
+        """A report on a board whose kernel tells other things, which the script puts in the place of what there is."""
+        if not works("unshare", "--map-root-user", "--mount", "true"):
+            self.skipTest("no mounts of its own can be made here")
+        result = self.board("unshare", "--map-root-user", "--mount", "sh", "-ec", f"{script}\n{without_rights(*words, 'report')}")
+        self.assertEqual((result.status, result.err), (0, ""))
+        return result
+
+    def test_ScarceMemoryIsUnusual(self):
+        for kib, is_scarce in (1000, True), (2**40, False):
+            with self.subTest(kib=kib):
+                report = self.elsewhere(f"echo 'MemAvailable: {kib} kB' > told; mount --bind told /proc/meminfo", "--json").objects[0]
+                self.assertEqual(report["memory"]["available_bytes"], kib * 1024)
+                self.assertEqual("Less than a tenth of the memory is available." in self.unusual(report), is_scarce)
+
+    def test_WhyMemoryMayNotBeUsedIsToldByKernelOptionLockdownAndCapability(self):
+        locked = "mount -t tmpfs none /sys/kernel/security; echo 'none [integrity] confidentiality' > /sys/kernel/security/lockdown"
+        if os.path.isdir("/sys/kernel/security"):
+            report = self.elsewhere(f"{locked}; chmod 000 /dev/mem", "--json").objects[0]
+            self.assertEqual(report["physical_memory"]["why_not"], "the kernel is locked down: none [integrity] confidentiality")
+            self.assertIn({"what": "Registers can't be read: the kernel is locked down: none [integrity] confidentiality.",
+                           "remedy": "Boot with lockdown=none, without Secure Boot."}, report["unusual"])
+            # It is no reason where it lets the device be opened.
+            self.assertTrue(self.elsewhere(locked, "--json").objects[0]["physical_memory"]["usable"])
+        if os.path.isdir("/boot"):
+            guarded = "mount -t tmpfs none /boot; echo CONFIG_STRICT_DEVMEM=y > /boot/config-$(uname -r)"
+            self.assertIn("  /dev/mem    may be used, but not for memory that the kernel itself uses (CONFIG_STRICT_DEVMEM)\n",
+                          self.elsewhere(guarded).out)
+            self.assertEqual(self.elsewhere(guarded, "--json").objects[0]["physical_memory"]["strict_devmem"], True)
+
     def test_TheIpThatTheLibraryRunsIsNamed(self):
         pathlib.Path("tools").mkdir()
         pathlib.Path("tools/ip").write_text("#!/bin/sh\necho 'BusyBox v9.8.7 (built today) multi-call binary.' >&2; exit 1\n")

@@ -378,6 +378,14 @@ class Watchdog(TestCase):
                                                           "boardctl: watchdog feed: Feeding each 5 s is too rare for a time-out of 3 s\n"))
         self.assertEqual(self.events(), ["open", "timeout 10", "write magic", "close: stopped"])
 
+    def test_ASignalThatComesWhileItIsBeingArmedStartsNothingAndLeavesNothingArmed(self):
+        driver = self.driver_that("if (request == WDIOC_SETTIMEOUT) { syscall(SYS_kill, getpid(), 15); }")
+        result = self.board("sh", "-c", f"{driver} {shell('watchdog', 'run', DEVICE, '--', 'touch', 'ran')}; echo $?", log="log")
+        self.assertEqual((result.status, result.out), (0, "143\n"))
+        self.assertEqual(result.err.splitlines()[-1], DISARMED)
+        self.assertFalse(os.path.exists("ran"))
+        self.assertEqual(self.events(), ["open", "timeout 30", "write magic", "close: stopped"])
+
     def test_OfADriverWithoutMagicCloseTheDeviceIsKeptOpenUntilTheReset(self):
         # Any close would stop such a driver.
         driver = self.driver_that("if (request == WDIOC_GETSUPPORT) {"
