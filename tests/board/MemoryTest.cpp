@@ -3,17 +3,15 @@
 
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <exception>
-#include <iostream>
 
 #include <gtest/gtest.h>
 
 #include "../sys/SysTexts.h"
+#include "AnotherProcess.h"
 #include "ExpectThrow.h"
 
 namespace {
@@ -23,24 +21,6 @@ constexpr unsigned int kLastWordOfThePage = 0x80020FFC;
 constexpr unsigned int kKernelsMemory = 0x41000000;
 constexpr unsigned int kNothing = 0xA0000000;
 constexpr unsigned int kConsoleUart = 0x09000000;
-
-/// The status of a second process that runs @p function, which returns its exit code.
-template <typename Function>
-int StatusOfAnotherProcess(Function function) {
-  constexpr int kThrew = 99;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    try {
-      ::_exit(function());
-    } catch (const std::exception& e) {
-      std::cerr << e.what() << '\n';
-      ::_exit(kThrew);
-    }
-  }
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  return status;
-}
 
 TEST(PhysicalMemory, AWrittenWordIsReadBack) {
   WriteToPhysicalMemoryAddress(kWords + 8, 0x12345678);
@@ -93,8 +73,7 @@ TEST(PhysicalMemory, AnAddressWhereNothingAnswersEndsTheProcessWithABusError) {
 
 TEST(PhysicalMemory, AnUnprivilegedProcessIsRefused) {
   const int status = StatusOfAnotherProcess([] {
-    constexpr uid_t kNobody = 65534;
-    EXPECT_EQ(::setuid(kNobody), 0);
+    BecomeOrdinaryUser();
     EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(kWords), EACCES, systext::kMemoryError);
     return testing::Test::HasFailure() ? 1 : 0;
   });

@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -32,6 +31,7 @@
 
 #include "../sys/SysTexts.h"
 #include "Allocations.h"
+#include "AnotherProcess.h"
 #include "ExpectThrow.h"
 #include "FileTexts.h"
 #include "OpenDescriptors.h"
@@ -754,15 +754,11 @@ TEST_F(FileExists, AFileWithoutReadPermissionDoesNotExist) {
   ASSERT_EQ(::chmod(path.c_str(), 0), 0);
   std::filesystem::permissions(std::filesystem::path(path).parent_path(), std::filesystem::perms::all);
 
-  // In a process of its own: root may read everything, so it has to become another user.
-  const pid_t child = ::fork();
-  if (child == 0) {
-    constexpr uid_t kNobody = 65534;
-    const bool dropped = ::geteuid() != 0 || ::setuid(kNobody) == 0;
-    ::_exit(!dropped ? 2 : File::Exists(path) ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  const int status = StatusOfAnotherProcess([&] {
+    BecomeOrdinaryUser();
+    EXPECT_FALSE(File::Exists(path));
+    return HasFailure() ? 1 : 0;
+  });
   EXPECT_EQ(status, 0);
 }
 

@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AnotherProcess.h"
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
 #include "Lists.h"
@@ -219,25 +220,21 @@ TEST_F(PhysicalMemory, ThreadsDoNotDisturbEachOther) {
 }
 
 TEST(RealPhysicalMemory, IsOutOfReachWithoutPrivilege) {
-  // In a process of its own, which drops its privileges.
-  const pid_t child = ::fork();
-  if (child == 0) {
-    constexpr uid_t kNobody = 65534;
-    const bool dropped = ::geteuid() != 0 || ::setuid(kNobody) == 0;
+  constexpr int kOpen = 2;
+  const int status = StatusOfAnotherProcess([] {
+    BecomeOrdinaryUser();
     const int fd = ::open("/dev/mem", O_RDWR);
     const int error = errno;
-    if (!dropped || fd != -1) {
-      ::_exit(2);
+    if (fd != -1) {
+      return kOpen;
     }
     EXPECT_TRUE(error == EACCES || error == EPERM || error == ENOENT) << ErrorName(error);
     EXPECT_SYSTEM_ERROR(ReadFromPhysicalMemoryAddress(0x1000), error, systext::kMemoryError);
     EXPECT_SYSTEM_ERROR(WriteToPhysicalMemoryAddress(0x1000, 0), error, systext::kMemoryError);
-    ::_exit(HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
+    return HasFailure() ? 1 : 0;
+  });
   ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 2) {
+  if (WEXITSTATUS(status) == kOpen) {
     GTEST_SKIP() << "everybody may open /dev/mem here";
   }
   EXPECT_EQ(WEXITSTATUS(status), 0);

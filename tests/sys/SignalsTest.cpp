@@ -24,6 +24,7 @@
 
 #include <gtest/gtest.h>
 
+#include "AnotherProcess.h"
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
 #include "ScriptedKernel.h"
@@ -439,13 +440,7 @@ TEST(LinuxGetThreadId, IsTheResultOfOneSystemCallAsItComes) {
 }
 
 TEST(LinuxGetThreadId, AChildProcessHasItsOwn) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::_exit(LinuxGetThreadId() == ::getpid() ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(StatusOfAnotherProcess([] { return LinuxGetThreadId() == ::getpid() ? 0 : 1; }), 0);
 }
 
 }  // namespace
