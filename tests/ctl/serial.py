@@ -284,7 +284,7 @@ class Serial(OnALine):
     def test_ASignalWhereNobodyReadsWhatIsReceivedPutsTheLineBack(self):
         unread, write = os.pipe()
         process = self.start_board(BOARDCTL, "serial", "receive", PORT, log="log", output=write,
-                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; head -c 300000 /dev/zero 2> said; cat > rest"])
+                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; head -c 300000 /dev/zero 2> said; cat > rest 2> said"])
         self.wait_until_full(write)
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(PATIENCE), 143)
