@@ -90,6 +90,13 @@ chmod +x silent
 run 1 printed flock lock "$here/../../examples/line-test.sh" "$boardsim" silent
 expect printed "FAILED: no"
 flock -w 20 lock true || fail "The board is still running." printed
+# One that lives on without its line fails, too. Its minute is shortened.
+mkdir -p hasty
+printf '#!/bin/sh\nshift\nexec %s 20 "$@"\n' "$(command -v timeout)" > hasty/timeout
+printf '#!/bin/sh\n"%s" "$@"\nexec sleep 1000\n' "$examples/serial-echo" > deaf
+chmod +x hasty/timeout deaf
+run 1 printed env PATH="$PWD/hasty:$PATH" "$here/../../examples/line-test.sh" "$boardsim" deaf
+expect printed "FAILED: the application did not notice the hang-up"
 
 # What the pages say of a forgotten watchdog and of locales.
 # shellcheck disable=SC2016  # the inner shell's own
