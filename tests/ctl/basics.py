@@ -93,7 +93,7 @@ class Explain(TestCase):
 
     def test_ATextThatIsNotInTheCatalogueIsSaidSo(self):
         result = ctl("explain", "all is well")
-        self.assertEqual((result.status, result.out, result.err), (0, "", "Nothing in it is in the catalogue.\n"))
+        self.assertEqual((result.status, result.out, result.err), (0, "", "No known error text found.\n"))
         self.assertEqual(ctl("--quiet", "explain", "all is well").err, "")
 
     def test_ItNeedsNoFileOnTheBoard(self):

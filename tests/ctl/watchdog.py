@@ -103,9 +103,9 @@ class Watchdog(TestCase):
         result = self.board("sh", "-c", script, log="log")
         self.assertIn("\n  state      active\n  time-out   30 s (", result.out)
         self.assertRegex(result.out, r"\n  time left  \d\d s\n")
-        words = ("{0} counts, and no program that /proc shows has it open: it was left behind and the board resets, or the "
-                 "kernel feeds it.")
-        remedy = "Open and feed it, for example by boardctl watchdog feed {0}."
+        words = ("{0} counts, and no program that /proc shows has it open. Unless a hidden one does, it was left armed, "
+                 "and THE BOARD WILL RESET.")
+        remedy = "Take over at once: boardctl watchdog feed {0}."
         self.assertIn(f"{words} {remedy}\n".format(DEVICE), result.err)
         unusual = strict(result.out.splitlines()[-1])["unusual"]
         self.assertIn({"what": words.format("/dev/watchdog0"), "remedy": remedy.format("/dev/watchdog0")}, unusual)
@@ -436,6 +436,11 @@ class Watchdog(TestCase):
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual(result.status, 130, result.err)
         self.assertEqual(self.events(), ["open", f"timeout {SOON}", "write magic", "close: stopped"])
+
+    def test_TheHelpOfShowSaysWhoFeedsInWhichState(self):
+        said = " ".join(ctl("watchdog", "show", "--help").out.split())
+        self.assertIn("active: a program has armed it, and it counts. If nobody has it open, the board will reset.", said)
+        self.assertIn("inactive: no program has armed it. The kernel may be feeding one that the boot loader started.", said)
 
     def test_TheFirstLineOfTheHelpSaysThatTheBoardResets(self):
         for verb in "feed", "run":

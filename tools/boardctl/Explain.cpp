@@ -65,7 +65,7 @@ int Explain(const std::string& text, Output& out) {
   }
   out.Object("explained", {{"lines", lines}, {"explanations", found}});
   if (found == 0) {
-    out.Say("Nothing in it is in the catalogue.");
+    out.Say("No known error text found.");
   }
   return kStatusDone;
 }
@@ -77,7 +77,8 @@ void AddExplain(Program& program) {
   CLI::App& verb =
       program.AddVerb(nullptr,
                       {"explain", "Explains error texts: their causes and remedies", "TEXT|-", "",
-                       "The catalogue is built in: no file is needed. What is not in it is passed over.",
+                       "The catalogue is built in: no file is needed. Unknown lines are skipped. Pass the whole "
+                       "message: with the words after the fixed text, only the cause that applies is shown.",
                        "explain \"popen failed: Cannot allocate memory\"", "nothing; no device is opened."},
                       [text](Call& call) { return Explain(*text, call.out); });
   AddArgument(verb, "TEXT", "", *text, AnyText, "the text as it was printed; - reads a log from standard input",

@@ -510,40 +510,40 @@ void AddNet(Program& program) {
   CLI::App& show =
       AddNetVerb(program, group,
                  {"show", "Shows interfaces, their addresses, and the default gateways", "[IFACE] [OPTION]...", "",
-                  "It runs the board's ip, which only asks.", "net show eth0", "nothing."},
+                  "It runs the board's ip, which only queries.", "net show eth0", "nothing."},
                  Show, arguments);
   AddInterface(show, *arguments, "this one alone; 1 to 15 characters of A-Z a-z 0-9 _ - . : @");
 
-  CLI::App& address = AddNetVerb(
-      program, group,
-      {"address", "Gives IFACE an address", "IFACE ADDRESS/LENGTH [OPTION]...",
-       "It REPLACES the first address of that family that IFACE has: the old one goes "
-       "before the new one comes.",
-       "Over ssh: with an interface's last IPv4 address goes its default route. If adding fails, the old address is "
-       "gone already. --dry-run prints the commands of ip, and runs only those that ask.",
-       "net address eth0 192.0.2.10/24 --dry-run", kRemains, true, true, false, true},
-      SetAddress, arguments);
+  CLI::App& address =
+      AddNetVerb(program, group,
+                 {"address", "Gives IFACE an address", "IFACE ADDRESS/LENGTH [OPTION]...",
+                  "IFACE's first address of ADDRESS's family is REPLACED: the old one goes before the new one comes.",
+                  "Over ssh, beware: removing an interface's last IPv4 address also removes its default route. If "
+                  "adding fails, the old address is gone already. --dry-run prints the ip commands; runs only those "
+                  "that query.",
+                  "net address eth0 192.0.2.10/24 --dry-run", kRemains, true, true, false, true},
+                 SetAddress, arguments);
   AddInterface(address, *arguments, kInterface, kRequired);
   AddArgument(address, "ADDRESS/LENGTH", "", arguments->network, check::IpNetwork,
               "192.0.2.10/24, 2001:db8::10/64; to remove one: boardctl net clear", kRequired);
   AddFlag(address, "--flush", arguments->isFlushed, kFlush);
 
-  CLI::App& local = AddNetVerb(program, group,
-                               {"link-local", "Gives IFACE the IPv6 link-local address of its hardware address",
-                                "IFACE [OPTION]...", "It REPLACES the first IPv6 address that IFACE has.",
-                                "--dry-run prints the commands of ip, and runs only those that ask.",
-                                "net link-local eth0", kRemains, true, true, false, true},
-                               SetLinkLocal, arguments);
+  CLI::App& local = AddNetVerb(
+      program, group,
+      {"link-local", "Gives IFACE the IPv6 link-local address of its hardware address", "IFACE [OPTION]...",
+       "IFACE's first IPv6 address is REPLACED.", "--dry-run prints the ip commands; runs only those that query.",
+       "net link-local eth0", kRemains, true, true, false, true},
+      SetLinkLocal, arguments);
   AddInterface(local, *arguments, kInterface, kRequired);
   AddFlag(local, "--flush", arguments->isFlushed, kFlush);
 
   CLI::App& gateway = AddNetVerb(
       program, group,
       {"gateway", "Sets the default gateway", "IFACE ADDRESS [OPTION]...",
-       "It REPLACES the default route of that family: the old one goes before the new one comes, and is gone if that "
-       "fails.",
-       "--dry-run prints the commands of ip, and runs only those that ask.", "net gateway eth0 192.0.2.1", kRemains,
-       true, true, false, true},
+       "The default route of ADDRESS's family is REPLACED: the old one goes before the new one comes, and is gone if "
+       "that fails.",
+       "--dry-run prints the ip commands; runs only those that query.", "net gateway eth0 192.0.2.1", kRemains, true,
+       true, false, true},
       SetGateway, arguments);
   AddInterface(gateway, *arguments, kInterface, kRequired);
   AddArgument(gateway, "ADDRESS", "", arguments->gateway, check::IpAddress, "192.0.2.1, 2001:db8::1", kRequired);
@@ -553,9 +553,10 @@ void AddNet(Program& program) {
       {"clear", "Removes an address of IFACE, or the default route",
        "address IFACE [OPTION]...\n"
        "       boardctl net clear gateway [IFACE] [OPTION]...",
-       "Over ssh, this may cut the connection: with an interface's last IPv4 address goes its default route.",
-       "With IFACE, a default route by another interface stays. --dry-run prints the commands of ip, and runs only "
-       "those that ask.",
+       "Over ssh, this may cut the connection: removing an interface's last IPv4 address also removes its default "
+       "route.",
+       "With IFACE, a default route by another interface stays. --dry-run prints the ip commands; runs only "
+       "those that query.",
        "net clear address eth0 --ipv6", kRemains, true, true, false, true},
       Clear, arguments);
   AddArgument(clear, "WHAT", "", arguments->what, What, "address or gateway", kRequired);

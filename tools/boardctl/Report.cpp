@@ -173,10 +173,10 @@ void TellLoad(Page& page) {
   constexpr int kBusy = 2;     // processes that wait, for each processor
   constexpr int kScarce = 10;  // the part that should be left
   if (load > static_cast<double>(processors * kBusy)) {
-    page.unusual.push_back({"More is running than the processors manage.", "Look what it is: top."});
+    page.unusual.push_back({"More is running than the processors manage.", "Find out what is running: top."});
   }
   if (told && available < total / kScarce) {
-    page.unusual.push_back({"Less than a tenth of the memory is available.", "Look who takes it: top, free."});
+    page.unusual.push_back({"Less than a tenth of the memory is available.", "Find out what takes it: top, free."});
   }
   constexpr std::time_t kBuilt = 1577836800;  // the year 2020: no board that runs this had an earlier day
   if (std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()) < kBuilt) {
@@ -384,8 +384,8 @@ void AddReport(Program& program) {
   program.AddVerb(
       nullptr,
       {"report", "Describes the board on one page: versions, devices, network, what is unusual", "[OPTION]...", "",
-       "For bug reports: it names no passwords, no command lines and no files of users, but addresses. No "
-       "device is opened but /dev/mem, which that does not change; the board's ip is asked.",
+       "For bug reports: it names no passwords, no command lines and no files of users, but addresses. It "
+       "opens no device except /dev/mem, and changes nothing there; it runs the board's ip, which only queries.",
        "report", "nothing."},
       [](Call& call) { return Report(call); });
 }

@@ -507,7 +507,7 @@ void AddSerial(Program& program) {
   CLI::App& report = program.AddVerb(
       &group,
       {"report", "Prints the library's diagnostic report of a port", "DEVICE [OPTION]...",
-       "IT TOUCHES THE REGISTERS OF THE BOARD'S UART, whichever port DEVICE is; what that UART receives meanwhile is "
+       "THE REGISTERS OF THE BOARD'S UART ARE TOUCHED, whichever port DEVICE is; what that UART receives meanwhile is "
        "lost.",
        "It needs root and /dev/mem. From the flags on, numbers are hexadecimal, but for the last line.",
        "serial report /dev/ttyS1",

@@ -550,8 +550,10 @@ void AddWatchdog(Program& program) {
   AddDeviceVerb(
       program, group,
       {"show", "Shows a watchdog's settings and who has it open, without opening it", "DEVICE [OPTION]...", "",
-       "The kernel shows them in /sys. Only root sees the processes of other users.", "watchdog show /dev/watchdog",
-       "nothing: the device was not opened."},
+       "The kernel shows them in /sys. Only root sees the processes of other users.\n"
+       "active: a program has armed it, and it counts. If nobody has it open, the board will reset.\n"
+       "inactive: no program has armed it. The kernel may be feeding one that the boot loader started.",
+       "watchdog show /dev/watchdog", "nothing: the device was not opened."},
       [](const WatchdogArguments& given, Call& call) { return Show(given.device, call.out); }, arguments);
 
   CLI::App& feed = AddDeviceVerb(

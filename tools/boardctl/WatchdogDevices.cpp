@@ -158,9 +158,9 @@ std::vector<Remark> RemarksOn(const WatchdogLook& look) {
   std::vector<Remark> remarks;
   if (look.IsActive() && look.holders.empty()) {
     remarks.push_back({look.device +
-                           " counts, and no program that /proc shows has it open: it was left behind and the board "
-                           "resets, or the kernel feeds it.",
-                       "Open and feed it, for example by boardctl watchdog feed " + look.device + '.'});
+                           " counts, and no program that /proc shows has it open. Unless a hidden one does, it was "
+                           "left armed, and THE BOARD WILL RESET.",
+                       "Take over at once: boardctl watchdog feed " + look.device + '.'});
   }
   if (look.nowayout == true) {
     remarks.push_back({look.device + " has nowayout set: once armed, nothing disarms it.",
