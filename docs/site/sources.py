@@ -8,6 +8,8 @@
   its table of arguments has every parameter of every operation.
 - The handbook is plain Markdown, whose links lead somewhere also where the sources are read.
 - The handbook's number of test functions is about right.
+- Every header, and no other, is in the tables of README.md, of the handbook's first page and of boardkit(7).
+- Each fixed text of the library is in a test.
 - The handbook and the headers name only files that are there, and the handbook's commands are not cut off on a desktop.
 - The synopsis of each manual page in section 3 is what its header declares, its ERRORS section is the catalogue's, its
   EXAMPLES are parts of the examples, narrow enough for a terminal, and it says which threads may use it.
@@ -114,6 +116,37 @@ def check_examples():
 PAGES = {"SystemCalls.h": ["descriptors", "signals", "memory"], "File.h": ["files"], "WatchDog.h": ["watchdog"],
          "SerialPort.h": ["serial-port"], "OpSystem.h": ["commands"], "IpNet.h": ["ip-configuration"],
          "linuxutils.h": ["tracebacks"]}
+
+
+def check_tables():
+    """Each table of headers has all of them."""
+    headers = {path.name for path in pathlib.Path("include").glob("*.h")}
+    rows = re.findall(r"(?m)^\| \[`(\S+\.h)`\]\(include/(\S+)\) \|", pathlib.Path("README.md").read_text())
+    compare("The headers in README.md", sorted(rows), sorted((name, name) for name in headers))
+    pages = {}
+    index = pathlib.Path("docs/index.md").read_text()
+    for stem, name in re.findall(r"(?m)^\| \[[^]]+\]\((\S+)\.md\) \| (\S+\.h) \|", index):
+        pages.setdefault(name, []).append(stem)
+    compare("The headers and their pages in docs/index.md", pages, PAGES)
+    compare("The headers that have pages", sorted(PAGES), sorted(headers))
+    table = re.search(r"(?s)\n\.SS Headers\n\.TS\n.*?\.\n(.*?)\.TE\n", pathlib.Path("docs/man/boardkit.7").read_text())
+    compare("The headers in boardkit(7)", sorted(line.split("\t")[0] for line in table.group(1).splitlines()),
+            sorted(headers))
+
+
+def check_texts():
+    """The tests have each fixed text, and each one that has a name there is used."""
+    texts = sorted(pathlib.Path("tests").rglob("*Texts.h"))
+    written = "".join(path.read_text() for path in [*texts, *sorted(pathlib.Path("tests").rglob("*Test.cpp"))])
+    quoted = re.sub(r'"\s*\n\s*"', "", written).replace('\\"', '"')
+    for entry in catalogue.ERRORS:
+        if entry["origin"] == "library":
+            for part in entry["text"].split("..."):
+                compare(f"A test has {part!r}", part in quoted, True)
+    for path in texts:
+        code = "".join(other.read_text() for other in path.parent.iterdir() if other.suffix in (".cpp", ".h"))
+        for name in re.findall(r"(?m)^inline (?:const )?std::string (\w+)", path.read_text()):
+            compare(f"A test uses {name} of {path}", len(re.findall(rf"\b{name}\b", code)) > 1, True)
 
 
 def parameters(declaration):
@@ -246,6 +279,8 @@ check_examples()
 compare(f"What {manual.CATALOGUE} shows (python3 docs/site/manual.py writes it)", manual.CATALOGUE.read_text(),
         catalogue.for_readers())
 check_sections()
+check_tables()
+check_texts()
 check_arguments()
 check_links()
 check_figures()
