@@ -79,6 +79,7 @@ class Serial(OnALine):
         self.assertEqual(shown["lines"], {"DTR": True, "RTS": True, "CTS": True, "DSR": True, "CD": True, "RI": False,
                                           "LOOP": False})
         self.assertEqual(shown["uart"], {"baud_base_bps": 3906250, "fifo_bytes": 64, "irq": 42})
+        self.assertEqual(set(shown["counters"].values()), {0})
         settings = [event for event in self.events() if event.startswith("settings ")]
         self.assertEqual(set(settings), {"settings speed=57600"})
         self.assertIn("  speed        9600 bit/s\n", self.on_board("serial", "show", PORT).out)
@@ -270,7 +271,7 @@ class Serial(OnALine):
         self.assertIn(", open by a?[2J?? (", result.out)
 
     def test_ASignalWhileReceivingPutsTheLineBack(self):
-        for number in (signal.SIGINT, signal.SIGTERM):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
             with self.subTest(number=number):
                 process = self.start_board("sh", "-c", f"echo $$ > pid; exec {shell('serial', 'receive', PORT)}", log="log")
                 self.wait_for_text("log", "speed=115200")
@@ -318,7 +319,7 @@ class Serial(OnALine):
         for step in range(12):
             with self.subTest(step=step):
                 # However far it has come: the time until the signal grows.
-                script = (f"{shell('serial', 'send', PORT, '/dev/zero')} & sleep 0.00{step}; kill -TERM $!; wait $!; echo $?; "
+                script = (f"{shell('serial', 'send', PORT, '/dev/zero')} & sleep {4 * step / 1000:.3f}; kill -TERM $!; wait $!; echo $?; "
                           f"stty -F {PORT} speed")
                 result = self.board("bash", "-c", script)
                 self.assertEqual(result.out.splitlines()[-1], "9600", result.out + result.err)

@@ -177,7 +177,7 @@ class Watchdog(TestCase):
 
     def test_FedUntilASignalItIsDisarmedAndSaysSo(self):
         for number, is_fed in ((signal.SIGINT, self.fed_longer_than_the_time_out()), (signal.SIGTERM, self.fed(1)),
-                               (signal.SIGHUP, self.fed(1))):
+                               (signal.SIGHUP, self.fed(1)), (signal.SIGQUIT, self.fed(1))):
             with self.subTest(number=number):
                 script = (f"set -m; {shell('watchdog', 'feed', DEVICE, '--interval', SOON)} 2> said & {is_fed}; "
                           f"kill -{number:d} $!; wait $!")
@@ -390,12 +390,21 @@ class Watchdog(TestCase):
         # Any close would stop such a driver.
         driver = self.driver_that("if (request == WDIOC_GETSUPPORT) {"
                                   " ((struct watchdog_info*)argument)->options &= ~(unsigned)WDIOF_MAGICCLOSE; }")
-        command = shell("watchdog", "run", DEVICE, "--interval", SOON, "--", "false")
-        result = self.board("sh", "-c", f"{driver} {command}; echo it has ended", log="log")
-        self.assertEqual((result.status, result.out), (RESET, ""))
-        self.assertIn("boardctl: this driver has no magic close and would stop at any close: /dev/watchdog is kept open "
-                      "until the reset.\n", result.err)
-        self.assertNotIn("close: not stopped", self.events()[:-1])
+        command = shell("watchdog", "run", DEVICE, "--interval", SOON, "--")
+        # Also when a signal has come before, or comes then.
+        slow = "trap : TERM; touch trapped; while :; do sleep 0.1; done"
+        signalled = (f"set -m; {driver} {command} false & until grep -q 'is kept open' said; do sleep 0.02; done; "
+                     f"kill -TERM $!; wait $!")
+        earlier = (f"set -m; {driver} {shell('watchdog', 'run', DEVICE, '--interval', SOON, '--check', 'test ! -e trapped', '--')} "
+                   f"sh -c '{slow}' & until test -e trapped; do sleep 0.02; done; kill -TERM $!; wait $!")
+        for name, script in (("none", f"{driver} {command} false"), ("then", signalled), ("before", earlier)):
+            with self.subTest(signal=name):
+                result = self.board("bash", "-c", f"exec 2> said; {script}; echo it has ended", log="log")
+                self.assertEqual((result.status, result.out), (RESET, ""))
+                self.assertIn("boardctl: this driver has no magic close and would stop at any close: /dev/watchdog is "
+                              "kept open until the reset.\n", pathlib.Path("said").read_text())
+                self.assertNotIn("close: not stopped", self.events()[:-1])
+                os.remove("log")
 
     def test_KilledOtherwiseTheBoardResetsAsTheHelpSays(self):
         script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & until grep -qs 'timeout 1' log; do sleep 0.02; done; kill -KILL $!; sleep 60"

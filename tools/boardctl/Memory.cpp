@@ -204,14 +204,16 @@ void AddMemory(Program& program) {
                                   Read, arguments);
   AddCount(read, *arguments, 1);
 
-  CLI::App& write = AddAddressVerb(program, group,
-                                   {"write", "Writes a word of 32 bits", "ADDRESS VALUE [OPTION]...",
-                                    "A WRONG ADDRESS CAN STOP OR DAMAGE THE BOARD: nothing checks what is there.",
-                                    "All accesses are to words of 32 bits. It needs root and /dev/mem, and kernels may "
-                                    "guard it. Without --mask the word is not read, before or afterwards.",
-                                    "mem write 0x80011010 0x10 --mask 0x10",
-                                    "the word as written, until the device or a driver changes it.", true, true},
-                                   Write, arguments);
+  CLI::App& write =
+      AddAddressVerb(program, group,
+                     {"write", "Writes a word of 32 bits", "ADDRESS VALUE [OPTION]...",
+                      "A WRONG ADDRESS CAN STOP OR DAMAGE THE BOARD: nothing checks what is there.",
+                      "All accesses are to words of 32 bits. It needs root and /dev/mem, and kernels may "
+                      "guard it. With --mask the word is read first, also with --dry-run: that changes some "
+                      "registers. Without it the word is not read, before or afterwards.",
+                      "mem write 0x80011010 0x10 --mask 0x10",
+                      "the word as written, until the device or a driver changes it.", true, true},
+                     Write, arguments);
   AddArgument(write, "VALUE", "", arguments->value, check::Word, "the word, in the same notation", kRequired);
   AddArgument(
       write, "--mask", "M", arguments->mask,

@@ -262,6 +262,9 @@ void TellMemoryDevice(Page& page) {
   } else if (error != 0 && isLocked) {
     why = "the kernel is locked down: " + Printable(lockdown);
     remedy = "Boot with lockdown=none, without Secure Boot.";
+  } else if (error == EACCES) {
+    why = "the user may not open it";
+    remedy = "Run as root.";
   } else if (error != 0 && !hasCapability) {
     why = "the capability CAP_SYS_RAWIO is missing";
     remedy = "Run as root, or give the capability.";

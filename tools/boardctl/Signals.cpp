@@ -132,7 +132,7 @@ void Install() {
   if (::pipe2(wake, O_CLOEXEC | O_NONBLOCK) == -1) {
     throw std::system_error(errno, std::generic_category(), "No pipe for signals");
   }
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int number : kNumbers) {
     struct sigaction before {};
     ::sigaction(number, nullptr, &before);
     // What nohup or a shell's & has switched off stays so.

@@ -6,8 +6,10 @@
 #include <cstdint>
 #include <iterator>
 
-/// SIGINT, SIGTERM and SIGHUP end a verb, after it has tidied up: they are noted, and the verb looks.
+/// These end a verb, after it has tidied up: they are noted, and the verb looks.
 namespace signals {
+
+inline constexpr int kNumbers[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 /// From here on they are noted. SIGPIPE is caught, too, so that writing fails instead; children get it as usual.
 void Install();
@@ -24,8 +26,6 @@ class Held {
   Held& operator=(const Held&) = delete;
 
  private:
-  static constexpr int kNumbers[] = {SIGINT, SIGTERM, SIGHUP};
-
   Holding m_holding;
   sigset_t m_before{};
   struct sigaction m_actions[std::size(kNumbers)]{};

@@ -192,12 +192,17 @@ class Armed {
     if (!m_hasMagicClose) {
       m_out.Warn("boardctl: this driver has no magic close and would stop at any close: " + m_device +
                  " is kept open until the reset.");
-      signals::Wait(INT_MAX);
+      WaitForReset();
     }
     return kStatusFailed;
   }
 
  private:
+  /// Whatever signals come: a driver may take longer than it was told.
+  void WaitForReset() const {
+    std::this_thread::sleep_for(std::chrono::seconds(std::int64_t{2} * m_timeoutS + 1));
+  }
+
   void Do(void (WatchDog::*step)(), const char* name) {
     const signals::Held held;
     try {
@@ -205,6 +210,9 @@ class Armed {
     } catch (const std::exception&) {
       m_out.Warn("boardctl: " + std::string(name) + " failed: THE BOARD RESETS within " + SecondsInWords(m_timeoutS) +
                  '.');
+      if (!m_hasMagicClose) {
+        WaitForReset();
+      }
       throw;
     }
   }
@@ -560,7 +568,8 @@ void AddWatchdog(Program& program) {
       program, group,
       {"feed", "Arms DEVICE, feeds it until a signal comes, and disarms it", "DEVICE [OPTION]...",
        "If feeding stops, THE BOARD RESETS.",
-       "SIGINT (Ctrl-C), SIGTERM and SIGHUP disarm it; Ctrl-Z does not stop the feeding. If boardctl is killed in "
+       "SIGINT (Ctrl-C), SIGTERM, SIGHUP and SIGQUIT disarm it; Ctrl-Z does not stop the feeding. If boardctl is "
+       "killed in "
        "another way, nobody feeds, and the board resets.",
        "watchdog feed /dev/watchdog --interval 30",
        "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
@@ -580,7 +589,8 @@ void AddWatchdog(Program& program) {
        "COMMAND ends otherwise: no more feeding, the board resets; status 1.\n"
        "--check or --alive fails: likewise; COMMAND is left running.\n"
        "COMMAND can't be started: disarms; status 1.\n"
-       "SIGINT, SIGTERM, SIGHUP: handed on; fed until COMMAND has ended, then disarms; the status tells the signal "
+       "SIGINT, SIGTERM, SIGHUP, SIGQUIT: handed on; fed until COMMAND has ended, then disarms; the status tells the "
+       "signal "
        "also if --check or --alive failed or nowayout is set, and the board resets.\n"
        "boardctl is killed: nobody feeds, the board resets.\n"
        "Without a board: boardsim -- boardctl watchdog run /dev/watchdog -- ./app",
