@@ -16,11 +16,13 @@ constexpr bool kFlush = true;
 
 class Network : public testing::TestWithParam<const char*> {
  protected:
-  // The real ip prepares the interface, even where another one is first in PATH; in one call, since each is slow.
+  // The real ip prepares the interface, even where another one is first in PATH; in one call, since each is slow. The
+  // kernel would give it a link-local address of its own, some time after it is up.
   Network() {
     system.ExecCmd(
-        "printf 'link add veth0 type veth peer name veth1\nlink set veth1 up\naddr flush dev eth0\n"
-        "addr flush dev veth0\nlink set eth0 down\nlink set veth0 down\nlink set " +
+        "printf 'link add veth0 type veth peer name veth1\nlink set veth1 up\nlink set " + iface +
+            " addrgenmode none\naddr flush dev eth0\naddr flush dev veth0\nlink set eth0 down\nlink set veth0 down\n"
+            "link set " +
             iface + " up\n' | /sbin/ip -force -batch - >/dev/null 2>/dev/null || true",
         false);
   }
