@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "ab42fa77154c45d9266d0cd3a0e77f07bc6deee5410c4ad184b07a07d848463f"
+SRC_URI[sha256sum] = "72a1a6d5459cd3e65e6a098b8b2f70ab395e47e85315f422825f23edc3f8955a"
 
 inherit cmake pkgconfig
 
