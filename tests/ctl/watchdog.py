@@ -406,6 +406,16 @@ class Watchdog(TestCase):
                 self.assertNotIn("close: not stopped", self.events()[:-1])
                 os.remove("log")
 
+    def test_AFeedingThatFailsIsToldAndWithoutMagicCloseTheDeviceIsKeptOpenUntilTheReset(self):
+        driver = self.driver_that("if (request == WDIOC_GETSUPPORT) {"
+                                  " ((struct watchdog_info*)argument)->options &= ~(unsigned)WDIOF_MAGICCLOSE; }"
+                                  " if (request == WDIOC_KEEPALIVE) { result = -1; }")
+        feed = shell("watchdog", "feed", DEVICE, "--interval", SOON)
+        result = self.board("sh", "-c", f"{driver} {feed}; echo it has ended", log="log")
+        self.assertEqual((result.status, result.out), (RESET, ""))
+        self.assertIn(f"boardctl: Feeding failed: THE BOARD RESETS within {SOON} s.\n", result.err)
+        self.assertNotIn("close: not stopped", self.events()[:-1])
+
     def test_KilledOtherwiseTheBoardResetsAsTheHelpSays(self):
         script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & until grep -qs 'timeout 1' log; do sleep 0.02; done; kill -KILL $!; sleep 60"
         self.assertEqual(self.board("sh", "-c", script, log="log").status, RESET)
