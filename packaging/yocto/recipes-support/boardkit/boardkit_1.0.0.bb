@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "72a1a6d5459cd3e65e6a098b8b2f70ab395e47e85315f422825f23edc3f8955a"
+SRC_URI[sha256sum] = "d6b0d5b07ef130142b545868101c11ac8535482ceb52e35dcc1ab17fd91eff0e"
 
 inherit cmake pkgconfig
 
