@@ -8,7 +8,7 @@ import signal
 import subprocess
 import sys
 
-from ctl import WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, strict, TestCase, without_rights, works
+from ctl import SOURCE, WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, strict, TestCase, without_rights, works
 
 DEVICE = "/dev/watchdog"
 DISARMED = "boardctl: /dev/watchdog is disarmed."
@@ -229,6 +229,14 @@ class Watchdog(TestCase):
         self.assertEqual((result.status, result.out), (0, "it ran\n"))
         self.assertEqual(result.err.splitlines()[-1], DISARMED)
         self.assertEqual(self.events(), ["open", f"timeout {SOON}", "write magic", "close: stopped"])
+
+    def test_TheUnitForSystemdFeedsItWhileTheProgramLives(self):
+        unit = (SOURCE / "packaging/systemd/watched@.service").read_text()
+        program, *words = shlex.split(re.search("(?m)^ExecStart=(.*/boardctl .* /usr/local/bin/%i)$", unit)[1])
+        self.assertEqual(program, "/usr/bin/boardctl")
+        result = self.on_board(*words[:-1], "true", log="log")
+        self.assertEqual((result.status, result.err.splitlines()[-1]), (0, DISARMED))
+        self.assertEqual(self.events(), ["open", "timeout 30", "write magic", "close: stopped"])
 
     def test_ACommandThatFailsLeavesTheBoardToItsReset(self):
         for command, how in self.some_of([("exit 3", "ended with status 3"), ("kill -9 $$", "was ended by signal 9")]):
