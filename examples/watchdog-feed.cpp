@@ -1,6 +1,7 @@
 // Arms a watchdog, feeds it once a second, and disarms it at SIGTERM or SIGINT: watchdog-feed /dev/watchdog 30
 //
-// If it ends in any other way, the watchdog stays armed and the board resets: that is what a watchdog is for.
+// If it ends in any other way, the watchdog stays armed and the board resets: that is what a watchdog is for. (A driver
+// without the magic close stops at any close.)
 #include <SystemCalls.h>
 #include <WatchDog.h>
 

@@ -1,6 +1,7 @@
 // Arms a watchdog for three rounds of work: watchdog /dev/watchdog
 //
-// Needs write access to the device. If this program is killed, the board resets. Try it on a simulated one first:
+// Needs write access to the device. If this program is killed, the board resets (unless the driver has no magic close).
+// Try it on a simulated one first:
 // boardsim -- watchdog /dev/watchdog
 #include <SystemCalls.h>
 #include <WatchDog.h>

@@ -24,11 +24,13 @@
 /// @snippet watchdog.cpp use
 ///
 /// Inactive until Activate() has opened the device and set the time-out; from then on the board resets unless Feed() is
-/// called in time. Deactivate(), and the destructor, write the magic close character first, so that a driver that
-/// honours it stops the timer. One object is used by one thread at a time.
+/// called in time. Deactivate(), and the destructor, write the magic close character first, so that the driver stops
+/// the timer, unless it has @c nowayout set. One object is used by one thread at a time.
 ///
+/// @warning A driver without the magic close stops the timer at any close, and so when the program crashes or is
+/// killed: the board does not reset.
 /// @warning If Activate() fails after opening (an interval that the driver refuses), the device stays open and may
-/// already be counting.
+/// already be counting; this object can neither feed nor disarm it.
 /// @warning Activate() on an active object opens the device a second time and loses the first descriptor. Most drivers
 /// allow one opener: the call then fails, the lost descriptor can be neither fed nor closed, and the destructor ends
 /// the process.
@@ -66,8 +68,7 @@ class WatchDog {
   /// @throws std::logic_error "Could not retrieve watchdog interval", which is always thrown on a new object.
   int GetInterval() const;
 
-  /// Stops the timer, unless the driver does not honour the magic close, and closes the device; does nothing on an
-  /// inactive object.
+  /// Stops the timer, unless the driver has @c nowayout set, and closes the device; does nothing on an inactive object.
   /// @throws std::system_error " Could write watchdog device!", with the device open, or " Could not close watchdog
   /// device!"; the object stays active. Even after a failed close the descriptor's number is free: what the object does
   /// next fails, or reaches the file that has been given the number since.

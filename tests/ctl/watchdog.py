@@ -328,7 +328,7 @@ class Watchdog(TestCase):
                 result = self.board("sh", "-c", self.without_sys(script), log="log")
                 self.assertEqual((result.status, result.out), (130, "1\n"), result.err)
                 self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened for asking: it counts with its old "
-                              "time-out, and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
+                              "time-out (a driver without the magic close does not), and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
                               result.err)
                 self.assertIn(": Could not set watchdog interval\n  cause    The driver refuses the value", result.err)
                 self.assertFalse(os.path.exists("ran"))

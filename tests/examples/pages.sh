@@ -76,6 +76,12 @@ write magic
 close: stopped
 END
 
+# The simulated watchdog has the magic close.
+sed -n '/^ *echo .*watchdog0\/options/p' "$here/../../docs/watchdog.md" > ask
+prints 0 "$boardsim" -- sh ask <<'END'
+256
+END
+
 prints 0 "$boardsim" --log log -- "$examples/serial-port" /dev/ttyS1 <<'END'
 first byte: s
 END

@@ -242,11 +242,10 @@ class Armed {
       }
       throw;
     } catch (const std::logic_error&) {
-      m_out.Warn(
-          "boardctl: the driver refuses " + SecondsInWords(intervalS) + ", and " + m_device +
-          " was opened for asking: it counts with its old time-out, and THE BOARD RESETS unless you take over now: "
-          "boardctl watchdog feed " +
-          m_device + ", and Ctrl-C.");
+      m_out.Warn("boardctl: the driver refuses " + SecondsInWords(intervalS) + ", and " + m_device +
+                 " was opened for asking: it counts with its old time-out (a driver without the magic close does not), "
+                 "and THE BOARD RESETS unless you take over now: boardctl watchdog feed " +
+                 m_device + ", and Ctrl-C.");
       throw;
     }
     m_timeoutS = intervalS;
@@ -573,7 +572,8 @@ void AddWatchdog(Program& program) {
        "another way, nobody feeds, and the board resets.",
        "watchdog feed /dev/watchdog --interval 30",
        "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
-       "stops at any close, also when boardctl is killed.",
+       "stops at any close: where the board is to reset, boardctl keeps it open until then (at most two time-outs and "
+       "a second); if boardctl is killed, the board does not reset.",
        false},
       [](const WatchdogArguments& given, Call& call) { return Feed(given, call.out); }, arguments);
   AddInterval(feed, *arguments);
@@ -596,7 +596,8 @@ void AddWatchdog(Program& program) {
        "Without a board: boardsim -- boardctl watchdog run /dev/watchdog -- ./app",
        "watchdog run /dev/watchdog --interval 5 -- ./app",
        "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
-       "stops at any close, also when boardctl is killed.",
+       "stops at any close: where the board is to reset, boardctl keeps it open until then (at most two time-outs and "
+       "a second); if boardctl is killed, the board does not reset.",
        false, false, true},
       Run, arguments);
   AddInterval(run, *arguments);
