@@ -225,6 +225,42 @@ def check_figures():
     compare(f"The number of tests in docs/testing.md, {said} of {written},", said < written < 1.2 * said, True)
 
 
+def check_rules():
+    """The page on boards shows the lines of the udev rules that are for watchdogs."""
+    rules = pathlib.Path("packaging/udev/60-boardkit.rules").read_text()
+    shown = re.search(r"(?s)\n```\n(SUBSYSTEM.*?)```", pathlib.Path("docs/on-the-board.md").read_text())
+    compare("The udev rules in docs/on-the-board.md", shown and shown.group(1).splitlines(),
+            [line for line in rules.splitlines() if line.startswith("SUBSYSTEM") and "watchdog" in line])
+
+
+def in_seconds(text):
+    number, unit = re.match(r"([\d.]+) (ns|us|ms|s)\b", text).groups()
+    return float(number) * {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1}[unit]
+
+
+def check_limits():
+    """The tables of speeds name the benchmarks' limits, and say of each that is exceeded that it is."""
+    text = pathlib.Path("docs/performance.md").read_text()
+    for row in re.findall(r"(?m)^\| (.+?) \| .+? \| .+? \| ([\d.]+) \| ([\d.]+.*?) \|$", text):
+        name, ratio, limit = row
+        compare(f"Whether docs/performance.md calls the limit of {name} exceeded", "exceeded" in limit,
+                float(ratio) > float(limit.split()[0].rstrip(":")))
+    bench = pathlib.Path("bench/SimBench.cpp").read_text()
+    constants = {name: float(value) for name, value in re.findall(r"constexpr double (k\w+Limit) = ([\d.e-]+);", bench)}
+    limits = {"start and end": constants["kStartLimit"], "a byte": constants["kByteLimit"],
+              "a request": constants["kTrappedLimit"], "opening and closing the port": constants["kTrappedLimit"],
+              "opening a file": 2 * constants["kUntouchedLimit"], "any other": constants["kUntouchedLimit"],
+              "10 MiB": constants["kFloodLimit"]}
+    rows = re.findall(r"(?m)^\| ([^|]+) \| ([^|]+) \| ([\d.]+ \ws) \| ([^|]+) \|$", text[text.index("## The simulator"):])
+    compare("The rows of the simulator's table", len(rows), len(limits))
+    for name, bare, measured, limit in rows:
+        wanted = next((value for beginning, value in limits.items() if name.startswith(beginning)), None)
+        compare(f"The limit of {name} in docs/performance.md", f"{in_seconds(limit):.2e}", f"{wanted or 0:.2e}")
+        over = in_seconds(measured) - (in_seconds(bare) if "more than bare" in limit else 0)
+        compare(f"Whether docs/performance.md calls the limit of {name} exceeded", "exceeded" in limit,
+                over > in_seconds(limit))
+
+
 FILES = r"`((?:examples|tests|scripts|src|cmake|docs|packaging|tools)/[\w./-]+)[ `]"
 
 
@@ -284,6 +320,8 @@ check_texts()
 check_arguments()
 check_links()
 check_figures()
+check_rules()
+check_limits()
 check_names()
 check_widths()
 check_manual()
