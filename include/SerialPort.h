@@ -262,7 +262,8 @@ class SerialPort {
 
   /// A report of several lines: the device, its speeds, flow control and driver information, and the registers of the
   /// board's UART, read from physical memory whichever device this is. From the flags on, numbers are hexadecimal,
-  /// except in the last line.
+  /// except in the last line. Of a divisor of 256 and more (at low speeds), the report joins the two bytes as 32-bit
+  /// words and shows a wrong divisor and speed.
   ///
   /// Reading the divisor latch changes the UART's line control register, so the port is closed and opened again with
   /// the remembered settings: the receive buffer is lost. Of a closed port the report is the device and "not opened
