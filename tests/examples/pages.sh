@@ -109,6 +109,27 @@ expect printed "FAILED: the application did not notice the hang-up"
 run 86 printed "$boardsim" -- sh -c '"$0" /dev/watchdog 2 & sleep 1; kill -KILL $!; sleep 9' "$examples/watchdog-feed"
 expect printed "has reset the board"
 
+# And of its children: the one that closes what it has inherited does not keep it counting.
+mkfifo end
+for way in '' closefrom; do
+  # shellcheck disable=SC2016  # the inner shell's own
+  run 0 printed "$boardsim" --log children -- sh -c '
+    "$0" /dev/watchdog $1 &
+    until grep -q "write magic" children; do sleep 0.1; done
+    [ -z "$1" ] || until grep -q "close: stopped" children; do sleep 0.1; done
+    sleep 0.5
+    echo "the child ends"
+    grep "close: " children
+    echo . > end
+    wait $!' "$examples/child-of-a-watchdog" "$way"
+  if [ -n "$way" ]; then
+    expect printed "close: stopped"
+  else
+    ! grep -q "close: " printed || fail "A child does not keep it counting." printed
+    expect children "close: stopped"
+  fi
+done
+
 run 0 printed "$boardsim" -- "$examples/report-in-a-locale" /dev/ttyS1
 expect printed "Output Baudrate: 115.200" "Real baud rate: 114.890"
 
