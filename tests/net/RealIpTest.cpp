@@ -530,6 +530,20 @@ TEST_P(RealIp, ReplacingThePrimaryIpV4AddressTakesItsSecondaryAddressesAway) {
   EXPECT_EQ(Addresses("eth0", kIpV4), (Lines{"192.0.2.20/24 brd 192.0.2.255"}));
 }
 
+TEST_P(RealIp, WhereTheKernelPromotesThemSecondaryAddressesStayBeforeTheNewOne) {
+  SetKernelVariable("ipv4/conf/eth0/promote_secondaries", "1");
+  Ip("addr add 192.0.2.10/24 dev eth0");
+  Ip("addr add 192.0.2.11/24 dev eth0");
+
+  EXPECT_TRUE(net.SetAddr("eth0", "192.0.2.20", 24, kIpV4, kNoFlush));
+  EXPECT_EQ(Addresses("eth0", kIpV4), (Lines{"192.0.2.11/24", "192.0.2.20/24 brd 192.0.2.255"}));
+
+  // So it is not the first one that the next call finds.
+  const std::string thrown = LogicErrorOf([&] { net.SetAddr("eth0", "192.0.2.20", 24, kIpV4, kNoFlush); });
+  EXPECT_EQ(thrown, Complaint("-4 addr add 192.0.2.20/24 brd + dev eth0"));
+  EXPECT_EQ(Addresses("eth0", kIpV4), (Lines{"192.0.2.20/24 brd 192.0.2.255"}));
+}
+
 TEST_P(RealIp, BehindAnotherNetworkTheSecondCallTakesThatAwayAndThrowsForTheAddressExists) {
   Ip("addr add 192.0.2.10/24 dev eth0");
   Ip("addr add 198.51.100.30/24 dev eth0");
