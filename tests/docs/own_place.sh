@@ -1,0 +1,24 @@
+#!/bin/sh
+# Installs the library with the commands that the handbook shows for users without root, and builds and runs an
+# application on it in the two ways that are shown.
+# Usage: own_place.sh SOURCE_DIR
+set -eu
+source=$(readlink -f "$1")
+# shellcheck source=tests/docs/shown.sh
+. "$source/tests/docs/shown.sh"
+lay_out "$source" ip-configuration
+export HOME="$work/home"
+mkdir "$HOME"
+
+block install '## In a folder of your own' sh > commands
+follow commands
+unset LD_LIBRARY_PATH
+for program in app/build/app app/app; do
+  "$program" lo > printed 2>&1 || true
+  expect 'link = 00:00:00:00:00:00' printed
+  library=$(ldd "$program" | sed -n 's/.*libboardkit.so.1 => \([^ ]*\) .*/\1/p')
+  if [ "$(readlink -f "$library")" != "$(readlink -f "$HOME/boardkit/lib/libboardkit.so.1")" ]; then
+    printf '%s takes the library from "%s".\n' "$program" "$library"
+    exit 1
+  fi
+done
