@@ -52,11 +52,12 @@ echo '== A program of the own folder goes before an example, with files, input, 
 mkdir shared
 echo 'from here' >shared/there
 echo 'beside it' >note
+echo 'and this' >'another note'
 program serial-report <<'END'
 echo "arguments: $1, $2"
 echo 'this is an error' >&2
 sed 's/^/input: /'
-cat /payload/note there
+cat /payload/note '/payload/another note' there
 echo 'from there' > back
 grep -o quiet_here /proc/cmdline
 awk '/MemTotal/ { print ($2 < 520000 ? "little memory" : "much memory") }' /proc/meminfo
@@ -64,9 +65,9 @@ for command in dd cmp mkfifo ls timeout; do command -v $command > /dev/null || e
 [ -c /dev/pts/ptmx ] && echo 'terminals'
 exit 7
 END
-printf 'one\ntwo\n' | run 7 --with note --share shared --append quiet_here --memory 512M --timeout 90 -- \
+printf 'one\ntwo\n' | run 7 --with note 'another note' --share shared --append quiet_here --memory 512M --timeout 90 -- \
   serial-report 'a b' "it's"
-expect out "arguments: a b, it's" 'input: one' 'input: two' 'beside it' 'from here' quiet_here 'little memory' terminals
+expect out "arguments: a b, it's" 'input: one' 'input: two' 'beside it' 'and this' 'from here' quiet_here 'little memory' terminals
 ! grep -q '^no ' out || fail 'Commands are missing.'
 expect err 'this is an error'
 ! grep -q 'this is an error' out || fail 'Errors come out with the output.'
@@ -104,16 +105,16 @@ exec {asking}>&-
 wait "$running" || fail "Its status is $?."
 expect out 'heard something'
 
-echo '== Two at once do not disturb each other'
+echo '== Two at once, with two kernels, do not disturb each other'
 program first <<'END'
-echo first; sleep 2; exit 11
+echo first; uname -r; sleep 2; exit 11
 END
 program second <<'END'
-echo second; sleep 2; exit 12
+echo second; uname -r; sleep 2; exit 12
 END
 "$board" run ./first >out 2>err </dev/null &
 one=$!
-"$board" run ./second >out2 2>err2 </dev/null &
+"$board" run --kernel newest ./second >out2 2>err2 </dev/null &
 two=$!
 status=0
 wait "$one" || status=$?
@@ -121,8 +122,8 @@ wait "$one" || status=$?
 status=0
 wait "$two" || status=$?
 ((status == 12)) || fail "The second one ended with status $status."
-expect out first
-expect out2 second
+expect out first "$(cat "$tree/.cache/board/kernel-bookworm/complete")"
+expect out2 second "$(cat "$tree/.cache/board/kernel-newest/complete")"
 
 echo '== A board that hangs is ended, and that is told'
 program hanging <<'END'
@@ -182,12 +183,14 @@ press_at '^beside it' '\001x'
 exec {typing}>&-
 wait "$running" || fail "Its status is $?."
 
-echo '== A port of this machine leads to the board'
-port=$((21000 + $$ % 10000))
+echo '== A port of this machine leads to the board, and the board reaches this machine'
+port=$((21000 + $$ % 10000)) here=$((31000 + $$ % 10000))
+timeout 300 socat -u EXEC:'echo hello from this machine' "TCP-LISTEN:$here,bind=127.0.0.1" &
 program serving <<'END'
+nc 10.0.2.2 "$1" </dev/null
 echo 'hello from the board' | nc -l -p 7000
 END
-"$board" run --net "user,$port:7000" ./serving </dev/null >out 2>err &
+"$board" run --net "user,$port:7000" ./serving "$here" </dev/null >out 2>err &
 running=$!
 heard=''
 while kill -0 "$running" 2>/dev/null && [[ -z $heard ]]; do
@@ -197,6 +200,7 @@ while kill -0 "$running" 2>/dev/null && [[ -z $heard ]]; do
 done
 wait "$running" || fail "Its status is $?."
 [[ $heard == 'hello from the board' ]] || fail "What was heard is \"$heard\"."
+expect out 'hello from this machine'
 
 echo '== A debugger stops in the library, whose names and lines it knows'
 # The first stop is in the program, at its way into the library.
