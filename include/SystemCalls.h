@@ -83,13 +83,15 @@ unsigned int ReadFromPhysicalMemoryAddress(unsigned int address);
 /// @throws what ReadFromPhysicalMemoryAddress() throws, with the same texts.
 void WriteToPhysicalMemoryAddress(unsigned int address, unsigned int value);
 
-/// Fills @p info with the system's load and memory.
+/// Fills @p info with the system's load, in 1/65536, its memory, in units of @c mem_unit bytes, and the seconds since
+/// it was started, as `sysinfo(2)` describes.
 /// @throws std::system_error "Cannot retrieve sysinfo".
 void sysinfo_e(struct sysinfo* info);
 
 /// Maps @p length bytes as `mmap` does and returns the mapping, which munmap_a() releases.
 ///
-/// @p offset is taken as a bit pattern: where `long` has 32 bits, offsets from 2 GiB on are negative numbers.
+/// @p offset is in bytes, a multiple of the page size. It is taken as a bit pattern: where `long` has 32 bits, offsets
+/// from 2 GiB on are negative numbers.
 /// @throws std::system_error "Error from mmap".
 void* mmap_e(void* address, unsigned int length, int protection, int flags, int fd, long offset);
 

@@ -40,7 +40,8 @@ class WatchDog {
   /// Keeps both for Activate(): the time-out in seconds and the path of the device. Nothing is checked or opened.
   WatchDog(int interval, std::string device);
 
-  /// Deactivates. A failure ends the process, so that a watchdog which could not be stopped does not go unnoticed.
+  /// Deactivates. A failure of Deactivate() ends the process, so that a watchdog which could not be stopped does not go
+  /// unnoticed.
   ~WatchDog();
 
   WatchDog(const WatchDog&) = delete;

@@ -32,7 +32,8 @@
 /// Take the traceback where something happens. A terminate handler is too late: on 32-bit ARM, the stack that it sees
 /// ends inside the C++ library. The example traceback-on-terminate records the stack of each throw.
 ///
-/// Any thread may call these functions; none of them is safe in a signal handler, since all allocate memory.
+/// Any thread may call these functions; none of them is safe in a signal handler, since all allocate memory. They throw
+/// nothing but `std::bad_alloc`, if memory runs out; nothing has changed then.
 namespace linuxutils {
 
 /// A readable name for one line of `backtrace_symbols`, or for any text.

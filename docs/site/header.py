@@ -48,10 +48,14 @@ def operations(lines):
 def failures(name, comment, found):
     """The catalogue's entries for an operation. Of overloads, each has what its comment names, itself or by naming another
     operation, or all if it names none."""
+    scope = name[:name.rfind(":") + 1]
+    if "~" in name:
+        # What the operation that it names throws ends the process here. It calls that only where there is something to close.
+        return [{**entry, "remains": "The process ends."} for entry in ERRORS
+                if entry["id"] != "err-serial-not-open" and {scope + other for other in re.findall(r"\b(\w+)\(\)", comment)} & set(entry["operations"])]
     entries = [entry for entry in ERRORS if name in entry["operations"]]
     if [other for _, other, _ in found].count(name) == 1:
         return entries
-    scope = name[:name.rfind(":") + 1]
     referred = {scope + other for other in re.findall(r"\b(\w+)\(\)", comment)} - {name}
     comments = [comment] + [text for _, other, text in found if other in referred]
     return [entry for entry in entries if any(names(text, entry) for text in comments)] or entries

@@ -1,4 +1,5 @@
-"""Checks every link and anchor within the site, those in scripts too, and that Doxygen understood the text.
+"""Checks every link and anchor within the site, those in scripts too, that no page fetches anything from elsewhere, and
+that Doxygen understood the text.
 
 Usage: links.py SITE_FOLDER. Prints each dead link, each pair of asterisks that was to be bold, each escaped character or
 link that came out so, and each piece of code that came out empty, and ends with 1 if there are any.
@@ -20,6 +21,7 @@ class Page(html.parser.HTMLParser):
     def __init__(self, path):
         super().__init__()
         self.links, self.anchors, self.doubled, self.lost, self.title = [], set(), [], [], ""
+        self.fetched = []
         self._inside, self._code = [], None
         self.feed(path.read_text(encoding="utf-8", errors="replace"))
 
@@ -28,6 +30,8 @@ class Page(html.parser.HTMLParser):
         if tag in VERBATIM:
             self._inside.append(tag)
             self._code = ""
+        if attributes.get("role") == "img" and not attributes.get("aria-label"):
+            self.lost.append("a drawing without a name")
         own = {attributes.get("id"), attributes.get("name") if tag == "a" else None} - {None, ""}
         if attributes.get("id") in self.anchors:
             self.doubled.append(attributes["id"])
@@ -35,6 +39,9 @@ class Page(html.parser.HTMLParser):
         for name in ("href", "src"):
             if attributes.get(name):
                 self.links.append(attributes[name])
+                if (name == "src" or tag == "link") and not attributes[name].startswith(("data:", "javascript:")):
+                    self.fetched.append(attributes[name])
+        self.fetched += FETCHED.findall(attributes.get("style", ""))
 
     def handle_data(self, data):
         if self._inside:
@@ -57,10 +64,8 @@ class Page(html.parser.HTMLParser):
                 self.lost.append("an empty piece of code")
 
 
-# Doxygen links from a file's page to a list of classes that is left out where it is empty.
-KNOWN = {"#nested-classes"}
-# And from a header in the list of pages to the anchors of functions that are on the page of their namespace.
-ELSEWHERE = re.compile(r"linuxutils_8h\.html#")
+# What a page fetches when it is shown: a style sheet's links, too.
+FETCHED = re.compile(r"(?:url\(|@import\s)\s*[\"']?(?!data:|#)([^\"')\s;]+)")
 
 
 def main(folder):
@@ -77,6 +82,15 @@ def main(folder):
             dead.append(f"the page of {source} is not there")
         elif f'[ "{title}", "' not in listed:
             dead.append(f"the list of pages does not have {title!r}")
+    sheets = {path: FETCHED.findall(path.read_text(errors="replace")) for path in folder.rglob("*.css")}
+    for path, fetched in [*sheets.items(), *((path, page.fetched) for path, page in pages.items())]:
+        for link in fetched:
+            # The site needs no other machine.
+            parts = urllib.parse.urlsplit(link)
+            if parts.scheme or parts.netloc:
+                dead.append(f"{path.name} fetches {link}")
+            elif not (path.parent / urllib.parse.unquote(parts.path)).exists():
+                dead.append(f"{path.name} fetches {link}, which is not there")
     for path, page in pages.items():
         dead += [f"{path.name}: two anchors {anchor}" for anchor in page.doubled]
         dead += [f"{path.name}: {what}" for what in page.lost]
@@ -91,7 +105,7 @@ def main(folder):
             fragment = urllib.parse.unquote(parts.fragment)
             if not target.exists():
                 dead.append(f"{path.name}: {link}")
-            elif fragment and target in pages and fragment not in pages[target].anchors and "#" + fragment not in KNOWN:
+            elif fragment and target in pages and fragment not in pages[target].anchors:
                 dead.append(f"{path.name}: {link}")
     # The list of pages and the search have theirs in scripts.
     for script in folder.rglob("*.js"):
@@ -99,7 +113,7 @@ def main(folder):
             count += 1
             file, _, fragment = link.partition("#")
             target = (script.parent / file).resolve()
-            if target not in pages or fragment and fragment not in pages[target].anchors and not ELSEWHERE.match(link):
+            if target not in pages or fragment and fragment not in pages[target].anchors:
                 dead.append(f"{script.name}: {link}")
     for line in dead:
         print(f"Wrong: {line}")

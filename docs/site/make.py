@@ -31,11 +31,14 @@ def header():
 
 
 def drawing(source):
-    """A drawing that takes the page's colour and width."""
+    """A drawing that takes the page's colour and width, with the words that the handbook links to it with as its name."""
     svg = subprocess.run(["dot", "-Tsvg", str(source)], check=True, capture_output=True, text=True).stdout
     svg = svg[svg.index("<svg"):]
     width = re.search(r'width="(\d+)pt"', svg).group(1)
-    svg = re.sub(r'<svg width="\d+pt" height="\d+pt"', f'<svg role="img" style="width: {width}pt"', svg, count=1)
+    svg = re.sub(r'<svg width="\d+pt" height="\d+pt"', f'<svg role="img" aria-label="{page.drawn()[source.stem]}" style="width: {width}pt"', svg,
+                 count=1)
+    # That name is the graph's, which is shown where the pointer rests.
+    svg = re.sub(r"<title>states</title>\n", "", svg, count=1)
     svg = re.sub(r'<polygon fill="white" stroke="transparent"[^>]*/>\n', "", svg)
     svg = svg.replace('"black"', '"currentColor"').replace(' xmlns:xlink="http://www.w3.org/1999/xlink"', "")
     # Ids are unique in a page, and the tool numbers them anew in each drawing.

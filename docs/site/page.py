@@ -4,11 +4,12 @@ Each heading gets an anchor, and a long page a list of its contents. Links betwe
 headers become Doxygen's, and a link to a drawing becomes the drawing.
 """
 
+import pathlib
 import re
 
 CODE = re.compile(r"(?ms)(^ *```.*?^ *```$)")
 HEADING = re.compile(r"(?m)^(#+) (.*)$")
-DRAWING = re.compile(r"(?m)^\[[^]]+\]\(site/([\w-]+)\.dot\)$")
+DRAWING = re.compile(r"(?m)^\[([^]]+)\]\(site/([\w-]+)\.dot\)$")
 LINK = re.compile(r"\[([^]\[]+)\]\(([\w./-]*)(?:#([\w-]+))?\)")
 
 
@@ -29,6 +30,12 @@ def slug(heading):
 def headings(text):
     """The words of each heading."""
     return [words for _, words in HEADING.findall(CODE.sub("", text))]
+
+
+def drawn():
+    """What the handbook calls each drawing."""
+    return {stem: words for path in sorted(pathlib.Path("docs").glob("*.md"))
+            for words, stem in DRAWING.findall(path.read_text())}
 
 
 def translated(stem, text):
@@ -55,6 +62,6 @@ def translated(stem, text):
         return f'{command} {page}-{anchor} "{words}"' if anchor else f'{command} {label(page)} "{words}"'
 
     parts = CODE.split(text)
-    parts[::2] = [LINK.sub(link, DRAWING.sub(r"@htmlinclude[block] \1.svg", HEADING.sub(heading, part)))
+    parts[::2] = [LINK.sub(link, DRAWING.sub(r"@htmlinclude[block] \2.svg", HEADING.sub(heading, part)))
                   for part in parts[::2]]
     return "".join(parts)

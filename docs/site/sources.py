@@ -62,6 +62,10 @@ def check_failures():
                     not header.names(text, entry):
                 complaints.append(f"{path} does not have the text {entry['text']!r}.")
     for entry in catalogue.ERRORS:
+        for operation, destructor in (("SerialPort::Close", "SerialPort::~SerialPort"),
+                                      ("WatchDog::Deactivate", "WatchDog::~WatchDog")):
+            compare(f"Whether the page of {destructor} shows {entry['id']}", (destructor, entry["id"]) in shown,
+                    operation in entry["operations"] and entry["id"] != "err-serial-not-open")
         for operation in entry["operations"]:
             compare(f"What the page of {operation} shows", (operation, entry["id"]) in shown, True)
 
@@ -187,8 +191,7 @@ def check_sections():
         text = pathlib.Path(f"docs/{stem}.md").read_text()
         compare(f"The sections of {stem}", [words for words in handbook.headings(text) if words in SECTIONS], SECTIONS)
         compare(f"A table of the arguments in {stem}", "\n| Argument | Meaning |\n" in text, True)
-    drawn = {name for path in pathlib.Path("docs").glob("*.md") for name in handbook.DRAWING.findall(path.read_text())}
-    compare("What is drawn", drawn, {path.stem for path in pathlib.Path("docs/site").glob("*.dot")})
+    compare("What is drawn", set(handbook.drawn()), {path.stem for path in pathlib.Path("docs/site").glob("*.dot")})
 
 
 def prose(text):
