@@ -4,6 +4,7 @@
 set -eu
 cd "$1"
 architecture=$2
+nodoc=${3:-}
 failed=0
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -29,6 +30,17 @@ expect() {
   for file; do
     # shellcheck disable=SC2086  # a pattern
     ls -d "$work/$package"$file >"$work/listed" 2>&1 || complain "$package is without $file."
+  done
+}
+
+# expect_examples FILE...: the package that was expected last has these examples, or none at all with nodoc.
+expect_examples() {
+  examples=$work/$package/usr/share/doc/$package/examples
+  for file; do
+    case $nodoc in
+      '') [ -e "$examples/$file" ] || complain "$package is without the example $file." ;;
+      *) [ ! -e "$examples/$file" ] || complain "$package has the example $file, in spite of nodoc." ;;
+    esac
   done
 }
 
@@ -65,13 +77,12 @@ hardened libboardkit1 "$lib/libboardkit.so.1.*"
 expect libboardkit1-dbgsym "$architecture" same '/usr/lib/debug/.build-id'
 expect libboardkit-dev "$architecture" same "$lib/libboardkit.so" "$lib/libboardkit.a" "$lib/pkgconfig/boardkit.pc" \
   "$lib/cmake/boardkit/boardkitConfig.cmake" "$lib/cmake/boardkit/boardkitConfigVersion.cmake" /usr/include/boardkit/WatchDog.h \
-  /usr/share/man/man3/SerialPort.3boardkit.gz /usr/share/man/man7/boardkit.7.gz \
-  /usr/share/doc/libboardkit-dev/examples/set-address.cpp /usr/share/doc/libboardkit-dev/examples/CMakeLists.txt
+  /usr/share/man/man3/SerialPort.3boardkit.gz /usr/share/man/man7/boardkit.7.gz
+expect_examples set-address.cpp CMakeLists.txt
 expect boardkit-tools "$architecture" foreign /usr/bin/boardctl /usr/share/man/man1/boardctl.1.gz \
   /usr/share/bash-completion/completions/boardctl /usr/share/zsh/site-functions/_boardctl \
-  /usr/share/boardkit/boardctl-schema.json /usr/share/fish/vendor_completions.d/boardctl.fish \
-  '/usr/share/doc/boardkit-tools/examples/systemd/watched@.service' \
-  /usr/share/doc/boardkit-tools/examples/udev/60-boardkit.rules
+  /usr/share/boardkit/boardctl-schema.json /usr/share/fish/vendor_completions.d/boardctl.fish
+expect_examples systemd/watched@.service udev/60-boardkit.rules
 hardened boardkit-tools /usr/bin/boardctl
 expect boardkit-tools-dbgsym "$architecture" no '/usr/lib/debug/.build-id'
 case $architecture in
@@ -88,7 +99,9 @@ case $architecture in
     ;;
 esac
 # Documentation is for all architectures, and made with the packages of this machine.
-if [ "$architecture" = "$(dpkg --print-architecture)" ] && [ "${3:-}" != nodoc ]; then
+if [ -n "$nodoc" ]; then
+  [ -z "$(find . -maxdepth 1 -name 'boardkit-doc_*')" ] || complain 'There is a boardkit-doc, in spite of nodoc.'
+elif [ "$architecture" = "$(dpkg --print-architecture)" ]; then
   expect boardkit-doc all foreign /usr/share/doc/boardkit-doc/html/index.html /usr/share/doc-base/boardkit-doc.boardkit
 fi
 [ "$failed" -ne 0 ] || echo "The packages for $architecture have what they should."
