@@ -45,7 +45,8 @@
 /// @warning Opening is neither exclusive (another process may open the device too) nor close-on-exec (children inherit
 /// the descriptor).
 /// @warning A device without modem lines (an ordinary pseudo-terminal), and a line that was hung up (an unplugged
-/// adapter), cannot be closed: Close() throws, and the destructor, which closes an open port, then ends the process.
+/// adapter), cannot be closed: Close() throws, and the destructor, which closes an open port, then ends the process,
+/// also after that exception was caught. To go on, never destroy such an object, and open the line with a new one.
 /// @warning Close() repeats an interrupted `close`, although Linux has released the descriptor's number by then: in a
 /// program with several threads, that number may belong to another file.
 class SerialPort {

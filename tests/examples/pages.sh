@@ -87,6 +87,34 @@ first byte: s
 END
 expect log "settings speed=115200"
 
+# What the page on serial ports says of an adapter that is unplugged: the program goes on with a new object, and ends with
+# one in the destructor.
+ask() {
+  printf '%s\n' "$*" | timeout 10 socat -t 5 - UNIX-CONNECT:control > answer
+  expect answer ok
+}
+# lose_the_line COMMAND...: runs it on a board whose cable is pulled, and sets board to its process.
+lose_the_line() {
+  rm -f events control
+  "$boardsim" --tty /dev/ttyS1=none --log events --control control -- "$@" > printed 2>&1 &
+  board=$!
+  wait_for events 'settings speed=115200'
+  ask feed /dev/ttyS1 610a
+  wait_for printed a
+  ask hangup /dev/ttyS1
+}
+lose_the_line "$examples/reopen" /dev/ttyS1
+wait_for printed 'left behind: SetLoopback TIOCMGET failed!'
+: > events
+ask plug /dev/ttyS1
+wait_for events 'settings speed=115200'
+ask feed /dev/ttyS1 71
+wait "$board" || fail "It does not go on with a new object." printed
+# shellcheck disable=SC2016  # the inner shell's own
+lose_the_line sh -c '"$0" /dev/ttyS1 115200; echo "status $?"' "$examples/serial-echo"
+wait "$board" || fail "The board ends badly." printed
+expect printed 'serial-echo: ' 'status 134'
+
 prints 0 "$here/../../examples/line-test.sh" "$boardsim" "$examples/serial-echo" <<'END'
 passed
 END
