@@ -14,6 +14,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import textwrap
 import time
 import unittest
 
@@ -209,6 +210,75 @@ class TestCase(unittest.TestCase):
     def some_of(self, cases):
         """All cases for root. Where rights make no difference, the first one shows that an ordinary user has enough."""
         return cases if self.user == "root" else cases[:1]
+
+    def before_the_c_library(self, source):
+        """The words of a shell that let a program call these functions of C in place of the C library's: what no kernel at
+        hand would answer, or what must come at a certain moment."""
+        pathlib.Path("before.c").write_text(textwrap.dedent(source))
+        subprocess.run(["cc", "-shared", "-fPIC", "-o", "before.so", "before.c"], check=True)
+        # In a build with the address sanitizer, its library need not come first.
+        return f"ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0 LD_PRELOAD={self.folder}/before.so"
+
+    def signalling(self):
+        """The words of a shell that let a program get SIGTERM at one of its calls of the kernel: that of the number in AT, or
+        with ON set, at each from there on. What it starts gets none."""
+        return self.before_the_c_library("""
+            #include <fcntl.h>
+            #include <signal.h>
+            #include <stdarg.h>
+            #include <stdlib.h>
+            #include <sys/syscall.h>
+            #include <unistd.h>
+            static long left;
+            static int goes_on;
+            __attribute__((constructor)) static void begin(void) {
+              const char* at = getenv("AT");
+              left = at == 0 ? 0 : atol(at);
+              goes_on = getenv("ON") != 0;
+              unsetenv("AT");
+            }
+            static void count(void) {
+              static int has_sent;
+              if (left > 0 && --left == 0) {
+                // The handler itself must come to its end.
+                sigset_t blocked;
+                sigprocmask(SIG_BLOCK, 0, &blocked);
+                if (!has_sent || !sigismember(&blocked, SIGTERM)) {
+                  syscall(SYS_kill, getpid(), SIGTERM);
+                }
+                has_sent = 1;
+                left = goes_on;
+              }
+            }
+            #define ARGUMENT(last) \\
+              va_list arguments; va_start(arguments, last); void* argument = va_arg(arguments, void*); va_end(arguments)
+            int open(const char* path, int flags, ...) {
+              ARGUMENT(flags);
+              count();
+              return (int)syscall(SYS_openat, AT_FDCWD, path, flags, argument);
+            }
+            int open64(const char* path, int flags, ...) {
+              ARGUMENT(flags);
+              count();
+              return (int)syscall(SYS_openat, AT_FDCWD, path, flags, argument);
+            }
+            int ioctl(int fd, unsigned long request, ...) {
+              ARGUMENT(request);
+              count();
+              return (int)syscall(SYS_ioctl, fd, request, argument);
+            }
+            int close(int fd) {
+              count();
+              return (int)syscall(SYS_close, fd);
+            }
+            ssize_t write(int fd, const void* bytes, size_t size) {
+              count();
+              return syscall(SYS_write, fd, bytes, size);
+            }
+            ssize_t read(int fd, void* bytes, size_t size) {
+              count();
+              return syscall(SYS_read, fd, bytes, size);
+            }""")
 
     def need(self, *programs):
         for program in programs:
