@@ -12,7 +12,7 @@ import sys
 VARIES = "..."
 LITERAL = r'"((?:[^"\\\n]|\\.)*)"'
 EXCEPTIONS = {"std::" + name for name in
-              ("system_error", "logic_error", "runtime_error", "invalid_argument")}
+              ("system_error", "logic_error", "runtime_error", "invalid_argument")} | {"SIGBUS"}
 KEYS = ["id", "subsystem", "origin", "text", "operations", "exception", "causes", "remains"]
 
 
@@ -50,7 +50,7 @@ def main(root):
         if error["origin"] == "library":
             pieces = error["text"].split(VARIES)
             told.update(piece for piece in pieces if piece or len(pieces) == 1)
-        elif error["origin"] not in ("shell", "ip"):
+        elif error["origin"] not in ("shell", "ip", "kernel"):
             faults.append(f"{error['id']}: from where is {error['origin']}?")
         if error["exception"] not in EXCEPTIONS:
             faults.append(f"{error['id']}: nobody throws {error['exception']}")

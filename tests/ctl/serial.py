@@ -13,7 +13,7 @@ import sys
 import termios
 import xml.etree.ElementTree
 
-from ctl import BOARDCTL, DISK_FULL, PATIENCE, ctl, finish, main, port_not_opened, shell, TestCase, without_rights, works
+from ctl import BOARDCTL, DISK_FULL, PATIENCE, bus_error, ctl, finish, main, port_not_opened, shell, strict, TestCase, without_rights, works
 
 PORT = "/dev/ttyS1"
 
@@ -103,6 +103,29 @@ class Serial(OnALine):
         self.assertEqual((result.status, result.err), (0, ""))
         self.assertRegex(result.out, rf"^Device:    {PORT}\nOutput Baudrate: 115200\n")
         self.assertIn("\nReal baud rate: 114890\n", result.out)
+        self.expect_put_back()
+
+    def test_WhereTheUartDoesNotAnswerTheReportTellsCauseAndRemedyAndTheLineIsPutBack(self):
+        # A simulated board's addresses all answer: what the kernel would send comes from the test.
+        silent = self.before_the_c_library("""
+            #include <linux/serial.h>
+            #include <stdarg.h>
+            #include <sys/ioctl.h>
+            #include <sys/syscall.h>
+            #include <unistd.h>
+            int ioctl(int fd, unsigned long request, ...) {
+              va_list arguments;
+              va_start(arguments, request);
+              void* argument = va_arg(arguments, void*);
+              va_end(arguments);
+              if (request == TIOCGSERIAL) {
+                syscall(SYS_kill, getpid(), 7);
+              }
+              return (int)syscall(SYS_ioctl, fd, request, argument);
+            }""")
+        result = self.board("sh", "-c", f"{silent} {shell('serial', 'report', PORT)}", log="log")
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertEqual(result.err, bus_error("serial report"))
         self.expect_put_back()
 
     def send(self, *words, got, redirected="", **keywords):

@@ -181,4 +181,10 @@ std::string InWords(const std::vector<Explanation>& explanations) {
   return words;
 }
 
+std::string FailureInWords(const std::string& verb, const std::string& message) {
+  const std::string explained = InWords(Explain(message));
+  return "boardctl: " + verb + ": " + message +
+         (explained.empty() ? "" : '\n' + explained.substr(0, explained.size() - 1));
+}
+
 }  // namespace catalogue

@@ -22,6 +22,9 @@ std::vector<Explanation> Explain(std::string_view message);
 /// Cause and remedy of all explanations in lines for the reader; empty if there is none.
 std::string InWords(const std::vector<Explanation>& explanations);
 
+/// What a verb that failed says: the message, and below it what the catalogue has for it.
+std::string FailureInWords(const std::string& verb, const std::string& message);
+
 }  // namespace catalogue
 
 #endif

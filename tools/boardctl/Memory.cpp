@@ -1,6 +1,4 @@
 #include <SystemCalls.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -9,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "BusError.h"
 #include "Check.h"
 #include "Groups.h"
 #include "Program.h"
@@ -37,16 +36,6 @@ struct MemoryArguments {
   std::uint64_t changes = 0;
 };
 
-/// Where nothing answers, the access itself ends the process.
-void TellBusError(int /*number*/, siginfo_t* /*information*/, void* /*context*/) {
-  constexpr char kWords[] =
-      "boardctl: mem: nothing answers at that address (SIGBUS)\n"
-      "  cause    No memory and no device is there, or the device has no clock.\n"
-      "  remedy   Check the address, and whether the device is switched on.\n";
-  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, kWords, sizeof kWords - 1);
-  ::_exit(kStatusFailed);
-}
-
 /// The address of the word @p index behind the first one.
 std::uint32_t AddressOf(const MemoryArguments& arguments, std::uint64_t index) {
   return arguments.address + static_cast<std::uint32_t>(index) * kWordSize;
@@ -62,7 +51,7 @@ void CheckEnd(const MemoryArguments& arguments) {
 
 int Read(const MemoryArguments& arguments, Call& call) {
   CheckEnd(arguments);
-  InstallSignalHandler(SIGBUS, TellBusError);
+  TellBusErrors("mem read");
   for (std::uint64_t i = 0; i < arguments.count && signals::Caught() == 0; ++i) {
     const std::uint32_t address = AddressOf(arguments, i);
     const std::uint32_t value = ReadFromPhysicalMemoryAddress(address);
@@ -73,7 +62,7 @@ int Read(const MemoryArguments& arguments, Call& call) {
 }
 
 int Write(const MemoryArguments& arguments, Call& call) {
-  InstallSignalHandler(SIGBUS, TellBusError);
+  TellBusErrors("mem write");
   Json before;
   std::uint32_t value = arguments.value;
   if (arguments.mask) {
@@ -107,7 +96,7 @@ std::string Binary(std::uint32_t word, char set, char clear) {
 }
 
 int Watch(const MemoryArguments& arguments, Call& call) {
-  InstallSignalHandler(SIGBUS, TellBusError);
+  TellBusErrors("mem watch");
   const auto start = std::chrono::steady_clock::now();
   std::optional<std::uint32_t> last;
   std::uint64_t changes = 0;
@@ -148,7 +137,7 @@ int Watch(const MemoryArguments& arguments, Call& call) {
 int Dump(const MemoryArguments& arguments, Call& call) {
   constexpr std::uint64_t kWordsInRow = 4;
   CheckEnd(arguments);
-  InstallSignalHandler(SIGBUS, TellBusError);
+  TellBusErrors("mem dump");
   for (std::uint64_t i = 0; i < arguments.count && signals::Caught() == 0; i += kWordsInRow) {
     std::string row = Hexadecimal(AddressOf(arguments, i)) + ' ';
     std::string characters;

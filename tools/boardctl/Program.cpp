@@ -440,9 +440,11 @@ int Program::RunVerb(const CLI::App& chosen) {
     while (!failure.empty() && failure.back() == '\n') {
       failure.pop_back();
     }
-    const std::string explained = catalogue::InWords(catalogue::Explain(failure));
-    out.Warn("boardctl: " + VerbNameOf(&chosen) + ": " + failure +
-             (explained.empty() ? "" : '\n' + explained.substr(0, explained.size() - 1)));
+    if (failure.empty()) {
+      failure = signals::Caught() != 0 ? "a signal ended the command that it ran"
+                                       : "the command that it ran failed without a word";
+    }
+    out.Warn(catalogue::FailureInWords(VerbNameOf(&chosen), failure));
   }
   out.EndProgress();
   return signals::Caught() != 0 ? kStatusSignal + signals::Caught() : status;

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "BusError.h"
 #include "Check.h"
 #include "Groups.h"
 #include "Port.h"
@@ -118,6 +119,7 @@ int Show(const std::string& device, Call& call) {
 
 int Report(const LineOptions& line, Call& call) {
   Port port(line, call.out);
+  TellBusErrors("serial report", &port.Side());
   const std::string report = port->ToString();
   call.out.Line(report.substr(0, report.find_last_not_of('\n') + 1));
   call.out.Object("serial_report", {{"device", line.device}, {"report", report}});
