@@ -1,6 +1,7 @@
 #include "Check.h"
 
 #include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -68,6 +69,13 @@ std::uint32_t WordAddress(const std::string& text) {
   return address;
 }
 
+std::string NotEmpty(const std::string& text, const char* what) {
+  if (text.empty()) {
+    Refuse(text, what);
+  }
+  return text;
+}
+
 std::string Path(const std::string& text) {
   if (text.empty() || text.find('\n') != std::string::npos) {
     Refuse(text, "a path");
@@ -102,6 +110,24 @@ Address IpAddress(const std::string& text) {
   Refuse(text, "an IPv4 or IPv6 address");
 }
 
+Address HostAddress(const std::string& text) {
+  const Address address = IpAddress(text);
+  bool isForHosts = false;
+  if (address.ipv6) {
+    in6_addr bytes{};
+    ::inet_pton(AF_INET6, address.text.c_str(), &bytes);
+    isForHosts = !IN6_IS_ADDR_UNSPECIFIED(&bytes) && !IN6_IS_ADDR_MULTICAST(&bytes);
+  } else {
+    in_addr bytes{};
+    ::inet_pton(AF_INET, address.text.c_str(), &bytes);
+    isForHosts = bytes.s_addr != INADDR_ANY && ntohl(bytes.s_addr) < INADDR_UNSPEC_GROUP;
+  }
+  if (!isForHosts) {
+    Refuse(text, "the address of a host");
+  }
+  return address;
+}
+
 Network IpNetwork(const std::string& text) {
   constexpr unsigned int kIpv4Bits = 32;
   constexpr unsigned int kIpv6Bits = 128;
@@ -116,6 +142,12 @@ Network IpNetwork(const std::string& text) {
     Refuse(text.substr(slash + 1), "a prefix length from 0 to " + std::to_string(most));
   }
   return {address, static_cast<int>(length)};
+}
+
+Network HostNetwork(const std::string& text) {
+  const Network network = IpNetwork(text);
+  HostAddress(network.address.text);
+  return network;
 }
 
 }  // namespace check

@@ -2,6 +2,8 @@
 #define BOARDKIT_CTL_CHECK_H
 
 #include <cstdint>
+#include <map>
+#include <stdexcept>
 #include <string>
 
 /// What comes from outside, checked before anything is done with it. Every function returns the value, or throws
@@ -17,6 +19,22 @@ std::uint32_t Word(const std::string& text);
 /// The address of a word of 32 bits: a multiple of 4.
 std::uint32_t WordAddress(const std::string& text);
 
+/// One of a few words, which stand for values.
+template <typename Value>
+Value OneOf(const std::string& text, const std::map<std::string, Value>& values) {
+  if (const auto found = values.find(text); found != values.end()) {
+    return found->second;
+  }
+  std::string names;
+  for (const auto& [name, value] : values) {
+    names += (names.empty() ? "" : ", ") + name;
+  }
+  throw std::invalid_argument('"' + text + "\" is none of " + names);
+}
+
+/// Any text but none; @p what it is: "a command".
+std::string NotEmpty(const std::string& text, const char* what);
+
 /// The path of a device or file: not empty, and without a NUL or newline.
 std::string Path(const std::string& text);
 
@@ -30,6 +48,8 @@ struct Address {
 };
 /// An IPv4 or IPv6 address that inet_pton knows.
 Address IpAddress(const std::string& text);
+/// One that a single host can have: not 0.0.0.0 or ::, and neither multicast nor broadcast.
+Address HostAddress(const std::string& text);
 
 struct Network {
   Address address;
@@ -37,6 +57,8 @@ struct Network {
 };
 /// ADDRESS/LENGTH, with a length of 0 to 32, or to 128.
 Network IpNetwork(const std::string& text);
+/// That of a host.
+Network HostNetwork(const std::string& text);
 
 }  // namespace check
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "Check.h"
 #include "Groups.h"
 #include "Interfaces.h"
 #include "Program.h"
@@ -122,11 +123,8 @@ void AddCompletion(Program& program) {
   AddArgument(
       verb, "SHELL", "", *script,
       [](const std::string& shell) {
-        const std::map<std::string, const char*> scripts = {
-            {"bash", kBashCompletion}, {"zsh", kZshCompletion}, {"fish", kFishCompletion}};
-        const auto found = scripts.find(shell);
-        return found != scripts.end() ? found->second
-                                      : throw std::invalid_argument('"' + shell + "\" is none of bash, zsh, fish");
+        return check::OneOf<const char*>(
+            shell, {{"bash", kBashCompletion}, {"zsh", kZshCompletion}, {"fish", kFishCompletion}});
       },
       "bash, zsh or fish", kRequired);
 }

@@ -1,7 +1,5 @@
 #include <IpNet.h>
 #include <OpSystem.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 
 #include <algorithm>
 #include <cctype>
@@ -350,22 +348,8 @@ void RefuseFurther(const Change& change, const std::string& address, const NetAr
   }
 }
 
-bool IsForHosts(const check::Address& address) {
-  if (address.ipv6) {
-    in6_addr bytes{};
-    ::inet_pton(AF_INET6, address.text.c_str(), &bytes);
-    return !IN6_IS_ADDR_UNSPECIFIED(&bytes) && !IN6_IS_ADDR_MULTICAST(&bytes);
-  }
-  in_addr bytes{};
-  ::inet_pton(AF_INET, address.text.c_str(), &bytes);
-  return bytes.s_addr != INADDR_ANY && ntohl(bytes.s_addr) < INADDR_UNSPEC_GROUP;
-}
-
 int SetAddress(const NetArguments& arguments, Call& call) {
   const check::Address& address = arguments.network.address;
-  if (!IsForHosts(address)) {
-    throw UsageError("ADDRESS: " + address.text + " is not the address of a host");
-  }
   Network net;
   Change change{"address", arguments.interface, address.ipv6, {}, {}, {}};
   change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
@@ -447,9 +431,6 @@ int SetRoute(const std::optional<Route>& wanted, bool ipv6, const NetArguments& 
 }
 
 int SetGateway(const NetArguments& arguments, Call& call) {
-  if (!IsForHosts(arguments.gateway)) {
-    throw UsageError("ADDRESS: " + arguments.gateway.text + " is not the address of a host");
-  }
   return SetRoute(Route{arguments.gateway.text, arguments.interface}, arguments.gateway.ipv6, arguments, call);
 }
 
@@ -489,13 +470,6 @@ void AddInterface(CLI::App& app, NetArguments& arguments, const char* descriptio
   AddArgument(app, "IFACE", "", arguments.interface, check::Interface, description, presence);
 }
 
-std::string What(const std::string& text) {
-  if (text != "address" && text != "gateway") {
-    throw std::invalid_argument('"' + text + "\" is neither address nor gateway");
-  }
-  return text;
-}
-
 }  // namespace
 
 void AddNet(Program& program) {
@@ -524,7 +498,7 @@ void AddNet(Program& program) {
                   "net address eth0 192.0.2.10/24 --dry-run", kRemains, true, true, false, true},
                  SetAddress, arguments);
   AddInterface(address, *arguments, kInterface, kRequired);
-  AddArgument(address, "ADDRESS/LENGTH", "", arguments->network, check::IpNetwork,
+  AddArgument(address, "ADDRESS/LENGTH", "", arguments->network, check::HostNetwork,
               "192.0.2.10/24, 2001:db8::10/64; to remove one: boardctl net clear", kRequired);
   AddFlag(address, "--flush", arguments->isFlushed, kFlush);
 
@@ -546,7 +520,7 @@ void AddNet(Program& program) {
        true, false, true},
       SetGateway, arguments);
   AddInterface(gateway, *arguments, kInterface, kRequired);
-  AddArgument(gateway, "ADDRESS", "", arguments->gateway, check::IpAddress, "192.0.2.1, 2001:db8::1", kRequired);
+  AddArgument(gateway, "ADDRESS", "", arguments->gateway, check::HostAddress, "192.0.2.1, 2001:db8::1", kRequired);
 
   CLI::App& clear = AddNetVerb(
       program, group,
@@ -559,7 +533,10 @@ void AddNet(Program& program) {
        "those that query.",
        "net clear address eth0 --ipv6", kRemains, true, true, false, true},
       Clear, arguments);
-  AddArgument(clear, "WHAT", "", arguments->what, What, "address or gateway", kRequired);
+  static const std::map<std::string, std::string> kWhat = {{"address", "address"}, {"gateway", "gateway"}};
+  AddArgument(
+      clear, "WHAT", "", arguments->what, [](const std::string& text) { return check::OneOf(text, kWhat); },
+      "address or gateway", kRequired);
   AddInterface(clear, *arguments, kInterface);
   AddFlag(clear, "--ipv6", arguments->isIpv6, "the first IPv6 address, or the IPv6 route, not that of IPv4");
   AddFlag(clear, "--flush", arguments->isFlushed, kFlush);

@@ -13,19 +13,6 @@
 
 namespace {
 
-template <typename Value>
-Value OneOf(const std::string& text, const std::map<std::string, Value>& values) {
-  const auto found = values.find(text);
-  if (found != values.end()) {
-    return found->second;
-  }
-  std::string names;
-  for (const auto& [name, value] : values) {
-    names += (names.empty() ? "" : ", ") + name;
-  }
-  throw std::invalid_argument('"' + text + "\" is none of " + names);
-}
-
 /// The code of a standard speed, BAUD_0 for others.
 SerialPort::BaudRate StandardCode(std::uint32_t bitsPerSecond) {
   if (bitsPerSecond <= static_cast<std::uint32_t>(std::numeric_limits<int>::max())) {
@@ -102,16 +89,16 @@ void AddFormat(CLI::App& verb, LineOptions& line) {
       {"hardware", SerialPort::FLOW_CONTROL_HARDWARE},
       {"software", SerialPort::FLOW_CONTROL_SOFTWARE}};
   AddArgument(
-      verb, "--bits", "N", line.bits, [](const std::string& text) { return OneOf(text, kBits); },
+      verb, "--bits", "N", line.bits, [](const std::string& text) { return check::OneOf(text, kBits); },
       "data bits, 5 to 8 (default 8)");
   AddArgument(
-      verb, "--parity", "P", line.parity, [](const std::string& text) { return OneOf(text, kParities); },
+      verb, "--parity", "P", line.parity, [](const std::string& text) { return check::OneOf(text, kParities); },
       "none, even or odd (default none)");
   AddArgument(
-      verb, "--stop", "N", line.stop, [](const std::string& text) { return OneOf(text, kStops); },
+      verb, "--stop", "N", line.stop, [](const std::string& text) { return check::OneOf(text, kStops); },
       "stop bits, 1 or 2 (default 1)");
   AddArgument(
-      verb, "--flow", "F", line.flow, [](const std::string& text) { return OneOf(text, kFlows); },
+      verb, "--flow", "F", line.flow, [](const std::string& text) { return check::OneOf(text, kFlows); },
       "none, hardware or software (default none)");
 }
 

@@ -468,21 +468,17 @@ void AddReceive(Program& program, CLI::App& group) {
       "end after N bytes");
   AddArgument(
       verb, "--until", "TEXT", arguments->until,
-      [](const std::string& text) { return text.empty() ? throw std::invalid_argument("it is empty") : text; },
-      "end when TEXT has come");
+      [](const std::string& text) { return check::NotEmpty(text, "a text to wait for"); }, "end when TEXT has come");
   AddArgument(
       verb, "--idle", "MS", arguments->idleMs,
       [](const std::string& text) { return check::Decimal(text, 1, kLongestMs); },
       "end when nothing has come for MS milliseconds");
   AddFlag(verb, "--hex", arguments->isHex, "as hexadecimal digits, 16 bytes a line");
+  static const std::map<std::string, Stamps> kStamps = {{"relative", Stamps::kRelative},
+                                                        {"absolute", Stamps::kAbsolute}};
   AddArgument(
       verb, "--timestamps", "KIND", arguments->stamps,
-      [](const std::string& text) {
-        if (text != "relative" && text != "absolute") {
-          throw std::invalid_argument('"' + text + "\" is neither relative nor absolute");
-        }
-        return text == "relative" ? Stamps::kRelative : Stamps::kAbsolute;
-      },
+      [](const std::string& text) { return check::OneOf(text, kStamps); },
       "before each line the time its first byte came: relative (seconds since the start) or absolute");
 }
 

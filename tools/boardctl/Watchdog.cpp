@@ -528,13 +528,6 @@ int Seconds(const std::string& text) {
   return static_cast<int>(check::Decimal(text, 1, INT_MAX / kMsPerS));
 }
 
-std::string CheckCommand(const std::string& text) {
-  if (text.empty()) {
-    throw std::invalid_argument("\"\" is not a command");
-  }
-  return text;
-}
-
 CLI::App& AddDeviceVerb(Program& program, CLI::App& group, const Verb& verb,
                         int (*run)(const WatchdogArguments&, Call&), WatchdogArguments*& arguments) {
   const auto kept = std::make_shared<WatchdogArguments>();
@@ -601,9 +594,11 @@ void AddWatchdog(Program& program) {
        false, false, true},
       Run, arguments);
   AddInterval(run, *arguments);
-  AddArgument(run, "--check", "COMMAND", arguments->check, CheckCommand,
-              "feed only while this shell command succeeds; it is asked before each feeding and may take a third of "
-              "the time-out");
+  AddArgument(
+      run, "--check", "COMMAND", arguments->check,
+      [](const std::string& text) { return check::NotEmpty(text, "a command"); },
+      "feed only while this shell command succeeds; it is asked before each feeding and may take a third of "
+      "the time-out");
   AddArgument(run, "--alive", "FILE", arguments->alive, check::Path,
               "feed only while FILE is touched within each time-out");
 }
