@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The group serial, on a simulated board."""
+import fcntl
 import os
 import pathlib
 import pty
@@ -8,6 +9,7 @@ import shlex
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import termios
@@ -82,7 +84,36 @@ class Serial(OnALine):
         self.assertEqual(set(shown["counters"].values()), {0})
         settings = [event for event in self.events() if event.startswith("settings ")]
         self.assertEqual(set(settings), {"settings speed=57600"})
-        self.assertIn("  speed        9600 bit/s\n", self.on_board("serial", "show", PORT).out)
+
+    def test_TheSettingsAreShownOnAPageWithWhatTheDriverHasCounted(self):
+        show = shell("serial", "show", PORT)
+        script = (f"{show}; {shell('--quiet', 'serial', 'test', PORT, '--speeds', '9600', '--size', '300', '--turns', '1')} > tested; "
+                  f"stty -F {PORT} 1200 cs7 parenb cstopb crtscts raw -echo; {show}; {shell('--json', 'serial', 'show', PORT)}")
+        result = self.board("sh", "-c", script)
+        self.assertEqual((result.status, result.err), (0, ""))
+        page = ("{0}\n  speed        {1}\n  format       {2}\n  flow         {3}\n  lines up     DTR RTS CTS DSR CD\n"
+                "  counted      rx={4} tx={4} frame=0 parity=0 overrun=0 break=0 lost=0\n"
+                "  UART         baud_base_bps=3906250 fifo_bytes=64 irq=42\n  open by      nobody that this user may see\n")
+        *pages, last = result.out.splitlines(keepends=True)
+        self.assertEqual("".join(pages),
+                         page.format(PORT, "9600 bit/s", "8 data bits, parity none, 1 stop bit, not raw: lines are edited and "
+                                     "echoed by the kernel", "software", 0) +
+                         page.format(PORT, "1200 bit/s", "7 data bits, parity even, 2 stop bits, raw", "hardware", 301))
+        self.assertEqual(strict(last)["counters"],
+                         {"rx": 301, "tx": 301, "frame": 0, "parity": 0, "overrun": 0, "break": 0, "lost": 0})
+        # Of a line without all that.
+        far, near = pty.openpty()
+        self.addCleanup(os.close, near)
+        self.addCleanup(os.close, far)
+        words = "=4I20B2I"  # of the kernel's own settings, whose input may have another speed
+        tcgets2, tcsets2, any_speed = 0x802C542A, 0x402C542B, 0x10001000
+        settings = list(struct.unpack(words, fcntl.ioctl(near, tcgets2, bytes(struct.calcsize(words)))))
+        settings[2] = settings[2] & ~0x100F100F | any_speed
+        settings[-2:] = 1200, 9600
+        fcntl.ioctl(near, tcsets2, struct.pack(words, *settings))
+        shown = ctl("serial", "show", os.ttyname(near)).out
+        self.assertIn("\n  speed        9600 bit/s out, 1200 in\n", shown)
+        self.assertIn("\n  lines up     unknown\n  counted      unknown\n  UART         unknown\n  open by      ", shown)
 
     def test_AWatchdogIsRefusedAsAPortAndNeverOpened(self):
         dog = "/dev/watchdog"
@@ -158,7 +189,8 @@ class Serial(OnALine):
                 self.assertEqual(int(set_up[-1], 16) & (size_mask | two_stops | parity | odd | rts_cts), flags)
 
     def test_StandardInputIsSentToItsEndAlsoInHexadecimal(self):
-        for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello")]:
+        for words, given, got in [((), b"plain", b"plain"), (("--hex",), b"48 65\n6C6c 6F", b"Hello"),
+                                  (("--hex",), b" " * 5000 + b"4a", b"J")]:
             with self.subTest(words=words):
                 result = self.send("--json", "serial", "send", PORT, *words, given=given, got=got)
                 self.assertEqual((result.status, result.objects[0]["size_bytes"], result.objects[0]["ended"]),
@@ -168,6 +200,14 @@ class Serial(OnALine):
                 result = self.on_board("serial", "send", PORT, "--hex", given=given)
                 self.assertEqual(result.status, 1)
                 self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
+
+    def test_TheHelpNamesTerminalProgramsAndWhichVerbHasTimes(self):
+        for verb in "send", "receive":
+            with self.subTest(verb=verb):
+                said = " ".join(ctl("serial", verb, "--help").out.split())
+                self.assertIn("For a conversation by keyboard, use a terminal program such as picocom or tio.", said)
+        self.assertIn("Times are told of what comes in only: see serial receive --timestamps.",
+                      " ".join(ctl("serial", "send", "--help").out.split()))
 
     def test_TheDeviceDoesNotTakeThePlaceOfAClosedStandardDescriptorAndUsingOneFails(self):
         # Else the far end would get the words as bytes.
@@ -488,6 +528,7 @@ class LineTest(OnALine):
                                        "--size", "3000", "--turns", "10", *words, options=options, log="log")
                 self.assertEqual((result.status, result.err), (0, ""), result.out)
                 for measured, speed in zip(result.objects, (9600, 250000, 115200)):
+                    self.assertEqual(measured["runs_at_bps"], speed)
                     self.assertEqual((measured["speed_bps"], measured["verdict"], measured["sent_bytes"],
                                       measured["received_bytes"], measured["bit_errors"], measured["lost_bytes"],
                                       measured["doubled_bytes"], measured["turnaround_us"]["count"]),
@@ -512,6 +553,8 @@ class LineTest(OnALine):
         self.assertEqual((missed.status, missed.objects[-1]["speeds_good"], missed.objects[-1]["speeds_tried"]), (1, 1, 2))
         verdicts = {measured["speed_bps"]: measured["verdict"] for measured in result.objects[:-1]}
         self.assertEqual((verdicts[9600], verdicts[115200], verdicts[3000000]), ("good", "good", "not possible"))
+        # What it runs at instead is told, too.
+        self.assertEqual((missed.objects[1]["speed_bps"], missed.objects[1]["runs_at_bps"]), (3000000, 9600))
 
     def test_BitErrorsLostAndDoubledBytesAreToldApart(self):
         far_end = ("import os\n"

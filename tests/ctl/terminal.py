@@ -136,8 +136,10 @@ class WithoutTerminal(TestCase):
                 self.assertNotIn("\r", result.out + result.err)
 
     def test_AFilesProgressIsShownOnATerminalButNotOnADumbOne(self):
-        pathlib.Path("file").write_bytes(bytes(300000))
-        for terminal, words, shows in (("dumb", [], False), ("vt100", ["--quiet"], False), ("vt100", [], True)):
+        pathlib.Path("file").write_bytes(b"00" * 150000)
+        # Of hexadecimal digits, too, the bar is as long as the file.
+        for terminal, words, shows in (("dumb", [], False), ("vt100", ["--quiet"], False), ("vt100", [], True),
+                                       ("vt100", ["--hex"], True)):
             with self.subTest(terminal=terminal, words=words):
                 command = self.shell_on_board(*words)
                 result = subprocess.run(["script", "-qec", f"TERM={terminal} {command}", "/dev/null"], capture_output=True,
@@ -147,7 +149,7 @@ class WithoutTerminal(TestCase):
                 self.assertEqual(re.search(bar, result.stdout, re.S) is not None, shows, result.stdout)
 
     def shell_on_board(self, *words):
-        return shlex.join([BOARDSIM, "--", BOARDCTL, *words, "serial", "send", PORT, "file"])
+        return shlex.join([BOARDSIM, "--", BOARDCTL, "serial", "send", PORT, "file", *words])
 
 
 if __name__ == "__main__":

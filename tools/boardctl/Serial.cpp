@@ -85,12 +85,12 @@ int Show(const std::string& device, Call& call) {
   const Json uart = tty.Uart();
   const auto holders = processes::HoldersOf(device);
 
-  std::string speed = std::to_string(settings.speedBps);
+  std::string speed = std::to_string(settings.speedBps) + " bit/s";
   if (settings.inputSpeedBps != settings.speedBps) {
     speed += " out, " + std::to_string(settings.inputSpeedBps) + " in";
   }
   call.out.Line(device);
-  call.out.Line("  speed        " + speed + " bit/s");
+  call.out.Line("  speed        " + speed);
   call.out.Line("  format       " + std::to_string(settings.dataBits) + " data bits, parity " + settings.parity + ", " +
                 std::to_string(settings.stopBits) + " stop bit" + (settings.stopBits == 1 ? "" : "s") +
                 (settings.isRaw ? ", raw" : ", not raw: lines are edited and echoed by the kernel"));
@@ -186,22 +186,35 @@ bool WaitForRoom(const Port& port, Standstill& standstill) {
   return signals::Caught() == 0;
 }
 
+/// How far sending has come.
+struct Sending {
+  std::uint64_t total = 0;    // bytes of the input; 0 if that is not known
+  std::uint64_t read = 0;     // of these
+  std::uint64_t written = 0;  // bytes given to the port: of hexadecimal input, fewer
+
+  /// @p waiting: how many of the written bytes the driver has not sent yet.
+  void Show(std::uint32_t waiting, Output& out) const {
+    const std::uint64_t unsent = std::min<std::uint64_t>(waiting, written);
+    out.Progress(written == 0 ? 0 : read - read * unsent / written, total, "B");
+  }
+};
+
 /// Waits until what was written is on the line, and shows how far it has come.
-void WaitUntilSent(const Port& port, std::uint64_t written, std::uint64_t total, Standstill& standstill, Output& out) {
+void WaitUntilSent(const Port& port, const Sending& sending, Standstill& standstill, Output& out) {
   while (signals::Caught() == 0) {
     const std::uint32_t waiting = port.Side().Waiting().value_or(0);
     if (waiting == 0) {
       port.Side().Drain();
       return;
     }
-    out.Progress(written - std::min<std::uint64_t>(waiting, written), total, "B");
+    sending.Show(waiting, out);
     standstill.Look(waiting);
     signals::Wait(Standstill::kLookMs);
   }
 }
 
-/// Sends all of @p source; what it has @p written so far counts also when that fails.
-void SendAll(Source& source, Port& port, bool isHex, std::uint64_t total, std::uint64_t& written, Output& out) {
+/// Sends all of @p source; what it has written so far counts also when that fails.
+void SendAll(Source& source, Port& port, bool isHex, Sending& sending, Output& out) {
   HexReader hex;
   Standstill standstill(out);
   for (;;) {
@@ -209,6 +222,7 @@ void SendAll(Source& source, Port& port, bool isHex, std::uint64_t total, std::u
     if (bytes.empty()) {
       break;
     }
+    const std::size_t size = bytes.size();
     if (isHex) {
       bytes = hex.Read(bytes);
     }
@@ -216,24 +230,25 @@ void SendAll(Source& source, Port& port, bool isHex, std::uint64_t total, std::u
       break;
     }
     port->Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
-    written += bytes.size();
-    out.Progress(written, total, "B");
+    sending.read += size;
+    sending.written += bytes.size();
+    sending.Show(0, out);
   }
   if (isHex && signals::Caught() == 0) {
     hex.End();
   }
-  WaitUntilSent(port, written, total, standstill, out);
+  WaitUntilSent(port, sending, standstill, out);
 }
 
 int Send(const SendArguments& arguments, Call& call) {
   Source source(arguments.file);
-  const std::uint64_t total = arguments.isHex ? 0 : source.Size();
-  std::uint64_t written = 0;
+  Sending sending;
+  sending.total = source.Size();
   Port port(arguments.line, call.out);
   const auto start = Clock::now();
   std::exception_ptr failure;
   try {
-    SendAll(source, port, arguments.isHex, total, written, call.out);
+    SendAll(source, port, arguments.isHex, sending, call.out);
   } catch (const std::exception&) {
     failure = std::current_exception();
   }
@@ -244,12 +259,13 @@ int Send(const SendArguments& arguments, Call& call) {
   // What a writer that was under way puts behind what the signal discarded waits, and is discarded at the end.
   const std::uint64_t unsent =
       isWhole ? 0 : std::uint64_t{signals::DiscardsOutput::Bytes()} + port.Side().Waiting().value_or(0);
-  const std::uint64_t sent = written - std::min(unsent, written);
+  const std::uint64_t sent = sending.written - std::min(unsent, sending.written);
   const double rate = seconds > 0 ? static_cast<double>(sent) / seconds : 0;
+  const bool isUnknown = sending.total == 0 || arguments.isHex;  // how many they should be
   call.out.Line((isWhole   ? "sent "
                  : failure ? "failed: sent at most "
                            : "stopped: sent at most ") +
-                std::to_string(sent) + " bytes" + (isWhole || total == 0 ? "" : " of " + std::to_string(total)) +
+                std::to_string(sent) + " bytes" + (isWhole || isUnknown ? "" : " of " + std::to_string(sending.total)) +
                 " in " + Fixed(seconds, 2) + " s, " + Rate(rate));
   call.out.Object("serial_send", {{"device", arguments.line.device},
                                   {"speed_bps", arguments.line.speedBps},
@@ -435,7 +451,9 @@ constexpr const char* kNoTerminal = "For a conversation by keyboard, use a termi
 void AddSend(Program& program, CLI::App& group) {
   const auto arguments = std::make_shared<SendArguments>();
   static const std::string kDetails =
-      std::string("It ends when all has gone out on the line. A signal discards what has not, and says so. ") +
+      std::string(
+          "It ends when all has gone out on the line. A signal discards what has not, and says so. "
+          "Times are told of what comes in only: see serial receive --timestamps. ") +
       kNoTerminal;
   CLI::App& verb = program.AddVerb(&group,
                                    {"send", "Sends a file, or standard input", "DEVICE [FILE] [OPTION]...", "",
