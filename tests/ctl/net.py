@@ -169,14 +169,16 @@ class Net(TestCase):
                              shell("--json", "net", "gateway", "eth0", "192.0.2.2"),
                              shell("net", "clear", "gateway", "eth1") + "; echo $?",
                              shell("net", "clear", "gateway"), shell("net", "clear", "gateway", "--changed") + "; echo $?",
-                             shell("net", "show", "eth0"))
-        self.assertEqual(result.out.splitlines()[:7], [
+                             shell("--json", "net", "clear", "gateway"), shell("net", "show", "eth0"))
+        self.assertEqual(result.out.splitlines()[:9], [
             "eth0  was none, is 192.0.2.1 on eth0: changed",
             "eth0  is 192.0.2.1 on eth0: nothing had to be changed", "3",
             '{"schema":1,"kind":"net_change","what":"gateway","interface":"eth0","family":"ipv4","before":"192.0.2.1 on eth0",'
             '"wanted":"192.0.2.2 on eth0","after":"192.0.2.2 on eth0","changed":true,"dry_run":false,"commands":'
             '["ip -4 route del default via 192.0.2.1 dev eth0","ip -4 route add default via 192.0.2.2 dev eth0"]}',
-            "1", "was 192.0.2.2 on eth0, is none: changed", "is none: nothing had to be changed"])
+            "1", "was 192.0.2.2 on eth0, is none: changed", "is none: nothing had to be changed", "3",
+            '{"schema":1,"kind":"net_change","what":"gateway","interface":null,"family":"ipv4","before":null,"wanted":null,'
+            '"after":null,"changed":false,"dry_run":false,"commands":[]}'])
         self.assertIn("the default route goes by 192.0.2.2 on eth0, not by eth1: nothing is changed", result.err)
         self.assertIn("gateway ipv4  none", result.out)
 
@@ -222,6 +224,27 @@ class Net(TestCase):
                 os.remove("sent")
                 self.assertEqual((result.status, result.out, result.err),
                                  (128 + number, f"lo  was 192.0.2.9/24, is {ADDRESS}: changed\n", ""))
+
+    def test_ASignalWhileIpIsAskedEndsItWithoutAFalseResult(self):
+        # As a terminal's key sends it: to all.
+        tools = pathlib.Path("tools")
+        tools.mkdir()
+        (tools / "ip").write_text("#!/bin/sh\n: > asked; exec sleep 600\n")
+        (tools / "ip").chmod(0o755)
+        for words, err in (["net", "show"], "boardctl: net show: a signal ended the command that it ran\n"), (["report"], ""):
+            for number in (signal.SIGINT, signal.SIGTERM):
+                with self.subTest(words=words, number=number):
+                    process = start(["sh", "-c", f"PATH={self.folder}/tools:$PATH; exec {shell(*words)}"], start_new_session=True)
+                    self.wait_until(lambda: os.path.exists("asked"), "ip")
+                    os.killpg(process.pid, number)
+                    result = finish(process)
+                    os.remove("asked")
+                    self.assertEqual((result.status, result.out, result.err), (128 + number, "", err))
+
+    def test_AnIpThatFailsWithoutAWordIsToldSo(self):
+        result = self.board("sh", "-c", f"printf '#!/bin/sh\\nexit 1\\n' > ip; chmod 755 ip; PATH=.:$PATH; {shell('net', 'show')}")
+        self.assertEqual((result.status, result.out), (1, ""))
+        self.assertEqual(result.err, "boardctl: net show: the command that it ran failed without a word\n")
 
     def test_ADefaultRouteWithoutAGatewayIsLeft(self):
         result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default dev eth0", "> calls",

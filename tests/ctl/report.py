@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """The report: the board on one page."""
+import gzip
 import os
 import pathlib
 import platform
@@ -77,10 +78,58 @@ class Report(TestCase):
                 ([], [], "There is no default gateway."),
                 ([], ["--watchdog", "none"], "There is no watchdog."),
                 ([], ["--mem", "none"], "Registers can't be read: the kernel has no such device (CONFIG_DEVMEM)."),
+                (["rm /dev/watchdog0"], [], "/dev/watchdog0 can't be looked at: Could not open watchdog device!: No such file"),
                 (["export PATH=/nowhere"], [], "There is no ip that works: "),
                 (["export PATH=/nowhere"], [], "The gateway of ipv4 is not known: ")]:
             with self.subTest(what=what):
                 self.assertIn(what, self.unusual(self.report(*steps, options=options)))
+
+    def test_ADefaultRouteWithoutAGatewayIsToldWithTheWayToOne(self):
+        steps = ["ip addr add 192.0.2.10/24 dev eth0", "ip route add default dev eth0"]
+        result = self.board("sh", "-c", "; ".join([*steps, shell("report"), shell("net", "show")]))
+        self.assertIn("\n  gateway     none, but a default route of ipv4\n", result.out)
+        self.assertIn("\n  The default route of ipv4 has no gateway, or several.\n"
+                      "    remedy: If it should: ip -4 route del default, then boardctl net gateway.\n", result.out)
+        self.assertNotIn("There is no default gateway.", result.out)
+        self.assertIn("\ngateway ipv4  none, but a default route\ngateway ipv6  none\n", result.out)
+        # The remedy works.
+        report = self.report(*steps, "ip -4 route del default", shell("net", "gateway", "eth0", "192.0.2.1") + " > set")
+        self.assertNotIn("gateway", self.unusual(report))
+
+    def test_ABoardWithoutASerialPortIsUnusual(self):
+        report = self.elsewhere("echo no device > file; mount --bind file /dev/ttyS1", "--json").objects[0]
+        self.assertEqual(report["serial_ports"], [])
+        self.assertIn({"what": "There is no serial port.", "remedy": "Load its driver, or look into the device tree."},
+                      report["unusual"])
+
+    def test_ABusyBoardAndAWrongClockAreUnusual(self):
+        other = self.before_the_c_library("""
+            #include <stdlib.h>
+            #include <sys/syscall.h>
+            #include <sys/sysinfo.h>
+            #include <time.h>
+            #include <unistd.h>
+            static int is_over(void) {
+              return getenv("OVER") != 0;
+            }
+            int sysinfo(struct sysinfo* information) {
+              int result = (int)syscall(SYS_sysinfo, information);
+              information->loads[0] = 2UL * (unsigned long)sysconf(_SC_NPROCESSORS_ONLN) * 65536 + is_over();
+              return result;
+            }
+            int clock_gettime(clockid_t clock, struct timespec* time) {
+              int result = (int)syscall(SYS_clock_gettime, clock, time);
+              time->tv_sec = clock == CLOCK_REALTIME ? 1577836799 + is_over() : time->tv_sec;
+              return result;
+            }""")
+        over, at = (result.objects[0] for result in (
+            self.board("sh", "-c", f"{before} {other} {shell('--json', 'report')}") for before in ("OVER=1", "")))
+        busy = {"what": "More is running than the processors manage.", "remedy": "Find out what is running: top."}
+        wrong = {"what": "The clock is wrong.", "remedy": "Set it: date -s, or a time service."}
+        self.assertEqual([remark in over["unusual"] for remark in (busy, wrong)], [True, False])
+        self.assertEqual([remark in at["unusual"] for remark in (busy, wrong)], [False, True])
+        self.assertEqual(at["load"]["load_1min"], 2 * os.sysconf("SC_NPROCESSORS_ONLN"))
+        self.assertEqual((at["time"][:19], over["time"][:19]), ("2019-12-31T23:59:59", "2020-01-01T00:00:00"))
 
     def test_WhatTheUserMayNotDoIsToldWithItsRemedy(self):
         result = self.board("sh", "-c", f"chmod 000 /dev/ttyS1 /dev/mem; {without_rights('--json', 'report')}")
@@ -133,6 +182,22 @@ class Report(TestCase):
             self.assertIn("  /dev/mem    may be used, but not for memory that the kernel itself uses (CONFIG_STRICT_DEVMEM)\n",
                           self.elsewhere(guarded).out)
             self.assertEqual(self.elsewhere(guarded, "--json").objects[0]["physical_memory"]["strict_devmem"], True)
+
+    def test_TheKernelsOptionsAreItsOwnWhereNoFileHasThem(self):
+        pathlib.Path("tools").mkdir()
+        zcat = pathlib.Path("tools/zcat")
+        for told, strict in (("CONFIG_STRICT_DEVMEM=y", True), ("# CONFIG_STRICT_DEVMEM is not set", False),
+                             ("CONFIG_IO_STRICT_DEVMEM=y", False), ("CONFIG_SMP=y", None)):
+            with self.subTest(told=told):
+                zcat.write_text(f'#!/bin/sh\ntest "$*" = /proc/config.gz && echo "CONFIG_X=y\n{told}\nCONFIG_Y=y"\n')
+                zcat.chmod(0o755)
+                report = self.elsewhere(f"if test -d /boot; then mount -t tmpfs none /boot; fi; PATH={self.folder}/tools:$PATH", "--json")
+                self.assertEqual(report.objects[0]["physical_memory"]["strict_devmem"], strict)
+        if os.path.exists("/proc/config.gz"):
+            with gzip.open("/proc/config.gz", "rt") as options:
+                is_strict = "CONFIG_STRICT_DEVMEM=y\n" in options
+            report = self.elsewhere("if test -d /boot; then mount -t tmpfs none /boot; fi", "--json")
+            self.assertEqual(report.objects[0]["physical_memory"]["strict_devmem"], is_strict)
 
     def test_TheIpThatTheLibraryRunsIsNamed(self):
         pathlib.Path("tools").mkdir()

@@ -86,8 +86,11 @@ Gateway DefaultGateway(IpNet& net, bool ipv6) {
   const auto way = record.find("default");
   const auto address = record.find("via");
   const auto interface = record.find("dev");
-  if (way == record.end() || way->second != "via" || address == record.end() || interface == record.end()) {
+  if (way == record.end()) {
     return {};
+  }
+  if (way->second != "via" || address == record.end() || interface == record.end()) {
+    return {"", "", true};
   }
   return {Printable(address->second), Printable(interface->second)};
 }

@@ -28,6 +28,7 @@ struct Interface {
 struct Gateway {
   std::string address;    // empty: there is none
   std::string interface;  // as ip reports it: for the eye, and for no command
+  bool isOther = false;   // there is none, but a default route that leads through no gateway, or through several
 };
 Gateway DefaultGateway(IpNet& net, bool ipv6);
 

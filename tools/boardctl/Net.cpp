@@ -177,7 +177,8 @@ void ShowGateway(bool ipv6, IpNet& net, Output& out) {
   const Gateway gateway = DefaultGateway(net, ipv6);
   const bool isThere = !gateway.address.empty();
   out.Line("gateway " + std::string(FamilyOf(ipv6)) + "  " +
-           (isThere ? gateway.address + " on " + gateway.interface : "none"));
+           (isThere ? gateway.address + " on " + gateway.interface
+                    : gateway.isOther ? "none, but a default route" : "none"));
   out.Object("net_gateway", {{"family", FamilyOf(ipv6)},
                              {"gateway", isThere ? Json(gateway.address) : Json()},
                              {"interface", isThere ? Json(gateway.interface) : Json()}});

@@ -26,6 +26,7 @@
 #include "Processes.h"
 #include "Program.h"
 #include "SerialPorts.h"
+#include "Signals.h"
 #include "Status.h"
 #include "WatchdogDevices.h"
 
@@ -224,7 +225,9 @@ void TellWatchdogs(Page& page) {
       const auto remarks = RemarksOn(look);
       page.unusual.insert(page.unusual.end(), remarks.begin(), remarks.end());
     } catch (const std::exception& error) {
-      page.unusual.push_back({path + " can't be looked at: " + error.what(), "Look whether its node is there."});
+      const std::string text = error.what();  // that of the library begins with a blank
+      page.unusual.push_back({path + " can't be looked at: " + text.substr(text.find_first_not_of(' ')),
+                              "Look whether its node is there."});
     }
   }
   if (watchdogs.empty()) {
@@ -232,6 +235,26 @@ void TellWatchdogs(Page& page) {
     page.unusual.push_back({"There is no watchdog.", "Load its driver (for trials: modprobe softdog)."});
   }
   page.json["watchdogs"] = watchdogs;
+}
+
+/// The kernel's options about /dev/mem, each on a line behind a newline; empty where it does not tell them.
+std::string KernelOptions() {
+  utsname kernel{};
+  ::uname(&kernel);
+  std::string options;
+  std::ifstream file(std::string("/boot/config-") + kernel.release);
+  for (std::string line; std::getline(file, line);) {
+    options += line.find("DEVMEM") != std::string::npos ? line + '\n' : "";
+  }
+  if (options.empty()) {
+    // Many boards have no such file, but a kernel that tells them itself.
+    try {
+      options = OpSystem().ExecCmd("zcat /proc/config.gz 2>/dev/null | sed -n /DEVMEM/p", false);
+    } catch (const std::exception&) {
+      // Without sed, they stay unknown.
+    }
+  }
+  return options.empty() ? "" : '\n' + options;
 }
 
 void TellMemoryDevice(Page& page) {
@@ -242,11 +265,8 @@ void TellMemoryDevice(Page& page) {
       told && (std::strtoull(told->c_str() + std::strspn(told->c_str(), "\t "), nullptr, 16) >> kRawIo & 1U) != 0;
   const std::string lockdown = LineOf("/sys/kernel/security/lockdown");
   const bool isLocked = !lockdown.empty() && lockdown.find("[none]") == std::string::npos;
-  utsname kernel{};
-  ::uname(&kernel);
-  const std::string options = std::string("/boot/config-") + kernel.release;
-  const bool isKnown = ::access(options.c_str(), R_OK) == 0;
-  const bool isStrict = ValueIn(options, "CONFIG_STRICT_DEVMEM=y").has_value();
+  const std::string options = KernelOptions();
+  const bool isStrict = options.find("\nCONFIG_STRICT_DEVMEM=y\n") != std::string::npos;
   const bool isRelaxed = LineOf("/proc/cmdline").find("iomem=relaxed") != std::string::npos;
 
   const int fd = ::open(kDevice, O_RDWR | O_SYNC | O_CLOEXEC);
@@ -284,7 +304,7 @@ void TellMemoryDevice(Page& page) {
                                   {"why_not", OrNull(why)},
                                   {"cap_sys_rawio", told ? Json(hasCapability) : Json()},
                                   {"lockdown", OrNull(Printable(lockdown))},
-                                  {"strict_devmem", isKnown ? Json(isStrict) : Json()},
+                                  {"strict_devmem", options.empty() ? Json() : Json(isStrict)},
                                   {"iomem_relaxed", isRelaxed}};
   if (!why.empty()) {
     page.unusual.push_back({"Registers can't be read: " + why + '.', remedy});
@@ -326,8 +346,14 @@ void TellNetwork(Page& page) {
     const char* const family = ipv6 ? "ipv6" : "ipv4";
     try {
       const Gateway gateway = DefaultGateway(net, ipv6);
+      isThere = isThere || gateway.isOther || !gateway.address.empty();
+      if (gateway.isOther) {
+        page.Row("gateway", std::string("none, but a default route of ") + family);
+        page.unusual.push_back({std::string("The default route of ") + family + " has no gateway, or several.",
+                                std::string("If it should: ip ") + (ipv6 ? "-6" : "-4") +
+                                    " route del default, then boardctl net gateway."});
+      }
       if (!gateway.address.empty()) {
-        isThere = true;
         page.Row("gateway", gateway.address + " on " + gateway.interface);
         gateways.push_back({{"family", family}, {"gateway", gateway.address}, {"interface", gateway.interface}});
       }
@@ -350,12 +376,12 @@ void TellNetwork(Page& page) {
 int Report(Call& call) {
   Page page;
   page.json["time"] = Timestamp(std::chrono::system_clock::now());
-  TellVersions(page);
-  TellLoad(page);
-  TellSerialPorts(page);
-  TellWatchdogs(page);
-  TellMemoryDevice(page);
-  TellNetwork(page);
+  for (const auto tell : {TellVersions, TellLoad, TellSerialPorts, TellWatchdogs, TellMemoryDevice, TellNetwork}) {
+    tell(page);
+    if (signals::Caught() != 0) {
+      return kStatusDone;  // it may have ended what the page should tell of
+    }
+  }
   if (!processes::SeesAll()) {
     page.unusual.push_back({"Not all processes are visible: one that is not may have a device open.",
                             ::geteuid() != 0 ? "Run the report as root."
