@@ -145,6 +145,36 @@ class Run(TestCase):
 
 
 class Output(TestCase):
+    # Erases the screen, by the control characters of ASCII and by those that UTF-8 has besides.
+    HOSTILE = "\x1b[2J\a\x7f\u009b2J\u00e9"
+    HARMLESS = "?[2J???2J\u00e9"
+
+    def test_NoControlCharacterFromOutsideReachesTheTerminalInTheWordsOfAFailure(self):
+        # By what ip says, by an argument, and by the name of what can't be opened or started.
+        pathlib.Path("tools").mkdir()
+        pathlib.Path("tools/ip").write_text(f"#!/bin/sh\nprintf 'line one\\n{self.HOSTILE}\\n'; exit 1\n")
+        pathlib.Path("tools/ip").chmod(0o755)
+        apart = self.away_from_the_network()
+        for words, said in [(["net", "show", "lo"], f"boardctl: net show: line one\n{self.HARMLESS}\n"),
+                            (["mem", "read", self.HOSTILE], f'boardctl: mem read: ADDRESS: "{self.HARMLESS}" is not '),
+                            (["mem", "read", "0", self.HOSTILE + "x", "y"], "boardctl: mem read: "),
+                            (["serial", "show", "./" + self.HOSTILE],
+                             f"boardctl: serial show: {port_not_opened('./' + self.HARMLESS)}: No such file or directory\n"),
+                            (["serial", "send", "/dev/null", "./" + self.HOSTILE],
+                             f"boardctl: serial send: ./{self.HARMLESS} can't be read: No such file or directory\n")]:
+            with self.subTest(words=words):
+                environment = {**os.environ, "PATH": f"{self.folder}/tools:{os.environ['PATH']}"}
+                result = finish(start([*apart, BOARDCTL, *words], env=environment))
+                self.assertTrue(result.err.startswith(said), result.err)
+                self.assertFalse(set(result.err) & set("\x1b\a\x7f\u009b"), result.err)
+
+    def test_NorInAResultAsTextOrAsJson(self):
+        message = f"{self.HOSTILE}: {POPEN_FAILED}"
+        self.assertEqual(ctl("explain", message).out.splitlines()[0], f"{self.HARMLESS}: {POPEN_FAILED}")
+        result = ctl("--json", "explain", message)
+        self.assertEqual(result.objects[0]["message"], message)
+        self.assertTrue(result.out.isascii() and "\x7f" not in result.out, result.out)
+
     def test_NobodyReadingEndsItWithoutAWord(self):
         read, write = os.pipe()
         os.close(read)

@@ -13,7 +13,7 @@ namespace {
 std::size_t ExplainLine(const std::string& line, std::size_t number, Output& out) {
   const auto explanations = catalogue::Explain(line);
   if (!explanations.empty()) {
-    out.Line((number == 0 ? "" : std::to_string(number) + ": ") + out.Bold(Printable(line)));
+    out.Line((number == 0 ? "" : std::to_string(number) + ": ") + line, Output::kBold);
   }
   for (const catalogue::Explanation& explanation : explanations) {
     Json causes = Json::array();

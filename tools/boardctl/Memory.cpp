@@ -119,7 +119,7 @@ int Watch(const MemoryArguments& arguments, Call& call) {
     const std::string front = time + "  " + Hexadecimal(value) + "  ";
     call.out.Line(front + Binary(value, '1', '0'));
     if (changed != 0) {
-      call.out.Line(call.out.Bold(std::string(front.size(), ' ') + Binary(changed, '^', ' ') + "  bits" + bits));
+      call.out.Line(std::string(front.size(), ' ') + Binary(changed, '^', ' ') + "  bits" + bits, Output::kBold);
     }
     call.out.Object("mem_watch", {{"time", time},
                                   {"t_s", seconds},

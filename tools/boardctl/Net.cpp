@@ -80,7 +80,7 @@ Value AddressIn(const IpNet::Record& record, bool ipv6) {
   try {
     check::IpNetwork(text);
   } catch (const std::invalid_argument&) {
-    throw std::runtime_error("ip reports the address \"" + Printable(text) +
+    throw std::runtime_error("ip reports the address \"" + text +
                              "\", which is none: it goes into no command, nothing is changed");
   }
   return text;
@@ -113,8 +113,7 @@ std::optional<Route> RouteIn(const IpNet::Record& record, bool ipv6) {
     check::IpAddress(gateway->second);
     check::Interface(interface->second);
   } catch (const std::invalid_argument&) {
-    throw std::runtime_error("ip reports a default route by \"" + Printable(gateway->second) + "\" on \"" +
-                             Printable(interface->second) +
+    throw std::runtime_error("ip reports a default route by \"" + gateway->second + "\" on \"" + interface->second +
                              "\", which a shell could misunderstand: it goes into no command, nothing is changed");
   }
   return Route{gateway->second, interface->second};
@@ -197,7 +196,7 @@ int Show(const NetArguments& arguments, Call& call) {
     if (interface.isClean) {
       ShowInterface(interface, net, call.out);
     } else {
-      call.out.Warn("boardctl: the interface \"" + Printable(interface.name) +
+      call.out.Warn("boardctl: the interface \"" + interface.name +
                     "\" is not asked about: a shell could misunderstand its name. Rename it with ip link set.");
       status = kStatusFailed;
     }
@@ -305,8 +304,8 @@ int MakeAddress(Change& change, Network& net, const std::string& address, int le
     return now.count("default") != 0 && now.count("dev") != 0 && now.at("dev") == arguments.interface;
   };
   const bool hadRoute = !change.commands.empty() && change.before && route(record);
-  const std::string remedy = "boardctl net gateway " + arguments.interface + ' ' +
-                             (record.count("via") != 0 ? Printable(record.at("via")) : "ADDRESS");
+  const std::string remedy =
+      "boardctl net gateway " + arguments.interface + ' ' + (record.count("via") != 0 ? record.at("via") : "ADDRESS");
   if (hadRoute && call.dryRun && !change.ipv6 && (arguments.isFlushed || TakesAllAlong(arguments.interface))) {
     call.out.Warn("boardctl: the default route will go, too; afterwards: " + remedy);
   }

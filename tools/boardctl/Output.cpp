@@ -40,6 +40,31 @@ std::string Amount(double bytes) {
   return Fixed(bytes, unit == 0 ? 0 : 1) + ' ' + kUnits[unit];
 }
 
+/// @p text with a question mark for each control character that is not @p kept, those of UTF-8 included.
+std::string WithoutControls(const std::string& text, std::string_view kept) {
+  constexpr unsigned char kDelete = 0x7F;
+  constexpr unsigned char kFurtherLead = 0xC2;  // of U+0080 to U+009F, which some terminals obey, too
+  constexpr unsigned char kFurtherEnd = 0xA0;
+  std::string clean;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : '\0');
+    if (byte == kFurtherLead && next > kDelete && next < kFurtherEnd) {
+      clean += '?';
+      ++i;
+    } else {
+      const bool isControl = byte < ' ' || byte == kDelete;
+      clean += isControl && kept.find(text[i]) == std::string_view::npos ? '?' : text[i];
+    }
+  }
+  return clean;
+}
+
+/// What may be several lines, or a table.
+std::string Harmless(const std::string& text) {
+  return WithoutControls(text, "\n\t");
+}
+
 }  // namespace
 
 Output::Output(Options options)
@@ -48,9 +73,10 @@ Output::Output(Options options)
       m_isTerminal(::isatty(STDOUT_FILENO) == 1),
       m_showsColour(IsTerminal(STDOUT_FILENO) && !IsSet("NO_COLOR")) {}
 
-void Output::Line(std::string_view line) {
+void Output::Line(const std::string& line, Style style) {
   if (!m_options.json) {
-    Write(std::string(line) + '\n');
+    const bool isBold = style == kBold && m_showsColour;
+    Write(isBold ? "\x1b[1m" + Harmless(line) + "\x1b[0m\n" : Harmless(line) + '\n');
   }
 }
 
@@ -60,7 +86,7 @@ void Output::Object(const char* kind, const Json& members) {
   }
   Json object = {{"schema", kSchema}, {"kind", kind}};
   object.update(members);
-  Write(object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n');
+  Write(object.dump(-1, ' ', true, Json::error_handler_t::replace) + '\n');
 }
 
 void Output::Bytes(const void* data, std::size_t size) {
@@ -89,16 +115,16 @@ bool Output::WaitWhileRead(int milliseconds) {
   return false;
 }
 
-void Output::Say(std::string_view words) {
+void Output::Say(const std::string& words) {
   if (!m_options.quiet) {
     Warn(words);
   }
 }
 
-void Output::Warn(std::string_view words) {
+void Output::Warn(const std::string& words) {
   HideProgress();
   // Nothing is left to be told if this fails.
-  WriteAll(STDERR_FILENO, std::string(words) + '\n', m_waits);
+  WriteAll(STDERR_FILENO, Harmless(words) + '\n', m_waits);
 }
 
 void Output::Progress(std::uint64_t done, std::uint64_t total, const char* unit) {
@@ -150,10 +176,6 @@ void Output::HideProgress() {
 /// Writes it over what stands there. A terminal that is stopped does not hold up what goes on.
 void Output::ShowProgress(const std::string& line) const {
   WriteAll(STDERR_FILENO, '\r' + line + "\x1b[K", false);
-}
-
-std::string Output::Bold(const std::string& text) const {
-  return m_showsColour ? "\x1b[1m" + text + "\x1b[0m" : text;
 }
 
 void Output::Write(std::string_view text) {
@@ -208,14 +230,8 @@ std::string HexadecimalBytes(const unsigned char* data, std::size_t size) {
   return text;
 }
 
-std::string Printable(std::string text) {
-  for (char& character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte < ' ' || byte == 0x7F) {
-      character = '?';
-    }
-  }
-  return text;
+std::string Printable(const std::string& text) {
+  return WithoutControls(text, "");
 }
 
 std::string Fixed(double number, int decimals) {

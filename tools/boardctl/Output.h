@@ -16,9 +16,12 @@ using Json = nlohmann::ordered_json;
 /// Nobody reads the results any more: the verb tidies up and ends without a word.
 class OutputClosed : public std::exception {};
 
-/// What a verb tells: results on standard output, as text or as JSON, words about them on standard error.
+/// What a verb tells: results on standard output, as text or as JSON, words about them on standard error. Of all but
+/// Bytes(), a terminal gets no control characters: much of it comes from outside.
 class Output {
  public:
+  enum Style { kPlain, kBold };  // bold only on a terminal that shows colours
+
   struct Options {
     bool json = false;
     bool quiet = false;
@@ -46,9 +49,9 @@ class Output {
   }
 
   /// A line of the result as text, at once; nothing with --json.
-  void Line(std::string_view line);
+  void Line(const std::string& line, Style style = kPlain);
   /// A line of the result as JSON: {"schema":1,"kind":@p kind, and @p members}; nothing without --json. Every key is
-  /// always there, what is not known is null. Text that is not UTF-8 is replaced.
+  /// always there, what is not known is null. Text that is not UTF-8 is replaced, and what is not ASCII is escaped.
   void Object(const char* kind, const Json& members);
   /// Bytes of the result as they are, in both cases.
   void Bytes(const void* data, std::size_t size);
@@ -60,9 +63,9 @@ class Output {
   static bool WaitWhileRead(int milliseconds);
 
   /// A line about the result, on standard error; nothing with --quiet.
-  void Say(std::string_view words);
+  void Say(const std::string& words);
   /// A line on standard error, also with --quiet: what went wrong, or may harm.
-  void Warn(std::string_view words);
+  void Warn(const std::string& words);
 
   /// Shows how far something has come, in one line that is written over: only on a terminal and without --quiet.
   /// @p total 0 means that it is not known.
@@ -73,9 +76,6 @@ class Output {
   bool ShowsProgress() const {
     return m_showsProgress;
   }
-
-  /// @p text in bold, where standard output is a terminal that shows colours.
-  std::string Bold(const std::string& text) const;
 
  private:
   void Write(std::string_view text);
@@ -100,8 +100,8 @@ bool WriteAll(int fd, std::string_view text, bool waits = true);
 std::string Hexadecimal(std::uint32_t word);
 /// Bytes as hexadecimal digits, two each, without anything between them.
 std::string HexadecimalBytes(const unsigned char* data, std::size_t size);
-/// @p text from outside, which must not lead a terminal: control characters are shown as question marks.
-std::string Printable(std::string text);
+/// @p text from outside as one line without control characters: they are shown as question marks.
+std::string Printable(const std::string& text);
 /// A number with @p decimals digits behind the point.
 std::string Fixed(double number, int decimals);
 /// What is not known is null.

@@ -401,7 +401,7 @@ int Report(Call& call) {
   page.json["unusual"] = unusual;
 
   for (const std::string& line : page.lines) {
-    call.out.Line(line.front() == ' ' ? line.substr(0, line.find_last_not_of(' ') + 1) : call.out.Bold(line));
+    call.out.Line(line.substr(0, line.find_last_not_of(' ') + 1), line.front() == ' ' ? Output::kPlain : Output::kBold);
   }
   call.out.Object("report", page.json);
   return kStatusDone;

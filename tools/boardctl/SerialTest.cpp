@@ -282,8 +282,8 @@ int Test(const TestArguments& arguments, Call& call) {
     }
   }
 
-  call.out.Line(
-      call.out.Bold(RowOf({"bit/s", "bytes", "bits", "lost", "doubled", "B/s", "limit", "turn us", "max us", ""})));
+  call.out.Line(RowOf({"bit/s", "bytes", "bits", "lost", "doubled", "B/s", "limit", "turn us", "max us", ""}),
+                Output::kBold);
   std::uint32_t fastest = 0;
   std::size_t good = 0;
   std::size_t tried = 0;
