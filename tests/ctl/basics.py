@@ -144,6 +144,33 @@ class Run(TestCase):
         self.assertEqual((result.status, result.out), (0, "y\n"))
 
 
+class OnABoard(TestCase):
+    """The verbs that need none of its devices."""
+
+    def test_WhatNeedsNoDeviceRunsThereForEveryUser(self):
+        script = "; ".join([
+            shell("run", "--", "cat", "/proc/sys/kernel/ostype") + " 2>&1", shell("run", "echo out; exit 3") + " 2>&1",
+            f"printf 'x\\n{NO_MEMORY_FOR_POPEN}\\n' | {shell('explain', '-')} | head -n 1",
+            f"{shell('completion', 'bash')} | head -n 2 | tail -n 1", shell("__complete", "watchdog", "feed", ""),
+            shell("__complete", "net", "show", "")])
+        result = self.board("bash", "-c", script)
+        self.assertEqual((result.status, result.err), (0, ""))
+        self.assertEqual(result.out.splitlines(), [
+            "Linux", "boardctl: status 0", "out", "boardctl: status 3", f"2: {NO_MEMORY_FOR_POPEN}", "_boardctl() {",
+            "/dev/watchdog", "/dev/watchdog0", "lo", "eth0", "eth1"])
+
+    def test_ASignalIsHandedOnThere(self):
+        command = "trap 'echo tidy; exit 5' TERM; : > ready; sleep 600 > quiet 2>&1 & wait"
+        script = (f"{shell('run', command)} 2> said & until test -e ready; do sleep 0.02; done; "
+                  "kill -TERM $!; wait $!; echo $?; cat said")
+        result = self.board("bash", "-c", script)
+        self.assertEqual((result.status, result.out, result.err), (0, "tidy\n143\nboardctl: status 5\n", ""))
+
+
+class OnABoardAsAnOrdinaryUser(OnABoard):
+    user = "ordinary"
+
+
 class Output(TestCase):
     # Erases the screen, by the control characters of ASCII and by those that UTF-8 has besides.
     HOSTILE = "\x1b[2J\a\x7f\u009b2J\u00e9"
