@@ -18,7 +18,7 @@ int main(int argc, char* argv[]) {
     // Needs root or CAP_NET_ADMIN. Replaces the first IPv4 address that the interface has.
     OpSystem system;
     IpNet net(system);
-    const bool changed = net.SetAddr(argv[1], argv[2], std::stoi(argv[3]), false, false);
+    const bool changed = net.SetAddr(argv[1], argv[2], std::stoi(argv[3]), /*ipv6=*/false, /*flush=*/false);
     std::cout << (changed ? "Changed.\n" : "Nothing to do: the address was set already.\n");
     // [use]
     return 0;

@@ -328,7 +328,7 @@ class Memory(TestCase):
         self.assertEqual(result.out, "")
         self.assertTrue(result.err.startswith(
             f"boardctl: mem read: {MEMORY_NOT_OPENED}: No such file or directory\n  cause    ENOENT"))
-        self.assertIn("\n  remedy   Build the kernel with CONFIG_DEVMEM.\n", result.err)
+        self.assertIn("\n  remedy   Build the kernel with CONFIG_DEVMEM; run the program outside of containers.\n", result.err)
 
     def test_AnAddressWhereNothingAnswersIsToldWithCauseAndRemedy(self):
         # A simulated board's addresses all answer: what the kernel would send comes from the test.

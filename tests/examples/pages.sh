@@ -87,6 +87,16 @@ first byte: s
 END
 expect log "settings speed=115200"
 
+# The script that plays a far end on the page about boardsim.
+sed -n "/^cat >far-end.sh/,/^chmod/p" "$here/../../docs/without-a-board.md" > make-far-end
+sh make-far-end
+prints 0 "$boardsim" --tty '/dev/ttyS1=exec:./far-end.sh' -- "$examples/serial-port" /dev/ttyS1 <<'END'
+first byte: 2
+END
+prints 0 cat sent <<'END'
+status?
+END
+
 # What the page on serial ports says of an adapter that is unplugged: the program goes on with a new object, and ends with
 # one in the destructor.
 ask() {

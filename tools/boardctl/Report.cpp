@@ -174,7 +174,7 @@ void TellLoad(Page& page) {
   constexpr int kBusy = 2;     // processes that wait, for each processor
   constexpr int kScarce = 10;  // the part that should be left
   if (load > static_cast<double>(processors * kBusy)) {
-    page.unusual.push_back({"More is running than the processors manage.", "Find out what is running: top."});
+    page.unusual.push_back({"More is running than the processors can handle.", "Find out what is running: top."});
   }
   if (told && available < total / kScarce) {
     page.unusual.push_back({"Less than a tenth of the memory is available.", "Find out what takes it: top, free."});
@@ -413,7 +413,8 @@ void AddReport(Program& program) {
   program.AddVerb(
       nullptr,
       {"report", "Describes the board on one page: versions, devices, network, what is unusual", "[OPTION]...", "",
-       "For bug reports: it names no passwords, no command lines and no files of users, but addresses. It "
+       "For bug reports: it names no passwords, no command lines and no files of users, but it does contain addresses. "
+       "It "
        "opens no device except /dev/mem, and changes nothing there; it runs the board's ip, which only queries.",
        "report", "nothing."},
       [](Call& call) { return Report(call); });

@@ -562,7 +562,7 @@ void AddWatchdog(Program& program) {
        "If feeding stops, THE BOARD RESETS.",
        "SIGINT (Ctrl-C), SIGTERM, SIGHUP and SIGQUIT disarm it; Ctrl-Z does not stop the feeding. If boardctl is "
        "killed in "
-       "another way, nobody feeds, and the board resets.",
+       "another way, nobody feeds, and the board resets (unless the driver has no magic close).",
        "watchdog feed /dev/watchdog --interval 30",
        "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
        "stops at any close: where the board is to reset, boardctl keeps it open until then (at most two time-outs and "
@@ -579,13 +579,13 @@ void AddWatchdog(Program& program) {
        "If feeding stops, THE BOARD RESETS.",
        "COMMAND runs as it stands, without a shell; everything after \"--\" belongs to it.\n"
        "COMMAND ends with 0: disarms; status 0.\n"
-       "COMMAND ends otherwise: no more feeding, the board resets; status 1.\n"
+       "COMMAND ends otherwise: no more feeding, the board resets; status 1, if boardctl ends before.\n"
        "--check or --alive fails: likewise; COMMAND is left running.\n"
        "COMMAND can't be started: disarms; status 1.\n"
        "SIGINT, SIGTERM, SIGHUP, SIGQUIT: handed on; fed until COMMAND has ended, then disarms; the status tells the "
        "signal "
        "also if --check or --alive failed or nowayout is set, and the board resets.\n"
-       "boardctl is killed: nobody feeds, the board resets.\n"
+       "boardctl is killed: nobody feeds, the board resets (unless the driver has no magic close).\n"
        "Without a board: boardsim -- boardctl watchdog run /dev/watchdog -- ./app",
        "watchdog run /dev/watchdog --interval 5 -- ./app",
        "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "

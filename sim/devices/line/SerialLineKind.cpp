@@ -32,7 +32,7 @@ class SerialLineKind : public DeviceKind {
             {"--pace", "", "Let bytes take the time that the speed says", false,
              [this](const std::string& /*none*/) { m_isPaced = true; }},
             {"--serial-info", "FIVE,NUMBERS",
-             "What TIOCGSERIAL tells: base, FIFO size, flags, irq,\ndivisor (3906250,64,0x10000040,42,0)", false,
+             "Answer to TIOCGSERIAL: base, FIFO size, flags, irq,\ndivisor (3906250,64,0x10000040,42,0)", false,
              [this](const std::string& text) { TakeInfo(text); }},
             {"--uart", "BASE[:STRIDE]", "The first port's registers (0x80011000:4)", false,
              [this](const std::string& text) { TakeUart(text); }}};
