@@ -1,5 +1,6 @@
 #!/bin/sh
-# Asks scripts/release for releases that are impossible, and checks that it gives every reason.
+# Asks scripts/release for releases that are impossible, and checks that it gives every reason; and for one that is
+# possible, of the library alone: next-release.sh releases all.
 # Usage: release.sh SOURCE_DIR VERSION
 set -eu
 version=$2
@@ -41,7 +42,7 @@ refused one
 expect 'A version is three numbers'
 
 echo '== another version, a tree that is not clean, and a tag that is there'
-echo >> README.md
+sed -Ei 's/^(option\(BOARDKIT_(EXAMPLES|SIM|TOOLS) .*) .*\)$/\1 OFF)/' CMakeLists.txt
 git tag v9.8.7
 refused 9.8.7
 expect 'The tree is not clean' 'There is a tag v9.8.7 already' 'CMakeLists.txt does not say 9.8.7' \
@@ -74,6 +75,15 @@ if tar -tf "build/release-$version/boardkit-$version.tar.gz" | grep -E '/packagi
   echo 'The recipes are in the archive.'
   exit 1
 fi
+
+echo '== what agrees everywhere is released'
+scripts/release "$version" > "$work/message" 2>&1 || {
+  cat "$work/message"
+  exit 1
+}
+expect "git tag -s -m \"boardkit $version\" v$version $(git rev-parse HEAD)" "SHA-256: ${sum%% *}"
+
+echo '== ... but not twice'
 git tag "v$version"
 refused "$version"
 expect "There is a tag v$version already"
