@@ -45,7 +45,7 @@ void WriteAndReadBack(int thread, int files) {
 
 int main(int argc, char* argv[]) {
   if (argc != 3) {
-    std::cerr << "Usage: files-by-threads THREADS FILES\nWrites into the current folder.\n";
+    std::cerr << "Usage: files-by-threads THREADS FILES\nWrites into the current directory.\n";
     return 2;
   }
   const int threads = static_cast<int>(std::strtol(argv[1], nullptr, 10));

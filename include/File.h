@@ -56,8 +56,8 @@ class File {
   /// was not available before.
   void Init();
 
-  /// True if @p path can be opened for reading, which the function tries: a folder counts as existing, a file that the
-  /// caller may not read as missing, and a FIFO without a writer blocks.
+  /// True if @p path can be opened for reading, which the function tries: a directory counts as existing, a file that
+  /// the caller may not read as missing, and a FIFO without a writer blocks.
   static bool Exists(const std::string& path);
 
   /// The stream, which the object keeps; null if there is none, as on a write-only descriptor.

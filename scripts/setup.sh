@@ -100,7 +100,7 @@ check_build() {
   while [[ ! -e $existing ]]; do
     existing=$(dirname -- "$existing")
   done
-  [[ -d $existing && -w $existing ]] || die "The build folder $PWD/$1 is not writable."
+  [[ -d $existing && -w $existing ]] || die "The build directory $PWD/$1 is not writable."
 
   if [[ -n ${CXX:-} ]]; then
     # CMake too takes the first word for the compiler and the others for its options.

@@ -37,7 +37,7 @@ parse() {
   [[ $memory =~ ^[0-9]+[MG]$ ]] || die_of_usage "--memory takes a size as 512M or 2G, not $memory."
   [[ $network =~ ^(user(,[0-9]+:[0-9]+)*)?$ ]] || die_of_usage "--net takes user or user,PORT:BOARD-PORT, not $network."
   check_kernel "$kernel"
-  [[ -z $share || -d $share ]] || die "There is no folder $share to share."
+  [[ -z $share || -d $share ]] || die "There is no directory $share to share."
   for file in "${with[@]}"; do
     [[ -f $file ]] || die "There is no file $file to take along."
     check_architecture "$file" data

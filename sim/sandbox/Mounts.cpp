@@ -38,7 +38,7 @@ void MakeMountsPrivate() {
   Require<NamespacesForbidden>(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
                                "mounts can't be made private");
   Require<NamespacesForbidden>(!isOut || (::fchdir(root.Get()) == 0 && ::chroot(".") == 0),
-                               "the root folder can't be entered again");
+                               "the root directory can't be entered again");
   if (folder) {
     [[maybe_unused]] const int result = ::fchdir(folder.Get());
   }

@@ -10,7 +10,7 @@ lay_out "$source" ip-configuration
 export HOME="$work/home"
 mkdir "$HOME"
 
-block install '## In a folder of your own' sh > commands
+block install '## In a directory of your own' sh > commands
 follow commands
 unset LD_LIBRARY_PATH
 for program in app/build/app app/app; do
