@@ -381,14 +381,14 @@ class Serial(OnALine):
 
     def test_ASignalAtAnyStageFromTheOpeningToTheTidyingLeavesNothingHalfSet(self):
         pathlib.Path("file").write_bytes(bytes(3000))
-        # All that it shows of the line but what has been counted.
-        look = f"{shell('--json', 'serial', 'show', PORT)} | sed 's/\"counters\":{{[^}}]*}}//'"
+        # All settings, and all that it shows of the line but what has been counted.
+        look = f"{{ stty -F {PORT} -g; {shell('--json', 'serial', 'show', PORT)} | sed 's/\"counters\":{{[^}}]*}}//'; }}"
         for words in self.some_of([["send", PORT, "file"], ["receive", PORT, "--idle", "1"], ["report", PORT],
                                    ["test", PORT, "--loop", "--speeds", "9600", "--size", "10", "--turns", "1"]]):
             for goes_on in "", "ON=1":
                 with self.subTest(words=words, goes_on=goes_on):
                     run = f"{goes_on} {self.signalling()} {shell('serial', *words)}"
-                    script = (f"stty -F {PORT} 19200 cs7 parenb; {look} > before; at=1; while :; do AT=$at {run} > got 2> said; status=$?; "
+                    script = (f"stty -F {PORT} sane 19200 cs7 parenb; {look} > before; at=1; while :; do AT=$at {run} > got 2> said; status=$?; "
                               f"{look} | cmp - before || {{ echo $at; cat got said; }}; test $status = 143 || break; at=$((at + 1)); done; echo $at $status")
                     result = self.board("sh", "-c", script, options=["--tty", PORT + "=none"])
                     self.assertEqual(result.out.count("\n"), 1, result.out)

@@ -194,9 +194,6 @@ std::vector<unsigned char> Port::Read() {
     m_port->ReadAllAvailableData();
   }
   m_port->Read(bytes, 0);
-  if (bytes.empty() && m_side.IsHungUp()) {
-    bytes.push_back(m_port->ReadOneByte());
-  }
   return bytes;
 }
 

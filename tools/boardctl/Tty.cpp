@@ -133,11 +133,6 @@ std::optional<std::uint32_t> Tty::Waiting() const {
   return static_cast<std::uint32_t>(count);
 }
 
-bool Tty::IsHungUp() const {
-  pollfd state{m_fd, 0, 0};
-  return ::poll(&state, 1, 0) == 1;
-}
-
 bool Tty::HasRoom(int milliseconds) const {
   pollfd room{m_fd, POLLOUT, 0};
   return ::poll(&room, 1, milliseconds) == 1;

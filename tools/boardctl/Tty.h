@@ -43,8 +43,6 @@ class Tty {
 
   /// The number of bytes that wait to be sent; nothing where that is unknown.
   std::optional<std::uint32_t> Waiting() const;
-  /// Whether the device is gone.
-  bool IsHungUp() const;
   /// Waits until the driver takes more, for @p milliseconds at most; true also where writing fails at once.
   bool HasRoom(int milliseconds) const;
   /// Waits until all is sent; false if a signal came first, or the line was hung up.
