@@ -2,6 +2,7 @@
 # Looks into the Debian packages: which there are, what is in them, what they depend on, and how they were compiled.
 # Usage: debs.sh FOLDER ARCHITECTURE [nodoc]
 set -eu
+links=$(readlink -f "$(dirname "$0")/../../docs/site/links.py")
 cd "$1"
 architecture=$2
 nodoc=${3:-}
@@ -103,6 +104,7 @@ if [ -n "$nodoc" ]; then
   [ -z "$(find . -maxdepth 1 -name 'boardkit-doc_*')" ] || complain 'There is a boardkit-doc, in spite of nodoc.'
 elif [ "$architecture" = "$(dpkg --print-architecture)" ]; then
   expect boardkit-doc all foreign /usr/share/doc/boardkit-doc/html/index.html /usr/share/doc-base/boardkit-doc.boardkit
+  python3 "$links" "$work/boardkit-doc/usr/share/doc/boardkit-doc/html" || complain 'boardkit-doc has what docs/site/links.py told.'
 fi
 [ "$failed" -ne 0 ] || echo "The packages for $architecture have what they should."
 exit "$failed"
