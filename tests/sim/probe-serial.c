@@ -4,6 +4,7 @@
 #include <linux/serial.h>
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <stdint.h>
 #include <string.h>
@@ -351,9 +352,12 @@ static void greatest_speed(void) {
   close(fd);
 }
 
+static sem_t writing;
+
 static void* write_on(void* argument) {
   static const char kBlock[60000];
   int fd = *(int*)argument;
+  sem_post(&writing);
   while (write(fd, kBlock, sizeof kBlock) != -1) {
   }
   return NULL;
@@ -364,7 +368,8 @@ static void drained(void) {
   static const unsigned int kRequests[] = {TCSETSW, TCSETSF, TCSETSW2, TCSETSF2};
   int fd = open_tty();
   pthread_t writer;
-  CHECK(pthread_create(&writer, NULL, write_on, &fd) == 0);
+  CHECK(sem_init(&writing, 0, 0) == 0 && pthread_create(&writer, NULL, write_on, &fd) == 0);
+  CHECK(sem_wait(&writing) == 0);
   for (int i = 0; i < 100; ++i) {
     struct termios2 settings = get2(fd);
     CHECK(ioctl(fd, kRequests[i & 3], &settings) == 0);
