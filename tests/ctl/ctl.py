@@ -228,6 +228,29 @@ class TestCase(unittest.TestCase):
         # In a build with the address sanitizer, its library need not come first.
         return f"ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0 LD_PRELOAD={self.folder}/before.so"
 
+    def driver_that(self, answers):
+        """The words of a shell that let a command see another driver: none such is available, so the test changes what the
+        driver says of itself. @answers are statements about a request and its argument."""
+        return self.before_the_c_library("""
+            #include <linux/serial.h>
+            #include <linux/watchdog.h>
+            #include <signal.h>
+            #include <stdarg.h>
+            #include <sys/ioctl.h>
+            #include <sys/syscall.h>
+            #include <unistd.h>
+            int ioctl(int fd, unsigned long request, ...) {
+              va_list arguments;
+              va_start(arguments, request);
+              void* argument = va_arg(arguments, void*);
+              va_end(arguments);
+              int result = (int)syscall(SYS_ioctl, fd, request, argument);
+              if (result == 0) {
+                %s
+              }
+              return result;
+            }""" % answers)
+
     def signalling(self):
         """The words of a shell that let a program get SIGTERM at one of its calls of the kernel: that of the number in AT, or
         with ON set, at each from there on. What it starts gets none."""

@@ -5,7 +5,6 @@ import pathlib
 import re
 import shlex
 import signal
-import subprocess
 import sys
 
 from ctl import SOURCE, WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, strict, TestCase, without_rights, works
@@ -363,26 +362,6 @@ class Watchdog(TestCase):
                 self.assertEqual((result.status, result.err), (2, f"boardctl: watchdog feed: --interval: the driver takes {words} "
                                                                   "(see boardctl watchdog feed --help)\n"))
                 self.assertEqual(self.events(), [])
-
-    def driver_that(self, answers):
-        """The words of a shell that let a command see another driver: none such is available, so the test changes what the
-        driver says of itself. @answers are statements about a request and its argument."""
-        return self.before_the_c_library("""
-            #include <linux/watchdog.h>
-            #include <stdarg.h>
-            #include <sys/syscall.h>
-            #include <unistd.h>
-            int ioctl(int fd, unsigned long request, ...) {
-              va_list arguments;
-              va_start(arguments, request);
-              void* argument = va_arg(arguments, void*);
-              va_end(arguments);
-              int result = (int)syscall(SYS_ioctl, fd, request, argument);
-              if (result == 0) {
-                %s
-              }
-              return result;
-            }""" % answers)
 
     def test_OfADriverThatRoundsTheTimeOutThatIsToldAndFeedingTooRarelyIsRefused(self):
         driver = self.driver_that("if (request == WDIOC_GETTIMEOUT) { *(int*)argument = 3; }")

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <stdexcept>
 
 #include "Check.h"
 #include "Groups.h"
