@@ -5,6 +5,7 @@
 #include <climits>
 #include <exception>
 #include <limits>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
