@@ -124,7 +124,7 @@ class Report(TestCase):
             }""")
         over, at = (result.objects[0] for result in (
             self.board("sh", "-c", f"{before} {other} {shell('--json', 'report')}") for before in ("OVER=1", "")))
-        busy = {"what": "More is running than the processors manage.", "remedy": "Find out what is running: top."}
+        busy = {"what": "More is running than the processors can handle.", "remedy": "Find out what is running: top."}
         wrong = {"what": "The clock is wrong.", "remedy": "Set it: date -s, or a time service."}
         self.assertEqual([remark in over["unusual"] for remark in (busy, wrong)], [True, False])
         self.assertEqual([remark in at["unusual"] for remark in (busy, wrong)], [False, True])
