@@ -101,13 +101,14 @@ void File::WriteBytes(const unsigned char* data, unsigned int length) const {
   try {
     WriteLoop(m_fd.Get(), data, length);
   } catch (const std::exception& e) {
-    // By contract: no separator between the two texts, and a failure without an error number of its own gets the one
-    // that errno happens to hold.
+    // By contract: no separator between the two texts. Every failure is reworded, std::bad_alloc too, and gets the
+    // number that errno holds here, whatever its own was.
     ThrowSystemError({e.what(), "WriteBytes to '", m_name, "' failed."});
   }
 }
 
 void File::PutString(const std::string& text) const {
+  // By contract: of a length that does not fit into 32 bits, the low ones count.
   WriteBytes(reinterpret_cast<const unsigned char*>(text.data()), static_cast<unsigned int>(text.size()));
 }
 

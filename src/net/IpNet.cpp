@@ -116,6 +116,7 @@ bool IpNet::SetAddr(std::string iface, std::string addr, int prefixLength, bool 
   }
 
   if (ipv6 && addr == "::") {
+    // By contract: the prefix length that was given does not count here.
     addr = GetLinkLocalAddr(current["link"]);
     prefix = "64";
   }
@@ -252,6 +253,7 @@ IpNet::Record IpNet::GetValues(std::string text, std::initializer_list<std::stri
       // By contract: a key that is missing makes the next one begin at the text's start again.
       position = 0;
     } else {
+      // By contract: the next key is searched from this value's first character, so the value may be that key.
       values.try_emplace(key, WordAt(text, found));
       position = found;
     }

@@ -15,6 +15,7 @@ constexpr int kPieceSize = 512;  // bytes, the terminating NUL included
 
 OpSystem::~OpSystem() = default;
 
+// By contract: the flag has no effect.
 std::string OpSystem::ExecCmd(std::string command, bool /*unused*/) {
   // By contract: the suffix is appended to the text, so it redirects the last command only.
   command += " 2>&1";

@@ -212,6 +212,7 @@ void SerialPort::SetLoopback(bool on) {
   RequireOpen();
   int bits = 0;
   if (::ioctl(m_fd, TIOCMGET, &bits) == -1) {
+    // By contract: the blank at the beginning, here and below.
     ThrowSystemError(" SetLoopback TIOCMGET failed!");
   }
 

@@ -28,10 +28,11 @@ void SerialPort::Write(const void* data, unsigned int count) {
       if (IsTemporary(errno)) {
         continue;
       }
+      // By contract: the colon at the end, here and in ReadExactly(), although another one follows.
       ThrowSystemError("Error writing to file descriptor: ");
     }
-    // By contract: a negative result other than -1 steps back. No call has failed if the result is 0, so the error
-    // number is whatever errno happens to hold.
+    // By contract: a negative result other than -1 steps back, whatever the text says. No call has failed if the result
+    // is 0, so the error number is whatever errno happens to hold.
     if (written == 0) {
       ThrowSystemError("Error writing to file descriptor. writtenCount <= 0.");
     }
@@ -42,6 +43,7 @@ void SerialPort::Write(const void* data, unsigned int count) {
 }
 
 void SerialPort::Write(const std::string& text) {
+  // By contract: of a length that does not fit into 32 bits, the low ones count.
   Write(text.data(), static_cast<unsigned int>(text.size()));
 }
 

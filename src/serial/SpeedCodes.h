@@ -55,7 +55,7 @@ constexpr int kOtherSpeed = 4096;
 
 constexpr bool kSpeedsAreRates = B9600 != 13;
 
-// Templates, so that what either kind of C library gets is compiled and looked at on both.
+// Templates, so that both branches are compiled and tested with either kind of C library.
 
 /// Sets both speeds with cfsetispeed() and cfsetospeed(). C libraries that take codes refuse anything else. Those that
 /// take rates refuse nothing, so an unknown code fails with EINVAL here.

@@ -53,6 +53,7 @@ class PhysicalWord {
   }
 
   ~PhysicalWord() {
+    // By contract: failures of both are ignored.
     munmap_a(m_mapping, Length());
     ::close(m_fd);
   }
@@ -67,7 +68,7 @@ class PhysicalWord {
 
  private:
   unsigned int Length() const {
-    // By contract: more than the word; near the end of a page that takes the next one, too.
+    // By contract: longer than the word, so near the end of a page the next one is mapped, too.
     constexpr unsigned int kBehind = 32;  // bytes mapped from the word on
     return m_offset + kBehind;
   }
@@ -89,6 +90,7 @@ void WriteLoop(int fd, const void* data, unsigned int length) {
       if (IsTemporary(errno)) {
         continue;
       }
+      // By contract: the colon at the end, here and in texts below, although another one follows.
       ThrowSystemError("Error writing to file descriptor:");
     }
     // By contract: any negative result other than -1 counts as no progress, too.

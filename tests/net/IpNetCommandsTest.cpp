@@ -129,8 +129,8 @@ TEST_F(IpNetCommands, AQueryThatFailsIsInTheTraceToo) {
   m_ip.Answer("addr show dev nope0", "Device \"nope0\" does not exist.\n", 1);
   m_ip.Answer("-6 route show", "no\n", 2);
   m_net.SetDebugState(true);
-  EXPECT_THROW(m_net.GetIfaceInfo("nope0"), std::logic_error);
-  EXPECT_THROW(m_net.GetGwInfo(true), std::logic_error);
+  EXPECT_EXACT_THROW(m_net.GetIfaceInfo("nope0"), std::logic_error, "Device \"nope0\" does not exist.\n");
+  EXPECT_EXACT_THROW(m_net.GetGwInfo(true), std::logic_error, "no\n");
   EXPECT_EQ(m_net.GetDebugOutput(), "ip addr show dev nope0\nip -6 route show\n");
 }
 

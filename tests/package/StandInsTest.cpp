@@ -7,7 +7,10 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
+#include <new>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,10 +22,29 @@ namespace {
 using Calls = std::vector<std::string>;
 
 Calls seen;
+void (*fail)() = nullptr;
+
+/// What comes out of a transfer in which @p failing is thrown.
+std::system_error FailureOf(void (*failing)()) {
+  const File file("/dev/null", O_RDWR, 0);
+  fail = failing;
+  try {
+    file.PutString("text");
+  } catch (const std::system_error& e) {
+    fail = nullptr;
+    return e;
+  }
+  fail = nullptr;
+  return std::system_error(std::error_code());
+}
 
 }  // namespace
 
 void WriteLoop(int /*fd*/, const void* data, unsigned int length) {
+  if (fail != nullptr) {
+    errno = ENOSPC;
+    fail();
+  }
   seen.push_back("WriteLoop " + std::string(static_cast<const char*>(data), length));
 }
 
@@ -46,6 +68,18 @@ TEST(StandIns, SeeTheTransfersOfAFile) {
   file.ReadBytes(&byte, 1);
   EXPECT_EQ(seen, (Calls{"WriteLoop text", "ReadLoop 1"}));
   EXPECT_EQ(byte, 'x');
+}
+
+TEST(StandIns, FailInATransferOfAFileWithTheErrorNumberThatIsThereThen) {
+  const std::system_error error = FailureOf([] { throw std::system_error(EIO, std::system_category(), "own"); });
+  EXPECT_EQ(error.code().value(), ENOSPC);
+  EXPECT_STREQ(error.what(), "own: Input/output errorWriteBytes to '/dev/null' failed.: No space left on device");
+}
+
+TEST(StandIns, RunOutOfMemoryInATransferOfAFileAsASystemError) {
+  const std::system_error error = FailureOf([] { throw std::bad_alloc(); });
+  EXPECT_EQ(error.code().value(), ENOSPC);
+  EXPECT_STREQ(error.what(), "std::bad_allocWriteBytes to '/dev/null' failed.: No space left on device");
 }
 
 TEST(StandIns, PickTheWordsOfAnInterfacesListing) {

@@ -57,6 +57,7 @@ TEST_F(Control, AHangUpEndsThePortForTheProgramUntilItIsPluggedInAndOpenedAgain)
 TEST_F(Control, AHangUpCanComeTwiceAndAPlugAgain) {
   Start({});
   for (int i = 0; i < 5; ++i) {
+    SCOPED_TRACE(i);
     EXPECT_EQ(client->Ask("hangup /dev/ttyS1"), "ok");
     EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "ok");
   }

@@ -343,6 +343,7 @@ TEST_F(FarEnd, TwoBoardsAreJoinedByASocketAndOneMayComeBack) {
   EXPECT_EQ(first->Ask("open rw /dev/ttyS1"), "3");
   EXPECT_EQ(first->Ask("lines 3"), "0x4006");
   for (int i = 0; i < 2; ++i) {
+    SCOPED_TRACE(i);
     const auto second = Boot({"--tty", "/dev/ttyS1=unix:" + Path("joint")}, {kProbe, "talk"});
     EXPECT_EQ(second->Ask("open rw /dev/ttyS1"), "3");
     EXPECT_TRUE(Eventually([&] { return first->Ask("lines 3") == "0x4166"; }));
@@ -362,6 +363,7 @@ TEST_F(FarEnd, AServerThatCameBackIsFoundAgain) {
   const Listener listener(Path("far-end"));
   board = Boot({"--tty", "/dev/ttyS1=unix:" + Path("far-end"), "--log", Path("log")}, {kProbe, "talk"});
   for (int i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
     const Connection server(listener.Accept());
     EXPECT_EQ(board->Ask("open rw /dev/ttyS1"), "3");
     EXPECT_TRUE(Eventually([&] { return board->Ask("lines 3") == "0x4166"; }));

@@ -1,6 +1,7 @@
 #ifndef BOARDKIT_TESTS_ANOTHERPROCESS_H
 #define BOARDKIT_TESTS_ANOTHERPROCESS_H
 
+#include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,7 +31,7 @@ int StatusOfAnotherProcess(Function function) {
 /// Makes this process an ordinary user's, for good: root may do everything.
 inline void BecomeOrdinaryUser() {
   constexpr uid_t kNobody = 65534;
-  EXPECT_TRUE(::geteuid() != 0 || ::setuid(kNobody) == 0);
+  EXPECT_TRUE(::geteuid() != 0 || (::setgroups(0, nullptr) == 0 && ::setgid(kNobody) == 0 && ::setuid(kNobody) == 0));
 }
 
 #endif

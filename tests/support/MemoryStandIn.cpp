@@ -5,20 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
-namespace {
-
-std::string Hexadecimal(std::uint32_t number) {
-  std::ostringstream text;
-  text << "0x" << std::hex << number;
-  return text.str();
-}
-
-}  // namespace
+#include "Hexadecimal.h"
 
 MemoryStandIn::MemoryStandIn() : m_file(::memfd_create("physical-memory", MFD_CLOEXEC)) {
   EXPECT_NE(m_file, -1) << std::strerror(errno);

@@ -37,7 +37,6 @@ std::string EnterFreshNetwork() {
   if (::unshare(CLONE_NEWNET) == 0) {
     return "";
   }
-  const int error = errno;
-  return std::string("no network namespace: ") + std::strerror(error) +
+  return std::string("no network namespace: ") + std::strerror(errno) +
          (whyNoUserNamespace.empty() ? "" : ", " + whyNoUserNamespace);
 }

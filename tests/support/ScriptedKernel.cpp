@@ -18,13 +18,13 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <sstream>
 #include <type_traits>
 #include <utility>
 
 #include <gtest/gtest.h>
 
 #include "ExpectThrow.h"
+#include "Hexadecimal.h"
 #include "SerialExtended.h"
 
 namespace {
@@ -58,12 +58,6 @@ class RealFunction {
 
 std::string Quoted(const std::string& text) {
   return '"' + text + '"';
-}
-
-std::string Hexadecimal(unsigned long long number) {
-  std::ostringstream text;
-  text << "0x" << std::hex << number;
-  return text.str();
 }
 
 /// The name of @p number in @p names, or the number.

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -20,6 +19,7 @@
 
 #include "AnotherProcess.h"
 #include "ExpectThrow.h"
+#include "Hexadecimal.h"
 #include "JoiningThread.h"
 #include "Lists.h"
 #include "MemoryStandIn.h"
@@ -33,12 +33,6 @@ namespace {
 using Calls = ScriptedKernel::Calls;
 
 const auto pageSize = static_cast<unsigned int>(::getpagesize());
-
-std::string Hexadecimal(unsigned long long number) {
-  std::ostringstream text;
-  text << "0x" << std::hex << number;
-  return text.str();
-}
 
 /// Only physical memory is opened meanwhile, and no descriptor may leak.
 class PhysicalMemory : public testing::Test {

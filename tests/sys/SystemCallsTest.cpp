@@ -473,10 +473,6 @@ TEST(DebugSleep, SuccessAllocatesNothing) {
   EXPECT_EQ(allocations.Count(), 0U);
 }
 
-TEST(DebugSleep, ZeroReturnsAtOnce) {
-  DebugSleep(0);
-}
-
 TEST(DebugSleep, RealSignalsDoNotShortenTheSleep) {
   const Interrupter interrupter;
 

@@ -72,10 +72,6 @@ class Output {
   void Progress(std::uint64_t done, std::uint64_t total, const char* unit);
   /// Takes the progress line away.
   void EndProgress();
-  /// Whether progress is shown at all.
-  bool ShowsProgress() const {
-    return m_showsProgress;
-  }
 
  private:
   void Write(std::string_view text);
