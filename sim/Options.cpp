@@ -124,7 +124,7 @@ std::optional<Options> ParseOptions(int argc, const char* const* argv) {
   std::string restarts;
   app.add_option("--restart", restarts, "Start COMMAND anew after a reset, at most N times")->type_name("N");
   app.add_option("--control", options.control, "Take commands on this socket")->type_name("SOCKET");
-  app.add_flag("--check", options.check, "Tell what this machine allows, and the remedies");
+  app.add_flag("--check", options.check, "Say what this machine allows, and how to get the rest");
   app.add_option("--log", options.log, "Write one line per event, - for standard error")->type_name("FILE");
 
   try {

@@ -60,7 +60,7 @@ if [ "${1:-}" = reset ]; then
   expect 0 '^  nowayout   yes$' "$boardctl" watchdog show /dev/watchdog
   expect 0 'watchdog0 has nowayout set: once armed, nothing disarms it' "$boardctl" report
   expect 143 "^boardctl: nowayout is set: once armed, nothing disarms /dev/watchdog
-^boardctl: closed in good order, and /dev/watchdog still counts (nowayout): THE BOARD RESETS within $2 s " stopped "$2"
+^boardctl: closed properly, but /dev/watchdog still counts (nowayout): THE BOARD RESETS within $2 s " stopped "$2"
   [ "$failed" = 0 ] && awk 'NR == 1 { stopped = $1 } END { print "armed " $1 - stopped " seconds ago" }' stopped /proc/uptime
   exit
 fi
@@ -207,20 +207,20 @@ expect 0 '^  speed  *[0-9]* bit/s$
 ^  open by' "$boardctl" serial show /dev/ttyS0
 
 ip link set eth0 up
-expect 0 '^eth0  was none, is 192.0.2.10/24: changed$' "$boardctl" net address eth0 192.0.2.10/24
+expect 0 '^eth0  was none, now 192.0.2.10/24: changed$' "$boardctl" net address eth0 192.0.2.10/24
 expect 3 'nothing had to be changed' "$boardctl" net address eth0 192.0.2.10/24 --changed
-expect 0 '^eth0  was none, is 192.0.2.1 on eth0: changed$' "$boardctl" net gateway eth0 192.0.2.1
+expect 0 '^eth0  was none, now 192.0.2.1 on eth0: changed$' "$boardctl" net gateway eth0 192.0.2.1
 expect 0 '^eth0  up, hardware address
 192.0.2.10/24
 ^gateway ipv4  192.0.2.1 on eth0$' "$boardctl" net show
-expect 0 '^was 192.0.2.1 on eth0, is none: changed$' "$boardctl" net clear gateway
+expect 0 '^was 192.0.2.1 on eth0, now none: changed$' "$boardctl" net clear gateway
 expect 0 'changed$' "$boardctl" net gateway eth0 192.0.2.1
 ip -6 addr flush dev eth0
-expect 0 '^eth0  was none, is fe80::.*/64: changed$' "$boardctl" net link-local eth0
+expect 0 '^eth0  was none, now fe80::.*/64: changed$' "$boardctl" net link-local eth0
 expect 3 '^eth0  is fe80::.*/64: nothing had to be changed$' "$boardctl" net link-local eth0 --changed
-expect 0 '^eth0  was fe80::.*/64, is none: changed$' "$boardctl" net clear address eth0 --ipv6
-expect 0 '^eth0  was 192.0.2.10/24, is none: changed$
-^boardctl: the default route went, too' "$boardctl" net clear address eth0
+expect 0 '^eth0  was fe80::.*/64, now none: changed$' "$boardctl" net clear address eth0 --ipv6
+expect 0 '^eth0  was 192.0.2.10/24, now none: changed$
+^boardctl: the default route was removed too' "$boardctl" net clear address eth0
 
 expect 1 '^out$
 ^boardctl: status 3$' "$boardctl" run 'echo out; exit 3'

@@ -63,11 +63,11 @@ class Net(TestCase):
                              shell("net", "address", "--changed", "eth0", "192.0.2.12/25") + "; echo $?",
                              "ip -4 addr show dev eth0 | grep inet")
         self.assertEqual(result.out.splitlines()[:8], [
-            "eth0  was none, is 192.0.2.10/24: changed",
-            "eth0  was 192.0.2.10/24, is 192.0.2.11/25: changed",
+            "eth0  was none, now 192.0.2.10/24: changed",
+            "eth0  was 192.0.2.10/24, now 192.0.2.11/25: changed",
             "eth0  is 192.0.2.11/25: nothing had to be changed", "0",
             "eth0  is 192.0.2.11/25: nothing had to be changed", "3",
-            "eth0  was 192.0.2.11/25, is 192.0.2.12/25: changed", "0"])
+            "eth0  was 192.0.2.11/25, now 192.0.2.12/25: changed", "0"])
         self.assertEqual(result.out.splitlines()[8].split()[:2], ["inet", "192.0.2.12/25"])
 
     def test_AnIpv6AddressIsTakenInAnySpellingAndComparedInItsShortOne(self):
@@ -79,7 +79,7 @@ class Net(TestCase):
                          '"wanted":"2001:db8::10/64","after":"2001:db8::10/64","changed":true,"dry_run":false,'
                          '"commands":["ip -6 addr add 2001:db8::10/64 dev eth1"]}')
         self.assertEqual(rest, ["eth1  is 2001:db8::10/64: nothing had to be changed", "3",
-                                "eth1  was 2001:db8::10/64, is 2001:db8::10/48: changed"])
+                                "eth1  was 2001:db8::10/64, now 2001:db8::10/48: changed"])
 
     def test_ADryRunPrintsWhatTheRealRunRunsAndRunsOnlyQueries(self):
         # The commands of a real run are the library's own account of it.
@@ -122,8 +122,8 @@ class Net(TestCase):
         result = self.script(*setup, shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
                              shell("net", "address", "eth0", "192.0.2.11/24"), "ip -4 route show")
         self.assertEqual(result.err.splitlines(), [
-            "boardctl: the default route will go, too; afterwards: boardctl net gateway eth0 192.0.2.1",
-            "boardctl: the default route went, too: boardctl net gateway eth0 192.0.2.1"])
+            "boardctl: the default route will be removed too; afterwards: boardctl net gateway eth0 192.0.2.1",
+            "boardctl: the default route was removed too: boardctl net gateway eth0 192.0.2.1"])
         self.assertNotIn("default", result.out.splitlines()[-1])
         # With another address left it stays.
         result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0", shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
@@ -133,7 +133,7 @@ class Net(TestCase):
         # Unless that one goes as well.
         result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0",
                              shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24", "--flush"))
-        self.assertEqual(result.err, "boardctl: the default route will go, too; afterwards: boardctl net gateway eth0 192.0.2.1\n")
+        self.assertEqual(result.err, "boardctl: the default route will be removed too; afterwards: boardctl net gateway eth0 192.0.2.1\n")
         # By another interface it stays.
         result = self.script("ip link set eth1 up", *(step.replace("eth0", "eth1") for step in setup),
                              "ip addr add 198.51.100.9/24 dev eth0",
@@ -144,7 +144,7 @@ class Net(TestCase):
         result = self.script("ip addr add 192.0.2.10/24 dev eth0", "ip addr add 192.0.2.11/24 dev eth0", "> calls",
                              shell("net", "address", "eth0", "192.0.2.11/24") + "; echo $?; cp calls first",
                              shell("net", "address", "eth0", "192.0.2.11/24", "--flush"))
-        self.assertEqual(result.out.splitlines(), ["1", "eth0  was 192.0.2.10/24, is 192.0.2.11/24: changed"])
+        self.assertEqual(result.out.splitlines(), ["1", "eth0  was 192.0.2.10/24, now 192.0.2.11/24: changed"])
         self.assertIn("eth0 has 192.0.2.11/24 already, but not as its first address", result.err)
         self.assertTrue(all(" show" in line for line in pathlib.Path("first").read_text().splitlines()))
         result = self.script("ip -6 addr add 2001:db8::10/64 dev eth0 nodad", "> calls", shell("net", "link-local", "eth0"))
@@ -160,7 +160,7 @@ class Net(TestCase):
         self.assertIn("boardctl: net link-local: lo has no hardware address to make one of\n", result.err)
         self.assertEqual(result.out.splitlines(), [
             "eth0  is fe80::ff:fe00:1/64: nothing had to be changed", "3",
-            "eth1  was none, is fe80::ff:fe00:2/64: changed",
+            "eth1  was none, now fe80::ff:fe00:2/64: changed",
             "eth1  is fe80::ff:fe00:2/64: nothing had to be changed", "3", "1"])
 
     def test_AGatewayIsSetReplacedClearedAndLeftAlone(self):
@@ -171,12 +171,12 @@ class Net(TestCase):
                              shell("net", "clear", "gateway"), shell("net", "clear", "gateway", "--changed") + "; echo $?",
                              shell("--json", "net", "clear", "gateway"), shell("net", "show", "eth0"))
         self.assertEqual(result.out.splitlines()[:9], [
-            "eth0  was none, is 192.0.2.1 on eth0: changed",
+            "eth0  was none, now 192.0.2.1 on eth0: changed",
             "eth0  is 192.0.2.1 on eth0: nothing had to be changed", "3",
             '{"schema":1,"kind":"net_change","what":"gateway","interface":"eth0","family":"ipv4","before":"192.0.2.1 on eth0",'
             '"wanted":"192.0.2.2 on eth0","after":"192.0.2.2 on eth0","changed":true,"dry_run":false,"commands":'
             '["ip -4 route del default via 192.0.2.1 dev eth0","ip -4 route add default via 192.0.2.2 dev eth0"]}',
-            "1", "was 192.0.2.2 on eth0, is none: changed", "is none: nothing had to be changed", "3",
+            "1", "was 192.0.2.2 on eth0, now none: changed", "is none: nothing had to be changed", "3",
             '{"schema":1,"kind":"net_change","what":"gateway","interface":null,"family":"ipv4","before":null,"wanted":null,'
             '"after":null,"changed":false,"dry_run":false,"commands":[]}'])
         self.assertIn("the default route goes by 192.0.2.2 on eth0, not by eth1: nothing is changed", result.err)
@@ -186,7 +186,7 @@ class Net(TestCase):
         result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default via 192.0.2.1 dev eth0",
                              shell("net", "gateway", "eth0", "203.0.113.1") + "; echo $?", "ip -4 route show default")
         self.assertEqual(result.out, "1\n")
-        self.assertIn("boardctl: that failed: it was 192.0.2.1 on eth0, and is none now.\n"
+        self.assertIn("boardctl: that failed: it was 192.0.2.1 on eth0, now none.\n"
                       "boardctl: net gateway: Error: Nexthop has invalid gateway.\n  cause    ", result.err)
 
     def test_AGatewayThatIpRefusesIsToldWithCauseAndRemedy(self):
@@ -223,7 +223,7 @@ class Net(TestCase):
                 os.remove("adding")
                 os.remove("sent")
                 self.assertEqual((result.status, result.out, result.err),
-                                 (128 + number, f"lo  was 192.0.2.9/24, is {ADDRESS}: changed\n", ""))
+                                 (128 + number, f"lo  was 192.0.2.9/24, now {ADDRESS}: changed\n", ""))
 
     def test_ASignalWhileIpIsAskedEndsItWithoutAFalseResult(self):
         # As a terminal's key sends it: to all.
@@ -244,13 +244,13 @@ class Net(TestCase):
     def test_AnIpThatFailsWithoutAWordIsToldSo(self):
         result = self.board("sh", "-c", f"printf '#!/bin/sh\\nexit 1\\n' > ip; chmod 755 ip; PATH=.:$PATH; {shell('net', 'show')}")
         self.assertEqual((result.status, result.out), (1, ""))
-        self.assertEqual(result.err, "boardctl: net show: the command that it ran failed without a word\n")
+        self.assertEqual(result.err, "boardctl: net show: the command that it ran failed and printed nothing\n")
 
     def test_ADefaultRouteWithoutAGatewayIsLeft(self):
         result = self.script(f"ip addr add {ADDRESS} dev eth0", "ip route add default dev eth0", "> calls",
                              shell("net", "gateway", "eth0", "192.0.2.1") + "; echo $?")
         self.assertEqual(result.out, "1\n")
-        self.assertIn("the default route has not one gateway", result.err)
+        self.assertIn("the default route does not have exactly one gateway", result.err)
         self.assertEqual(self.calls(), ["ip addr show dev eth0", "ip -4 route show"])
 
     def test_AnInterfaceThatIsNotThereIsToldWithCauseAndRemedy(self):
@@ -308,7 +308,7 @@ class HostileNames(TestCase):
                 result = self.in_namespace(f"ip link add name \"$(printf '%b' {shell_word(name)})\" type veth peer name v1",
                                            shell("net", "show"))
                 self.assertEqual(result.status, 1, result.err)
-                self.assertIn(f'boardctl: the interface "{name.replace(chr(27), "?")}" is not asked about', result.err)
+                self.assertIn(f'boardctl: the interface "{name.replace(chr(27), "?")}" is skipped', result.err)
                 self.assertIn("lo  up", result.out)
                 self.check_nothing_ran()
 
@@ -347,7 +347,7 @@ class HostileNames(TestCase):
             with self.subTest(words=words):
                 result = self.in_namespace(shell("net", *words))
                 self.assertEqual((result.status, result.out), (1, ""))
-                self.assertIn('ip reports the address "1.2.3.4;x/24", which is none', result.err)
+                self.assertIn('ip reports the address "1.2.3.4;x/24", which is not an address', result.err)
                 self.check_nothing_ran()
         ip.write_text("#!/bin/sh\necho 'default via 1.2.3.4;x dev v0 '\n")
         for words in (["gateway", "v0", "192.0.2.2"], ["clear", "gateway"]):

@@ -191,7 +191,7 @@ class Serial(OnALine):
             with self.subTest(verb=verb):
                 said = " ".join(ctl("serial", verb, "--help").out.split())
                 self.assertIn("For a conversation by keyboard, use a terminal program such as picocom or tio.", said)
-        self.assertIn("Times are told of what comes in only: see serial receive --timestamps.",
+        self.assertIn("Only what is received gets time stamps: see serial receive --timestamps.",
                       " ".join(ctl("serial", "send", "--help").out.split()))
 
     def test_TheDeviceDoesNotTakeThePlaceOfAClosedStandardDescriptorAndUsingOneFails(self):
@@ -239,7 +239,7 @@ class Serial(OnALine):
         sent = b"one\ntwo login: three"
         cases = [(("--idle", "5000"), sent, "the far end was silent for 5000 ms"),
                  (("--count", "5"), b"one\nt", "all bytes have come"),
-                 (("--until", "login:"), b"one\ntwo login:", "the text has come")]
+                 (("--until", "login:"), b"one\ntwo login:", "the text has arrived")]
         for words, out, why in self.some_of(cases):
             with self.subTest(words=words):
                 result = self.receive(*words, sent=sent)
@@ -254,7 +254,7 @@ class Serial(OnALine):
         self.assertEqual((result.status, result.out), (0, "alologin:"), result.err)
 
     def test_ASilentPeerIsAFailureWhereSomethingWasWaitedFor(self):
-        cases = [(("--count", "5"), "after 3 bytes of 5"), (("--until", "x"), "after 3 bytes, and the text did not come")]
+        cases = [(("--count", "5"), "after 3 bytes of 5"), (("--until", "x"), "after 3 bytes, and the text did not arrive")]
         for words, told in self.some_of(cases):
             with self.subTest(words=words):
                 result = self.receive(*words, "--idle", "5000", sent=b"abc")

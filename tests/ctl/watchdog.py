@@ -194,7 +194,7 @@ class Watchdog(TestCase):
         self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
             "boardctl: nowayout is set: once armed, nothing disarms /dev/watchdog, and the board resets after the last feeding.",
             "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 30 s; it is fed each 10 s.",
-            "boardctl: closed in good order, and /dev/watchdog still counts (nowayout): THE BOARD RESETS within 30 s "
+            "boardctl: closed properly, but /dev/watchdog still counts (nowayout): THE BOARD RESETS within 30 s "
             "unless another program opens and feeds it."])
         # A command that is slow to end, and a check that does not hold meanwhile.
         command = "trap 'touch asked' TERM; touch ready; while :; do sleep 0.02; done"
@@ -335,7 +335,7 @@ class Watchdog(TestCase):
                            "kill -INT $!; wait $!")
                 result = self.board("sh", "-c", self.without_sys(script), log="log")
                 self.assertEqual((result.status, result.out), (130, "1\n"), result.err)
-                self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened for asking: it counts with its old "
+                self.assertIn("the driver refuses 65536 s, and /dev/watchdog was opened to ask it: it counts with its old "
                               "time-out (a driver without the magic close does not), and THE BOARD RESETS unless you take over now: boardctl watchdog feed /dev/watchdog",
                               result.err)
                 self.assertIn(": Could not set watchdog interval\n  cause    The driver refuses the value", result.err)

@@ -29,7 +29,7 @@ Value OneOf(const std::string& text, const std::map<std::string, Value>& values)
   for (const auto& [name, value] : values) {
     names += (names.empty() ? "" : ", ") + name;
   }
-  throw std::invalid_argument('"' + text + "\" is none of " + names);
+  throw std::invalid_argument('"' + text + "\" is not one of " + names);
 }
 
 /// Any text but none; @p what it is: "a command".

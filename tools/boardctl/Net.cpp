@@ -81,8 +81,7 @@ Value AddressIn(const IpNet::Record& record, bool ipv6) {
   try {
     check::IpNetwork(text);
   } catch (const std::invalid_argument&) {
-    throw std::runtime_error("ip reports the address \"" + text +
-                             "\", which is none: it goes into no command, nothing is changed");
+    throw std::runtime_error("ip reports the address \"" + text + "\", which is not an address: nothing was changed");
   }
   return text;
 }
@@ -106,16 +105,16 @@ std::optional<Route> RouteIn(const IpNet::Record& record, bool ipv6) {
     return std::nullopt;
   }
   if (way->second != "via" || gateway == record.end() || interface == record.end()) {
-    throw std::runtime_error("the default route has not one gateway, and the library changes only such: look with ip " +
-                             OptionOf(ipv6) + " route show, remove it with ip " + OptionOf(ipv6) +
-                             " route del default, and try again");
+    throw std::runtime_error(
+        "the default route does not have exactly one gateway, and only such a route can be changed: see ip " +
+        OptionOf(ipv6) + " route show, remove it with ip " + OptionOf(ipv6) + " route del default, and try again");
   }
   try {
     check::IpAddress(gateway->second);
     check::Interface(interface->second);
   } catch (const std::invalid_argument&) {
     throw std::runtime_error("ip reports a default route by \"" + gateway->second + "\" on \"" + interface->second +
-                             "\", which a shell could misunderstand: it goes into no command, nothing is changed");
+                             "\", which a shell could misunderstand: nothing was changed");
   }
   return Route{gateway->second, interface->second};
 }
@@ -198,7 +197,7 @@ int Show(const NetArguments& arguments, Call& call) {
       ShowInterface(interface, net, call.out);
     } else {
       call.out.Warn("boardctl: the interface \"" + interface.name +
-                    "\" is not asked about: a shell could misunderstand its name. Rename it with ip link set.");
+                    "\" is skipped: a shell could misunderstand its name. Rename it with ip link set.");
       status = kStatusFailed;
     }
   }
@@ -257,7 +256,7 @@ void Tell(const Change& change, const std::vector<std::string>& asked, const Val
     }
   } else {
     const std::string front = change.interface.empty() ? "" : change.interface + "  ";
-    out.Line(front + (isChanged ? "was " + change.before.value_or(none) + ", is " + after.value_or(none) + ": changed"
+    out.Line(front + (isChanged ? "was " + change.before.value_or(none) + ", now " + after.value_or(none) + ": changed"
                                 : "is " + after.value_or(none) + ": nothing had to be changed"));
   }
   out.Object("net_change", {{"what", change.what},
@@ -283,8 +282,8 @@ int Make(Change& change, Network& net, const std::function<void()>& apply, const
     try {
       apply();
     } catch (const std::exception&) {
-      call.out.Warn("boardctl: that failed: it was " + change.before.value_or("none") + ", and is " +
-                    look().value_or("none") + " now.");
+      call.out.Warn("boardctl: that failed: it was " + change.before.value_or("none") + ", now " +
+                    look().value_or("none") + '.');
       throw;
     }
     // The library asks once more, then runs what was composed.
@@ -308,13 +307,13 @@ int MakeAddress(Change& change, Network& net, const std::string& address, int le
   const std::string remedy =
       "boardctl net gateway " + arguments.interface + ' ' + (record.count("via") != 0 ? record.at("via") : "ADDRESS");
   if (hadRoute && call.dryRun && !change.ipv6 && (arguments.isFlushed || TakesAllAlong(arguments.interface))) {
-    call.out.Warn("boardctl: the default route will go, too; afterwards: " + remedy);
+    call.out.Warn("boardctl: the default route will be removed too; afterwards: " + remedy);
   }
   const auto apply = [&] { net->SetAddr(arguments.interface, address, length, change.ipv6, arguments.isFlushed); };
   const auto look = [&] { return AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6); };
   const int status = Make(change, net, apply, look, arguments, call);
   if (hadRoute && !call.dryRun && !route(net->GetGwInfo(change.ipv6))) {
-    call.out.Warn("boardctl: the default route went, too: " + remedy);
+    call.out.Warn("boardctl: the default route was removed too: " + remedy);
   }
   return status;
 }

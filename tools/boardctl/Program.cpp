@@ -442,7 +442,7 @@ int Program::RunVerb(const CLI::App& chosen) {
     }
     if (failure.empty()) {
       failure = signals::Caught() != 0 ? "a signal ended the command that it ran"
-                                       : "the command that it ran failed without a word";
+                                       : "the command that it ran failed and printed nothing";
     }
     out.Warn(catalogue::FailureInWords(VerbNameOf(&chosen), failure));
   }

@@ -376,7 +376,7 @@ std::string WhyEnded(const std::string& ended, const std::string& silent) {
   if (ended == "failure") {
     return "that failed";
   }
-  return ended == "until" ? "the text has come" : "a signal came; the line's settings are put back";
+  return ended == "until" ? "the text has arrived" : "a signal came; the line's settings are put back";
 }
 
 /// Takes in what comes; what has been @p received so far counts also when that fails. Returns what ended it.
@@ -437,7 +437,7 @@ int Receive(const ReceiveArguments& arguments, Call& call) {
   if (isMissed) {
     throw std::runtime_error(
         silent + " after " + std::to_string(received) + " bytes" +
-        (arguments.count == 0 ? ", and the text did not come" : " of " + std::to_string(arguments.count)));
+        (arguments.count == 0 ? ", and the text did not arrive" : " of " + std::to_string(arguments.count)));
   }
   call.out.Say("boardctl: received " + std::to_string(received) + " bytes in " + Fixed(seconds, 2) +
                " s: " + WhyEnded(ended, silent));
@@ -454,7 +454,7 @@ void AddSend(Program& program, CLI::App& group) {
   static const std::string kDetails =
       std::string(
           "It ends when all has gone out on the line. A signal discards what has not, and says so. "
-          "Times are told of what comes in only: see serial receive --timestamps. ") +
+          "Only what is received gets time stamps: see serial receive --timestamps. ") +
       kNoTerminal;
   CLI::App& verb = program.AddVerb(&group,
                                    {"send", "Sends a file, or standard input", "DEVICE [FILE] [OPTION]...", "",
@@ -487,11 +487,11 @@ void AddReceive(Program& program, CLI::App& group) {
       "end after N bytes");
   AddArgument(
       verb, "--until", "TEXT", arguments->until,
-      [](const std::string& text) { return check::NotEmpty(text, "a text to wait for"); }, "end when TEXT has come");
+      [](const std::string& text) { return check::NotEmpty(text, "a text to wait for"); }, "end when TEXT has arrived");
   AddArgument(
       verb, "--idle", "MS", arguments->idleMs,
       [](const std::string& text) { return check::Decimal(text, 1, kLongestMs); },
-      "end when nothing has come for MS milliseconds");
+      "end when nothing has arrived for MS milliseconds");
   AddFlag(verb, "--hex", arguments->isHex, "as hexadecimal digits, 16 bytes a line");
   static const std::map<std::string, Stamps> kStamps = {{"relative", Stamps::kRelative},
                                                         {"absolute", Stamps::kAbsolute}};

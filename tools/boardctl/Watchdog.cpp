@@ -174,9 +174,8 @@ class Armed {
     m_inTime.reset();
     const WatchdogLook look = LookAfterClosing();
     if (look.IsActive()) {
-      m_out.Warn("boardctl: closed in good order, and " + m_device +
-                 " still counts (nowayout): THE BOARD RESETS within " + SecondsInWords(m_timeoutS) +
-                 " unless another program opens and feeds it.");
+      m_out.Warn("boardctl: closed properly, but " + m_device + " still counts (nowayout): THE BOARD RESETS within " +
+                 SecondsInWords(m_timeoutS) + " unless another program opens and feeds it.");
       return kStatusFailed;
     }
     m_out.Say(
@@ -243,7 +242,7 @@ class Armed {
       throw;
     } catch (const std::logic_error&) {
       m_out.Warn("boardctl: the driver refuses " + SecondsInWords(intervalS) + ", and " + m_device +
-                 " was opened for asking: it counts with its old time-out (a driver without the magic close does not), "
+                 " was opened to ask it: it counts with its old time-out (a driver without the magic close does not), "
                  "and THE BOARD RESETS unless you take over now: boardctl watchdog feed " +
                  m_device + ", and Ctrl-C.");
       throw;
