@@ -13,14 +13,14 @@
 namespace {
 
 // A handler may not compose them.
-const std::string* words = nullptr;
+const std::string* textOfBusError = nullptr;
 const Tty* tty = nullptr;
 
 void End(int /*number*/, siginfo_t* /*information*/, void* /*context*/) {
   if (tty != nullptr) {
     tty->PutBack();
   }
-  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, words->data(), words->size());
+  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, textOfBusError->data(), textOfBusError->size());
   ::_exit(kStatusFailed);
 }
 
@@ -28,7 +28,7 @@ void End(int /*number*/, siginfo_t* /*information*/, void* /*context*/) {
 
 void TellBusErrors(const char* verb, const Tty* line) {
   static const std::string kWords = catalogue::FailureInWords(verb, "Bus error") + '\n';
-  words = &kWords;
+  textOfBusError = &kWords;
   tty = line;
   InstallSignalHandler(SIGBUS, End);
 }
