@@ -1,7 +1,7 @@
 // Arms a watchdog, feeds it once a second, and disarms it at SIGTERM or SIGINT: watchdog-feed /dev/watchdog 30
 //
 // If it ends in any other way, the watchdog stays armed and the board resets: that is what a watchdog is for. (A driver
-// without the magic close stops at any close.)
+// without the magic close stops at any close.) So nothing but SIGTERM and SIGINT may run the destructor, which disarms.
 #include <SystemCalls.h>
 #include <WatchDog.h>
 
@@ -32,11 +32,11 @@ int main(int argc, char* argv[]) {
     std::cerr << "watchdog-feed: " << argv[2] << " is no time-out in seconds\n";
     return 2;
   }
+  // [loop]
+  WatchDog dog(timeout, argv[1]);
   try {
-    InstallSignalHandler(SIGTERM, RequestStop);
+    InstallSignalHandler(SIGTERM, RequestStop);  // sets stopRequested
     InstallSignalHandler(SIGINT, RequestStop);
-
-    WatchDog dog(timeout, argv[1]);
     dog.Activate();
     std::cout << "armed: " << dog.GetInterval() << " seconds" << std::endl;
     while (stopRequested == 0) {
@@ -48,6 +48,7 @@ int main(int argc, char* argv[]) {
     return 0;
   } catch (const std::exception& e) {
     std::cerr << "watchdog-feed:" << e.what() << '\n';
-    return 1;
+    std::_Exit(1);  // not return: the destructor of dog would disarm
   }
+  // [loop]
 }

@@ -27,6 +27,8 @@
 /// called in time. Deactivate(), and the destructor, write the magic close character first, so that the driver stops
 /// the timer, unless it has @c nowayout set. One object is used by one thread at a time.
 ///
+/// @warning An exception that is caught outside the object's scope, and a return, run the destructor, which disarms:
+/// the board does not reset. If a failure is to reset it, end the program by std::_Exit() or std::abort().
 /// @warning A driver without the magic close stops the timer at any close, and so when the program crashes or is
 /// killed: the board does not reset.
 /// @warning If Activate() fails after opening (an interval that the driver refuses), the device stays open and may

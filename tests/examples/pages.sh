@@ -147,6 +147,16 @@ expect printed "FAILED: the application did not notice the hang-up"
 run 86 printed "$boardsim" -- sh -c '"$0" /dev/watchdog 2 & sleep 1; kill -KILL $!; sleep 9' "$examples/watchdog-feed"
 expect printed "has reset the board"
 
+# Of a failure: whatever runs the destructor disarms, and the board lives on.
+for way in caught returned; do
+  run 1 printed "$boardsim" --log events -- "$examples/failing-watchdog" /dev/watchdog "$way"
+  expect events "close: stopped"
+done
+for way in uncaught exited; do
+  run 86 printed "$boardsim" -- "$examples/failing-watchdog" /dev/watchdog "$way"
+  expect printed "the work has failed" "has reset the board"
+done
+
 # And of its children: the one that closes what it has inherited does not keep it counting.
 mkfifo end
 for way in '' closefrom; do

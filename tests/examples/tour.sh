@@ -126,7 +126,8 @@ printf '== an interface that is in use\n'
 cat > in-use <<'END'
 state() {
   # Newer tools tell which address the kernel has made itself. The tour puts back what it removed, which it has not.
-  ip -o addr show dev eth0 | sed 's/ proto kernel_ll//'
+  # A new address is tentative for a moment.
+  ip -o addr show dev eth0 | sed 's/ proto kernel_ll//; s/ tentative//'
   ip route show
   ip -6 route show
 }
