@@ -288,6 +288,13 @@ Outcome SimulatorTest::Run(const Start& start) {
   return Boot(start)->Finish();
 }
 
+std::string SimulatorTest::InShell(const Words& options, const std::string& script) {
+  const Outcome outcome = Run(options, {"sh", "-c", script});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.errors, "");
+  return outcome.output;
+}
+
 void SimulatorTest::ExpectSteps(const Words& options, const Words& command) {
   ExpectSilence(Run(options, command));
 }

@@ -94,6 +94,8 @@ class SimulatorTest : public testing::Test {
   /// Runs one to its end.
   Outcome Run(const Words& options, const Words& command);
   Outcome Run(const Start& start);
+  /// What a shell script prints on one, without complaints.
+  std::string InShell(const Words& options, const std::string& script);
   /// Expects success, and silence.
   void ExpectSteps(const Words& options, const Words& command);
   /// For one user after the other.

@@ -19,11 +19,6 @@ class Network : public BoardTest {
     EXPECT_EQ(MachinesNetwork(), m_before) << "the machine's network has changed";
     BoardTest::TearDown();
   }
-  std::string InShell(const Words& options, const std::string& command) {
-    const Outcome outcome = Run(options, {"sh", "-c", command});
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    return outcome.output;
-  }
 
   const std::string m_before;
 };

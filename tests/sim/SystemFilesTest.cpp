@@ -8,16 +8,7 @@
 
 namespace {
 
-class SystemFiles : public BoardTest {
- protected:
-  /// What a shell script prints on the board.
-  std::string InShell(const Words& options, const std::string& script) {
-    const Outcome outcome = Run(options, {"sh", "-c", script});
-    EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    EXPECT_EQ(outcome.errors, "");
-    return outcome.output;
-  }
-};
+class SystemFiles : public BoardTest {};
 
 class SystemFilesOfEveryNetwork : public SystemFiles, public testing::WithParamInterface<const char*> {};
 INSTANTIATE_TEST_SUITE_P(Each, SystemFilesOfEveryNetwork, testing::Values("private", "none", "host"),

@@ -28,7 +28,7 @@ class FailingAllocation {
   FailingAllocation(const FailingAllocation&) = delete;
   FailingAllocation& operator=(const FailingAllocation&) = delete;
 
-  /// Whether there were as many, so that one has failed.
+  /// Whether that many allocations happened, so that one failed.
   bool HasFailed() const;
 };
 

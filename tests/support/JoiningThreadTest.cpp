@@ -33,7 +33,7 @@ TEST(JoiningThread, WhatItThrowsIsAFailureOfTheTest) {
             "Failed\nthe thread beside the test threw std::logic_error \"wrong\"");
 }
 
-TEST(JoiningThread, IsReleasedFromItsWaitingBeforeItIsJoinedForWantOfTheTest) {
+TEST(JoiningThread, ReleasesItsWorkAndJoinsItWhereTheTestDoesNot) {
   std::atomic<bool> released{false};
   {
     const JoiningThread thread(
