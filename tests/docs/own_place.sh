@@ -22,3 +22,15 @@ for program in app/build/app app/app; do
     exit 1
   fi
 done
+
+# Where the tree has been moved, they find the library only if they are told where it is.
+mv "$HOME/boardkit" "$HOME/elsewhere"
+for program in app/build/app app/app; do
+  if "$program" lo > printed 2>&1; then
+    printf '%s still runs.\n' "$program"
+    exit 1
+  fi
+  expect 'error while loading shared libraries: libboardkit.so.1' printed
+  LD_LIBRARY_PATH=$HOME/elsewhere/lib "$program" lo > printed
+  expect 'link = 00:00:00:00:00:00' printed
+done

@@ -87,15 +87,23 @@ first byte: s
 END
 expect log "settings speed=115200"
 
-# The script that plays a far end on the page about boardsim.
-sed -n "/^cat >far-end.sh/,/^chmod/p" "$here/../../docs/without-a-board.md" > make-far-end
-sh make-far-end
-prints 0 "$boardsim" --tty '/dev/ttyS1=exec:./far-end.sh' -- "$examples/serial-port" /dev/ttyS1 <<'END'
-first byte: 2
+# The test that answers passes if its application asks and takes the answer, and only then.
+prints 0 "$here/../../examples/answer-test.sh" "$boardsim" "$examples/serial-port" <<'END'
+passed
 END
-prints 0 cat sent <<'END'
+printf '#!/bin/sh\n' > idle
+printf '#!/bin/sh\n"%s" "$@" > taken\n' "$examples/serial-port" > mute
+chmod +x idle mute
+prints 1 "$here/../../examples/answer-test.sh" "$boardsim" idle <<'END'
+FAILED: it has not asked
+END
+prints 1 "$here/../../examples/answer-test.sh" "$boardsim" mute <<'END'
+FAILED: it does not know the answer
 status?
 END
+# A far end that can't be started does not change the status.
+run 0 printed "$boardsim" --tty /dev/ttyS1=exec:./nothing-there -- "$examples/serial-port" /dev/ttyS1
+expect printed "nothing-there"
 
 # What the page on serial ports says of an adapter that is unplugged: the program goes on with a new object, and ends with
 # one in the destructor.
