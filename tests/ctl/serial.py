@@ -303,6 +303,23 @@ class Serial(OnALine):
                 for name in "log", "came", "said":
                     os.remove(name)
 
+    def test_APortThatIsUnpluggedWhileBytesWaitToBeSentIsAFailure(self):
+        # All is written by then, and three seconds of it wait in the driver.
+        pathlib.Path("file").write_bytes(bytes(3000))
+        before = ["--json"] if self.user == "ordinary" else []
+        process = self.start_board(BOARDCTL, *before, "serial", "send", PORT, "file", "--speed", "9600", log="log",
+                                   options=["--pace", "--tty", PORT + "=exec:cat > came", "--control", "socket"])
+        self.wait_until(lambda: os.path.exists("came") and os.path.getsize("came") > 0, "a byte")
+        self.command(f"hangup {PORT}")
+        result = finish(process)
+        self.assertEqual(result.status, 1, result.out)
+        if before:
+            self.assertEqual(result.objects[0]["ended"], "failure")
+        else:
+            self.assertRegex(result.out, r"^failed: sent at most \d+ bytes of 3000 in ")
+        self.assertIn("boardctl: serial send: Error writing to file descriptor: : Input/output error\n  cause    EIO: ", result.err)
+        self.assertIn("unplugged", result.err)
+
     def test_NobodyReadingWhatIsReceivedEndsItAlsoWhereNothingComes(self):
         script = f"{{ {shell('serial', 'receive', PORT)}; echo $? > status; }} | head -n 1; until test -s status; do sleep 0.02; done"
         result = self.board("sh", "-c", script, log="log",

@@ -122,8 +122,8 @@ void Standstill::Look(std::uint32_t waiting) {
 Port::Port(const LineOptions& line, Output& out)
     : m_out(out), m_side(line.device), m_fd(NextDescriptor()), m_discards(m_side.Descriptor(), m_fd) {
   m_side.Quieten();
-  WaitUntilOthersHaveSent();
   try {
+    WaitUntilOthersHaveSent();
     m_port = std::make_unique<SerialPort>(line.device, true);
     if (!SetSpeed(line.speedBps)) {
       throw std::runtime_error("The port cannot run at " + std::to_string(line.speedBps) + " bits per second, but at " +
@@ -200,7 +200,7 @@ std::vector<unsigned char> Port::Read() {
 /// The library's opening would, and tell nobody. A signal discards it.
 void Port::WaitUntilOthersHaveSent() const {
   Standstill standstill(m_out);
-  while (const std::uint32_t waiting = m_side.Waiting().value_or(0)) {
+  while (const std::uint32_t waiting = m_side.Waiting()) {
     standstill.Look(waiting);
     if (!signals::Wait(Standstill::kLookMs)) {
       return;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <system_error>
 
 #include "BusError.h"
 #include "Check.h"
@@ -182,7 +183,7 @@ class HexReader {
 /// Waits until the driver takes more, for a writer that it holds up would tell nobody. False if a signal comes before.
 bool WaitForRoom(const Port& port, Standstill& standstill) {
   while (signals::Caught() == 0 && !port.Side().HasRoom(Standstill::kLookMs)) {
-    standstill.Look(port.Side().Waiting().value_or(0));
+    standstill.Look(port.Side().Waiting());
   }
   return signals::Caught() == 0;
 }
@@ -203,14 +204,23 @@ struct Sending {
 /// Waits until what was written is on the line, and shows how far it has come.
 void WaitUntilSent(const Port& port, const Sending& sending, Standstill& standstill, Output& out) {
   while (signals::Caught() == 0) {
-    const std::uint32_t waiting = port.Side().Waiting().value_or(0);
-    if (waiting == 0) {
-      port.Side().Drain();
+    const std::uint32_t waiting = port.Side().Waiting();
+    if (waiting == 0 && port.Side().Drain()) {
       return;
     }
     sending.Show(waiting, out);
     standstill.Look(waiting);
     signals::Wait(Standstill::kLookMs);
+  }
+}
+
+/// How many of the written bytes have certainly not been sent. Of a line that was hung up, nobody can tell.
+std::uint64_t Unsent(const Port& port) {
+  // What a writer that was under way puts behind what the signal discarded waits, and is discarded at the end.
+  try {
+    return std::uint64_t{signals::DiscardsOutput::Bytes()} + port.Side().Waiting();
+  } catch (const std::system_error&) {
+    return signals::DiscardsOutput::Bytes();
   }
 }
 
@@ -257,9 +267,7 @@ int Send(const SendArguments& arguments, Call& call) {
   const double seconds = SecondsSince(start);
   const bool isSignalled = signals::Caught() != 0;
   const bool isWhole = !failure && !isSignalled;
-  // What a writer that was under way puts behind what the signal discarded waits, and is discarded at the end.
-  const std::uint64_t unsent =
-      isWhole ? 0 : std::uint64_t{signals::DiscardsOutput::Bytes()} + port.Side().Waiting().value_or(0);
+  const std::uint64_t unsent = isWhole ? 0 : Unsent(port);
   const std::uint64_t sent = sending.written - std::min(unsent, sending.written);
   const double rate = seconds > 0 ? static_cast<double>(sent) / seconds : 0;
   const bool isUnknown = sending.total == 0 || arguments.isHex;  // how many they should be

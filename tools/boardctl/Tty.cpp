@@ -19,6 +19,13 @@
 
 namespace {
 
+/// For a request about what is to be sent, which failed: a driver need not know it. The text is the library's.
+void ThrowUnlessUnknown() {
+  if (errno != ENOTTY && errno != EINVAL) {
+    throw std::system_error(errno, std::system_category(), "Error writing to file descriptor: ");
+  }
+}
+
 const char* ParityOf(tcflag_t flags) {
   if ((flags & PARENB) == 0) {
     return "none";
@@ -125,10 +132,11 @@ Json Tty::Uart() const {
   return {{"baud_base_bps", uart.baud_base}, {"fifo_bytes", uart.xmit_fifo_size}, {"irq", uart.irq}};
 }
 
-std::optional<std::uint32_t> Tty::Waiting() const {
+std::uint32_t Tty::Waiting() const {
   int count = 0;
   if (::ioctl(m_fd, TIOCOUTQ, &count) == -1) {
-    return std::nullopt;
+    ThrowUnlessUnknown();
+    return 0;
   }
   return static_cast<std::uint32_t>(count);
 }
@@ -139,7 +147,14 @@ bool Tty::HasRoom(int milliseconds) const {
 }
 
 bool Tty::Drain() const {
-  return ::ioctl(m_fd, TCSBRK, 1) == 0;
+  if (::ioctl(m_fd, TCSBRK, 1) == -1) {
+    if (errno == EINTR) {
+      return false;
+    }
+    ThrowUnlessUnknown();
+  }
+  // A line that is hung up meanwhile has nothing to wait for, either, and would seem to have sent all.
+  return Waiting() == 0;
 }
 
 void Tty::Discard() const {

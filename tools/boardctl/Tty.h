@@ -2,7 +2,6 @@
 #define BOARDKIT_CTL_TTY_H
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "Output.h"
@@ -41,11 +40,12 @@ class Tty {
   /// What the serial driver tells of the UART, or null.
   Json Uart() const;
 
-  /// The number of bytes that wait to be sent; nothing where that is unknown.
-  std::optional<std::uint32_t> Waiting() const;
+  /// The number of bytes that wait to be sent; 0 also where the driver does not tell.
+  /// @throws std::system_error as the library's writing does: the line was hung up, and what waited is lost.
+  std::uint32_t Waiting() const;
   /// Waits until the driver takes more, for @p milliseconds at most; true also where writing fails at once.
   bool HasRoom(int milliseconds) const;
-  /// Waits until all is sent; false if a signal came first, or the line was hung up.
+  /// Waits until all is sent; false if a signal came first. @throws what Waiting() does.
   bool Drain() const;
   /// Discards what is not sent yet.
   void Discard() const;
