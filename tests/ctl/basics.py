@@ -139,6 +139,21 @@ class Run(TestCase):
                 self.assertEqual((result.status, result.out), (128 + number, "tidy\n"))
                 os.remove("pid")
 
+    def test_ASignalReachesWhatACommandLeftInTheBackground(self):
+        process = start([BOARDCTL, "run", "sleep 1000 & echo $! > pid; echo started"])
+        self.wait_until(lambda: os.path.exists("pid") and os.path.getsize("pid") > 0, "the command's start")
+        left = int(pathlib.Path("pid").read_text())
+        # It belongs to boardctl when all between them have ended.
+        parent = pathlib.Path(f"/proc/{left}/stat")
+        self.wait_until(lambda: parent.read_text().split()[3] == str(process.pid), "its parent")
+        process.send_signal(signal.SIGTERM)
+        result = finish(process)
+        self.assertEqual((result.status, result.out, result.err), (143, "started\n", "boardctl: status 0\n"))
+        # Nor is it held up by one that does not keep its output open.
+        result = ctl("run", "sleep 1000 > quiet 2>&1 & echo $!; exit 3")
+        self.assertEqual((result.status, result.err), (1, "boardctl: status 3\n"))
+        os.kill(int(result.out), signal.SIGKILL)
+
     def test_ACommandsClosedPipeWorksAsInAShell(self):
         result = ctl("run", "yes | head -n 1")
         self.assertEqual((result.status, result.out), (0, "y\n"))

@@ -90,7 +90,9 @@ void AddRun(Program& program) {
                        "The library's runner runs it. COMMAND goes to the shell as it stands; the words "
                        "behind \"--\" are the command's own, and no shell reads them. The output, standard "
                        "error included, is printed when the command has ended; a NUL in it cuts off the "
-                       "rest of its line. SIGINT and SIGTERM are handed on. COMMAND's status is given in "
+                       "rest of its line. SIGINT and SIGTERM are handed on. A process that COMMAND leaves in the "
+                       "background is waited for as long as it keeps the output open; SIGTERM ends it, but a shell "
+                       "lets it ignore SIGINT. COMMAND's status is given in "
                        "words: this program's own is 1 unless it is 0.",
                        "run -- uname -a", "what COMMAND has done.", true, false, true},
                       [text](Call& call) { return RunCommand(*text, call); });

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -205,11 +206,16 @@ std::uint32_t DiscardsOutput::Bytes() {
 }
 
 HandsOn::HandsOn(int process) {
+  if (process == 0) {
+    // Else what a command leaves in the background would become init's child, and no signal would find it.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1UL, 0UL, 0UL, 0UL);
+  }
   handedTo = process;
 }
 
 HandsOn::~HandsOn() {
   handedTo = kNone;
+  ::prctl(PR_SET_CHILD_SUBREAPER, 0UL, 0UL, 0UL, 0UL);
 }
 
 }  // namespace signals
