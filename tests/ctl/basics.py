@@ -47,6 +47,15 @@ class Explain(TestCase):
                 self.assertEqual([found.get("id") for found in ctl("--json", "explain", message).objects],
                                  [identity, None])
 
+    def test_ATextThatHasLostItsColonIsExplainedToo(self):
+        for message, identities in [
+                ("Error writing to file descriptor", ["err-write-loop", "err-serial-write"]),
+                ("Error reading from file descriptor. No bytes read", ["err-read-loop-end"]),
+                ("Error sleeping", ["err-sleep"])]:
+            with self.subTest(message=message):
+                self.assertEqual([found.get("id") for found in ctl("--json", "explain", message).objects],
+                                 [*identities, None])
+
     def test_OfATextWithinATextBothAreExplained(self):
         message = ("SerialPort::SetPortSettings(): Setting the attributes of the serial port '/dev/ttyS1' failed?"
                    "Unsupported baud rate.: Invalid argument")

@@ -231,6 +231,15 @@ ip -4 -o addr show dev eth0
 ip route show default
 END
 if [ -n "$boardctl" ]; then
+  # What ip refuses is in the catalogue, in the words of this ip and of this kernel.
+  run 1 refused "$boardsim" -- "$examples/set-address" eth0 192.0.2.300 24
+  run 0 printed "$boardctl" explain - < refused
+  expect printed "The address, the prefix length or the gateway is none"
+  # shellcheck disable=SC2016  # the inner shell's own
+  run 1 refused "$boardsim" -- sh -c 'ip addr add 192.0.2.10 peer 192.0.2.1/24 dev eth0
+    "$0" eth0 192.0.2.20 24 && "$0" eth0 192.0.2.20 24' "$examples/set-address"
+  run 0 printed "$boardctl" explain - < refused
+  expect printed "already, but not"
   run 0 printed "$boardsim" -- sh rescue "$boardctl" HUP
   expect printed "the rescue: 0" "inet 192.0.2.10/24" "default via 192.0.2.1 dev eth0"
   if grep -q "inet 192.0.2.20" printed; then fail "The new address has stayed." printed; fi

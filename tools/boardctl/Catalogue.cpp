@@ -33,7 +33,7 @@ struct Match {
   const Json* error;
   std::vector<Span> pieces;
   std::size_t size = 0;  // of the pieces together
-  bool isExact = true;   // with the blanks around it
+  bool isExact = true;   // with the blanks around it and the colon at its end
 };
 
 const Json& Errors() {
@@ -55,10 +55,10 @@ std::vector<std::string> PiecesOf(const std::string& text) {
   return pieces;
 }
 
-/// A text that was copied may have lost the blanks around it.
+/// A text that was copied may have lost the blanks around it and the colon at its end.
 std::string Trimmed(const std::string& text) {
   const std::size_t begin = text.find_first_not_of(' ');
-  return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
+  return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" :") + 1 - begin);
 }
 
 std::optional<Match> Find(const Json& error, const std::string& text, std::string_view message) {
@@ -107,8 +107,12 @@ std::optional<Match> MatchOf(const Json& error, std::string_view message) {
   return match;
 }
 
-/// Whether all of @p inner lies within pieces of @p outer, which then tells more.
+/// Whether all of @p inner lies within pieces of @p outer, which then tells more. Of two that only blanks and colons tell
+/// apart, a text that has lost these may be either.
 bool IsWithin(const Match& inner, const Match& outer) {
+  if (!inner.isExact && !outer.isExact && inner.size == outer.size) {
+    return false;
+  }
   return std::all_of(inner.pieces.begin(), inner.pieces.end(), [&](const Span& piece) {
     return std::any_of(outer.pieces.begin(), outer.pieces.end(),
                        [&](const Span& around) { return around.begin <= piece.begin && piece.end <= around.end; });

@@ -281,7 +281,7 @@ void TellMemoryDevice(Page& page) {
     remedy = "Build the kernel with CONFIG_DEVMEM.";
   } else if (error != 0 && isLocked) {
     why = "the kernel is locked down: " + Printable(lockdown);
-    remedy = "Boot with lockdown=none, without Secure Boot.";
+    remedy = "Boot without lockdown=, and with Secure Boot off.";
   } else if (error == EACCES) {
     why = "the user may not open it";
     remedy = "Run as root.";
