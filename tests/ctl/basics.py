@@ -100,6 +100,9 @@ class Explain(TestCase):
         self.assertEqual((result.status, result.out), (1, ""))
         self.assertTrue(result.err.startswith("boardctl: explain: Standard input can't be read: Is a directory\n"), result.err)
 
+    def test_WhatRemainsIsExplainedToo(self):
+        self.assertRegex(ctl("explain", NO_MEMORY_FOR_POPEN).out, r"\n  cause    ENOMEM[^\n]+\n  remedy   [^\n]+\n  remains  [^\n]+\n$")
+
     def test_ATextThatIsNotInTheCatalogueIsSaidSo(self):
         result = ctl("explain", "all is well")
         self.assertEqual((result.status, result.out, result.err), (0, "", "No known error text found.\n"))

@@ -124,9 +124,7 @@ def bus_error(verb):
     """What a verb says where nothing answers at an address."""
     return (f"boardctl: {verb}: Bus error\n"
             "  cause    Nothing answers at that address: no memory and no device is there, or the device has no clock.\n"
-            "  remedy   Check the address, and whether the device is switched on.\n"
-            "  remains  The signal has ended the process, unless it handles it; what was not put back before stays as it was "
-            "set.\n")
+            "  remedy   Check the address, and whether the device is switched on.\n")
 
 
 def port_not_opened(device):

@@ -298,8 +298,8 @@ class Serial(OnALine):
                         "test": (result.out, r"\n  115200 .*  failed\nVerdict: failed, good at 0 of 1 speeds\n")}
                 self.assertRegex(*told[words[0]])
                 self.assertRegex(result.err, rf"boardctl: serial {words[0]}: ")
-                self.assertIn("  cause    ", result.err)
-                self.assertIn("unplugged", result.err)
+                self.assertRegex(result.err, r"\n  cause    [^\n]*unplugged[^\n]*\n  remedy   Plug the adapter in, and start the program again\.\n")
+                self.assertNotIn("  remains  ", result.err)
                 for name in "log", "came", "said":
                     os.remove(name)
 

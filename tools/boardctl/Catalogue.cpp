@@ -140,6 +140,19 @@ std::vector<const Json*> CausesOf(const Json& error, const std::string& name) {
   return others.empty() ? all : others;
 }
 
+std::string CausesInWords(const catalogue::Explanation& explanation) {
+  std::string words;
+  for (const Json* const cause : explanation.causes) {
+    std::string names;
+    for (const Json& name : (*cause)["errno"]) {
+      names += (names.empty() ? "" : ", ") + name.get<std::string>();
+    }
+    words += "  cause    " + (names.empty() ? "" : names + ": ") + (*cause)["cause"].get<std::string>() + '\n';
+    words += "  remedy   " + (*cause)["remedy"].get<std::string>() + '\n';
+  }
+  return words;
+}
+
 }  // namespace
 
 namespace catalogue {
@@ -169,24 +182,17 @@ std::vector<Explanation> Explain(std::string_view message) {
   return explanations;
 }
 
-std::string InWords(const std::vector<Explanation>& explanations) {
-  std::string words;
-  for (const Explanation& explanation : explanations) {
-    for (const Json* const cause : explanation.causes) {
-      std::string names;
-      for (const Json& name : (*cause)["errno"]) {
-        names += (names.empty() ? "" : ", ") + name.get<std::string>();
-      }
-      words += "  cause    " + (names.empty() ? "" : names + ": ") + (*cause)["cause"].get<std::string>() + '\n';
-      words += "  remedy   " + (*cause)["remedy"].get<std::string>() + '\n';
-    }
-    words += "  remains  " + (*explanation.error)["remains"].get<std::string>() + '\n';
-  }
+std::string InWords(const Explanation& explanation) {
+  std::string words = CausesInWords(explanation);
+  words += "  remains  " + (*explanation.error)["remains"].get<std::string>() + '\n';
   return words;
 }
 
 std::string FailureInWords(const std::string& verb, const std::string& message) {
-  const std::string explained = InWords(Explain(message));
+  std::string explained;
+  for (const Explanation& explanation : Explain(message)) {
+    explained += CausesInWords(explanation);
+  }
   return "boardctl: " + verb + ": " + message +
          (explained.empty() ? "" : '\n' + explained.substr(0, explained.size() - 1));
 }

@@ -19,10 +19,11 @@ struct Explanation {
 /// What the catalogue has for a message, or for a line of a log with messages in it; the most telling first.
 std::vector<Explanation> Explain(std::string_view message);
 
-/// Cause and remedy of all explanations in lines for the reader; empty if there is none.
-std::string InWords(const std::vector<Explanation>& explanations);
+/// Causes, remedies and what remains, in lines for the reader.
+std::string InWords(const Explanation& explanation);
 
-/// What a verb that failed says: the message, and below it what the catalogue has for it.
+/// What a verb that failed says: the message, and below it the causes and remedies that the catalogue has for it. What
+/// remains behind a call of the library concerns its programs: what a verb leaves behind its help says.
 std::string FailureInWords(const std::string& verb, const std::string& message);
 
 }  // namespace catalogue

@@ -35,7 +35,7 @@ std::size_t ExplainLine(const std::string& line, std::size_t number, Output& out
       operations += (operations.empty() ? "" : ", ") + operation.get<std::string>();
     }
     out.Line("  from     " + operations);
-    const std::string words = catalogue::InWords({explanation});
+    const std::string words = catalogue::InWords(explanation);
     out.Line(words.substr(0, words.size() - 1));
   }
   return explanations.size();

@@ -233,12 +233,14 @@ class Armed {
     try {
       m_dog->Activate();
     } catch (const std::system_error& error) {
+      // It fails so only where it could not open the device.
+      std::string why = " could not be opened";
       if (error.code().value() == EBUSY) {
         const auto holders = LookAtWatchdog(m_device).holders;
-        m_out.Warn("boardctl: " + m_device + " is in use, by " +
-                   (holders.empty() ? "a process that is not visible here" : processes::InWords(holders)) +
-                   ". Nothing was armed.");
+        why =
+            " is in use, by " + (holders.empty() ? "a process that is not visible here" : processes::InWords(holders));
       }
+      m_out.Warn("boardctl: " + m_device + why + ". Nothing was armed.");
       throw;
     } catch (const std::logic_error&) {
       m_out.Warn("boardctl: the driver refuses " + SecondsInWords(intervalS) + ", and " + m_device +
