@@ -66,8 +66,8 @@ def for_readers():
     lines = ["# Error catalogue\n",
              "<!-- python3 docs/site/manual.py makes this page of errors.json. -->\n",
              "Every fixed text of the library, what causes it, what to do, and what remains. Search this page for your "
-             "message without the words after its last colon; two colons after \"descriptor\" are WriteLoop's and "
-             "ReadLoop's, and a colon, a blank and a colon are SerialPort's. [How failures are reported](failures.md) explains how to read one. `boardctl explain` has the same "
+             "message without the words after its last colon; `descriptor:: ...` comes from WriteLoop or "
+             "ReadLoop, `descriptor: : ...` from SerialPort. [How failures are reported](failures.md) explains how to read one. `boardctl explain` has the same "
              "catalogue at the command line, and `scripts/docs --open` in the browser, with a filter. Three dots stand for "
              "what varies.\n",
              *(f"- [{title}](#errors-{subsystem})" for subsystem, title, _ in sections())]

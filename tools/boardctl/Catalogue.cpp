@@ -107,8 +107,8 @@ std::optional<Match> MatchOf(const Json& error, std::string_view message) {
   return match;
 }
 
-/// Whether all of @p inner lies within pieces of @p outer, which then tells more. Of two that only blanks and colons tell
-/// apart, a text that has lost these may be either.
+/// Whether all of @p inner lies within pieces of @p outer, which then tells more. Of two that only blanks and colons
+/// tell apart, a text that has lost these may be either.
 bool IsWithin(const Match& inner, const Match& outer) {
   if (!inner.isExact && !outer.isExact && inner.size == outer.size) {
     return false;

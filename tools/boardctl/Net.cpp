@@ -478,7 +478,7 @@ void AddNet(Program& program) {
   constexpr const char* kRemains =
       "the change, until a reboot or until a DHCP client or network manager changes it. No file is written. It needs "
       "CAP_NET_ADMIN.";
-  CLI::App& group = program.AddGroup("net", "IP addresses and gateways: show, set, clear");
+  CLI::App& group = program.AddGroup("net", "IP addresses and gateways: show, change, clear");
   NetArguments* arguments = nullptr;
 
   CLI::App& show =
