@@ -97,6 +97,7 @@ case $architecture in
     hardened boardsim /usr/bin/boardsim
     dpkg-deb --info "$deb" conffiles | grep -qx /etc/apparmor.d/boardsim || complain "The profile of AppArmor is no conffile."
     dpkg-deb --info "$deb" postinst | grep -q apparmor_parser || complain "Nothing loads the profile of AppArmor."
+    dpkg-deb --info "$deb" prerm | grep -q 'apparmor_parser --remove' || complain "Nothing unloads the profile of AppArmor."
     ;;
 esac
 # Documentation is for all architectures, and made with the packages of this machine.
