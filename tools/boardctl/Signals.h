@@ -55,7 +55,8 @@ class DiscardsOutput {
 };
 
 /// While it lives, a signal is also handed on to the commands that this process has started, and those that they have,
-/// left in the background or not; or to one process alone. What the terminal sends it sends to them, too: that is not handed on.
+/// left in the background or not; or to one process alone. What the terminal sends it sends to them, too: that is not
+/// handed on.
 class HandsOn {
  public:
   explicit HandsOn(int process = 0);
