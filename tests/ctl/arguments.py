@@ -152,7 +152,7 @@ class Arguments(TestCase):
 
     def test_AnArgumentThatIsCalledLikeAVerbIsAnArgument(self):
         result = ctl("explain", "mem")
-        self.assertEqual((result.status, result.err), (0, "No known error text found.\n"))
+        self.assertEqual((result.status, result.err), (0, "boardctl: No known error text found.\n"))
         result = ctl("run", "explain")
         self.assertEqual(result.status, 1)
         self.assertIn("boardctl: status 127: there is no such command", result.err)

@@ -105,7 +105,7 @@ class Explain(TestCase):
 
     def test_ATextThatIsNotInTheCatalogueIsSaidSo(self):
         result = ctl("explain", "all is well")
-        self.assertEqual((result.status, result.out, result.err), (0, "", "No known error text found.\n"))
+        self.assertEqual((result.status, result.out, result.err), (0, "", "boardctl: No known error text found.\n"))
         self.assertEqual(ctl("--quiet", "explain", "all is well").err, "")
 
     def test_ItNeedsNoFileOnTheBoard(self):
@@ -128,6 +128,12 @@ class Run(TestCase):
         self.assertEqual(result.objects, [{"schema": 1, "kind": "run", "output": "".join(f"<{word}>" for word in words),
                                            "command": result.objects[0]["command"], "status": 0}])
         self.assertFalse(os.path.exists("x"))
+
+    def test_AnEmptyWordIsNoCommand(self):
+        for words in ["run", ""], ["run", "--", ""], ["run", "--", "", "x"], ["watchdog", "run", "./none", "--", ""]:
+            with self.subTest(words=words):
+                result = ctl(*words)
+                self.assertEqual((result.status, result.out), (2, ""), result.err)
 
     def test_TextsThatTheBareRunnerWouldMistakeAreRunAsTheyStand(self):
         for text, status, output in [("false\n", 1, ""), ("echo a # comment", 0, "a\n"), ("echo 5; exit 7", 7, "5\n"),

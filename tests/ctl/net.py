@@ -117,13 +117,24 @@ class Net(TestCase):
                 self.assertEqual([line for line in pathlib.Path("real").read_text().splitlines() if " show" not in line], would)
                 self.assertTrue(all(" show" in line for line in asked), asked)
 
+    def test_WhatIsNotThereToBeRemovedIsToldInWords(self):
+        result = self.script("ip addr flush dev eth0", *(shell("net", "clear", *words) for words in [
+            ("address", "eth0"), ("address", "eth0", "--ipv6"), ("gateway",), ("gateway", "eth0", "--ipv6")]))
+        self.assertEqual(result.out.splitlines(), [there + ": nothing had to be changed" for there in [
+            "eth0 has no IPv4 address", "eth0 has no IPv6 address", "there is no IPv4 default route",
+            "there is no IPv6 default route"]], result.err)
+
+    def test_AFailureThatChangesNothingIsToldSo(self):
+        result = self.script(f"ip addr add {ADDRESS} dev eth0", shell("net", "gateway", "eth0", "198.51.100.1"))
+        self.assertIn("boardctl: that failed: nothing has changed.\nboardctl: net gateway: ", result.err)
+
     def test_TheLossOfTheDefaultRouteIsTold(self):
         setup = [f"ip addr add {ADDRESS} dev eth0", "ip route add default via 192.0.2.1 dev eth0"]
         result = self.script(*setup, shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
                              shell("net", "address", "eth0", "192.0.2.11/24"), "ip -4 route show")
         self.assertEqual(result.err.splitlines(), [
-            "boardctl: the default route will be removed too; afterwards: boardctl net gateway eth0 192.0.2.1",
-            "boardctl: the default route was removed too: boardctl net gateway eth0 192.0.2.1"])
+            "boardctl: the default route will be removed too; set it again then with: boardctl net gateway eth0 192.0.2.1",
+            "boardctl: the default route was removed too; set it again with: boardctl net gateway eth0 192.0.2.1"])
         self.assertNotIn("default", result.out.splitlines()[-1])
         # With another address left it stays.
         result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0", shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
@@ -133,7 +144,7 @@ class Net(TestCase):
         # Unless that one goes as well.
         result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0",
                              shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24", "--flush"))
-        self.assertEqual(result.err, "boardctl: the default route will be removed too; afterwards: boardctl net gateway eth0 192.0.2.1\n")
+        self.assertEqual(result.err, "boardctl: the default route will be removed too; set it again then with: boardctl net gateway eth0 192.0.2.1\n")
         # By another interface it stays.
         result = self.script("ip link set eth1 up", *(step.replace("eth0", "eth1") for step in setup),
                              "ip addr add 198.51.100.9/24 dev eth0",
@@ -176,7 +187,7 @@ class Net(TestCase):
             '{"schema":1,"kind":"net_change","what":"gateway","interface":"eth0","family":"ipv4","before":"192.0.2.1 on eth0",'
             '"wanted":"192.0.2.2 on eth0","after":"192.0.2.2 on eth0","changed":true,"dry_run":false,"commands":'
             '["ip -4 route del default via 192.0.2.1 dev eth0","ip -4 route add default via 192.0.2.2 dev eth0"]}',
-            "1", "was 192.0.2.2 on eth0, now none: changed", "is none: nothing had to be changed", "3",
+            "1", "was 192.0.2.2 on eth0, now none: changed", "there is no IPv4 default route: nothing had to be changed", "3",
             '{"schema":1,"kind":"net_change","what":"gateway","interface":null,"family":"ipv4","before":null,"wanted":null,'
             '"after":null,"changed":false,"dry_run":false,"commands":[]}'])
         self.assertIn("the default route goes by 192.0.2.2 on eth0, not by eth1: nothing is changed", result.err)

@@ -73,8 +73,8 @@ class Report(TestCase):
 
     def test_WhatIsUnusualIsToldWithItsRemedy(self):
         for steps, options, what in [
-                (["ip addr flush dev eth0"], [], "No interface but lo has an address."),
-                ([], [], "No interface but lo has an address."),  # the link-local one reaches nobody else's network
+                (["ip addr flush dev eth0"], [], "No interface but lo has more than a link-local address."),
+                ([], [], "No interface but lo has more than a link-local address."),  # the link-local one reaches nobody else's network
                 ([], [], "There is no default gateway."),
                 ([], ["--watchdog", "none"], "There is no watchdog."),
                 ([], ["--mem", "none"], "Registers can't be read: the kernel has no such device (CONFIG_DEVMEM)."),

@@ -187,6 +187,12 @@ class Serial(OnALine):
                 self.assertIn("boardctl: serial send: The input is not hexadecimal", result.err)
 
     def test_TheHelpNamesTerminalProgramsAndWhichVerbHasTimes(self):
+        for verb in "send", "receive", "report":
+            with self.subTest(verb=verb):
+                self.assertIn("are put back", ctl("serial", verb, "--help").out)
+        for verb in "send", "receive":
+            with self.subTest(verb=verb):
+                self.assertIn("also by a signal, but not by SIGKILL.", " ".join(ctl("serial", verb, "--help").out.split()))
         for verb in "send", "receive":
             with self.subTest(verb=verb):
                 said = " ".join(ctl("serial", verb, "--help").out.split())
@@ -293,7 +299,7 @@ class Serial(OnALine):
                 self.command(f"hangup {PORT}")
                 result = finish(process)
                 self.assertIn("status 1\n", result.out)
-                told = {"receive": (result.err, r"^boardctl: received 1 bytes in \d+\.\d\d s: that failed\n"),
+                told = {"receive": (result.err, r"^boardctl: received 1 bytes in \d+\.\d\d s: receiving failed\n"),
                         "send": (result.out, r"\nfailed: sent at most \d+ bytes in \d+\.\d\d s, "),
                         "test": (result.out, r"\n  115200 .*  failed\nVerdict: failed, good at 0 of 1 speeds\n")}
                 self.assertRegex(*told[words[0]])
@@ -541,6 +547,15 @@ class LineTest(OnALine):
 
     def loop_events(self):
         return any("TIOCMSET 0xc" in line for line in pathlib.Path("log").read_text().splitlines())
+
+    def test_AThroughputThatNoRealLineCanHaveIsRemarked(self):
+        remark = "boardctl: bytes came faster than the line can be: no real line\n"
+        for options, holds in ([], self.assertIn), (["--pace"], self.assertNotIn):
+            with self.subTest(options=options):
+                result = self.on_board("serial", "test", PORT, "--loop", "--speeds", "9600", "--size", "500", "--turns", "1",
+                                       options=options)
+                self.assertEqual(result.status, 0, result.err)
+                holds(remark, result.err)
 
     def test_AllStandardSpeedsFrom9600OnAreTriedAndThoseThatTheUartLacksArePassedOver(self):
         result = self.on_board("--json", "--quiet", "serial", "test", PORT, "--size", "100", "--turns", "1",

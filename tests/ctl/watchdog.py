@@ -192,7 +192,7 @@ class Watchdog(TestCase):
                 result = self.board("bash", "-c", script, log="log")
                 self.assertEqual((result.status, result.out), (128 + number, ""))
                 self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
-                    "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 6 s; it is fed each 2 s.",
+                    "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 6 s; it is fed every 2 s.",
                     DISARMED])
                 self.assertEqual(self.events(), ["open", f"timeout {SOON}", "write magic", "close: stopped"])
 
@@ -202,7 +202,7 @@ class Watchdog(TestCase):
         self.assertEqual((result.status, result.out), (RESET, "143\n"))
         self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
             "boardctl: nowayout is set: once armed, nothing disarms /dev/watchdog, and the board resets after the last feeding.",
-            "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 30 s; it is fed each 10 s.",
+            "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 30 s; it is fed every 10 s.",
             "boardctl: closed properly, but /dev/watchdog still counts (nowayout): THE BOARD RESETS within 30 s "
             "unless another program opens and feeds it."])
         # A command that is slow to end, and a check that does not hold meanwhile.
@@ -377,7 +377,7 @@ class Watchdog(TestCase):
         result = self.board("sh", "-c", f"{driver} {shell('watchdog', 'feed', DEVICE, '--interval', '10', '--every', '5')}", log="log")
         self.assertEqual((result.status, result.err), (1, "boardctl: the driver made 3 s of 10 s.\n"
                                                           f"{DISARMED}\n"
-                                                          "boardctl: watchdog feed: Feeding each 5 s is too rare for a time-out of 3 s\n"))
+                                                          "boardctl: watchdog feed: Feeding every 5 s is too rare for a time-out of 3 s\n"))
         self.assertEqual(self.events(), ["open", "timeout 10", "write magic", "close: stopped"])
 
     def test_ASignalThatComesWhileItIsBeingArmedStartsNothingAndLeavesNothingArmed(self):
@@ -431,7 +431,7 @@ class Watchdog(TestCase):
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (130, ""))
         self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
-            "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 65535 s; it is fed each 60000 s.", DISARMED])
+            "boardctl: /dev/watchdog is armed: the board resets when it is not fed for 65535 s; it is fed every 60000 s.", DISARMED])
         self.assertEqual(self.events(), ["open", "timeout 65535", "write magic", "close: stopped"])
 
     def test_NobodyReadingItsWordsItFeedsOn(self):

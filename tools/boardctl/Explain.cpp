@@ -65,7 +65,7 @@ int Explain(const std::string& text, Output& out) {
   }
   out.Object("explained", {{"lines", lines}, {"explanations", found}});
   if (found == 0) {
-    out.Say("No known error text found.");
+    out.Say("boardctl: No known error text found.");
   }
   return kStatusDone;
 }

@@ -237,6 +237,12 @@ class Network {
   IpNet m_net;
 };
 
+std::string NothingThere(const Change& change) {
+  const std::string family = change.ipv6 ? "IPv6" : "IPv4";
+  return change.what == std::string("gateway") ? "there is no " + family + " default route"
+                                               : change.interface + " has no " + family + " address";
+}
+
 void Tell(const Change& change, const std::vector<std::string>& asked, const Value& after, bool isDry, Output& out) {
   const bool isChanged = !change.commands.empty();
   const std::string none = "none";
@@ -256,8 +262,8 @@ void Tell(const Change& change, const std::vector<std::string>& asked, const Val
     }
   } else {
     const std::string front = change.interface.empty() ? "" : change.interface + "  ";
-    out.Line(front + (isChanged ? "was " + change.before.value_or(none) + ", now " + after.value_or(none) + ": changed"
-                                : "is " + after.value_or(none) + ": nothing had to be changed"));
+    out.Line(isChanged ? front + "was " + change.before.value_or(none) + ", now " + after.value_or(none) + ": changed"
+                       : (after ? front + "is " + *after : NothingThere(change)) + ": nothing had to be changed");
   }
   out.Object("net_change", {{"what", change.what},
                             {"interface", change.interface.empty() ? Json() : Json(change.interface)},
@@ -282,8 +288,10 @@ int Make(Change& change, Network& net, const std::function<void()>& apply, const
     try {
       apply();
     } catch (const std::exception&) {
-      call.out.Warn("boardctl: that failed: it was " + change.before.value_or("none") + ", now " +
-                    look().value_or("none") + '.');
+      const Value left = look();
+      call.out.Warn("boardctl: that failed: " + (left == change.before ? "nothing has changed."
+                                                                       : "it was " + change.before.value_or("none") +
+                                                                             ", now " + left.value_or("none") + '.'));
       throw;
     }
     // The library asks once more, then runs what was composed.
@@ -307,13 +315,13 @@ int MakeAddress(Change& change, Network& net, const std::string& address, int le
   const std::string remedy =
       "boardctl net gateway " + arguments.interface + ' ' + (record.count("via") != 0 ? record.at("via") : "ADDRESS");
   if (hadRoute && call.dryRun && !change.ipv6 && (arguments.isFlushed || TakesAllAlong(arguments.interface))) {
-    call.out.Warn("boardctl: the default route will be removed too; afterwards: " + remedy);
+    call.out.Warn("boardctl: the default route will be removed too; set it again then with: " + remedy);
   }
   const auto apply = [&] { net->SetAddr(arguments.interface, address, length, change.ipv6, arguments.isFlushed); };
   const auto look = [&] { return AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6); };
   const int status = Make(change, net, apply, look, arguments, call);
   if (hadRoute && !call.dryRun && !route(net->GetGwInfo(change.ipv6))) {
-    call.out.Warn("boardctl: the default route was removed too: " + remedy);
+    call.out.Warn("boardctl: the default route was removed too; set it again with: " + remedy);
   }
   return status;
 }

@@ -335,7 +335,8 @@ void TellNetwork(Page& page) {
   }
   page.json["interfaces"] = interfaces;
   if (!isReachable) {
-    page.unusual.push_back({"No interface but lo has an address.", "Give one: boardctl net address."});
+    page.unusual.push_back(
+        {"No interface but lo has more than a link-local address.", "Give one: boardctl net address."});
   }
 
   Json gateways = Json::array();

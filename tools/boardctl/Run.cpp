@@ -56,7 +56,7 @@ std::string Meaning(int status) {
 }
 
 int RunCommand(const std::string& text, Call& call) {
-  if (text.empty() == call.command.empty()) {
+  if (text.empty() == call.command.empty() || (text.empty() && call.command.front().empty())) {
     throw UsageError("it takes one command: a text for the shell, or \"--\" and the command's words");
   }
   std::string command = text;

@@ -25,7 +25,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kPutBack =
-    "nothing: the line's settings are put back when the program ends, also by a signal. A driver may drop DTR and RTS "
+    "nothing: the line's settings are put back when the program ends, also by a signal, but not by SIGKILL. A driver "
+    "may drop DTR and RTS "
     "then.";
 
 std::string Rate(double perSecond) {
@@ -382,7 +383,7 @@ std::string WhyEnded(const std::string& ended, const std::string& silent) {
     return "all bytes have come";
   }
   if (ended == "failure") {
-    return "that failed";
+    return "receiving failed";
   }
   return ended == "until" ? "the text has arrived" : "a signal came; the line's settings are put back";
 }

@@ -296,6 +296,12 @@ int Test(const TestArguments& arguments, Call& call) {
       fastest = std::max(fastest, measured.speedBps);
     }
   }
+  if (std::any_of(all.begin(), all.end(), [](const Measurement& measured) {
+        constexpr double kTolerance = 1.1;
+        return measured.Throughput() > kTolerance * measured.limit;
+      })) {
+    call.out.Say("boardctl: bytes came faster than the line can be: no real line");
+  }
   const bool isPassed = good == tried && good != 0 && signals::Caught() == 0;
   call.out.Object("serial_verdict", {{"device", arguments.line.device},
                                      {"far_end", arguments.isInternal ? "loop" : "echo"},

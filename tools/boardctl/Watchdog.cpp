@@ -296,7 +296,7 @@ void CheckBeforeArming(const WatchdogArguments& arguments, Output& out) {
 
 void TellArmed(const Armed& dog, const WatchdogArguments& arguments, milliseconds period, Output& out) {
   out.Say("boardctl: " + arguments.device + " is armed: the board resets when it is not fed for " +
-          SecondsInWords(dog.TimeoutS()) + "; it is fed each " +
+          SecondsInWords(dog.TimeoutS()) + "; it is fed every " +
           Fixed(std::chrono::duration<double>(period).count(), period.count() % kMsPerS == 0 ? 0 : 1) + " s.");
 }
 
@@ -310,7 +310,7 @@ int Feed(const WatchdogArguments& arguments, Output& out) {
   const milliseconds period = arguments.everyS == 0 ? dog.Period() : milliseconds(arguments.everyS * kMsPerS);
   if (period >= std::chrono::seconds(dog.TimeoutS())) {
     dog.Disarm();
-    throw std::runtime_error("Feeding each " + SecondsInWords(arguments.everyS) + " is too rare for a time-out of " +
+    throw std::runtime_error("Feeding every " + SecondsInWords(arguments.everyS) + " is too rare for a time-out of " +
                              SecondsInWords(dog.TimeoutS()));
   }
   TellArmed(dog, arguments, period, out);
