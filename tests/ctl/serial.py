@@ -414,7 +414,7 @@ class Serial(OnALine):
         self.wait_until(lambda: os.path.exists("socket"), "the control socket")
         self.command(f"clear {PORT} CTS")
         pathlib.Path("go").touch()
-        self.wait_for_text("said", "boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up\n")
+        self.wait_for_text("said", "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal gives up\n")
         process.send_signal(signal.SIGINT)
         result = finish(process)
         self.assertEqual(result.status, 130)
@@ -435,7 +435,7 @@ class Serial(OnALine):
         self.wait_until(lambda: os.path.exists("socket"), "the control socket")
         self.command(f"clear {PORT} CTS")
         pathlib.Path("go").touch()
-        self.wait_for_text("said", "boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up\n")
+        self.wait_for_text("said", "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal gives up\n")
         process.send_signal(signal.SIGTERM)
         result = finish(process)
         self.assertEqual(result.status, 143)
@@ -457,7 +457,7 @@ class Serial(OnALine):
             with self.subTest(number=number, words=words):
                 script = (f"rm -f held said; stty -F {PORT} sane -clocal; {sys.executable} -S holder & holder=$!; "
                           f"until test -e held; do sleep 0.02; done; set -m; {shell('serial', *words)} > got 2> said & "
-                          "until grep -qs 'nothing goes out' said; do sleep 0.02; done; "
+                          "until grep -qs 'nothing has gone out' said; do sleep 0.02; done; "
                           f"{echo}; kill -{number:d} $!; wait $!; echo $?; {echo}; kill $holder")
                 result = self.board("bash", "-c", script)
                 self.assertEqual(result.out, f"clocal -echo {128 + number}\n-clocal echo ", result.err)

@@ -114,7 +114,8 @@ void Standstill::Look(std::uint32_t waiting) {
     m_last = waiting;
     m_since = Clock::now();
   } else if (!m_isTold && Clock::now() - m_since > kPatience) {
-    m_out.Say("boardctl: nothing goes out: the far end holds the line (flow control); a signal gives up");
+    m_out.Say(
+        "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal gives up");
     m_isTold = true;
   }
 }

@@ -352,7 +352,7 @@ void AddSerialTest(Program& program, CLI::App& group) {
        "speeds that the UART cannot make are passed over. The status is 1 unless all is good.",
        "serial test /dev/ttyS1 --speeds 9600,115200 --svg line.svg",
        "nothing: the line's settings are put back and the loop is switched off when the program ends, also by a "
-       "signal. A driver may drop DTR and RTS then."},
+       "signal, but not by SIGKILL. A driver may drop DTR and RTS then."},
       [arguments](Call& call) { return Test(*arguments, call); });
   AddDevice(verb, arguments->line.device);
   AddArgument(verb, "--speeds", "LIST", arguments->speeds, ParseSpeeds,
