@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "fa1fa5b35e52bb40217ff6b0a2d8b3311f4bc96dd164f78bbe8a48e87f46818a"
+SRC_URI[sha256sum] = "10e01b6661236ae3024163c9e1fcbcafb0e411458cef02762c7658cd5e48e8cb"
 
 inherit cmake pkgconfig
 
