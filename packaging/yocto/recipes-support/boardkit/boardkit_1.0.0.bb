@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "10e01b6661236ae3024163c9e1fcbcafb0e411458cef02762c7658cd5e48e8cb"
+SRC_URI[sha256sum] = "6a624321aa53d08f07d82a5ad73eb58a6f2f1bee26e3892efd71d3931426c782"
 
 inherit cmake pkgconfig
 
