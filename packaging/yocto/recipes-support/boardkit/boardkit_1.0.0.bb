@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "6a624321aa53d08f07d82a5ad73eb58a6f2f1bee26e3892efd71d3931426c782"
+SRC_URI[sha256sum] = "8b36c79bf74c80712da0a8b9bf8b93c1746962c66b2c6f8f29af4afc50945ef4"
 
 inherit cmake pkgconfig
 
