@@ -127,7 +127,8 @@ cat > in-use <<'END'
 state() {
   # Newer tools tell which address the kernel has made itself. The tour puts back what it removed, which it has not.
   # A new address is tentative for a moment.
-  ip -o addr show dev eth0 | sed 's/ proto kernel_ll//; s/ tentative//'
+  while ip -o addr show dev eth0 tentative | grep -q .; do sleep 0.02; done
+  ip -o addr show dev eth0 | sed 's/ proto kernel_ll//'
   ip route show
   ip -6 route show
 }
