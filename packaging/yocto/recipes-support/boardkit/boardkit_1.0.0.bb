@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "8b36c79bf74c80712da0a8b9bf8b93c1746962c66b2c6f8f29af4afc50945ef4"
+SRC_URI[sha256sum] = "1555ceb1c2137eb19d1c10f31a54dd4583f5621af226c24589d9a8facdbd5a5e"
 
 inherit cmake pkgconfig
 
