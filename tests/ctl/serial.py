@@ -190,7 +190,7 @@ class Serial(OnALine):
         for verb in "send", "receive", "report":
             with self.subTest(verb=verb):
                 self.assertIn("are put back", ctl("serial", verb, "--help").out)
-        for verb in "send", "receive":
+        for verb in "send", "receive", "test":
             with self.subTest(verb=verb):
                 self.assertIn("also by a signal, but not by SIGKILL.", " ".join(ctl("serial", verb, "--help").out.split()))
         for verb in "send", "receive":
