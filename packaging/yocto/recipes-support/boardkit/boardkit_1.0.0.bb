@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "1555ceb1c2137eb19d1c10f31a54dd4583f5621af226c24589d9a8facdbd5a5e"
+SRC_URI[sha256sum] = "cdbbea7faddd027c413a12aa4eba6d4e1fa89d12874318188270bca48faacf2b"
 
 inherit cmake pkgconfig
 
