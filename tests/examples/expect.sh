@@ -30,6 +30,15 @@ run() {
   [ "$status" -eq "$wanted" ] || fail "Expected the status $wanted, not $status." "$output"
 }
 
+# prints STATUS COMMAND...: COMMAND ends with STATUS and prints the standard input.
+prints() {
+  wanted=$1
+  shift
+  cat > expected
+  run "$wanted" printed "$@"
+  diff expected printed || fail "$* prints something else." printed
+}
+
 # need_board BOARDSIM: leaves the test as one that is skipped where the machine allows no whole simulated board.
 need_board() {
   notice=$("$1" -- true 2>&1) && [ -z "$notice" ] && return
