@@ -20,7 +20,8 @@ if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then
   trap 'rm -rf -- "$folder"' EXIT
   chmod 755 "$folder"
   cp -- "$simulator" "$program" "$folder/"
-  ldd "$program" | sed -n 's/^[[:blank:]]*libboardkit.* => \(.*\) (0x.*/\1/p' | while IFS= read -r library; do
+  # As ldd does it, which starts several programs more.
+  LD_TRACE_LOADED_OBJECTS=1 "$program" | sed -n 's/^[[:blank:]]*libboardkit.* => \(.*\) (0x.*/\1/p' | while IFS= read -r library; do
     cp -- "$library" "$folder/"
   done
   simulator=$folder/${simulator##*/}

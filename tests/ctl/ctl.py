@@ -205,9 +205,10 @@ class TestCase(unittest.TestCase):
             pathlib.Path(self.folder).chmod(0o777)
             for program in (BOARDSIM, BOARDCTL):
                 shutil.copy(program, place)
-            for line in subprocess.run(["ldd", BOARDCTL], capture_output=True, text=True, check=True).stdout.splitlines():
-                if "libboardkit" in line:
-                    shutil.copy(re.search("=> (.*) [(]", line)[1], place)
+            # As ldd does it, which starts several programs more.
+            loaded = subprocess.run([BOARDCTL], env={"LD_TRACE_LOADED_OBJECTS": "1"}, capture_output=True, text=True, check=True)
+            for library in re.findall("libboardkit.* => (.*) [(]", loaded.stdout):
+                shutil.copy(library, place)
         return place
 
     def on_board(self, *arguments, **keywords):

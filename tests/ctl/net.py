@@ -9,7 +9,7 @@ from ctl import BOARDCTL, NO_IP, finish, main, shell, start, TestCase
 
 ADDRESS = "192.0.2.10/24"
 # The kernel gives it its link-local address a moment later, and must not do so behind what the test does.
-ETH1_UP = "ip link set eth1 up; until ip -6 addr show dev eth1 | grep -q fe80; do sleep 0.02; done"
+ETH1_UP = "ip link set eth1 up; until ip -6 addr show dev eth1 | grep -q fe80; do sleep 0.1; done"
 
 
 class Net(TestCase):
@@ -219,7 +219,7 @@ class Net(TestCase):
         # Between the old address and the new one, ip waits until the signal has been sent: to all, as a terminal does.
         tools = pathlib.Path("tools")
         tools.mkdir()
-        (tools / "ip").write_text('#!/bin/sh\ncase "$*" in *" add "*) touch adding; until test -e sent; do sleep 0.02; done;; esac\n'
+        (tools / "ip").write_text('#!/bin/sh\ncase "$*" in *" add "*) touch adding; until test -e sent; do sleep 0.1; done;; esac\n'
                                   f'exec {shutil.which("ip")} "$@"\n')
         (tools / "ip").chmod(0o755)
         for number in (signal.SIGINT, signal.SIGTERM):

@@ -147,8 +147,8 @@ class Serial(OnALine):
     def send(self, *words, got, redirected="", **keywords):
         """Runs serial send on a board that waits for its far end before and behind it, and checks what has come there."""
         pathlib.Path("got").unlink(missing_ok=True)
-        script = (f"until test -e got; do sleep 0.02; done; {shell(*words)} {redirected}; status=$?; "
-                  f"until test $(wc -c < got) -ge {len(got)}; do sleep 0.02; done; exit $status")
+        script = (f"until test -e got; do sleep 0.1; done; {shell(*words)} {redirected}; status=$?; "
+                  f"until test $(wc -c < got) -ge {len(got)}; do sleep 0.1; done; exit $status")
         result = self.board("sh", "-c", script, options=["--tty", PORT + "=exec:cat > got"], **keywords)
         self.assertEqual(pathlib.Path("got").read_bytes(), got)
         return result
@@ -233,7 +233,7 @@ class Serial(OnALine):
 
     def receive(self, *words, sent=b"", options=()):
         """Runs serial receive, and lets the far end send when the port is set up."""
-        pathlib.Path("far-end").write_text("#!/bin/sh\nuntil grep -q speed=115200 log; do sleep 0.02; done\n"
+        pathlib.Path("far-end").write_text("#!/bin/sh\nuntil grep -q speed=115200 log; do sleep 0.1; done\n"
                                            "cat to-send\nexec cat > rest\n")
         pathlib.Path("far-end").chmod(0o755)
         pathlib.Path("to-send").write_bytes(sent)
@@ -254,7 +254,7 @@ class Serial(OnALine):
                 self.expect_put_back()
 
     def test_ATextThatComesInPiecesIsFound(self):
-        far_end = "until grep -q speed=115200 log; do sleep 0.02; done; for c in a l o l o g i n : x; do sleep 0.03; printf $c; done"
+        far_end = "until grep -q speed=115200 log; do sleep 0.1; done; for c in a l o l o g i n : x; do sleep 0.03; printf $c; done"
         result = self.on_board("serial", "receive", PORT, "--until", "login:", log="log",
                                options=["--tty", f"{PORT}=exec:{far_end}; cat > rest"])
         self.assertEqual((result.status, result.out), (0, "alologin:"), result.err)
@@ -281,7 +281,7 @@ class Serial(OnALine):
 
     def test_AFullDiskBehindReceivePutsTheLineBackAndIsTold(self):
         process = self.start_board("sh", "-c", f"{shell('serial', 'receive', PORT)} > /dev/full", log="log",
-                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; echo x; cat > rest"])
+                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.1; done; echo x; cat > rest"])
         result = finish(process)
         self.assertEqual(result.status, 1)
         self.assertIn(DISK_FULL, result.err)
@@ -289,7 +289,7 @@ class Serial(OnALine):
 
     def test_APortThatIsUnpluggedInTheMiddleIsAFailureWithItsCause(self):
         # It is in the middle when a byte has come through.
-        far_end = PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; printf x; cat > came"
+        far_end = PORT + "=exec:until grep -q speed=115200 log; do sleep 0.1; done; printf x; cat > came"
         for words, seen in ((["receive", PORT], "said"), (["send", PORT, "/dev/zero"], "came"),
                             (["test", PORT, "--speeds", "115200", "--size", "16777216"], "came")):
             with self.subTest(words=words):
@@ -327,9 +327,9 @@ class Serial(OnALine):
         self.assertIn("unplugged", result.err)
 
     def test_NobodyReadingWhatIsReceivedEndsItAlsoWhereNothingComes(self):
-        script = f"{{ {shell('serial', 'receive', PORT)}; echo $? > status; }} | head -n 1; until test -s status; do sleep 0.02; done"
+        script = f"{{ {shell('serial', 'receive', PORT)}; echo $? > status; }} | head -n 1; until test -s status; do sleep 0.1; done"
         result = self.board("sh", "-c", script, log="log",
-                            options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; echo x; exec cat"])
+                            options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.1; done; echo x; exec cat"])
         self.assertEqual((result.out, result.err, pathlib.Path("status").read_text()), ("x\n", "", "1\n"))
         self.expect_put_back()
 
@@ -356,7 +356,7 @@ class Serial(OnALine):
     def test_ASignalWhereNobodyReadsWhatIsReceivedPutsTheLineBack(self):
         unread, write = os.pipe()
         process = self.start_board(BOARDCTL, "serial", "receive", PORT, log="log", output=write,
-                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; head -c 300000 /dev/zero 2> said; cat > rest 2> said"])
+                                   options=["--tty", PORT + "=exec:until grep -q speed=115200 log; do sleep 0.1; done; head -c 300000 /dev/zero 2> said; cat > rest 2> said"])
         self.wait_until_full(write)
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(PATIENCE), 143)
@@ -408,7 +408,7 @@ class Serial(OnALine):
         pathlib.Path("file").write_bytes(bytes(3000))
         # As JSON for one of the two users.
         before = ["--json"] if self.user == "ordinary" else []
-        script = (f"until test -e go; do sleep 0.02; done; "
+        script = (f"until test -e go; do sleep 0.1; done; "
                   f"exec {shell(*before, 'serial', 'send', PORT, 'file', '--flow', 'hardware')} 2> said")
         process = self.start_board("sh", "-c", script, log="log", options=["--tty", PORT + "=none", "--control", "socket"])
         self.wait_until(lambda: os.path.exists("socket"), "the control socket")
@@ -430,7 +430,7 @@ class Serial(OnALine):
         # More than the driver's queue holds.
         pathlib.Path("file").write_bytes(bytes(200000))
         send = shell("serial", "send", PORT, "file", "--flow", "hardware")
-        script = f"until test -e go; do sleep 0.02; done; exec {send} 2> said"
+        script = f"until test -e go; do sleep 0.1; done; exec {send} 2> said"
         process = self.start_board("sh", "-c", script, log="log", options=["--tty", PORT + "=none", "--control", "socket"])
         self.wait_until(lambda: os.path.exists("socket"), "the control socket")
         self.command(f"clear {PORT} CTS")
@@ -456,15 +456,15 @@ class Serial(OnALine):
                                            (signal.SIGHUP, ["receive", PORT]), (signal.SIGTERM, ["report", PORT])]):
             with self.subTest(number=number, words=words):
                 script = (f"rm -f held said; stty -F {PORT} sane -clocal; {sys.executable} -S holder & holder=$!; "
-                          f"until test -e held; do sleep 0.02; done; set -m; {shell('serial', *words)} > got 2> said & "
-                          "until grep -qs 'nothing has gone out' said; do sleep 0.02; done; "
+                          f"until test -e held; do sleep 0.1; done; set -m; {shell('serial', *words)} > got 2> said & "
+                          "until grep -qs 'nothing has gone out' said; do sleep 0.1; done; "
                           f"{echo}; kill -{number:d} $!; wait $!; echo $?; {echo}; kill $holder")
                 result = self.board("bash", "-c", script)
                 self.assertEqual(result.out, f"clocal -echo {128 + number}\n-clocal echo ", result.err)
 
     def test_AnotherProgramThatTakesTheBytesHoldsUpNeitherItsEndNorASignal(self):
         # As a login on the same port does.
-        far_end = (PORT + "=exec:until grep -q speed=115200 log; do sleep 0.02; done; "
+        far_end = (PORT + "=exec:until grep -q speed=115200 log; do sleep 0.1; done; "
                    "for i in 1 2 3 4 5 6 7 8 9 10; do printf 0123456789; sleep 0.02; done; cat > came")
         script = f"cat {PORT} > taken & {shell('serial', 'receive', PORT, '--idle', '500')} > got; echo $?; kill $!"
         result = self.board("bash", "-c", script, log="log", options=["--tty", far_end])
@@ -472,7 +472,7 @@ class Serial(OnALine):
         self.assertIn(": the far end was silent for 500 ms\n", result.err)
         self.assertEqual(pathlib.Path("taken").stat().st_size + pathlib.Path("got").stat().st_size, 100)
         script = (f"cat {PORT} > taken & taking=$!; set -m; {shell('serial', 'test', PORT, '--turns', '100000')} > got 2> said & "
-                  "until grep -qs '19200 bit/s' said; do sleep 0.02; done; kill -TERM $!; wait $!; echo $?; kill $taking")
+                  "until grep -qs '19200 bit/s' said; do sleep 0.1; done; kill -TERM $!; wait $!; echo $?; kill $taking")
         result = self.board("bash", "-c", script)
         self.assertEqual(result.out, "143\n", result.err)
         self.assertIn("\nVerdict: failed, good at 0 of ", pathlib.Path("got").read_text())
@@ -596,7 +596,7 @@ class LineTest(OnALine):
                 pathlib.Path("far.py").write_text(far_end.format(**faults))
                 pathlib.Path("ready").unlink(missing_ok=True)
                 test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "3000", "--turns", "2")
-                result = self.board("sh", "-c", "until [ -e ready ]; do sleep 0.02; done; " + test,
+                result = self.board("sh", "-c", "until [ -e ready ]; do sleep 0.1; done; " + test,
                                     options=["--tty", f"{PORT}=exec:{shlex.quote(sys.executable)} far.py"])
                 measured = result.objects[0]
                 self.assertEqual((measured["bit_errors"], measured["lost_bytes"], measured["doubled_bytes"]), counted)
@@ -604,7 +604,7 @@ class LineTest(OnALine):
 
     def test_SingleBytesThatDoNotComeBackAreErrors(self):
         test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "115200", "--size", "100")
-        result = self.board("sh", "-c", "until test -e ready; do sleep 0.02; done; " + test,
+        result = self.board("sh", "-c", "until test -e ready; do sleep 0.1; done; " + test,
                             options=["--tty", PORT + "=exec:touch ready; head -c 100; exec cat > rest"])
         measured = result.objects[0]
         self.assertEqual((result.status, measured["verdict"], measured["received_bytes"], measured["turnaround_us"]),
@@ -648,9 +648,9 @@ class LineTest(OnALine):
     def test_WhatWasMeasuredIsToldAndDrawnAlsoWhereALaterSpeedFails(self):
         # At the second speed, the far end takes so long that the line is hung up before the block is through.
         test = shell("serial", "test", PORT, "--speeds", "9600,115200,19200", "--size", "1000", "--turns", "1", "--svg", "line.svg")
-        far_end = (PORT + "=exec:touch ready; head -c 1000; head -c 1; until grep -q speed=115200 log; do sleep 0.02; done; "
+        far_end = (PORT + "=exec:touch ready; head -c 1000; head -c 1; until grep -q speed=115200 log; do sleep 0.1; done; "
                    "while printf x; do sleep 0.1; done")
-        process = self.start_board("sh", "-c", f"until test -e ready; do sleep 0.02; done; {test}; echo status $?", log="log",
+        process = self.start_board("sh", "-c", f"until test -e ready; do sleep 0.1; done; {test}; echo status $?", log="log",
                                    options=["--tty", far_end, "--control", "socket"])
         self.wait_for_text("log", "speed=115200 flags")
         self.command(f"hangup {PORT}")
