@@ -215,6 +215,11 @@ class TestCase(unittest.TestCase):
         """Runs boardctl on a simulated board."""
         return self.board(BOARDCTL, *arguments, **keywords)
 
+    def need_mounts_of_its_own(self):
+        """Skips the test where nothing can be put in the place of /sys or /proc."""
+        if not works("unshare", "--map-root-user", "--mount", "true"):
+            self.skipTest("no mounts of its own can be made here")
+
     def some_of(self, cases):
         """All cases for root. Where rights make no difference, the first one shows that an ordinary user has enough."""
         return cases if self.user == "root" else cases[:1]

@@ -157,8 +157,7 @@ class Report(TestCase):
 
     def elsewhere(self, script, *words):
         """A report on a board whose kernel tells other things, which the script puts in the place of what there is."""
-        if not works("unshare", "--map-root-user", "--mount", "true"):
-            self.skipTest("no mounts of its own can be made here")
+        self.need_mounts_of_its_own()
         result = self.board("unshare", "--map-root-user", "--mount", "sh", "-ec", f"{script}\n{without_rights(*words, 'report')}")
         self.assertEqual((result.status, result.err), (0, ""))
         return result

@@ -15,7 +15,7 @@ import sys
 import termios
 import xml.etree.ElementTree
 
-from ctl import BOARDCTL, DISK_FULL, PATIENCE, bus_error, ctl, finish, main, port_not_opened, shell, strict, TestCase, without_rights, works
+from ctl import BOARDCTL, DISK_FULL, PATIENCE, bus_error, ctl, finish, main, port_not_opened, shell, strict, TestCase, without_rights
 
 PORT = "/dev/ttyS1"
 
@@ -60,8 +60,7 @@ class Serial(OnALine):
             ln -s ../../drivers/imx-uart driver; ln -s ../../drivers/ctrl ctrl/driver; ln -s ../../drivers/port ctrl/port/driver
             ln -s ../../platform subsystem; ln -s ../../serial-base ctrl/subsystem; ln -s ../../serial-base ctrl/port/subsystem
             {shell('--json', 'serial', 'list')}"""
-        if not works("unshare", "--map-root-user", "--mount", "true"):
-            self.skipTest("no mounts of its own can be made here")
+        self.need_mounts_of_its_own()
         result = self.board("unshare", "--map-root-user", "--mount", "sh", "-c", script)
         self.assertEqual((result.status, result.err), (0, ""))
         self.assertEqual([port["driver"] for port in result.objects], ["imx-uart"])

@@ -75,8 +75,7 @@ class Watchdog(TestCase):
 
     def without_sys(self, script):
         """The words of a shell for a script to which /sys tells of no watchdog."""
-        if not works("unshare", "--map-root-user", "--mount", "true"):
-            self.skipTest("no mounts of its own can be made here")
+        self.need_mounts_of_its_own()
         return shlex.join(["unshare", "--map-root-user", "--mount", "bash", "-c", f"mount -t tmpfs none /sys/class/watchdog && {script}"])
 
     def test_WhatSysDoesNotTellIsUnknown(self):

@@ -36,6 +36,7 @@
 #include "FileTexts.h"
 #include "OpenDescriptors.h"
 #include "ScriptedKernel.h"
+#include "TemporaryFolder.h"
 
 namespace {
 
@@ -72,21 +73,12 @@ void Write(const File& file, const std::string& text) {
 /// The test's own folder, and a check that no descriptor is left behind.
 class FileTest : public testing::Test {
  protected:
-  FileTest() {
-    std::string folder = std::filesystem::temp_directory_path() / "file-test-XXXXXX";
-    EXPECT_NE(::mkdtemp(folder.data()), nullptr);
-    // The kernel's name for it, in case there is a link in the path.
-    m_folder = std::filesystem::canonical(folder);
-  }
-  ~FileTest() override {
-    std::filesystem::remove_all(m_folder);
-  }
   void TearDown() override {
     EXPECT_EQ(OpenDescriptors(), m_descriptors);
   }
 
   std::string Path(const std::string& name) const {
-    return m_folder + '/' + name;
+    return m_folder.Path() / name;
   }
   std::string Make(const std::string& name, const std::string& contents) const {
     std::ofstream(Path(name)) << contents;
@@ -94,7 +86,7 @@ class FileTest : public testing::Test {
   }
 
  private:
-  std::string m_folder;
+  TemporaryFolder m_folder{"file-test"};
   std::set<int> m_descriptors = OpenDescriptors();
 };
 

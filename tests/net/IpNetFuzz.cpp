@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
@@ -11,14 +10,9 @@
 
 #include "IpNet.h"
 #include "NaiveParsing.h"
+#include "Require.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 void CheckParsing(FuzzedDataProvider& input) {
   const bool wholeWord = input.ConsumeBool();

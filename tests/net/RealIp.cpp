@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -103,17 +104,12 @@ end
 
 void RealIpTest::TearDown() {
   ::setenv("PATH", m_path.c_str(), 1);
-  if (!m_folder.empty()) {
-    std::filesystem::remove_all(m_folder);
-  }
 }
 
 void RealIpTest::UseBusyBox() {
-  std::string folder = std::filesystem::temp_directory_path() / "busybox-ip-XXXXXX";
-  ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-  m_folder = folder;
-  std::filesystem::create_symlink(PathOf("busybox"), m_folder / "ip");
-  ::setenv("PATH", (folder + ":" + kSystemPath).c_str(), 1);
+  const std::filesystem::path& folder = m_busyBox.emplace("busybox-ip").Path();
+  std::filesystem::create_symlink(PathOf("busybox"), folder / "ip");
+  ::setenv("PATH", (folder.string() + ":" + kSystemPath).c_str(), 1);
 }
 
 std::string RealIpTest::Ip(const std::string& arguments) {

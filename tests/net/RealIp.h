@@ -1,8 +1,8 @@
 #ifndef BOARDKIT_TESTS_NET_REALIP_H
 #define BOARDKIT_TESTS_NET_REALIP_H
 
-#include <filesystem>
 #include <functional>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -11,6 +11,7 @@
 
 #include "IpNet.h"
 #include "OpSystem.h"
+#include "TemporaryFolder.h"
 
 using Record = IpNet::Record;
 using Lines = std::vector<std::string>;
@@ -85,7 +86,7 @@ class RealIpTest : public testing::Test {
 
   Tool m_tool;
   std::string m_path;
-  std::filesystem::path m_folder;
+  std::optional<TemporaryFolder> m_busyBox;
 };
 
 #endif

@@ -232,19 +232,13 @@ bool Board::Read(Clock::time_point deadline) {
   return got > 0;
 }
 
-SimulatorTest::SimulatorTest() : m_folder(testing::TempDir() + "boardsim-test-XXXXXX") {
-  EXPECT_NE(::mkdtemp(m_folder.data()), nullptr) << m_folder;
+SimulatorTest::SimulatorTest() {
   EXPECT_EQ(::mkdir(Temporary().c_str(), 0777), 0);
   // For the ordinary user.
-  EXPECT_EQ(::chmod(m_folder.c_str(), 0777) | ::chmod(Temporary().c_str(), 0777), 0);
+  EXPECT_EQ(::chmod(Folder().c_str(), 0777) | ::chmod(Temporary().c_str(), 0777), 0);
   // Whatever outlives a simulator becomes a child of this process, which finds it.
   EXPECT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
   m_mounts = OwnMounts();
-}
-
-SimulatorTest::~SimulatorTest() {
-  std::error_code error;
-  std::filesystem::remove_all(m_folder, error);
 }
 
 void SimulatorTest::TearDown() {
@@ -277,7 +271,7 @@ std::unique_ptr<Board> SimulatorTest::Boot(const Start& start) {
     std::string& program = complete.command.front();
     program = program.front() == '/' ? Shared(program) : program;
   }
-  return std::make_unique<Board>(complete, m_folder);
+  return std::make_unique<Board>(complete, Folder());
 }
 
 Outcome SimulatorTest::Run(const Words& options, const Words& command) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Lists.h"
+#include "TemporaryFolder.h"
 
 using Words = std::vector<std::string>;
 
@@ -83,7 +84,6 @@ class Board {
 class SimulatorTest : public testing::Test {
  protected:
   SimulatorTest();
-  ~SimulatorTest() override;
 
   /// Fails if a process, a mount or a temporary file has been left behind.
   void TearDown() override;
@@ -102,12 +102,12 @@ class SimulatorTest : public testing::Test {
   void ExpectStepsOfEachUser(const Words& command);
 
   /// A folder of the test's own.
-  const std::string& Folder() const {
-    return m_folder;
+  std::string Folder() const {
+    return m_folder.Path();
   }
   /// A path in it.
   std::string Path(const std::string& name) const {
-    return m_folder + '/' + name;
+    return m_folder.Path() / name;
   }
   /// A copy of a program, or of what it needs, for every user.
   std::string Shared(const std::string& program);
@@ -117,7 +117,7 @@ class SimulatorTest : public testing::Test {
   }
 
  private:
-  std::string m_folder;
+  TemporaryFolder m_folder{"boardsim-test"};
   std::string m_mounts;
 };
 

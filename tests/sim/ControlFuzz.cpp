@@ -4,19 +4,13 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "Require.h"
 #include "SetupError.h"
 #include "board/Commands.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 bool IsWord(const std::string& word) {
   return !word.empty() && word.find_first_of(" \t\n\v\f\r") == std::string::npos;

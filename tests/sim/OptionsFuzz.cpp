@@ -3,21 +3,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include "Options.h"
+#include "Require.h"
 #include "SetupError.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) {
-    std::abort();
-  }
-}
 
 /// The lines, but for what no word can have in it.
 std::vector<std::string> WordsOf(const std::string& text) {

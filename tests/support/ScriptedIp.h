@@ -1,9 +1,10 @@
 #ifndef BOARDKIT_TESTS_SCRIPTEDIP_H
 #define BOARDKIT_TESTS_SCRIPTEDIP_H
 
-#include <filesystem>
 #include <string>
 #include <vector>
+
+#include "TemporaryFolder.h"
 
 /// Puts an `ip` of its own first in PATH while it lives: one that notes how it is called and prints what it was told.
 class ScriptedIp {
@@ -20,7 +21,7 @@ class ScriptedIp {
   std::vector<std::string> Calls() const;
 
  private:
-  std::filesystem::path m_folder;
+  TemporaryFolder m_folder{"scripted-ip"};
   std::string m_oldPath;
   std::string m_cases;
   int m_answers = 0;
