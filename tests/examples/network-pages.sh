@@ -44,7 +44,7 @@ if [ -n "$boardctl" ]; then
   # What ip refuses is in the catalogue, in the words of this ip and of this kernel.
   run 1 refused "$boardsim" -- "$examples/set-address" eth0 192.0.2.300 24
   run 0 printed "$boardctl" explain - < refused
-  expect printed "The address, the prefix length or the gateway is none"
+  expect printed "The address, the prefix length or the gateway is invalid"
   # shellcheck disable=SC2016  # the inner shell's own
   run 1 refused "$boardsim" -- sh -c 'ip addr add 192.0.2.10 peer 192.0.2.1/24 dev eth0
     "$0" eth0 192.0.2.20 24 && "$0" eth0 192.0.2.20 24' "$examples/set-address"
