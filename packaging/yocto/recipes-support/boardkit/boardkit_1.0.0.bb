@@ -22,6 +22,11 @@ EXTRA_OECMAKE = " \
     -DBOARDKIT_BENCH=OFF \
 "
 
+# The file finds its prefix from where it lies, and pkg-config 0.29 puts the sysroot before that once more.
+do_install:append() {
+    sed -i -e 's|^prefix=.*|prefix=${prefix}|' ${D}${libdir}/pkgconfig/boardkit.pc
+}
+
 # boardctl. The two header libraries are in meta-oe, so it is not on by default.
 PACKAGECONFIG ??= ""
 PACKAGECONFIG[tools] = "-DBOARDKIT_TOOLS=ON,-DBOARDKIT_TOOLS=OFF,cli11 nlohmann-json"
