@@ -114,6 +114,8 @@ how_it_ended() {
     printf 'a hang\n'
   elif grep '"event": "SHUTDOWN"' "$run/events" | grep -q '"guest-reset"'; then
     printf 'a reset\n'
+  elif grep '"event": "SHUTDOWN"' "$run/events" | grep -q '"host-signal"'; then
+    printf 'a signal from outside\n'
   elif ((status != 0)); then
     printf 'a failure of the emulator (status %s)\n' "$status"
   else

@@ -34,8 +34,12 @@ parse() {
 
   local file
   [[ -z $limit || $limit =~ ^[0-9]+$ ]] || die_of_usage "--timeout takes seconds, not $limit."
-  [[ $memory =~ ^[0-9]+[MG]$ ]] || die_of_usage "--memory takes a size as 512M or 2G, not $memory."
+  [[ $memory =~ ^[1-9][0-9]*[MG]$ ]] || die_of_usage "--memory takes a size as 512M or 2G, not $memory."
   [[ $network =~ ^(user(,[0-9]+:[0-9]+)*)?$ ]] || die_of_usage "--net takes user or user,PORT:BOARD-PORT, not $network."
+  local port
+  for port in $(tr ',:' '  ' <<<"${network#user}"); do
+    [[ $port =~ ^[1-9][0-9]{0,4}$ && $port -le 65535 ]] || die_of_usage "--net: there is no port $port."
+  done
   check_kernel "$kernel"
   [[ -z $share || -d $share ]] || die "There is no directory $share to share."
   for file in "${with[@]}"; do
@@ -155,6 +159,8 @@ run_program() {
   if [[ -f $program ]]; then
     [[ -x $program ]] || die "$program may not be executed."
     check_architecture "$program"
+  elif [[ $given == */* ]]; then
+    die "There is no file $program."
   else
     program=''
   fi

@@ -9,8 +9,9 @@ if [[ ! -e /etc/apt/sources.list.d/debian.sources && ! -e /etc/apt/sources.list 
 fi
 work=$(mktemp -d)
 trap 'rm -rf -- "$work"' EXIT
-mkdir "$work/tree" "$work/bin"
+mkdir -p "$work/tree/tests/board" "$work/bin"
 cp -R -- "$1/scripts" "$work/tree/"
+cp -- "$1/tests/board/boots.sh" "$work/tree/tests/board/"
 
 # stand_in NAME: a stand-in that does what standard input tells; the calls that begin with $FAILING fail.
 stand_in() {
@@ -52,6 +53,19 @@ for use in run shell; do
   scripts/board "$use" --help >"$work/said" 2>&1 || fail "scripts/board $use --help is refused."
   scripts/board --help | diff - "$work/said" || fail "scripts/board $use --help shows something else than the help."
 done
+# What is wrong is told before anything is fetched.
+# refused STATUS COMPLAINT WORD...
+refused() {
+  local wanted=$1 complaint=$2 status=0
+  shift 2
+  scripts/board run "$@" >"$work/said" 2>&1 || status=$?
+  [[ $status -eq $wanted && $(cat "$work/said") == *"$complaint"* ]] || fail "scripts/board run $*: status $status."
+}
+refused 1 "There is no file $PWD/./none." ./none
+refused 2 '--memory takes a size as 512M or 2G, not 08G.' --memory 08G true
+refused 2 'there is no port 99999.' --net user,99999:22 true
+refused 2 'there is no port 0.' --net user,2222:0 true
+refused 2 'Unknown: --none.' --none true
 for FAILING in 'apt-get update' 'apt-get download' 'dpkg-deb -x' 'dpkg-deb -f'; do
   export FAILING
   ! board 'fetch root dash' || fail "With a failing $FAILING, fetching packages succeeds."
