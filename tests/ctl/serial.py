@@ -465,10 +465,10 @@ class Serial(OnALine):
         # As a login on the same port does.
         far_end = (PORT + "=exec:until grep -q speed=115200 log; do sleep 0.1; done; "
                    "for i in 1 2 3 4 5 6 7 8 9 10; do printf 0123456789; sleep 0.02; done; cat > came")
-        script = f"cat {PORT} > taken & {shell('serial', 'receive', PORT, '--idle', '500')} > got; echo $?; kill $!"
+        script = f"cat {PORT} > taken & {shell('serial', 'receive', PORT, '--idle', '2000')} > got; echo $?; kill $!"
         result = self.board("bash", "-c", script, log="log", options=["--tty", far_end])
         self.assertEqual(result.out, "0\n", result.err)
-        self.assertIn(": the far end was silent for 500 ms\n", result.err)
+        self.assertIn(": the far end was silent for 2000 ms\n", result.err)
         self.assertEqual(pathlib.Path("taken").stat().st_size + pathlib.Path("got").stat().st_size, 100)
         script = (f"cat {PORT} > taken & taking=$!; set -m; {shell('serial', 'test', PORT, '--turns', '100000')} > got 2> said & "
                   "until grep -qs '19200 bit/s' said; do sleep 0.1; done; kill -TERM $!; wait $!; echo $?; kill $taking")
