@@ -111,6 +111,10 @@ class Terminal(TestCase):
         self.wait_for_screen(r"\A\s*board\s*\Z")
         self.type("boardctl net address et", "Tab")
         self.wait_for_screen(r"^board boardctl net address eth[01]?\s*")
+        # Now and then, fish hangs for ever if its terminal just goes away.
+        self.tmux("send-keys", "-t", "it", "C-c")
+        self.type("exit")
+        self.wait_for_screen(r"^> *$")
 
     def test_ATabCompletesVerbsDevicesOptionsAndInterfacesInBash(self):
         self.complete_by_tab("bash --norc --noprofile -i", "PS1='board '; . <(boardctl completion bash)")
