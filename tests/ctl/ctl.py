@@ -113,6 +113,13 @@ def start(command, **keywords):
     return subprocess.Popen(command, **keywords)
 
 
+def end(process):
+    """Nothing that a failed test has started goes on, and fills the disk."""
+    if process.poll() is None:
+        process.kill()
+        process.wait()
+
+
 def ctl(*arguments, given=None, **keywords):
     """Runs boardctl on this machine."""
     if given is not None:
@@ -195,7 +202,9 @@ class TestCase(unittest.TestCase):
         if log:
             options = [*options, "--log", log]
         keywords = {} if given is None else {"stdin": subprocess.PIPE}
-        return start([*as_user, simulator, *options, "--", *command], stdout=output, **keywords)
+        process = start([*as_user, simulator, *options, "--", *command], stdout=output, **keywords)
+        self.addCleanup(end, process)
+        return process
 
     def programs_for_all(self):
         """A folder with copies of the programs and the library, where every user may read them."""
