@@ -103,6 +103,10 @@ class Net(TestCase):
                 self.assertNotIn('"commands":[]' if words[:2] not in (["clear", "address"], ["clear", "gateway"]) else "x", dry)
                 commands = dry[dry.index('"commands"'):]
                 self.assertEqual(commands, real[real.index('"commands"'):], result.err)
+                # And only one of them changed something, where there was something to change.
+                is_needed = '"commands":[]' not in real
+                self.assertIn('"changed":false,"dry_run":true', dry)
+                self.assertIn(f'"changed":{str(is_needed).lower()},"dry_run":false', real)
                 asked = [line[11:] for line in told if line[:11] in ("asked      ", "           ")]
                 would = []
                 if any(line.startswith("would run  ") for line in told):
@@ -145,6 +149,17 @@ class Net(TestCase):
         result = self.script(*setup, "ip addr add 198.51.100.9/24 dev eth0",
                              shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24", "--flush"))
         self.assertEqual(result.err, "boardctl: the default route will be removed too; set it again then with: boardctl net gateway eth0 192.0.2.1\n")
+        # As one of the same network with another length does, of which it is no secondary one.
+        result = self.script(*setup, "ip addr add 192.0.2.9/25 dev eth0", shell("--dry-run", "net", "address", "eth0", "192.0.2.11/24"),
+                             shell("net", "address", "eth0", "192.0.2.11/24"), "ip -4 route show default")
+        self.assertEqual(result.err, "")
+        self.assertIn("default via 192.0.2.1", result.out)
+        # Where no address goes, because it is right or because there is none, it stays.
+        for steps in setup, ["ip route add default via 192.0.2.1 dev eth0 onlink"]:
+            result = self.script(*steps, shell("--dry-run", "net", "address", "eth0", ADDRESS),
+                                 shell("net", "address", "eth0", ADDRESS), "ip -4 route show default")
+            self.assertEqual(result.err, "")
+            self.assertIn("default via 192.0.2.1", result.out)
         # By another interface it stays.
         result = self.script("ip link set eth1 up", *(step.replace("eth0", "eth1") for step in setup),
                              "ip addr add 198.51.100.9/24 dev eth0",
