@@ -277,7 +277,7 @@ class Net(TestCase):
                              shell("net", "gateway", "eth0", "192.0.2.1") + "; echo $?")
         self.assertEqual(result.out, "1\n")
         self.assertIn("the default route does not have exactly one gateway", result.err)
-        self.assertEqual(self.calls(), ["ip addr show dev eth0", "ip -4 route show"])
+        self.assertEqual(self.calls(), ["ip -4 route show"])
 
     def test_AnInterfaceThatIsNotThereIsToldWithCauseAndRemedy(self):
         for words in (["show", "eth7"], ["address", "eth7", ADDRESS], ["link-local", "eth7"], ["clear", "address", "eth7"],
@@ -287,6 +287,29 @@ class Net(TestCase):
                 self.assertEqual((result.status, result.out), (1, ""))
                 self.assertTrue(result.err.startswith(f'boardctl: net {words[0]}: Device "eth7" does not exist.\n  cause    There is '),
                                 result.err)
+
+    def test_AnotherNameOfAnInterfaceIsRefusedAndItsOwnNameTold(self):
+        own = "is another name of eth0: use that one"
+        names = {"front": own, "eth0:1": own, "if2": "is not the name of an interface: see boardctl net show"}
+        setup = ["ip link property add dev eth0 altname front", f"ip addr add {ADDRESS} dev eth0 label eth0:1",
+                 "ip route add default via 192.0.2.1 dev eth0"]
+        for name, why in names.items():
+            verbs = (["show", name], ["address", name, "192.0.2.12/24"], ["address", name, ADDRESS, "--flush"], ["link-local", name],
+                     ["gateway", name, "192.0.2.1", "--changed"], ["gateway", name, "192.0.2.2"], ["clear", "address", name],
+                     ["clear", "gateway", name])
+            steps = [shell(*options, "net", *words) + "; echo $?" for words in self.some_of(verbs) for options in ([], ["--dry-run"])
+                     if not options or words[0] != "show"]
+            with self.subTest(name=name):
+                result = self.script(*setup, "> calls", *steps, "cp calls asked", "ip -4 route show default")
+                *statuses, route = result.out.splitlines()
+                self.assertEqual(statuses, ["1"] * len(steps), result.err)
+                self.assertTrue(route.startswith("default via 192.0.2.1 dev eth0"), route)
+                self.assertEqual(len(result.err.splitlines()), len(steps))
+                for line in result.err.splitlines():
+                    self.assertTrue(line.endswith(f": {name} {why}"), line)
+                # Where the kernel itself does not know the name, ip is asked whether there is such an interface.
+                self.assertEqual(set(pathlib.Path("asked").read_text().splitlines()),
+                                 {"ip addr show dev if2"} if name == "if2" else set())
 
     def test_InterfacesOfTheNetworkThatItIsInAreCompleted(self):
         # Which the folder in /sys need not be of.
@@ -369,14 +392,14 @@ class HostileNames(TestCase):
         ip = pathlib.Path("tools/ip")
         ip.write_text(f"#!/bin/sh\necho '2: v0: <UP>'; echo '    link/ether 02:00:00:00:00:01 brd x'; echo '    inet 1.2.3.4;x/24 scope global v0'\n")
         ip.chmod(0o755)
-        for words in (["address", "v0", ADDRESS], ["clear", "address", "v0"]):
+        for words in (["address", "lo", ADDRESS], ["clear", "address", "lo"]):
             with self.subTest(words=words):
                 result = self.in_namespace(shell("net", *words))
                 self.assertEqual((result.status, result.out), (1, ""))
                 self.assertIn('ip reports the address "1.2.3.4;x/24", which is not an address', result.err)
                 self.check_nothing_ran()
         ip.write_text("#!/bin/sh\necho 'default via 1.2.3.4;x dev v0 '\n")
-        for words in (["gateway", "v0", "192.0.2.2"], ["clear", "gateway"]):
+        for words in (["gateway", "lo", "192.0.2.2"], ["clear", "gateway"]):
             with self.subTest(words=words):
                 result = self.in_namespace(shell("net", *words))
                 self.assertEqual((result.status, result.out), (1, ""))

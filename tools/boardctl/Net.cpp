@@ -1,5 +1,6 @@
 #include <IpNet.h>
 #include <OpSystem.h>
+#include <net/if.h>
 
 #include <algorithm>
 #include <cctype>
@@ -131,6 +132,21 @@ std::vector<Interface::Address> AddressesOf(const std::string& name, bool ipv6) 
   return addresses;
 }
 
+/// Refuses a name that is not an interface's own. ip takes others too, but lists routes and labels by its own.
+void CheckIsOwnName(const std::string& name, IpNet& net) {
+  const auto interfaces = Interfaces();
+  if (std::any_of(interfaces.begin(), interfaces.end(),
+                  [&](const Interface& interface) { return interface.name == name; })) {
+    return;
+  }
+  char own[IF_NAMESIZE] = "";
+  if (::if_indextoname(::if_nametoindex(name.c_str()), own) != nullptr) {
+    throw std::runtime_error(name + " is another name of " + Printable(own) + ": use that one");
+  }
+  net.GetIfaceInfo(name);  // ip tells that there is none; iproute2 takes "if2" for the second one
+  throw std::runtime_error(name + " is not the name of an interface: see boardctl net show");
+}
+
 /// Whether no IPv4 address is left when the first one goes: the kernel takes further ones of its network with it.
 bool TakesAllAlong(const std::string& interface) {
   const auto addresses = AddressesOf(interface, false);
@@ -187,12 +203,13 @@ int Show(const NetArguments& arguments, Call& call) {
   OpSystem runner;
   IpNet net(runner);
   int status = kStatusDone;
-  bool isFound = false;
+  if (!arguments.interface.empty()) {
+    CheckIsOwnName(arguments.interface, net);
+  }
   for (const Interface& interface : Interfaces()) {
     if (!arguments.interface.empty() && interface.name != arguments.interface) {
       continue;
     }
-    isFound = true;
     if (interface.isClean) {
       ShowInterface(interface, net, call.out);
     } else {
@@ -200,9 +217,6 @@ int Show(const NetArguments& arguments, Call& call) {
                     "\" is skipped: a shell could misunderstand its name. Rename it with ip link set.");
       status = kStatusFailed;
     }
-  }
-  if (!isFound) {
-    net.GetIfaceInfo(arguments.interface);  // ip tells that there is none
   }
   ShowGateway(false, net, call.out);
   ShowGateway(true, net, call.out);
@@ -214,7 +228,11 @@ int Show(const NetArguments& arguments, Call& call) {
 /// The network of a verb that changes something. It notes the commands.
 class Network {
  public:
-  Network() : m_net(m_runner) {
+  /// For a verb that names @p interface, or none.
+  explicit Network(const std::string& interface) : m_net(m_runner) {
+    if (!interface.empty()) {
+      CheckIsOwnName(interface, m_net);
+    }
     m_net.SetDebugState(true);
   }
 
@@ -358,7 +376,7 @@ void RefuseFurther(const Change& change, const std::string& address, const NetAr
 
 int SetAddress(const NetArguments& arguments, Call& call) {
   const check::Address& address = arguments.network.address;
-  Network net;
+  Network net(arguments.interface);
   Change change{"address", arguments.interface, address.ipv6, {}, {}, {}};
   change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
   change.wanted = address.text + '/' + std::to_string(arguments.network.prefixLength);
@@ -389,7 +407,7 @@ bool IsHardwareAddress(const std::string& text) {
 }
 
 int SetLinkLocal(const NetArguments& arguments, Call& call) {
-  Network net;
+  Network net(arguments.interface);
   Change change{"address", arguments.interface, true, {}, {}, {}};
   const IpNet::Record record = net->GetIfaceInfo(arguments.interface);
   const auto hardware = record.find("link");
@@ -413,10 +431,7 @@ Value InWords(const std::optional<Route>& route) {
 
 /// Sets the default route to @p wanted, or removes it.
 int SetRoute(const std::optional<Route>& wanted, bool ipv6, const NetArguments& arguments, Call& call) {
-  Network net;
-  if (!arguments.interface.empty()) {
-    net->GetIfaceInfo(arguments.interface);  // if there is none, nothing is changed
-  }
+  Network net(arguments.interface);
   const auto look = [&] { return RouteIn(net->GetGwInfo(ipv6), ipv6); };
   const std::optional<Route> before = look();
   Change change{"gateway", arguments.interface, ipv6, InWords(before), InWords(wanted), {}};
@@ -452,7 +467,7 @@ int Clear(const NetArguments& arguments, Call& call) {
   if (arguments.interface.empty()) {
     throw UsageError("IFACE is required for an address");
   }
-  Network net;
+  Network net(arguments.interface);
   Change change{"address", arguments.interface, arguments.isIpv6, {}, {}, {}};
   change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
   if (change.before || (arguments.isFlushed && !AddressesOf(arguments.interface, change.ipv6).empty())) {
