@@ -311,6 +311,27 @@ class Net(TestCase):
                 self.assertEqual(set(pathlib.Path("asked").read_text().splitlines()),
                                  {"ip addr show dev if2"} if name == "if2" else set())
 
+    def test_AnAddressWithAPeerIsLeftUnlessAllAreFlushedAndWhatWasThereIsTold(self):
+        setup = ["ip addr add 10.9.9.9 peer 10.9.9.8/32 dev eth0", "ip addr add 10.9.9.7/32 dev eth0", "> calls"]
+        there = "eth0 has 10.9.9.9/32 first, which can't be replaced or removed alone because ip does not list it as usual " \
+                "(it may have a peer): nothing is changed; --flush removes all\n"
+        for words in ["address", "eth0", "10.9.9.10/32"], ["address", "eth0", "10.9.9.9/32"], ["clear", "address", "eth0"]:
+            with self.subTest(words=words):
+                result = self.script(*setup, shell("net", *words))
+                self.assertEqual((result.status, result.out, result.err), (1, "", f"boardctl: net {words[0]}: {there}"))
+                self.assertEqual(self.calls(), ["ip addr show dev eth0"])
+        for wanted in "10.9.9.10/32", "10.9.9.9/32":
+            result = self.script(*setup, shell("--json", "net", "address", "eth0", wanted, "--flush"), "ip -4 -o addr show dev eth0")
+            change, *left = result.out.splitlines()
+            self.assertIn(f'"before":"10.9.9.9/32","wanted":"{wanted}","after":"{wanted}","changed":true,', change)
+            self.assertEqual([line.split()[3] for line in left], [wanted])
+        result = self.script(*setup, shell("net", "clear", "address", "eth0", "--flush"),
+                             shell("net", "clear", "address", "eth0", "--flush"), "ip -4 addr show dev eth0")
+        self.assertEqual(result.out, "eth0  was 10.9.9.9/32, now none: changed\neth0 has no IPv4 address: nothing had to be changed\n")
+        # One behind an ordinary address is what is left then, and is told.
+        result = self.script(f"ip addr add {ADDRESS} dev eth0", setup[0], shell("net", "clear", "address", "eth0"))
+        self.assertEqual(result.out, f"eth0  was {ADDRESS}, now 10.9.9.9/32: changed\n")
+
     def test_InterfacesOfTheNetworkThatItIsInAreCompleted(self):
         # Which the folder in /sys need not be of.
         result = finish(start([*self.own_network(), BOARDCTL, "__complete", "net", "show", "lo"]))

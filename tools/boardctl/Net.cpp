@@ -321,6 +321,30 @@ int Make(Change& change, Network& net, const std::function<void()>& apply, const
   return !isChanged && arguments.asksForChange ? kStatusUnchanged : kStatusDone;
 }
 
+/// The first address of a family that the kernel tells of.
+Value FirstAddress(const std::string& interface, bool ipv6) {
+  const auto addresses = AddressesOf(interface, ipv6);
+  return addresses.empty() ? Value() : addresses.front().InWords();
+}
+
+/// Notes the address that the change is to replace, and returns what ip reports.
+/// @throws std::runtime_error if there is one that the library does not read, and so would leave.
+IpNet::Record Look(Change& change, Network& net, const NetArguments& arguments) {
+  // Before ip is asked: the kernel may add a link-local address meanwhile.
+  const Value first = FirstAddress(change.interface, change.ipv6);
+  IpNet::Record record = net->GetIfaceInfo(change.interface);
+  change.before = AddressIn(record, change.ipv6);
+  if (!change.before && first) {
+    if (!arguments.isFlushed) {
+      throw std::runtime_error(change.interface + " has " + *first +
+                               " first, which can't be replaced or removed alone because ip does not list it as usual "
+                               "(it may have a peer): nothing is changed; --flush removes all");
+    }
+    change.before = first;
+  }
+  return record;
+}
+
 /// Makes a change of an address, and warns of a default route that goes with it.
 int MakeAddress(Change& change, Network& net, const std::string& address, int length, const NetArguments& arguments,
                 Call& call) {
@@ -336,7 +360,7 @@ int MakeAddress(Change& change, Network& net, const std::string& address, int le
     call.out.Warn("boardctl: the default route will be removed too; set it again then with: " + remedy);
   }
   const auto apply = [&] { net->SetAddr(arguments.interface, address, length, change.ipv6, arguments.isFlushed); };
-  const auto look = [&] { return AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6); };
+  const auto look = [&] { return FirstAddress(arguments.interface, change.ipv6); };
   const int status = Make(change, net, apply, look, arguments, call);
   if (hadRoute && !call.dryRun && !route(net->GetGwInfo(change.ipv6))) {
     call.out.Warn("boardctl: the default route was removed too; set it again with: " + remedy);
@@ -378,11 +402,11 @@ int SetAddress(const NetArguments& arguments, Call& call) {
   const check::Address& address = arguments.network.address;
   Network net(arguments.interface);
   Change change{"address", arguments.interface, address.ipv6, {}, {}, {}};
-  change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
+  const Value read = AddressIn(Look(change, net, arguments), change.ipv6);
   change.wanted = address.text + '/' + std::to_string(arguments.network.prefixLength);
-  if (change.before != change.wanted) {
+  if (read != change.wanted) {
     // Of IPv6, the same address with another length is replaced well.
-    if (change.before.value_or("").rfind(address.text + '/', 0) != 0) {
+    if (read.value_or("").rfind(address.text + '/', 0) != 0) {
       RefuseFurther(change, address.text, arguments);
     }
     change.commands = CommandsFor(change, arguments);
@@ -409,16 +433,15 @@ bool IsHardwareAddress(const std::string& text) {
 int SetLinkLocal(const NetArguments& arguments, Call& call) {
   Network net(arguments.interface);
   Change change{"address", arguments.interface, true, {}, {}, {}};
-  const IpNet::Record record = net->GetIfaceInfo(arguments.interface);
+  const IpNet::Record record = Look(change, net, arguments);
   const auto hardware = record.find("link");
   if (hardware == record.end() || !IsHardwareAddress(hardware->second)) {
     throw std::runtime_error(arguments.interface + " has no hardware address to make one of");
   }
-  change.before = AddressIn(record, true);
   const std::string address = IpNet::GetLinkLocalAddr(hardware->second);
   change.wanted = address + "/64";
   const std::string canonical = check::IpAddress(address).text;
-  if (change.before != canonical + "/64") {
+  if (AddressIn(record, true) != canonical + "/64") {
     RefuseFurther(change, canonical, arguments);
     change.commands = CommandsFor(change, arguments);
   }
@@ -469,8 +492,8 @@ int Clear(const NetArguments& arguments, Call& call) {
   }
   Network net(arguments.interface);
   Change change{"address", arguments.interface, arguments.isIpv6, {}, {}, {}};
-  change.before = AddressIn(net->GetIfaceInfo(arguments.interface), change.ipv6);
-  if (change.before || (arguments.isFlushed && !AddressesOf(arguments.interface, change.ipv6).empty())) {
+  Look(change, net, arguments);
+  if (change.before) {
     change.commands = CommandsFor(change, arguments);
   }
   return MakeAddress(change, net, "", 0, arguments, call);
