@@ -332,6 +332,20 @@ class Net(TestCase):
         result = self.script(f"ip addr add {ADDRESS} dev eth0", setup[0], shell("net", "clear", "address", "eth0"))
         self.assertEqual(result.out, f"eth0  was {ADDRESS}, now 10.9.9.9/32: changed\n")
 
+    def test_ADefaultRouteThatRemainsIsTold(self):
+        setup = [f"ip addr add {ADDRESS} dev eth0", "ip route add default via 192.0.2.1 dev eth0 metric 100"]
+        clear = shell("net", "clear", "gateway") + "; echo $?"
+        remains = "boardctl: another default route remains: see ip -4 route show default\n"
+        result = self.script(*setup, "ip route add default via 192.0.2.2 dev eth0 metric 200", clear, clear)
+        self.assertEqual((result.out, result.err), ("was 192.0.2.1 on eth0, now 192.0.2.2 on eth0: changed\n0\n"
+                                                    "was 192.0.2.2 on eth0, now none: changed\n0\n", remains))
+        result = self.script(*setup, "ip route add default dev eth0 metric 200", shell("--json", "net", "clear", "gateway"))
+        self.assertEqual((result.status, result.err), (0, remains))
+        self.assertIn('"before":"192.0.2.1 on eth0","wanted":null,"after":"none, but a default route","changed":true,', result.out)
+        # It is not told of one that is to be there.
+        result = self.script(*setup, "ip route add default via 192.0.2.2 dev eth0 metric 200", shell("net", "gateway", "eth0", "192.0.2.3"))
+        self.assertEqual((result.out, result.err), ("eth0  was 192.0.2.1 on eth0, now 192.0.2.3 on eth0: changed\n", ""))
+
     def test_InterfacesOfTheNetworkThatItIsInAreCompleted(self):
         # Which the folder in /sys need not be of.
         result = finish(start([*self.own_network(), BOARDCTL, "__complete", "net", "show", "lo"]))

@@ -188,12 +188,15 @@ void ShowInterface(const Interface& look, IpNet& net, Output& out) {
                                {"addresses", addresses}});
 }
 
+Value InWords(const Gateway& gateway) {
+  return !gateway.address.empty() ? gateway.address + " on " + gateway.interface
+                                  : gateway.isOther ? Value("none, but a default route") : std::nullopt;
+}
+
 void ShowGateway(bool ipv6, IpNet& net, Output& out) {
   const Gateway gateway = DefaultGateway(net, ipv6);
   const bool isThere = !gateway.address.empty();
-  out.Line("gateway " + std::string(FamilyOf(ipv6)) + "  " +
-           (isThere ? gateway.address + " on " + gateway.interface
-                    : gateway.isOther ? "none, but a default route" : "none"));
+  out.Line("gateway " + std::string(FamilyOf(ipv6)) + "  " + InWords(gateway).value_or("none"));
   out.Object("net_gateway", {{"family", FamilyOf(ipv6)},
                              {"gateway", isThere ? Json(gateway.address) : Json()},
                              {"interface", isThere ? Json(gateway.interface) : Json()}});
@@ -455,8 +458,7 @@ Value InWords(const std::optional<Route>& route) {
 /// Sets the default route to @p wanted, or removes it.
 int SetRoute(const std::optional<Route>& wanted, bool ipv6, const NetArguments& arguments, Call& call) {
   Network net(arguments.interface);
-  const auto look = [&] { return RouteIn(net->GetGwInfo(ipv6), ipv6); };
-  const std::optional<Route> before = look();
+  const std::optional<Route> before = RouteIn(net->GetGwInfo(ipv6), ipv6);
   Change change{"gateway", arguments.interface, ipv6, InWords(before), InWords(wanted), {}};
   if (!wanted && before && !arguments.interface.empty() && before->interface != arguments.interface) {
     throw std::runtime_error("the default route goes by " + before->InWords() + ", not by " + arguments.interface +
@@ -472,8 +474,13 @@ int SetRoute(const std::optional<Route>& wanted, bool ipv6, const NetArguments& 
     }
   }
   const auto apply = [&] { net->SetGw(arguments.interface, wanted ? wanted->gateway : "", ipv6, false); };
-  return Make(
-      change, net, apply, [&] { return InWords(look()); }, arguments, call);
+  Value after;
+  const auto look = [&] { return after = InWords(DefaultGateway(net.Get(), ipv6)); };
+  const int status = Make(change, net, apply, look, arguments, call);
+  if (!wanted && after) {
+    call.out.Warn("boardctl: another default route remains: see ip " + OptionOf(ipv6) + " route show default");
+  }
+  return status;
 }
 
 int SetGateway(const NetArguments& arguments, Call& call) {
@@ -575,7 +582,8 @@ void AddNet(Program& program) {
        "       boardctl net clear gateway [IFACE] [OPTION]...",
        "Over ssh, this may cut the connection: removing an interface's last IPv4 address also removes its default "
        "route.",
-       "With IFACE, a default route by another interface stays. --dry-run prints the ip commands; runs only "
+       "With IFACE, a default route by another interface stays. Of several default routes, only the first one is "
+       "removed, and it is reported that another remains. --dry-run prints the ip commands; runs only "
        "those that query.",
        "net clear address eth0 --ipv6", kRemains, true, true, false, true},
       Clear, arguments);
