@@ -191,7 +191,7 @@ class Serial(OnALine):
                 self.assertIn("are put back", ctl("serial", verb, "--help").out)
         for verb in "send", "receive", "test":
             with self.subTest(verb=verb):
-                self.assertIn("also by a signal, but not by SIGKILL.", " ".join(ctl("serial", verb, "--help").out.split()))
+                self.assertIn("also by SIGINT, SIGTERM, SIGHUP or SIGQUIT.", " ".join(ctl("serial", verb, "--help").out.split()))
         for verb in "send", "receive":
             with self.subTest(verb=verb):
                 said = " ".join(ctl("serial", verb, "--help").out.split())
@@ -227,8 +227,29 @@ class Serial(OnALine):
         result = self.on_board("serial", "send", PORT, "--speed", "3000000", given=b"x", log="log",
                                options=["--serial-info", "115200,16,0,4,0"])
         self.assertEqual(result.status, 1)
-        self.assertIn("The port cannot run at 3000000 bits per second", result.err)
+        self.assertEqual(result.err, "boardctl: serial send: The port cannot run at 3000000 bits per second\n")
         self.expect_put_back()
+        # A receiver puts up with a few hundredths.
+        for runs_at, status, err in ((112500, 0, ""),
+                                     (110000, 1, "boardctl: serial send: The port cannot run at 115200 bits per second, but at 110000\n")):
+            with self.subTest(runs_at=runs_at):
+                driver = self.driver_that(f"if (request == 0x802C542A /* TCGETS2 */) {{ ((unsigned int*)argument)[10] = {runs_at}; }}")
+                result = self.board("sh", "-c", f"{driver} {shell('serial', 'send', PORT)}", given=b"x")
+                self.assertEqual((result.status, result.err), (status, err))
+
+    def test_AnOpeningThatFailsAtItsLastStepPutsTheLineBack(self):
+        failing = self.before_the_c_library("""
+            #include <errno.h>
+            int tcflush(int fd, int queue) {
+              (void)fd;
+              (void)queue;
+              errno = EIO;
+              return -1;
+            }""")
+        result = self.board("sh", "-c", f"stty -F {PORT} -g; {failing} {shell('serial', 'report', PORT)}; echo $?; stty -F {PORT} -g")
+        before, status, after = result.out.splitlines()
+        self.assertEqual((status, after), ("1", before), result.err)
+        self.assertIn("Flush of the input buffer failed?", result.err)
 
     def receive(self, *words, sent=b"", options=()):
         """Runs serial receive, and lets the far end send when the port is set up."""
@@ -284,6 +305,14 @@ class Serial(OnALine):
         result = finish(process)
         self.assertEqual(result.status, 1)
         self.assertIn(DISK_FULL, result.err)
+        self.expect_put_back()
+
+    def test_AFileThatMayNotGrowFurtherBehindReceivePutsTheLineBackAndIsTold(self):
+        far_end = "until grep -q speed=115200 log; do sleep 0.1; done; head -c 3000 /dev/zero; cat > rest"
+        result = self.board("sh", "-c", f"ulimit -f 1; exec {shell('serial', 'receive', PORT)} > got", log="log",
+                            options=["--tty", f"{PORT}=exec:{far_end}"])
+        self.assertEqual(result.status, 1)
+        self.assertTrue(result.err.endswith("boardctl: serial receive: Standard output can't be written: File too large\n"), result.err)
         self.expect_put_back()
 
     def test_APortThatIsUnpluggedInTheMiddleIsAFailureWithItsCause(self):
@@ -421,7 +450,9 @@ class Serial(OnALine):
             self.assertEqual((result.objects[0]["size_bytes"], result.objects[0]["ended"]), (0, "signal"))
         else:
             self.assertRegex(result.out, r"^stopped: sent at most 0 bytes of 3000 in \d+\.\d\d s, 0 B/s\n$")
-        self.assertTrue(pathlib.Path("said").read_text().endswith(
+        said = pathlib.Path("said").read_text()
+        self.assertEqual(said.count("nothing has gone out"), 1)
+        self.assertTrue(said.endswith(
             "boardctl: what was not sent yet was discarded; the line's settings are put back\n"))
         self.expect_put_back()
 
@@ -616,10 +647,16 @@ class LineTest(OnALine):
         self.assertIn("silent", result.out)
         self.assertIn("\nVerdict: failed, good at 0 of 1 speeds\n", result.out)
         self.assertIn("connect TX with RX, or a far end that echoes at that speed", result.err)
+        # It gives up before all is sent, and counts no more than that.
+        measured = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "3000000",
+                                 options=["--tty", PORT + "=none"]).objects[0]
+        self.assertEqual((measured["verdict"], measured["sent_bytes"], measured["lost_bytes"]), ("silent", 6144, 6144))
 
     def test_TheTableAndTheHistogramStandInTheTextAndThePictureIsWellFormed(self):
         name = "./<a&b>\"'"
         test = shell("serial", "test", name, "--speeds", "9600,115200", "--size", "1000", "--svg", "line.svg")
+        pathlib.Path("line.svg").write_bytes(bytes(100000))
+        os.chmod("line.svg", 0o666)
         result = self.board("sh", "-c", f"ln -s {PORT} {shlex.quote(name)}; {test}")
         self.assertEqual(result.status, 0, result.err)
         self.assertRegex(result.out, r"(?m)^115200 bit/s: turn-around of 50 single bytes\n +\d+ to \d+ us  #+ \d+$")
@@ -673,6 +710,37 @@ class LineTest(OnALine):
         lines = pathlib.Path("log").read_text().splitlines()
         self.assertIn("settings speed=9600", [line for line in lines if "settings" in line][-1])
         self.assertIn("TIOCMSET 0x4006", [line for line in lines if "TIOCMSET" in line][-1])
+
+
+    def test_ASignalBehindAGoodSpeedLetsTheTestFail(self):
+        signalling = self.before_the_c_library("""
+            #define _GNU_SOURCE
+            #include <signal.h>
+            #include <string.h>
+            #include <sys/syscall.h>
+            #include <unistd.h>
+            ssize_t write(int fd, const void* bytes, size_t size) {
+              ssize_t written = syscall(SYS_write, fd, bytes, size);
+              if (memmem(bytes, size, "\\"verdict\\"", strlen("\\"verdict\\"")) != 0) {
+                kill(getpid(), SIGTERM);
+              }
+              return written;
+            }""")
+        test = shell("--json", "serial", "test", PORT, "--loop", "--speeds", "9600,19200", "--size", "10", "--turns", "1")
+        result = self.board("sh", "-c", f"{signalling} {test}")
+        self.assertEqual((result.status, len(result.objects)), (143, 2), result.err)
+        self.assertEqual((result.objects[0]["verdict"], result.objects[1]["speeds_good"], result.objects[1]["passed"]), ("good", 1, False))
+
+
+class OneUsersLineTest(OnALine):
+    def test_WhatComesBackAsSomethingElseIsComparedWithLittleWork(self):
+        pathlib.Path("far.py").write_text('import os\nwhile data := os.read(0, 65536): os.write(1, b"x" * len(data))\n')
+        test = shell("--json", "--quiet", "serial", "test", PORT, "--speeds", "3000000", "--size", "524288", "--turns", "1")
+        # Seconds of the processor.
+        result = self.board("sh", "-c", f"ulimit -t 2; exec {test}",
+                            options=["--tty", f"{PORT}=exec:{shlex.quote(sys.executable)} -S far.py"])
+        self.assertEqual((result.status, result.objects[0]["verdict"]), (1, "errors"), result.err)
+        self.assertGreater(result.objects[0]["bit_errors"], 524288)
 
 
 class LineTestAsAnOrdinaryUser(LineTest):

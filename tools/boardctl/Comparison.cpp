@@ -27,12 +27,14 @@ unsigned int BitsSet(unsigned int byte) {
 }  // namespace
 
 Comparison Compare(const Bytes& sent, const Bytes& received) {
-  constexpr std::size_t kFarthest = 512;  // bytes that are lost, or too many, at a time
+  constexpr std::size_t kFarthest = 512;     // bytes that are lost, or too many, at a time
+  constexpr std::size_t kMostInVain = 1024;  // searches in a row: what comes is not what was sent
   Comparison result;
   result.sent = sent.size();
   result.received = received.size();
   std::size_t i = 0;
   std::size_t j = 0;
+  std::size_t inVain = 0;
   while (i < sent.size() && j < received.size()) {
     if (sent[i] == received[j]) {
       ++i;
@@ -43,20 +45,24 @@ Comparison Compare(const Bytes& sent, const Bytes& received) {
     const bool isLastSent = i + 1 == sent.size();
     const bool isLastReceived = j + 1 == received.size();
     bool isChanged = isLastSent || isLastReceived ? isLastSent && isLastReceived : GoesOn(sent, i + 1, received, j + 1);
+    const std::size_t farthest = inVain < kMostInVain ? kFarthest : 0;
+    inVain = isChanged ? 0 : inVain + 1;
     std::size_t step = 1;
-    for (; !isChanged && step <= kFarthest; ++step) {
+    for (; !isChanged && step <= farthest; ++step) {
       if (i + step < sent.size() && GoesOn(sent, i + step, received, j)) {
         result.lost += step;
         i += step;
+        inVain = 0;
         break;
       }
       if (j + step < received.size() && GoesOn(sent, i, received, j + step)) {
         result.doubled += step;
         j += step;
+        inVain = 0;
         break;
       }
     }
-    isChanged = isChanged || step > kFarthest;
+    isChanged = isChanged || step > farthest;
     if (isChanged) {
       result.bitErrors += BitsSet(static_cast<unsigned int>(sent[i] ^ received[j]));
       ++i;

@@ -127,8 +127,9 @@ Port::Port(const LineOptions& line, Output& out)
     WaitUntilOthersHaveSent();
     m_port = std::make_unique<SerialPort>(line.device, true);
     if (!SetSpeed(line.speedBps)) {
-      throw std::runtime_error("The port cannot run at " + std::to_string(line.speedBps) + " bits per second, but at " +
-                               std::to_string(m_side.Read().speedBps));
+      const std::uint32_t runs = m_side.Read().speedBps;
+      throw std::runtime_error("The port cannot run at " + std::to_string(line.speedBps) + " bits per second" +
+                               (runs == 0 ? "" : ", but at " + std::to_string(runs)));
     }
     // The flow control comes first, for it makes the line raw, with 8 data bits and without parity.
     m_port->SetFlowControl(line.flow);

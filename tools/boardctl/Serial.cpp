@@ -25,9 +25,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kPutBack =
-    "nothing: the line's settings are put back when the program ends, also by a signal, but not by SIGKILL. A driver "
-    "may drop DTR and RTS "
-    "then.";
+    "nothing: the line's settings are put back when the program ends, also by SIGINT, SIGTERM, SIGHUP or SIGQUIT. A "
+    "driver may drop DTR and RTS then.";
 
 std::string Rate(double perSecond) {
   return Fixed(perSecond, 0) + " B/s";

@@ -87,7 +87,7 @@ void MeasureBlock(Port& port, const TestArguments& arguments, Measurement& measu
   constexpr std::uint64_t kMost = 65536;
   const auto half = static_cast<std::uint64_t>(measured.limit / 2);
   const std::uint64_t size = arguments.size != 0 ? arguments.size : std::clamp(half, kLeast, kMost);
-  const Bytes sent = PseudoRandom(size, measured.speedBps, arguments.line.bits);
+  Bytes sent = PseudoRandom(size, measured.speedBps, arguments.line.bits);
   const auto lead = std::max(kLeastLead, static_cast<std::size_t>(measured.limit * kLead));
   Bytes received;
   std::size_t position = 0;
@@ -121,6 +121,7 @@ void MeasureBlock(Port& port, const TestArguments& arguments, Measurement& measu
     out.Progress(std::min<std::uint64_t>(received.size(), size), size, "B");
   }
   measured.blockSeconds = std::chrono::duration<double>(last - start).count();
+  sent.resize(position);
   measured.block = Compare(sent, received);
 }
 
@@ -351,8 +352,8 @@ void AddSerialTest(Program& program, CLI::App& group) {
        "and doubled bytes, throughput against the line's own limit), and then single bytes (turn-around). Standard "
        "speeds that the UART cannot make are passed over. The status is 1 unless all is good.",
        "serial test /dev/ttyS1 --speeds 9600,115200 --svg line.svg",
-       "nothing: the line's settings are put back and the loop is switched off when the program ends, also by a "
-       "signal, but not by SIGKILL. A driver may drop DTR and RTS then."},
+       "nothing: the line's settings are put back and the loop is switched off when the program ends, also by "
+       "SIGINT, SIGTERM, SIGHUP or SIGQUIT. A driver may drop DTR and RTS then."},
       [arguments](Call& call) { return Test(*arguments, call); });
   AddDevice(verb, arguments->line.device);
   AddArgument(verb, "--speeds", "LIST", arguments->speeds, ParseSpeeds,

@@ -142,6 +142,7 @@ void Install() {
     }
   }
   InstallSignalHandler(SIGPIPE, Ignore);
+  InstallSignalHandler(SIGXFSZ, Ignore);
 }
 
 Held::Held(Holding holding) : m_holding(holding) {

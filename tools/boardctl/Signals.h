@@ -11,7 +11,8 @@ namespace signals {
 
 inline constexpr int kNumbers[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-/// From here on they are noted. SIGPIPE is caught, too, so that writing fails instead; children get it as usual.
+/// From here on they are noted. SIGPIPE and SIGXFSZ are caught, too, so that writing fails instead; children get them
+/// as usual.
 void Install();
 
 enum Holding { kForThisProcess, kForItsCommandsToo };
