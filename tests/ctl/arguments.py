@@ -136,6 +136,11 @@ class Arguments(TestCase):
                 self.assertRegex(result.err, r" \(see boardctl[a-z -]* --help\)\n$")
                 self.assertEqual(result.err.count("\n"), 1, result.err)
 
+    def test_APathOfSeveralLinesIsRefused(self):
+        result = ctl("serial", "show", "/dev/tty\nS1")
+        self.assertEqual((result.status, result.out), (2, ""))
+        self.assertIn(" is not a path (see", result.err)
+
     def test_NothingIsOpenedWhenArgumentsAreWrong(self):
         for words in (["mem", "read", "3"], ["mem", "write", "0x80011000"], ["mem", "read", "0x80011000", "--nope"]):
             with self.subTest(words=words):

@@ -372,6 +372,17 @@ class Memory(TestCase):
                 result = self.board("sh", "-c", script)
                 self.assertEqual((result.status, result.out), (0, "1\n"))
                 self.assertEqual(result.err, bus_error(f"mem {words[0]}"))
+        failing = self.before_the_c_library("""
+            #include <signal.h>
+            #include <stddef.h>
+            #include <unistd.h>
+            int munmap(void* address, size_t size) {
+              (void)address;
+              (void)size;
+              return kill(getpid(), SIGBUS);
+            }""")
+        result = self.board("sh", "-c", f"{failing} {shell('mem', 'write', '0x80011000', '1')}")
+        self.assertEqual((result.status, result.out, result.err), (1, "", bus_error("mem write")))
 
     def test_MemoryThatTheUserMayNotOpenIsToldWithCauseAndRemedy(self):
         verbs = ["read", "0"], ["write", "0", "1"], ["watch", "0"], ["dump", "0"]

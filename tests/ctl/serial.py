@@ -491,6 +491,7 @@ class Serial(OnALine):
                           f"{echo}; kill -{number:d} $!; wait $!; echo $?; {echo}; kill $holder")
                 result = self.board("bash", "-c", script)
                 self.assertEqual(result.out, f"clocal -echo {128 + number}\n-clocal echo ", result.err)
+                self.assertEqual(pathlib.Path("said").read_text().count("nothing has gone out"), 1)
 
     def test_AnotherProgramThatTakesTheBytesHoldsUpNeitherItsEndNorASignal(self):
         # As a login on the same port does.

@@ -53,7 +53,7 @@ class Terminal(TestCase):
 
     def test_TheHistogramAndTheTableStandOnTheScreenAndTheHeadIsBoldUnlessNoColorIsSet(self):
         words = ("serial", "test", PORT, "--speeds", "115200", "--turns", "20", "--size", "500")
-        self.type("clear; " + self.on_board(*words))
+        self.type("clear; NO_COLOR= " + self.on_board(*words))
         self.wait_for_screen(r"\nVerdict: good at 1 of 1 speeds")
         screen = self.screen("-e")
         self.assertRegex(screen, r"\n +\d+ to \d+ us  #+ \d+\n")

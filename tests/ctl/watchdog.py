@@ -324,7 +324,7 @@ class Watchdog(TestCase):
         self.assertEqual(self.events(), ["open", "timeout 15", "write magic", "close: stopped"])
 
     def test_ItIsFedOnlyWhileTheFileIsTouched(self):
-        arguments = ["watchdog", "run", DEVICE, "--interval", SOON, "--alive", "alive", "--", "sleep", "90"]
+        arguments = ["watchdog", "run", DEVICE, "--interval", SOON, "--alive", "alive", "--", "sleep", "45"]
         result = self.on_board(*arguments, log="log")
         self.assertEqual(result.status, RESET)
         self.assertRegex(result.err, r"\nboardctl: --alive: alive was not touched for 6 s; the command \(process \d+\) is left running")
@@ -378,6 +378,9 @@ class Watchdog(TestCase):
                                                           f"{DISARMED}\n"
                                                           "boardctl: watchdog feed: Feeding every 5 s is too rare for a time-out of 3 s\n"))
         self.assertEqual(self.events(), ["open", "timeout 10", "write magic", "close: stopped"])
+        result = self.board("sh", "-c", f"{driver} {shell('watchdog', 'feed', DEVICE, '--interval', '10', '--every', '3')}")
+        self.assertEqual((result.status, result.err.splitlines()[-1]),
+                         (1, "boardctl: watchdog feed: Feeding every 3 s is too rare for a time-out of 3 s"))
 
     def test_ASignalThatComesWhileItIsBeingArmedStartsNothingAndLeavesNothingArmed(self):
         driver = self.driver_that("if (request == WDIOC_SETTIMEOUT) { syscall(SYS_kill, getpid(), 15); }")
