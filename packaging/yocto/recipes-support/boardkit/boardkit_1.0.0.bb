@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "cdbbea7faddd027c413a12aa4eba6d4e1fa89d12874318188270bca48faacf2b"
+SRC_URI[sha256sum] = "6f6469f567339fb193f47323aa34f7cdbe85adf01bc8a523c0d9fc540c6f66f3"
 
 inherit cmake pkgconfig
 
