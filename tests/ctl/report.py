@@ -184,6 +184,13 @@ class Report(TestCase):
                           self.elsewhere(guarded).out)
             self.assertEqual(self.elsewhere(guarded, "--json").objects[0]["physical_memory"]["strict_devmem"], True)
 
+    def test_OfAllCapabilitiesOneDecidesWhetherMemoryMayBeUsed(self):
+        for capability in "sys_module", "sys_rawio":
+            with self.subTest(capability=capability):
+                without = [f"--bounding-set=-{capability}", f"--inh-caps=-{capability}"]
+                result = self.board("unshare", "--map-root-user", "setpriv", *without, BOARDCTL, "--json", "report")
+                self.assertEqual(result.objects[0]["physical_memory"]["cap_sys_rawio"], capability != "sys_rawio")
+
     def test_TheKernelsOptionsAreItsOwnWhereNoFileHasThem(self):
         pathlib.Path("tools").mkdir()
         zcat = pathlib.Path("tools/zcat")

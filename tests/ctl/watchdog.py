@@ -7,7 +7,7 @@ import shlex
 import signal
 import sys
 
-from ctl import SOURCE, WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, strict, TestCase, without_rights, works
+from ctl import BOARDCTL, SOURCE, WATCHDOG_NOT_OPENED, ctl, finish, main, shell, start, strict, TestCase, without_rights, works
 
 DEVICE = "/dev/watchdog"
 DISARMED = "boardctl: /dev/watchdog is disarmed."
@@ -282,6 +282,11 @@ class Watchdog(TestCase):
         result = self.run_under_it("--", "grep", "^Sig[BI]", "/proc/self/status")
         blocked, ignored = (int(line.split()[1], 16) for line in result.out.splitlines())
         self.assertEqual((blocked, ignored & 0x7fffffff), (0, 0))  # the C library has some of its own above
+
+    def test_TheCommandsStatusIsKnownAlsoWhereTheCallerIgnoresTheEndOfChildren(self):
+        result = self.board("env", "--ignore-signal=CHLD", BOARDCTL, "watchdog", "run", DEVICE, "--interval", SOON, "--", "true", log="log")
+        self.assertEqual(result.status, 0, result.err)
+        self.assertEqual(self.events()[-1], "close: stopped")
 
     def test_AChildThatOutlivesTheCommandDoesNotKeepItCounting(self):
         script = (f"{shell('watchdog', 'run', DEVICE, '--interval', SOON, '--', 'sh', '-c', 'sleep 60 > quiet 2>&1 &')}; sleep {SOON}.5")
