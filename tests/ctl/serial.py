@@ -308,7 +308,7 @@ class Serial(OnALine):
         self.expect_put_back()
 
     def test_AFileThatMayNotGrowFurtherBehindReceivePutsTheLineBackAndIsTold(self):
-        far_end = "until grep -q speed=115200 log; do sleep 0.1; done; head -c 2000000 /dev/zero; cat > rest"
+        far_end = "until grep -q speed=115200 log; do sleep 0.1; done; head -c 2000000 /dev/zero 2> said; cat > rest 2> said"
         # The counters of a build for coverage, which are written at the end, are smaller files.
         result = self.board("sh", "-c", f"ulimit -f 1000; exec {shell('serial', 'receive', PORT)} > got", log="log",
                             options=["--tty", f"{PORT}=exec:{far_end}"])
