@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "1344f0ffc3ccbdf4b5058309dbd1562042c71b3978aea069055c2a3eab5c5d0b"
+SRC_URI[sha256sum] = "a42c1a037bfb91161459f9f84ba2dae34182dbbb1a5c7ffb8925c01aa172be81"
 
 inherit cmake pkgconfig
 
