@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "a42c1a037bfb91161459f9f84ba2dae34182dbbb1a5c7ffb8925c01aa172be81"
+SRC_URI[sha256sum] = "9c59e80daf6f4ce56194dc9938b68f1f34c021d6f265b6ee63dff86a36c7936b"
 
 inherit cmake pkgconfig
 
