@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "9c59e80daf6f4ce56194dc9938b68f1f34c021d6f265b6ee63dff86a36c7936b"
+SRC_URI[sha256sum] = "c8d615633a1de845d82ee72f369d7220ce6c98c20d76128d09eb587d6b40a3ed"
 
 inherit cmake pkgconfig
 
