@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "c8d615633a1de845d82ee72f369d7220ce6c98c20d76128d09eb587d6b40a3ed"
+SRC_URI[sha256sum] = "a8a050ec909e25398196a8af2afc401e68725ac890a3d016868735d90bad42f3"
 
 inherit cmake pkgconfig
 
