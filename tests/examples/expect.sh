@@ -56,6 +56,11 @@ wait_for() {
   expect "$1" "$2"
 }
 
+# expect_disarmed LOG: the watchdog was armed for 30 seconds, fed, and disarmed.
+expect_disarmed() {
+  printf '%s\n' open 'timeout 30' feed 'write magic' 'close: stopped' | expect_events /dev/watchdog "$1"
+}
+
 # expect_events DEVICE LOG: the events of DEVICE in boardsim's LOG are those of the standard input; repeated ones stand
 # there once, and without times.
 expect_events() {

@@ -28,6 +28,20 @@ case $(sed -n '1s/.*(\(.*\)-[^-]*).*/\1/p' debian/changelog) in
   *) complain "debian/changelog begins with another version than $version." ;;
 esac
 
+# What is built for another architecture runs no tests.
+if command -v dpkg-architecture > /dev/null; then
+  other=armhf
+  [ "$(dpkg --print-architecture)" != armhf ] || other=arm64
+  for architecture in "$(dpkg --print-architecture)" "$other"; do
+    checks=$(DEB_BUILD_OPTIONS='' DEB_BUILD_PROFILES='' dpkg-architecture -a "$architecture" -f -c \
+      make -f debian/rules -pn 2> /dev/null | sed -n 's/^checks := *//p')
+    case $architecture$checks in
+      "$other" | "$(dpkg --print-architecture)yes") ;;
+      *) complain "debian/rules: the tests for $architecture are \"$checks\"." ;;
+    esac
+  done
+fi
+
 # The source archive has no recipes, for they name its sum.
 if [ ! -e packaging/yocto ]; then
   echo 'The recipes are not here: this takes a clone.'

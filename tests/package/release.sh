@@ -61,6 +61,9 @@ git clone -q . "$work/again"
 cd "$work/again"
 umask 077
 git config tar.umask 0077
+git config core.autocrlf true
+echo '*.md export-ignore' > "$work/attributes"
+git config core.attributesFile "$work/attributes"
 refused "$version"
 [ "$(sha256sum "build/release-$version/boardkit-$version.tar.gz")" = "$sum" ]
 expect "boardkit_$version.bb does not say $version: no line matches ^SRC_URI" \
