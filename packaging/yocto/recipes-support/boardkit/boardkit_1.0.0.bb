@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "a8a050ec909e25398196a8af2afc401e68725ac890a3d016868735d90bad42f3"
+SRC_URI[sha256sum] = "fa714c5297526a6268abe132df109289f5b641bfcc8a7b0b4459c984656e30e5"
 
 inherit cmake pkgconfig
 
