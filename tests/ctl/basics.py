@@ -194,7 +194,7 @@ class OnABoard(TestCase):
 
     def test_ASignalIsHandedOnThere(self):
         command = "trap 'echo tidy; exit 5' TERM; : > ready; sleep 600 > quiet 2>&1 & wait"
-        script = (f"{shell('run', command)} 2> said & until test -e ready; do sleep 0.1; done; "
+        script = (f"{shell('run', command)} 2> said & until test -e ready; do sleep 0.3; done; "
                   "kill -TERM $!; wait $!; echo $?; cat said")
         result = self.board("bash", "-c", script)
         self.assertEqual((result.status, result.out, result.err), (0, "tidy\n143\nboardctl: status 5\n", ""))
@@ -278,6 +278,7 @@ class Output(TestCase):
 
 
 class Memory(TestCase):
+    network = "none"
     REGISTERS = ["--reg", "0x40000000=0x600dcafe", "--reg", "0x40000008=0x21676f64"]
 
     def test_WordsAreReadOneALine(self):
@@ -317,7 +318,7 @@ class Memory(TestCase):
 
     def test_AWatchedWordsChangesAreToldWithTheirBitsMarked(self):
         script = (f"{shell('mem', 'watch', '0x40000000', '--every', '1', '--changes', '1')} > seen & "
-                  "until grep -q 600DCAFE seen; do sleep 0.1; done; "
+                  "until grep -q 600DCAFE seen; do sleep 0.3; done; "
                   f"{shell('--quiet', 'mem', 'write', '0x40000000', '0x600dcafd')}; wait $!; cat seen")
         lines = self.board("sh", "-c", script, options=self.REGISTERS).out.splitlines()
         time = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z"
@@ -341,7 +342,7 @@ class Memory(TestCase):
 
     def test_AWatchEndsWhenNobodyReadsAlsoWhereNothingChanges(self):
         script = (f"{{ {shell('mem', 'watch', '0x40000000', '--every', '3600000')}; echo $? > status; }} | head -n 1; "
-                  "until test -s status; do sleep 0.1; done")
+                  "until test -s status; do sleep 0.3; done")
         result = self.board("sh", "-c", script)
         self.assertEqual((result.status, result.err, pathlib.Path("status").read_text()), (0, "", "1\n"))
         self.assertIn("0x00000000", result.out)
@@ -349,9 +350,9 @@ class Memory(TestCase):
     def test_ASignalThatIsIgnoredFromTheStartStaysSo(self):
         # As under nohup, or behind a shell's &.
         script = (f"(trap '' INT; exec {shell('mem', 'watch', '0x40000000', '--every', '1')}) > seen & "
-                  "until test -s seen; do sleep 0.1; done; kill -INT $!; "
+                  "until test -s seen; do sleep 0.3; done; kill -INT $!; "
                   f"{shell('--quiet', 'mem', 'write', '0x40000000', '1')} > wrote; "
-                  "until grep -q 0x00000001 seen; do sleep 0.1; done; kill -TERM $!; wait $!; echo $?")
+                  "until grep -q 0x00000001 seen; do sleep 0.3; done; kill -TERM $!; wait $!; echo $?")
         result = self.board("sh", "-c", script)
         self.assertEqual((result.status, result.out), (0, "143\n"), result.err)
 
@@ -367,7 +368,7 @@ class Memory(TestCase):
         # A simulated board's addresses all answer: what the kernel would send comes from the test.
         for words in ("read", "0", "1000000000"), ("dump", "0", "1000000000"), ("watch", "0"):
             with self.subTest(words=words):
-                script = (f"rm -f read; {shell('mem', *words)} > read & until test -s read; do sleep 0.1; done; "
+                script = (f"rm -f read; {shell('mem', *words)} > read & until test -s read; do sleep 0.3; done; "
                           "kill -BUS $!; wait $!; echo $?")
                 result = self.board("sh", "-c", script)
                 self.assertEqual((result.status, result.out), (0, "1\n"))

@@ -159,6 +159,7 @@ class TestCase(unittest.TestCase):
 
     maxDiff = None
     user = "root"  # or "ordinary": on the simulated board
+    network = "private"  # of the board, or "none" where no test asks for it: making one takes half of the board's start
 
     def setUp(self):
         self.folder = tempfile.mkdtemp()
@@ -199,8 +200,9 @@ class TestCase(unittest.TestCase):
             simulator = str(place / "boardsim")
             command = [word.replace(BOARDCTL, str(place / "boardctl")) for word in command]
             as_user = ["env", f"LD_LIBRARY_PATH={place}", f"GCOV_PREFIX={self.folder}", *lower]
+        options = ["--net", self.network, *options]
         if log:
-            options = [*options, "--log", log]
+            options += ["--log", log]
         keywords = {} if given is None else {"stdin": subprocess.PIPE}
         process = start([*as_user, simulator, *options, "--", *command], stdout=output, **keywords)
         self.addCleanup(end, process)

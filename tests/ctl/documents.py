@@ -76,7 +76,7 @@ class Schema(TestCase):
         for verb, arguments in self.CALLS.items():
             call = shell("--json", *verb, *arguments) + " > printed 2> said"
             # This one alone goes on until a signal comes.
-            steps.append(f"{call} & until test -s printed; do sleep 0.1; done; kill $!; wait $!" if verb == ("mem", "watch")
+            steps.append(f"{call} & until test -s printed; do sleep 0.3; done; kill $!; wait $!" if verb == ("mem", "watch")
                          else call)
             steps.append(f"test -s printed || {{ echo nothing by {'-'.join(verb)} >&2; cat said >&2; }}; cat printed; > printed")
         result = self.board("sh", "-c", "\n".join(steps), options=["--tty", "/dev/ttyS1=exec:while echo x; do sleep 0.1; done"])

@@ -32,7 +32,7 @@ class Memcheck(TestCase):
                 command = shlex.join([*VALGRIND, BOARDCTL, *call])
                 if ["mem", "watch"] == call[-3:-1] or call[:2] == ["watchdog", "feed"]:
                     # These go on until a signal comes.
-                    command += f" > out 2>&1 & until [ -s out ]; do sleep 0.1; done; kill -{signal.SIGTERM:d} $!; wait $!"
+                    command += f" > out 2>&1 & until [ -s out ]; do sleep 0.3; done; kill -{signal.SIGTERM:d} $!; wait $!"
                 result = self.board("sh", "-c", command, options=["--tty", PORT + "=exec:while echo x; do sleep 0.1; done"])
                 with open("faults", encoding="utf-8") as faults:
                     self.assertEqual(faults.read(), "")

@@ -62,7 +62,7 @@ class Report(TestCase):
 
     def test_WhoHasADeviceOpenIsTold(self):
         report = self.report("exec 5<>/dev/ttyS1",
-                             f"{shell('watchdog', 'feed', '/dev/watchdog')} 2> fed & until grep -qs armed fed; do sleep 0.1; done",
+                             f"{shell('watchdog', 'feed', '/dev/watchdog')} 2> fed & until grep -qs armed fed; do sleep 0.3; done",
                              "trap 'kill -TERM $!; wait $!' EXIT")
         self.assertIn("sh", [holder["name"] for holder in report["serial_ports"][0]["held_by"]])
         self.assertEqual([holder["name"] for holder in report["watchdogs"][0]["held_by"]], ["boardctl"])

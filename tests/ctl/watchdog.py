@@ -13,7 +13,7 @@ DEVICE = "/dev/watchdog"
 DISARMED = "boardctl: /dev/watchdog is disarmed."
 # A check that does not end, and the words of a shell that wait until what it has started is gone.
 HANGING = "sleep 600 & echo $! > checking; wait"
-GONE = "while grep -qs '^State:[^Z]*$' /proc/$(cat checking)/status; do sleep 0.1; done; echo it is gone"
+GONE = "while grep -qs '^State:[^Z]*$' /proc/$(cat checking)/status; do sleep 0.3; done; echo it is gone"
 RESET = 86  # boardsim's status when the watchdog has reset the board
 SOON = "6"  # the time-out that tests live to see the end of: a busy machine still feeds in time
 
@@ -35,6 +35,8 @@ def sees_all():
 
 
 class Watchdog(TestCase):
+    network = "none"
+
     def run_under_it(self, *arguments, **keywords):
         return self.on_board("watchdog", "run", DEVICE, *arguments, log="log", **keywords)
 
@@ -45,7 +47,7 @@ class Watchdog(TestCase):
 
     def fed(self, times):
         """The words of a shell that wait until it was fed so often."""
-        return f"until [ $(grep -sc ' feed$' log) -ge {times} ]; do sleep 0.1; done"
+        return f"until [ $(grep -sc ' feed$' log) -ge {times} ]; do sleep 0.3; done"
 
     def fed_longer_than_the_time_out(self):
         """Four thirds of it. Rights make no difference to that."""
@@ -95,8 +97,8 @@ class Watchdog(TestCase):
                          "boardctl: /dev/watchdog is disarmed, unless its driver has nowayout set, which is unknown here.")
 
     def test_OneThatWasLeftCountingIsRemarkedWithTheWayOut(self):
-        script = (f"{shell('watchdog', 'feed', DEVICE)} & until grep -qs 'timeout 30' log; do sleep 0.1; done; kill -KILL $!; "
-                  f"until grep -q 'close: not stopped' log; do sleep 0.1; done; {shell('watchdog', 'show', DEVICE)}; "
+        script = (f"{shell('watchdog', 'feed', DEVICE)} & until grep -qs 'timeout 30' log; do sleep 0.3; done; kill -KILL $!; "
+                  f"until grep -q 'close: not stopped' log; do sleep 0.3; done; {shell('watchdog', 'show', DEVICE)}; "
                   f"{shell('--json', 'report')}")
         result = self.board("sh", "-c", script, log="log")
         self.assertIn("\n  state      active\n  time-out   30 s (", result.out)
@@ -138,7 +140,7 @@ class Watchdog(TestCase):
 
     def test_ADeviceInUseIsToldWithWhoHasItAndNothingIsArmed(self):
         script = (f"{shell('watchdog', 'feed', DEVICE)} 2> fed & "
-                  "until grep -qs 'is armed' fed; do sleep 0.1; done; "
+                  "until grep -qs 'is armed' fed; do sleep 0.3; done; "
                   f"{shell('--json', 'watchdog', 'show', DEVICE)}; "
                   f"{shell('watchdog', 'run', DEVICE, '--', 'touch', 'ran')}; echo $?; kill -TERM $!; wait $!; echo $?")
         result = self.board("sh", "-c", script, log="log")
@@ -205,10 +207,10 @@ class Watchdog(TestCase):
             "boardctl: closed properly, but /dev/watchdog still counts (nowayout): THE BOARD RESETS within 30 s "
             "unless another program opens and feeds it."])
         # A command that is slow to end, and a check that does not hold meanwhile.
-        command = "trap 'touch asked' TERM; touch ready; while :; do sleep 0.1; done"
-        run = shell("watchdog", "run", DEVICE, "--interval", "15", "--check", "until test -e asked; do sleep 0.1; done; exit 3",
+        command = "trap 'touch asked' TERM; touch ready; while :; do sleep 0.3; done"
+        run = shell("watchdog", "run", DEVICE, "--interval", "15", "--check", "until test -e asked; do sleep 0.3; done; exit 3",
                     "--", "sh", "-c", command)
-        script = f"set -m; {run} 2> said & until test -e ready; do sleep 0.1; done; kill -TERM $!; wait $!; echo $?"
+        script = f"set -m; {run} 2> said & until test -e ready; do sleep 0.3; done; kill -TERM $!; wait $!; echo $?"
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (RESET, "143\n"))
         self.assertRegex(pathlib.Path("said").read_text().splitlines()[-1],
@@ -216,16 +218,17 @@ class Watchdog(TestCase):
 
     def test_TheTerminalsStopKeyDoesNotStopTheFeeding(self):
         script = (f"set -m; {shell('--quiet', 'watchdog', 'feed', DEVICE, '--interval', SOON)} 2> said & "
-                  f"until grep -qs 'timeout {SOON}' log; do sleep 0.1; done; "
+                  f"until grep -qs 'timeout {SOON}' log; do sleep 0.3; done; "
                   f"for i in TSTP TTIN TTOU; do kill -$i $!; done; {self.fed_longer_than_the_time_out()}; kill -INT $!; wait $!")
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out, pathlib.Path("said").read_text()), (130, "", ""))
 
     def test_ASignalAtAnyStageFromTheStartToTheEndLeavesNothingArmed(self):
+        signalling = self.signalling()
         # One signal, or one after the other from there on: also while it is armed and disarmed.
         for goes_on in "", "ON=1":
             with self.subTest(goes_on=goes_on):
-                run = f"{goes_on} {self.signalling()} {shell('watchdog', 'run', DEVICE, '--', 'true')}"
+                run = f"{goes_on} {signalling} {shell('watchdog', 'run', DEVICE, '--', 'true')}"
                 script = (f"at=1; while :; do AT=$at {run} 2> said; status=$?; test $status = 143 || break; at=$((at + 1)); done; "
                           "echo $at $status; cat said")
                 result = self.board("sh", "-c", script, log="log")
@@ -297,9 +300,9 @@ class Watchdog(TestCase):
     def test_ASignalIsHandedOnAndItIsFedUntilTheCommandHasEnded(self):
         for number, is_fed in (signal.SIGINT, self.fed_longer_than_the_time_out()), (signal.SIGTERM, ":"):
             with self.subTest(number=number):
-                command = f"tidy() {{ {is_fed}; echo tidy; exit 5; }}; trap tidy INT TERM; echo $$ > pid; while :; do sleep 0.1; done"
+                command = f"tidy() {{ {is_fed}; echo tidy; exit 5; }}; trap tidy INT TERM; echo $$ > pid; while :; do sleep 0.3; done"
                 script = (f"set -m; {shell('watchdog', 'run', DEVICE, '--interval', SOON, '--', 'sh', '-c', command)} & "
-                          f"until test -s pid; do sleep 0.1; done; kill -{number:d} $!; wait $!")
+                          f"until test -s pid; do sleep 0.3; done; kill -{number:d} $!; wait $!")
                 result = self.board("bash", "-c", script, log="log")
                 self.assertEqual((result.status, result.out), (128 + number, "tidy\n"), result.err)
                 self.assertEqual(self.events(), ["open", f"timeout {SOON}", "write magic", "close: stopped"])
@@ -320,9 +323,9 @@ class Watchdog(TestCase):
         self.assertIn("boardctl: --check did not end within 4.0 s, a third of the time-out; the command", result.err)
 
     def test_ASignalWhileTheCheckRunsEndsTheCheckToo(self):
-        command = "trap 'echo tidy; exit 5' HUP; touch ready; while :; do sleep 0.1; done"
+        command = "trap 'echo tidy; exit 5' HUP; touch ready; while :; do sleep 0.3; done"
         script = (f"{shell('watchdog', 'run', DEVICE, '--interval', '15', '--check', HANGING, '--', 'sh', '-c', command)} & "
-                  "until test -s checking && test -e ready; do sleep 0.1; done; kill -HUP $!; wait $!; echo $?; "
+                  "until test -s checking && test -e ready; do sleep 0.3; done; kill -HUP $!; wait $!; echo $?; "
                   f"{GONE}")
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (0, f"tidy\n{128 + signal.SIGHUP}\nit is gone\n"), result.err)
@@ -344,7 +347,7 @@ class Watchdog(TestCase):
             with self.subTest(verb=verb):
                 script = f"{shell('watchdog', *verb, DEVICE, '--interval', '65536', *(['--', 'touch', 'ran'] if verb == ['run'] else []))}; echo $?"
                 # The way out that it names works.
-                script += (f"; set -m; {shell('watchdog', 'feed', DEVICE)} & until grep -q 'timeout 30' log; do sleep 0.1; done; "
+                script += (f"; set -m; {shell('watchdog', 'feed', DEVICE)} & until grep -q 'timeout 30' log; do sleep 0.3; done; "
                            "kill -INT $!; wait $!")
                 result = self.board("sh", "-c", self.without_sys(script), log="log")
                 self.assertEqual((result.status, result.out), (130, "1\n"), result.err)
@@ -401,11 +404,11 @@ class Watchdog(TestCase):
                                   " ((struct watchdog_info*)argument)->options &= ~(unsigned)WDIOF_MAGICCLOSE; }")
         command = shell("watchdog", "run", DEVICE, "--interval", SOON, "--")
         # Also when a signal has come before, or comes then.
-        slow = "trap : TERM; touch trapped; while :; do sleep 0.1; done"
-        signalled = (f"set -m; {driver} {command} false & until grep -q 'is kept open' said; do sleep 0.1; done; "
+        slow = "trap : TERM; touch trapped; while :; do sleep 0.3; done"
+        signalled = (f"set -m; {driver} {command} false & until grep -q 'is kept open' said; do sleep 0.3; done; "
                      f"kill -TERM $!; wait $!")
         earlier = (f"set -m; {driver} {shell('watchdog', 'run', DEVICE, '--interval', SOON, '--check', 'test ! -e trapped', '--')} "
-                   f"sh -c '{slow}' & until test -e trapped; do sleep 0.1; done; kill -TERM $!; wait $!")
+                   f"sh -c '{slow}' & until test -e trapped; do sleep 0.3; done; kill -TERM $!; wait $!")
         for name, script in (("none", f"{driver} {command} false"), ("then", signalled), ("before", earlier)):
             with self.subTest(signal=name):
                 result = self.board("bash", "-c", f"exec 2> said; {script}; echo it has ended", log="log")
@@ -426,7 +429,7 @@ class Watchdog(TestCase):
         self.assertNotIn("close: not stopped", self.events()[:-1])
 
     def test_KilledOtherwiseTheBoardResetsAsTheHelpSays(self):
-        script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & until grep -qs 'timeout 1' log; do sleep 0.1; done; kill -KILL $!; sleep 60"
+        script = f"{shell('watchdog', 'feed', DEVICE, '--interval', '1')} & until grep -qs 'timeout 1' log; do sleep 0.3; done; kill -KILL $!; sleep 60"
         self.assertEqual(self.board("sh", "-c", script, log="log").status, RESET)
         for verb in "feed", "run":
             with self.subTest(verb=verb):
@@ -434,7 +437,7 @@ class Watchdog(TestCase):
 
     def test_FedRarelyItIsDisarmedAtOnceByASignal(self):
         feed = shell("watchdog", "feed", DEVICE, "--interval", "65535", "--every", "60000")
-        script = f"set -m; {feed} 2> said & until grep -qs 'is armed' said; do sleep 0.1; done; kill -INT $!; wait $!"
+        script = f"set -m; {feed} 2> said & until grep -qs 'is armed' said; do sleep 0.3; done; kill -INT $!; wait $!"
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, result.out), (130, ""))
         self.assertEqual(pathlib.Path("said").read_text().splitlines(), [
@@ -444,7 +447,7 @@ class Watchdog(TestCase):
     def test_NobodyReadingItsWordsItFeedsOn(self):
         feed = f"echo $$ > pid; exec {shell('watchdog', 'feed', DEVICE, '--interval', SOON)} 2>&1"
         script = (f"set -m; {{ sh -c {shlex.quote(feed)}; echo $? > status; }} | head -n 0 & {self.fed_longer_than_the_time_out()}; "
-                  "kill -INT $(cat pid); until test -s status; do sleep 0.1; done")
+                  "kill -INT $(cat pid); until test -s status; do sleep 0.3; done")
         result = self.board("bash", "-c", script, log="log")
         self.assertEqual((result.status, pathlib.Path("status").read_text()), (0, "130\n"), result.err)
         self.assertEqual(self.events()[-1], "close: stopped")

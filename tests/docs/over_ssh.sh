@@ -14,7 +14,7 @@ if ! "$boardsim" -- ip link show dev eth0 > simulated 2>&1; then
 fi
 
 # The minute is over when the file is there, and the files are here.
-sed -n '/^nohup /,/^```$/p' "$page" | sed '/^```$/d; s|sleep 60|until [ -e over ]; do sleep 0.1; done|; s|/tmp/undo|undo|' > change
+sed -n '/^nohup /,/^```$/p' "$page" | sed '/^```$/d; s|sleep 60|until [ -e over ]; do sleep 0.3; done|; s|/tmp/undo|undo|' > change
 sed -n '/^kill .*undo/s|/tmp/undo|undo|p' "$page" > confirm
 if ! grep -q 'until' change || [ "$(wc -l < confirm)" -ne 1 ]; then
   printf 'The page has other commands.\n'

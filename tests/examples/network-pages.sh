@@ -32,7 +32,7 @@ echo $! >undo
 rescue=$(cat undo)
 boardctl net address eth0 192.0.2.20/24 && boardctl net gateway eth0 192.0.2.1
 # Until nohup has become the shell.
-until [ "$(cat "/proc/$rescue/comm")" = sh ]; do sleep 0.1; done
+until [ "$(cat "/proc/$rescue/comm")" = sh ]; do sleep 0.3; done
 kill -s "$2" "$rescue"
 [ "$2" = TERM ] || echo over > minute
 wait "$rescue"

@@ -25,7 +25,7 @@ expect_disarmed log
 printf '== watchdog-feed, killed\n'
 # shellcheck disable=SC2016  # the inner shell's own
 run 86 reset "$boardsim" --log log -- sh -c \
-  '"$0" /dev/watchdog 2 > armed & until grep -q armed armed; do sleep 0.1; done; kill -KILL "$!"; sleep 90' \
+  '"$0" /dev/watchdog 2 > armed & until grep -q armed armed; do sleep 0.3; done; kill -KILL "$!"; sleep 90' \
   "$examples/watchdog-feed"
 expect reset "/dev/watchdog has reset the board: time-out 2 s"
 expect_events /dev/watchdog log <<'END'
@@ -40,7 +40,7 @@ printf '== serial-echo\n'
 # The far end speaks when the port is set up, and ends when its two lines have come back.
 cat > far-end <<'END'
 #!/bin/sh
-until grep -q speed=115200 log; do sleep 0.1; done
+until grep -q speed=115200 log; do sleep 0.3; done
 printf 'one\ntwo\n'
 head -n 2 > answer
 END

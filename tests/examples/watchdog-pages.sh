@@ -40,8 +40,8 @@ for way in '' closefrom; do
   # shellcheck disable=SC2016  # the inner shell's own
   run 0 printed "$boardsim" --log children -- sh -c '
     "$0" /dev/watchdog $1 &
-    until grep -q "write magic" children; do sleep 0.1; done
-    [ -z "$1" ] || until grep -q "close: stopped" children; do sleep 0.1; done
+    until grep -q "write magic" children; do sleep 0.3; done
+    [ -z "$1" ] || until grep -q "close: stopped" children; do sleep 0.3; done
     sleep 0.5
     echo "the child ends"
     grep "close: " children
