@@ -24,6 +24,9 @@
 #include <sstream>
 #include <thread>
 
+#include "AnotherProcess.h"
+#include "NetworkNamespace.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -315,14 +318,16 @@ std::string SimulatorTest::Shared(const std::string& program) {
 }
 
 void BoardTest::SetUp() {
-  const std::string namespaces = "--mount --pid --net --fork true 2>/dev/null";
-  if (Shell("(unshare --user --map-root-user " + namespaces + " || unshare " + namespaces + ") && echo yes").empty()) {
+  const auto enterNamespaces = [] {
+    return EnterFreshNetwork().empty() && ::unshare(CLONE_NEWNS | CLONE_NEWPID) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+  };
+  if (StatusOfAnotherProcess(enterNamespaces) != EXIT_SUCCESS) {
     GTEST_SKIP() << "Namespaces are forbidden here.";
   }
 }
 
 bool AreUserNamespacesAllowed() {
-  return !Shell("unshare --user --map-root-user true 2>/dev/null && echo yes").empty();
+  return StatusOfAnotherProcess([] { return EnterUserNamespace().empty() ? EXIT_SUCCESS : EXIT_FAILURE; }) == EXIT_SUCCESS;
 }
 
 bool TakeLine(std::string& pending, std::string& line) {

@@ -38,7 +38,7 @@ class Probe : public BoardTest, public testing::WithParamInterface<Variant> {
   }
   Start Steps(const Words& options, const Words& steps) const {
     Start start;
-    start.options = (GetParam().namespaces ? Words{} : kWithoutNamespaces) + options;
+    start.options = (GetParam().namespaces ? Words{"--net", "none"} : kWithoutNamespaces) + options;
     start.command = Words{GetParam().build} + steps;
     start.user = GetParam().user;
     return start;

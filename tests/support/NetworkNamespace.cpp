@@ -15,7 +15,8 @@ bool WriteFile(const std::string& path, const std::string& text) {
   return file.good();
 }
 
-/// Why the process could not become root of a user namespace of its own, or an empty text.
+}  // namespace
+
 std::string EnterUserNamespace() {
   const auto user = std::to_string(::geteuid());
   const auto group = std::to_string(::getegid());
@@ -28,8 +29,6 @@ std::string EnterUserNamespace() {
                       WriteFile("/proc/self/gid_map", "0 " + group + " 1");
   return mapped ? "" : "no mapping to root in a user namespace";
 }
-
-}  // namespace
 
 std::string EnterFreshNetwork() {
   // Without a user namespace (there are threads already, or the machine forbids it) root's own rights may do.

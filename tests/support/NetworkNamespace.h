@@ -3,6 +3,10 @@
 
 #include <string>
 
+/// Makes the process the root user of a user namespace of its own. Only possible while it has one thread.
+/// @returns why the machine does not allow it, or an empty text.
+std::string EnterUserNamespace();
+
 /// Moves the calling thread, and with it the commands that it runs, into a fresh network of its own: nothing but a
 /// loopback interface that is down.
 ///
