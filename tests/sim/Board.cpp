@@ -327,7 +327,8 @@ void BoardTest::SetUp() {
 }
 
 bool AreUserNamespacesAllowed() {
-  return StatusOfAnotherProcess([] { return EnterUserNamespace().empty() ? EXIT_SUCCESS : EXIT_FAILURE; }) == EXIT_SUCCESS;
+  return StatusOfAnotherProcess([] { return EnterUserNamespace().empty() ? EXIT_SUCCESS : EXIT_FAILURE; }) ==
+         EXIT_SUCCESS;
 }
 
 bool TakeLine(std::string& pending, std::string& line) {

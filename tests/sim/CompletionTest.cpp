@@ -26,9 +26,12 @@ class Completion : public SimulatorTest {
                  "_boardsim \"$1\"; printf \"%s\\n\" \"${COMPREPLY[@]}\"' bash " +
                  Quoted(kSimulator) + ' ' + words);
   }
-  static std::string InFish(const std::string& words) {
-    return Shell(Script("boardsim.fish") + WithSimulator() +
-                 "HOME=/nonexistent XDG_DATA_HOME=/nonexistent XDG_CONFIG_HOME=/nonexistent fish --no-config -c "
+  std::string InFish(const std::string& words) {
+    // It makes folders there, even in a folder that root alone could make.
+    const std::string home = Quoted(Folder());
+    return Shell(Script("boardsim.fish") + WithSimulator() + "HOME=" + home + " XDG_DATA_HOME=" + home +
+                 " XDG_CONFIG_HOME=" + home +
+                 " fish --no-config -c "
                  "'source $COMPLETION; complete -C \"boardsim " +
                  words + "\"' 2>&1 | cut -f 1");
   }
