@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "fa714c5297526a6268abe132df109289f5b641bfcc8a7b0b4459c984656e30e5"
+SRC_URI[sha256sum] = "47df3f941d57c608a00756b9d2b960163aa7a1eb4a9ff67432c8fe62a0ab9349"
 
 inherit cmake pkgconfig
 
