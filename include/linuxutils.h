@@ -51,9 +51,9 @@ void AppendRecurionNote(std::string& text, int count);
 
 /// The calling thread's stack: "\nTraceback:", then each frame on a line of its own, and a final newline.
 ///
-/// At most 20 frames are captured, this function's own and the @p skip callers left out included. Of neighbouring
-/// frames that are equal (a recursion from one place; of their lines, 200 characters are compared), the first is shown
-/// and the others are counted after it.
+/// At most 20 frames are captured, this function's own and the @p skip callers left out included; with a negative
+/// @p skip, this function's own is shown, too. Of neighbouring frames that are equal (a recursion from one place; of
+/// their lines, 200 characters are compared), the first is shown and the others are counted after it.
 std::string Traceback(int skip);
 
 /// The stack from the caller on, as Traceback(0) shows it; of a deep one, a frame less, since this function's own is

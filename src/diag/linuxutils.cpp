@@ -88,6 +88,7 @@ void AppendRecurionNote(std::string& text, int count) {
   const char* const* const lines = block.get();
   std::string text = "\nTraceback:";
 
+  // By contract: a negative number shows this function's own frame, too.
   const int first = skip < 0 ? 0 : std::min(skip, kMostFrames) + 1;
   int repeats = 0;
   for (int i = first; lines != nullptr && i < count; ++i) {

@@ -65,6 +65,8 @@ File::File(int fd) : m_fd(fd, kNoDescriptor, ::close), m_flags(0), m_mode(0), m_
 File::~File() = default;
 
 void File::Init() {
+  // By contract: -1, a null stream's number too, stands for a file to be opened, whose name may be empty; and children
+  // inherit what is opened.
   if (m_fd.Get() == kNoDescriptor) {
     m_fd.Replace(::open(m_name.c_str(), m_flags, m_mode));
     if (m_fd.Get() == kNoDescriptor) {

@@ -91,6 +91,7 @@ IpNet::Record IpNet::GetIfaceInfo(std::string iface) {
 }
 
 IpNet::Record IpNet::GetGwInfo(bool ipv6) {
+  // By contract: these keys need not be whole words.
   return GetValues(Run(Join({"ip ", FamilyOption(ipv6), " route show"})), {"default", "via", "dev"}, {});
 }
 

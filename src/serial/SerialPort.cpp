@@ -58,6 +58,7 @@ void SerialPort::OpenSerialPortDevice() {
     ThrowSystemError("Serial port already open.");
   }
 
+  // By contract: children inherit it.
   const int fd = ::open(m_device.c_str(), O_RDWR | O_NOCTTY);
   if (fd == -1) {
     ThrowSystemError({"Open Serial Port '", m_device, "' failed?"});
@@ -77,7 +78,7 @@ void SerialPort::OpenSerialPortDevice() {
     }
   }
 
-  // By contract: devices without terminal attributes are flushed, too.
+  // By contract: devices without terminal attributes are flushed, too. If that fails, the line stays raw.
   if (::tcflush(fd, TCIFLUSH) < 0) {
     CloseAndThrow(fd, "Flush of the input buffer failed?");
   }

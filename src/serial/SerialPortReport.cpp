@@ -70,7 +70,7 @@ std::string SerialPort::ToString() {
   report << "Flowcontrol: " << FlowControlName(GetFlowControl()) << '\n';
   serial_struct info{};
   if (::ioctl(m_fd, TIOCGSERIAL, &info) == -1) {
-    // By contract: the blank at the beginning.
+    // By contract: the blank at the beginning, and -1 alone is a failure.
     ThrowSystemError(" TIOCGSERIAL failed!");
   }
 

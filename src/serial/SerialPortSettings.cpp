@@ -117,6 +117,7 @@ SerialPort::CharacterSize SerialPort::GetCharSize() const {
 void SerialPort::SetParity(Parity parity) {
   RequireOpen();
   termios settings{};
+  // By contract: read even if the argument is refused, here and in the setters below.
   GetTheCurrentPortSettings(settings);
   switch (parity) {
     case PARITY_EVEN:
@@ -212,7 +213,7 @@ void SerialPort::SetLoopback(bool on) {
   RequireOpen();
   int bits = 0;
   if (::ioctl(m_fd, TIOCMGET, &bits) == -1) {
-    // By contract: the blank at the beginning, here and below.
+    // By contract: the blank at the beginning, here and below; and -1 alone is a failure here.
     ThrowSystemError(" SetLoopback TIOCMGET failed!");
   }
 
@@ -223,7 +224,7 @@ void SerialPort::SetLoopback(bool on) {
 }
 
 void SerialPort::ReadyForReceive(bool ready) {
-  // By contract: no check for open; on a closed port the request fails.
+  // By contract: no check for open; on a closed port the request fails. Any negative result is a failure.
   int bits = 0;
   if (::ioctl(m_fd, TIOCMGET, &bits) < 0) {
     ThrowSystemError("TIOCMGET failed?");

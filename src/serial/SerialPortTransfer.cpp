@@ -63,6 +63,7 @@ unsigned char SerialPort::ReadOneByte() {
 
 bool SerialPort::IsDataReceived(int timeoutMs) const {
   if (!m_isOpen) {
+    // By contract: a closed port is no failure here.
     return false;
   }
 
@@ -72,6 +73,7 @@ bool SerialPort::IsDataReceived(int timeoutMs) const {
     // By contract: EINTR is not repeated, as nobody knows how long the call has waited.
     ThrowSystemError("SerialPort::IsDataReceived: poll() failed!");
   }
+  // By contract: a line that is hung up counts as data, too.
   return ready > 0;
 }
 
@@ -83,6 +85,7 @@ bool SerialPort::IsDataAvailable() const {
 void SerialPort::Read(std::vector<unsigned char>& out, unsigned int count) {
   RequireOpen();
 
+  // By contract: also where the count is refused.
   out.clear();
   if (count > m_rxBuffer.size()) {
     throw std::invalid_argument("SerialPort::Read: more bytes asked for than are buffered.");

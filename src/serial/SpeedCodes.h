@@ -10,7 +10,7 @@
 #include "SerialPort.h"
 
 /// This library uses the kernel's codes for speeds (B9600 is 13), and so do older C libraries. Newer ones (glibc
-/// from 2.42 on) take and return plain bits per second. This is the one place that knows both.
+/// from 2.42 on) take and return plain bits per second. This is the one place that converts between them.
 namespace boardkit::speedcodes {
 
 struct Speed {

@@ -33,7 +33,7 @@ static_assert(SCHED_OTHER == 0 && SCHED_FIFO == 1 && SCHED_RR == 2 && SCHED_BATC
 constexpr const char* kPolicyNames[] = {"other", "fifo", "rrobin", "batch"};
 
 /// One word of physical memory, mapped while the object lives. By contract: opened for writing even if it is only read,
-/// and without O_SYNC.
+/// without O_SYNC, and for children to inherit.
 class PhysicalWord {
  public:
   explicit PhysicalWord(unsigned int address)

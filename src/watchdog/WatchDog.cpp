@@ -27,7 +27,7 @@ WatchDog::~WatchDog() {
 }
 
 void WatchDog::Activate() {
-  // By contract: an active object opens the device once more.
+  // By contract: an active object opens the device once more, and children inherit it.
   m_fd = ::open(m_device.c_str(), O_RDWR);
   if (m_fd == -1) {
     // By contract: the blank at the beginning, here and in the other texts of failed system calls.
@@ -45,7 +45,7 @@ void WatchDog::Feed() {
   }
 
   if (::ioctl(m_fd, WDIOC_KEEPALIVE, 0) == -1) {
-    // By contract: a failed feed reports the text of a failed close.
+    // By contract: a failed feed reports the text of a failed close, and -1 alone is a failure, unlike below.
     ThrowSystemError(" Could not close watchdog device!");
   }
 }
@@ -78,7 +78,7 @@ void WatchDog::Deactivate() {
   }
 
   if (::write(m_fd, &kMagicClose, 1) == -1) {
-    // By contract: the word "not" is missing from this text.
+    // By contract: the word "not" is missing from this text. A write of no byte is no failure.
     ThrowSystemError(" Could write watchdog device!");
   }
 
