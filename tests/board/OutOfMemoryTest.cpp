@@ -221,9 +221,39 @@ const Operation kOperations[] = {
      [] { return OnClosedPort([](SerialPort& port) { port.AvailableBytesToRead(); }); }},
     {"SerialPortSpeedWhileClosed",
      [] { return OnClosedPort([](SerialPort& port) { port.SetBaudRate(SerialPort::BAUD_9600); }); }},
+    {"SerialPortLoopbackWhileClosed", [] { return OnClosedPort([](SerialPort& port) { port.SetLoopback(true); }); }},
+    {"SerialPortReadyToReceiveWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.ReadyForReceive(true); }); }},
+    {"SerialPortFlushOfTheOutputWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.FlushOutput(); }); }},
+    {"SerialPortFlushOfBothWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.FlushInputAndOutput(); }); }},
+    {"SerialPortDrainingWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.ReadAllAvailableData(); }); }},
+    {"SerialPortGetSpeedWhileClosed", [] { return OnClosedPort([](SerialPort& port) { port.GetBaudRate(); }); }},
+    {"SerialPortCharacterSizeWhileClosed",
+     [] { return OnClosedPort([](SerialPort& port) { port.SetCharSize(SerialPort::CHAR_SIZE_8); }); }},
+    {"SerialPortGetSettingsWhileClosed",
+     [] {
+       return OnClosedPort([](SerialPort& port) {
+         termios settings{};
+         port.GetTheCurrentPortSettings(settings);
+       });
+     }},
+    {"SerialPortDirectReadWhileClosed",
+     [] {
+       return OnClosedPort([](SerialPort& port) {
+         unsigned char byte = 0;
+         port.Read(&byte, 1);
+       });
+     }},
     {"SerialPortRefusedSpeed",
      [] { return Setting([] { Port().SetBaudRate(static_cast<SerialPort::BaudRate>(12345)); }); }},
     {"SerialPortRefusedParity", [] { return Setting([] { Port().SetParity(static_cast<SerialPort::Parity>(3)); }); }},
+    {"SerialPortRefusedStopBits",
+     [] { return Setting([] { Port().SetNumOfStopBits(static_cast<SerialPort::StopBits>(2)); }); }},
+    {"SerialPortRefusedFlowControl",
+     [] { return Setting([] { Port().SetFlowControl(static_cast<SerialPort::FlowControl>(3)); }); }},
     {"SerialPortFailedSettings",
      [] {
        return OnClosedPort([](SerialPort& port) { port.SetPortSettings(termios{}, "Invalid something or other."); });
@@ -323,6 +353,15 @@ TEST_F(OutOfMemoryNetwork, IsToldWhicheverAllocationOfAQueryOrAChangeFails) {
          std::string value;
          IpNet::GetValue("a text with a-word-that-is-long-enough", "with", 0, value, true);
          return value;
+       }},
+      {"GetPosOfValue",
+       [] { return std::to_string(IpNet::GetPosOfValue("a text with a-word-that-is-long-enough", "with", 0, true)); }},
+      {"GetDebugOutput",
+       [&] {
+         IpNet net(m_opSystem);
+         net.SetDebugState(true);
+         net.GetGwInfo(false);
+         return net.GetDebugOutput();
        }},
       {"GetValues", [] { return Text(IpNet::GetValues("with a-word-that-is-long-enough", {"with"}, {true})); }},
       {"GetLinkLocalAddr", [] { return IpNet::GetLinkLocalAddr("02:00:00:00:00:01"); }},
