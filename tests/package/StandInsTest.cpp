@@ -60,6 +60,16 @@ unsigned int IpNet::GetValue(std::string /*text*/, std::string key, unsigned int
   return 0;
 }
 
+IpNet::Record IpNet::GetValues(std::string text, std::initializer_list<std::string> keys,
+                               std::initializer_list<bool> wholeWords) {
+  std::string call = "GetValues of " + text + ':';
+  for (const std::string& key : keys) {
+    call += ' ' + key;
+  }
+  seen.push_back(call + (wholeWords.size() == 0 ? "" : " as words"));
+  return {{"via", "standing in"}};
+}
+
 TEST(StandIns, SeeTheTransfersOfAFile) {
   seen.clear();
   unsigned char byte = 0;
@@ -92,4 +102,13 @@ TEST(StandIns, PickTheWordsOfAnInterfacesListing) {
                                                                {"ipv6", "standing"},
                                                                {"ipv6pflen", "in"}}));
   EXPECT_EQ(seen, (Calls{"GetValue link/", "GetValue inet as a word", "GetValue inet6 as a word"}));
+}
+
+TEST(StandIns, PickTheWordsOfTheDefaultRoute) {
+  ScriptedIp ip;
+  ip.Answer("-4 route show", "a listing");
+  OpSystem system;
+  seen.clear();
+  EXPECT_EQ(IpNet(system).GetGwInfo(false), (IpNet::Record{{"via", "standing in"}}));
+  EXPECT_EQ(seen, (Calls{"GetValues of a listing: default via dev"}));
 }
