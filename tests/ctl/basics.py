@@ -7,7 +7,7 @@ import pathlib
 import signal
 import subprocess
 
-from ctl import (BOARDCTL, DISK_FULL, MEMORY_NOT_OPENED, NO_IP, NO_MEMORY_FOR_POPEN, PATIENCE, POPEN_FAILED, SOURCE,
+from ctl import (BOARDCTL, DISK_FULL, MEMORY_NOT_OPENED, NO_IP, NO_MEMORY_FOR_POPEN, NOT_WRITTEN, PATIENCE, POPEN_FAILED, SOURCE,
                  WATCHDOG_NOT_OPENED, bus_error, ctl, finish, main, port_not_opened, shell, start, TestCase, without_rights)
 
 CATALOGUE = json.loads((SOURCE / "docs/errors.json").read_text())["errors"]
@@ -37,9 +37,9 @@ class Explain(TestCase):
 
     def test_TextsThatBeginAlikeAreToldApart(self):
         for message, identity in [
-                ("Error writing to file descriptor:: Bad file descriptor", "err-write-loop"),
-                ("Error writing to file descriptor: : Input/output error", "err-serial-write"),
-                ("Error writing to file descriptor. No bytes written:", "err-write-loop-nothing"),
+                (NOT_WRITTEN + ":: Bad file descriptor", "err-write-loop"),
+                (NOT_WRITTEN + ": : Input/output error", "err-serial-write"),
+                (NOT_WRITTEN + ". No bytes written:", "err-write-loop-nothing"),
                 (" SetLoopback TIOCMGET failed!: Inappropriate ioctl for device", "err-serial-loop-get"),
                 ("TIOCMGET failed?: Inappropriate ioctl for device", "err-serial-lines-get"),
                 (WATCHDOG_NOT_OPENED + ": Device or resource busy", "err-watchdog-open")]:
@@ -49,7 +49,7 @@ class Explain(TestCase):
 
     def test_ATextThatHasLostItsColonIsExplainedToo(self):
         for message, identities in [
-                ("Error writing to file descriptor", ["err-write-loop", "err-serial-write"]),
+                (NOT_WRITTEN, ["err-write-loop", "err-serial-write"]),
                 ("Error reading from file descriptor. No bytes read", ["err-read-loop-end"]),
                 ("Error sleeping", ["err-sleep"])]:
             with self.subTest(message=message):

@@ -29,6 +29,7 @@ POPEN_FAILED = "popen failed"
 NO_MEMORY_FOR_POPEN = POPEN_FAILED + ": Cannot allocate memory"
 NO_IP = "ip: not found"
 MEMORY_NOT_OPENED = "ReadFromMemory Open /dev/mem failed"
+NOT_WRITTEN = "Error writing to file descriptor"
 WATCHDOG_NOT_OPENED = " Could not open watchdog device!"
 DISK_FULL = "Standard output can't be written: No space left on device"
 

@@ -105,7 +105,7 @@ class Schema(TestCase):
             yield from undescribed(schema["items"], where) if "items" in schema else ()
         for kind, schema in SCHEMA["$defs"].items():
             self.assertIn(" ".join(schema["description"].split(":")[0].split(",")[0].split(" ")[:2]),
-                          {" ".join(verb) for verb in VERBS})
+                          {" ".join(verb) for verb in VERBS}, kind)
             self.assertEqual(list(undescribed(schema, kind)), [])
 
     def test_TheComparisonFindsWhatIsMissingTooMuchOrWrong(self):

@@ -40,11 +40,12 @@ class Picture(TestCase):
         for screen in (DESKTOP, TELEPHONE):
             pictures = []
             for scheme in ("light", "dark"):
-                browser.open(pathlib.Path("line.svg").resolve(), screen, scheme)
-                self.assertEqual(list(browser.errors()), [])
-                self.check(browser.evaluate(SEEN), speeds)
+                with self.subTest(screen=screen, scheme=scheme):
+                    browser.open(pathlib.Path("line.svg").resolve(), screen, scheme)
+                    self.assertEqual(list(browser.errors()), [])
+                    self.check(browser.evaluate(SEEN), speeds)
                 pictures.append(browser.ask("Page.captureScreenshot", {"format": "png"})["data"])
-            self.assertEqual(pictures[0], pictures[1])  # it brings its own ground along
+            self.assertEqual(pictures[0], pictures[1], screen)  # it brings its own ground along
 
     def check(self, seen, speeds):
         self.assertEqual([label["text"] for label in seen["labels"]], speeds)
@@ -69,7 +70,7 @@ class Picture(TestCase):
                 return [box for box in boxes if (box[1] > middle) == is_lower]
             grid = of_panel(seen["grid"])
             panel = [grid[0][0], min(box[1] for box in grid) - 4, grid[0][2], max(box[3] for box in grid) + 4]
-            self.assertEqual(len(of_panel(seen["points"])), len(speeds))
+            self.assertEqual(len(of_panel(seen["points"])), len(speeds), f"lower panel: {is_lower}")
             for box in of_panel(seen["points"]) + of_panel(seen["lines"]):
                 self.check_inside(box, panel, "the panel")
 

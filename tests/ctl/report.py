@@ -7,7 +7,7 @@ import platform
 import re
 import shlex
 
-from ctl import BOARDCTL, finish, main, shell, start, TestCase, without_rights, works
+from ctl import BOARDCTL, WATCHDOG_NOT_OPENED, finish, main, shell, start, TestCase, without_rights, works
 
 SECTIONS = ["versions", "load and memory", "serial ports", "watchdogs", "physical memory", "network", "unusual"]
 
@@ -78,7 +78,7 @@ class Report(TestCase):
                 ([], [], "There is no default gateway."),
                 ([], ["--watchdog", "none"], "There is no watchdog."),
                 ([], ["--mem", "none"], "Registers can't be read: the kernel has no such device (CONFIG_DEVMEM)."),
-                (["rm /dev/watchdog0"], [], "/dev/watchdog0 can't be looked at: Could not open watchdog device!: No such file"),
+                (["rm /dev/watchdog0"], [], f"/dev/watchdog0 can't be looked at:{WATCHDOG_NOT_OPENED}: No such file"),
                 (["export PATH=/nowhere"], [], "There is no ip that works: "),
                 (["export PATH=/nowhere"], [], "The gateway of ipv4 is not known: ")]:
             with self.subTest(what=what):

@@ -17,7 +17,7 @@ expect() {
   file=$1
   shift
   # A grep for each would take longer than most programs that are tested here.
-  content=$(cat "$file")
+  content=$(cat "$file" 2>&1) || true
   for text; do
     case $content in *"$text"*) ;; *) fail "Expected \"$text\"." "$file" ;; esac
   done

@@ -27,7 +27,7 @@ class Completion : public SimulatorTest {
                  Quoted(kSimulator) + ' ' + words);
   }
   std::string InFish(const std::string& words) {
-    // It makes folders there, even in a folder that root alone could make.
+    // Fish makes its folders wherever these variables point, as root even in "/".
     const std::string home = Quoted(Folder());
     return Shell(Script("boardsim.fish") + WithSimulator() + "HOME=" + home + " XDG_DATA_HOME=" + home +
                  " XDG_CONFIG_HOME=" + home +
