@@ -21,6 +21,7 @@
 
 #include "../file/FileTexts.h"
 #include "../sys/SysTexts.h"
+#include "ExpectText.h"
 #include "ExpectThrow.h"
 
 // Names are found for functions that the program exports, so these are not in an unnamed namespace.
@@ -115,11 +116,9 @@ TEST(System, AnOffsetWithTheTopBitSetMapsASparseFile) {
 
 TEST(System, TheTracebackNamesTheProgramsFunctions) {
   const std::string text = sensors::Outer();
-  const std::size_t inner = text.find("sensors::Inner");
-  const std::size_t outer = text.find("sensors::Outer");
-  EXPECT_NE(inner, std::string::npos) << text;
-  EXPECT_NE(outer, std::string::npos) << text;
-  EXPECT_LT(inner, outer) << text;
+  EXPECT_CONTAINS(text, "sensors::Inner");
+  EXPECT_CONTAINS(text, "sensors::Outer");
+  EXPECT_LT(text.find("sensors::Inner"), text.find("sensors::Outer")) << text;
 }
 
 TEST(System, ACommandsOutputAndStatusComeBack) {

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "Allocations.h"
+#include "ExpectText.h"
 #include "JoiningThread.h"
 #include "NaiveDemangling.h"
 #include "ScriptedKernel.h"
@@ -288,13 +289,13 @@ TEST(RealStack, AShortRecursionIsFollowedByItsCaller) {
   tracing::Calling();
   const std::string begin = "\nTraceback:\ntracing::Leaf\ntracing::Recurse repeats 2 times!\n";
   EXPECT_EQ(tracing::seen.substr(0, begin.size()), begin);
-  EXPECT_NE(tracing::seen.find("\ntracing::Calling\n"), std::string::npos) << tracing::seen;
+  EXPECT_CONTAINS(tracing::seen, "\ntracing::Calling\n");
 }
 
 TEST(RealStack, AThreadHasItsOwn) {
   JoiningThread(tracing::InThread).Join();
   ExpectBeginning(tracing::seen, "tracing::InThread");
-  EXPECT_EQ(tracing::seen.find("RealStack"), std::string::npos) << tracing::seen;
+  EXPECT_LACKS(tracing::seen, "RealStack");
 }
 
 TEST(RealStack, ThreadsMayAskAtTheSameTime) {

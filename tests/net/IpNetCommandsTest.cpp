@@ -13,6 +13,7 @@
 
 #include "../os/OsTexts.h"
 #include "Allocations.h"
+#include "ExpectText.h"
 #include "ExpectThrow.h"
 #include "IpNet.h"
 #include "OpSystem.h"
@@ -48,7 +49,7 @@ class IpNetCommands : public testing::Test {
     const std::string after = " 2>&1\", \"r\")";
     Calls texts;
     for (const std::string& call : m_kernel.Seen()) {
-      EXPECT_EQ(call.compare(0, before.size(), before), 0) << call;
+      EXPECT_BEGINS(call, before);
       EXPECT_EQ(call.compare(call.size() - after.size(), after.size(), after), 0) << call;
       texts.push_back(call.substr(before.size(), call.size() - before.size() - after.size()));
     }
@@ -745,7 +746,7 @@ TEST(IpNetFailures, AMissingIpToolIsReportedInTheShellsWords) {
     net.GetIfaceInfo("lo");
     FAIL() << "no exception";
   } catch (const std::logic_error& e) {
-    EXPECT_NE(std::string(e.what()).find("ip: not found"), std::string::npos) << e.what();
+    EXPECT_CONTAINS(e.what(), "ip: not found");
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ExpectText.h"
 #include "ExpectThrow.h"
 #include "NetworkNamespace.h"
 #include "RealIp.h"
@@ -96,7 +97,7 @@ TEST_F(RealIpRoute2, EveryTestHasANetworkOfItsOwn) {
 
   EXPECT_NE(std::filesystem::read_symlink("/proc/self/ns/net"), before);
   EXPECT_EQ(Ip("-br link show").substr(0, 3), "lo ");
-  EXPECT_EQ(Ip("-br link show").find("eth"), std::string::npos);
+  EXPECT_LACKS(Ip("-br link show"), "eth");
 }
 
 // --- GetIfaceInfo ----------------------------------------------------------------------------------------------------
@@ -203,7 +204,7 @@ TEST_P(RealIp, ATentativeAddressIsReportedLikeAnyOther) {
   SetKernelVariable("ipv6/conf/eth0/accept_dad", "1");
   SetKernelVariable("ipv6/conf/eth0/dad_transmits", "100");
   Ip("addr add 2001:db8::10/64 dev eth0");
-  ASSERT_NE(Ip("addr show dev eth0").find(" tentative"), std::string::npos);
+  ASSERT_PRED_FORMAT2(ContainsText, Ip("addr show dev eth0"), " tentative");
 
   EXPECT_EQ(net.GetIfaceInfo("eth0"), (Record{{"link", kMac}, {"ipv6", "2001:db8::10"}, {"ipv6pflen", "64"}}));
   EXPECT_FALSE(net.SetAddr("eth0", "2001:db8::10", 64, kIpV6, kNoFlush));
@@ -475,7 +476,7 @@ TEST_P(RealIpFamily, APrefixLengthOutOfRangeThrowsAfterTheFormerAddressWasRemove
 
     EXPECT_EQ(thrown, ComplaintAbout(std::string("addr add ") + family.second + "/" + std::to_string(prefixLength) +
                                      " dev eth0"));
-    EXPECT_NE(thrown.find("prefix is expected"), std::string::npos) << thrown;
+    EXPECT_CONTAINS(thrown, "prefix is expected");
     EXPECT_EQ(Addresses(), Lines{});
   }
 }
@@ -836,7 +837,7 @@ TEST_P(RealIpGateway, DoesNotReplaceADefaultRouteWithoutGateway) {
 
   EXPECT_EQ(Commands(), (Lines{routeQuery, "", RouteCommand("add", family.gateway)}));
   EXPECT_EQ(thrown, ComplaintAbout(Route("add", family.gateway)));
-  EXPECT_NE(thrown.find("File exists"), std::string::npos) << thrown;
+  EXPECT_CONTAINS(thrown, "File exists");
 }
 
 TEST_P(RealIpGateway, FlushesADefaultRouteWithoutGateway) {

@@ -19,6 +19,7 @@
 
 #include "Allocations.h"
 #include "ExpectBytes.h"
+#include "ExpectText.h"
 #include "ExpectThrow.h"
 #include "JoiningThread.h"
 #include "OpenDescriptors.h"
@@ -215,8 +216,8 @@ TEST_F(ExecCmd, AnUnknownCommandThrowsTheShellsWords) {
     m_os.ExecCmd("no-such-command-anywhere", false);
     FAIL() << "no exception";
   } catch (const std::logic_error& e) {
-    EXPECT_NE(std::string(e.what()).find("no-such-command-anywhere"), std::string::npos) << e.what();
-    EXPECT_NE(std::string(e.what()).find("not found"), std::string::npos) << e.what();
+    EXPECT_CONTAINS(e.what(), "no-such-command-anywhere");
+    EXPECT_CONTAINS(e.what(), "not found");
   }
 }
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "../sys/SysTexts.h"
+#include "ExpectText.h"
 #include "SerialExtended.h"
 #include "SerialPort.h"
 #include "SerialPortFixture.h"
@@ -113,7 +114,7 @@ TEST_F(Report, TheOutputSpeedComesFirst) {
 
   // To some C libraries this means no input speed, to others that of the output.
   const std::string input = ::cfgetispeed(&settings) == B0 ? "0" : "115200";
-  EXPECT_NE(port.ToString().find("\nOutput Baudrate: 115200\nInput  Baudrate: " + input + "\n"), std::string::npos);
+  EXPECT_CONTAINS(port.ToString(), "\nOutput Baudrate: 115200\nInput  Baudrate: " + input + "\n");
 }
 
 TEST_F(Report, ReadsTheAttributesFirstAlsoWhereACustomSpeedIsShown) {
@@ -163,11 +164,11 @@ TEST_F(Report, ShowsTheGreatestCustomSpeedWithoutASign) {
 TEST_F(Report, ShowsHardwareFlowControlAndNeverTheSoftwareOne) {
   SerialPort port(SerialTty::kDevice, true);
   port.SetFlowControl(SerialPort::FLOW_CONTROL_HARDWARE);
-  EXPECT_NE(port.ToString().find("\nFlowcontrol: Hardware\nBaud Base:"), std::string::npos);
+  EXPECT_CONTAINS(port.ToString(), "\nFlowcontrol: Hardware\nBaud Base:");
 
   port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);
   port.SetFlowControl(SerialPort::FLOW_CONTROL_SOFTWARE);
-  EXPECT_NE(port.ToString().find("\nFlowcontrol: None\nBaud Base:"), std::string::npos);
+  EXPECT_CONTAINS(port.ToString(), "\nFlowcontrol: None\nBaud Base:");
 }
 
 TEST_F(Report, TheInterruptAndTheDivisorAreHexadecimalLikeTheFlagsBeforeThem) {
@@ -195,24 +196,24 @@ TEST_F(Report, NegativeNumbersOfTheDriverAreDecimalWithASignAndHexadecimalWithou
   m_tty.info.custom_divisor = -16;
   SerialPort port(SerialTty::kDevice, true);
 
-  EXPECT_NE(port.ToString().find("\nBaud Base:     -5\n"
-                                 "FIFO Size:     -1\n"
-                                 "Flags:       0xffffffff\n"
-                                 "IRQ:           fffffffe\n"
-                                 "Divisor:       fffffff0\n"),
-            std::string::npos);
+  EXPECT_CONTAINS(port.ToString(),
+                  "\nBaud Base:     -5\n"
+                  "FIFO Size:     -1\n"
+                  "Flags:       0xffffffff\n"
+                  "IRQ:           fffffffe\n"
+                  "Divisor:       fffffff0\n");
 }
 
 TEST_F(Report, TheDriversInformationStartsAsZeros) {
   m_tty.kernel.Script("TIOCGSERIAL", {Returns(0)});
   SerialPort port(SerialTty::kDevice, true);
 
-  EXPECT_NE(port.ToString().find("\nBaud Base:     0\n"
-                                 "FIFO Size:     0\n"
-                                 "Flags:       0x0\n"
-                                 "IRQ:           0\n"
-                                 "Divisor:       0\n"),
-            std::string::npos);
+  EXPECT_CONTAINS(port.ToString(),
+                  "\nBaud Base:     0\n"
+                  "FIFO Size:     0\n"
+                  "Flags:       0x0\n"
+                  "IRQ:           0\n"
+                  "Divisor:       0\n");
 }
 
 TEST_F(Report, TheLatchIsTheHighWordAboveTheLowOneInSixtyFourBits) {
@@ -303,7 +304,7 @@ TEST_F(Report, AnAccessBitThatIsSetAlreadyIsShownAndStays) {
   SerialPort port(SerialTty::kDevice, true);
   m_registers.Set(SerialRegisters::kLineControl, 0x83);
 
-  EXPECT_NE(port.ToString().find("\nLine Register: 0x83\n"), std::string::npos);
+  EXPECT_CONTAINS(port.ToString(), "\nLine Register: 0x83\n");
 
   EXPECT_EQ(m_registers.Get(SerialRegisters::kLineControl), 0x83U);
 }

@@ -1,6 +1,7 @@
 #include <string>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 
 namespace {
@@ -45,19 +46,15 @@ TEST_F(Check, NamesTheSettingThatForbidsNamespaces) {
   const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --check");
   EXPECT_EQ(outcome.status, 125) << outcome.errors;
   // The error number depends on the user.
-  EXPECT_NE(outcome.output.find(std::string(kHeading) + kCallsAndOpens +
-                                "  no   devices under their names, in a /dev of its own\n"
-                                "       namespaces can't be made: "),
-            std::string::npos)
-      << outcome.output;
-  EXPECT_NE(outcome.output.find("\n       Remedy: as root, sysctl user.max_user_namespaces=15000\n"
-                                "  no   a network of its own\n"),
-            std::string::npos)
-      << outcome.output;
-  EXPECT_NE(outcome.output.find("\n       Remedy: the one above\n"
-                                "\nThe board can be simulated without a network: see --no-namespaces.\n"),
-            std::string::npos)
-      << outcome.output;
+  EXPECT_CONTAINS(outcome.output, std::string(kHeading) + kCallsAndOpens +
+                                      "  no   devices under their names, in a /dev of its own\n"
+                                      "       namespaces can't be made: ");
+  EXPECT_CONTAINS(outcome.output,
+                  "\n       Remedy: as root, sysctl user.max_user_namespaces=15000\n"
+                  "  no   a network of its own\n");
+  EXPECT_CONTAINS(outcome.output,
+                  "\n       Remedy: the one above\n"
+                  "\nThe board can be simulated without a network: see --no-namespaces.\n");
 }
 
 TEST_F(Check, SaysThatTwoOfThemAreOneTooMany) {
@@ -104,7 +101,7 @@ TEST_F(Check, WhereNamespacesAreForbiddenTheDevicesAreThereWithANotice) {
       InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net host -- " + Quoted(kProbe) + " echo");
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.output, "");
-  EXPECT_EQ(outcome.errors.find("boardsim: namespaces can't be made: "), 0U) << outcome.errors;
+  EXPECT_BEGINS(outcome.errors, "boardsim: namespaces can't be made: ");
   const std::string rest = ", so no device is visible in /dev, and the network is this machine's. See --check.\n";
   ASSERT_GE(outcome.errors.size(), rest.size());
   EXPECT_EQ(outcome.errors.substr(outcome.errors.size() - rest.size()), rest);
@@ -116,7 +113,7 @@ TEST_F(Check, WhereNamespacesAreForbiddenAPrivateNetworkIsRefused) {
   }
   const Outcome outcome = InShell(WhereNamespacesAreForbidden() + Quoted(kSimulator) + " --net private -- true");
   EXPECT_EQ(outcome.status, 125) << outcome.errors;
-  EXPECT_NE(outcome.errors.find(", so there can be no network of its own.\n"), std::string::npos) << outcome.errors;
+  EXPECT_CONTAINS(outcome.errors, ", so there can be no network of its own.\n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 #include "Sockets.h"
 
@@ -38,7 +39,7 @@ TEST_F(Control, AHangUpEndsThePortForTheProgramUntilItIsPluggedInAndOpenedAgain)
     EXPECT_EQ(board->Ask("write 3 x"), Failed(EIO));
     EXPECT_EQ(board->Ask("attributes 3"), Failed(EIO));
     EXPECT_EQ(board->Ask("lines 3"), Failed(EIO));
-    EXPECT_EQ(board->Ask("open rw /dev/ttyS1").find("error: "), 0U);
+    EXPECT_BEGINS(board->Ask("open rw /dev/ttyS1"), "error: ");
     EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "ok");
     EXPECT_EQ(client->Ask("plug /dev/ttyS1"), "error /dev/ttyS1 is plugged in");
     EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok CTS DSR CD");
@@ -50,7 +51,7 @@ TEST_F(Control, AHangUpEndsThePortForTheProgramUntilItIsPluggedInAndOpenedAgain)
     EXPECT_EQ(board->Ask("write 4 hello"), "ok");
     EXPECT_EQ(board->Ask("read 4"), "got hello");
     ExpectEnd();
-    EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 hang-up\n"), std::string::npos);
+    EXPECT_CONTAINS(Contents(Path("log")), " /dev/ttyS1 hang-up\n");
   }
 }
 
@@ -90,7 +91,7 @@ TEST_F(Control, BytesThatComeInTakeTheirTimeOnALineThatIsPaced) {
   std::size_t got = 0;
   while (got < 96) {
     const std::string answer = board->Ask("read 3");
-    ASSERT_EQ(answer.rfind("got ", 0), 0U);
+    ASSERT_PRED_FORMAT2(BeginsWithText, answer, "got ");
     got += answer.size() - 4;
   }
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(99));
@@ -141,7 +142,7 @@ TEST_F(Control, InputsAreSetAndClearedAndTheProgramCannotAlterThem) {
   EXPECT_EQ(client->Ask("set /dev/ttyS1 CTS XYZ"), "error the inputs are CTS, DSR, CD and RI, not \"XYZ\"");
   EXPECT_EQ(client->Ask("lines /dev/ttyS1"), "ok none");
   ExpectEnd();
-  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 inputs DSR RI\n"), std::string::npos);
+  EXPECT_CONTAINS(Contents(Path("log")), " /dev/ttyS1 inputs DSR RI\n");
 }
 
 TEST_F(Control, RegistersAreReadAndWrittenFromBothSides) {
@@ -180,17 +181,17 @@ TEST_F(Control, ACableThatIsPulledTakesTheCarrierAndBringsItBack) {
   EXPECT_EQ(board->Ask("carrier eth0"), "up running");
   EXPECT_EQ(client->Ask("link lo down"), "error there is no simulated interface lo");
   EXPECT_EQ(client->Ask("link peer0 down"), "error there is no simulated interface peer0");
-  EXPECT_EQ(client->Ask("link eth0 sideways").find("error the commands are: "), 0U);
+  EXPECT_BEGINS(client->Ask("link eth0 sideways"), "error the commands are: ");
   ExpectEnd();
-  EXPECT_NE(Contents(Path("log")).find(" eth0 link down\n"), std::string::npos);
+  EXPECT_CONTAINS(Contents(Path("log")), " eth0 link down\n");
 }
 
 TEST_F(Control, WhatTheBoardLacksCannotBeMoved) {
   Start({"--net", "none", "--mem", "none", "--watchdog", "none"});
   EXPECT_EQ(client->Ask("link eth0 down"), "error there is no simulated interface eth0");
-  EXPECT_EQ(client->Ask("read 0").find("error "), 0U);
-  EXPECT_EQ(client->Ask("write 0 0").find("error "), 0U);
-  EXPECT_EQ(client->Ask("watchdog").find("error "), 0U);
+  EXPECT_BEGINS(client->Ask("read 0"), "error ");
+  EXPECT_BEGINS(client->Ask("write 0 0"), "error ");
+  EXPECT_BEGINS(client->Ask("watchdog"), "error ");
   ExpectEnd();
 }
 
@@ -207,7 +208,7 @@ TEST_F(Control, TheWatchdogsStateIsTold) {
   EXPECT_EQ(client->Ask("watchdog"), "ok stopped closed timeout=1000");
   EXPECT_EQ(board->Ask("open rw /dev/watchdog"), "4");
   EXPECT_EQ(board->Ask("close 4"), "ok");
-  EXPECT_EQ(client->Ask("watchdog").find("ok armed closed timeout=1000 left="), 0U);
+  EXPECT_BEGINS(client->Ask("watchdog"), "ok armed closed timeout=1000 left=");
   EXPECT_EQ(board->Finish().status, 86);
 }
 

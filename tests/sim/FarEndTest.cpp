@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 #include "Sockets.h"
 
@@ -75,8 +76,8 @@ class FarEnd : public BoardTest {
   /// Reads all of a flood, and expects no byte to be missing.
   void ExpectFlood() const {
     EXPECT_EQ(peer->Read(kFlood).size(), kFlood);
-    EXPECT_EQ(Contents(Path("log")).find("lost"), std::string::npos);
-    EXPECT_EQ(Contents(Path("log")).find("overrun"), std::string::npos);
+    EXPECT_LACKS(Contents(Path("log")), "lost");
+    EXPECT_LACKS(Contents(Path("log")), "overrun");
   }
   static constexpr std::size_t kFlood = 1048576;  // bytes
 
@@ -140,7 +141,8 @@ TEST_F(FarEnd, ItsTerminalIsPrintedAndUsersOfItComeAndGo) {
   EXPECT_EQ(board->Ask("what"), "what?");
   std::smatch match;
   const std::string errors = board->Errors();
-  ASSERT_TRUE(std::regex_match(errors, match, std::regex("boardsim: the far end of /dev/ttyS1 is (/dev/pts/\\d+)\n")));
+  ASSERT_TRUE(std::regex_match(errors, match, std::regex("boardsim: the far end of /dev/ttyS1 is (/dev/pts/\\d+)\n")))
+      << errors;
   for (int i = 0; i < 2; ++i) {
     const Connection user(::open(match[1].str().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     ExpectConversation(*board, user);
@@ -202,8 +204,8 @@ TEST_F(FarEnd, OneThatGoesTakesItsModemLinesWithIt) {
   EXPECT_EQ(board->Ask("write 3 hello"), "ok");
   EXPECT_EQ(board->Ask("lines 3"), "0x4006");
   EXPECT_EQ(board->Finish().status, 0);
-  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 far-end gone\n"), std::string::npos);
-  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 inputs none\n"), std::string::npos);
+  EXPECT_CONTAINS(Contents(Path("log")), " /dev/ttyS1 far-end gone\n");
+  EXPECT_CONTAINS(Contents(Path("log")), " /dev/ttyS1 inputs none\n");
 }
 
 TEST_F(FarEnd, ACommandThatEndsTakesItsModemLinesWithIt) {
@@ -235,7 +237,7 @@ TEST_F(FarEnd, OneOnASlowLineHearsAllThatIsOnItsWayHoweverLongThatTakes) {
   ExpectSteps({"--pace", "--log", Path("log"), "--tty", "/dev/ttyS1=exec:cat >" + Path("heard")},
               {"sh", "-c", "exec >/dev/ttyS1; stty 300 raw -echo <&1; printf %200s all"});
   EXPECT_EQ(Contents(Path("heard")), Shell("printf %200s all"));
-  EXPECT_EQ(Contents(Path("log")).find("lost"), std::string::npos);
+  EXPECT_LACKS(Contents(Path("log")), "lost");
 }
 
 TEST_F(FarEnd, AKeyEndsTheBoardThatStillSendsWhatIsLeft) {
@@ -259,7 +261,8 @@ TEST_F(FarEnd, OneThatNeverReadsDoesNotKeepTheBoardFromEndingAndWhatItMissesIsLo
                                "until test \"$(written)\" -ge 65536 && before=$(written) && sleep 1 && "
                                "test \"$(written)\" = \"$before\"; do sleep 0.1; done 2>/dev/null; exit 5"});
   EXPECT_EQ(outcome.status, 5);
-  EXPECT_TRUE(std::regex_search(Contents(Path("log")), std::regex(" /dev/ttyS1 lost bytes=\\d{4,5}\n")));
+  const std::string log = Contents(Path("log"));
+  EXPECT_TRUE(std::regex_search(log, std::regex(" /dev/ttyS1 lost bytes=\\d{4,5}\n"))) << log;
 }
 
 TEST_F(FarEnd, ACommandIsSentFiveMebibytesWithoutTheLossOfAByte) {
@@ -372,7 +375,7 @@ TEST_F(FarEnd, AServerThatCameBackIsFoundAgain) {
     EXPECT_EQ(board->Ask("close 3"), "ok");
   }
   EXPECT_EQ(board->Finish().status, 0);
-  EXPECT_NE(Contents(Path("log")).find(" /dev/ttyS1 far-end here\n"), std::string::npos);
+  EXPECT_CONTAINS(Contents(Path("log")), " /dev/ttyS1 far-end here\n");
 }
 
 TEST_F(FarEnd, AListeningTcpPortIsOneOfTheLoopbackAddress) {
@@ -405,7 +408,7 @@ TEST_F(FarEnd, ItIsAskedToWaitWhenTheProgramDoesNotRead) {
   EXPECT_EQ(peer->Read(1), "\023");
   for (std::size_t got = 0; got < piece.size();) {
     const std::string answer = board->Ask("read 3");
-    ASSERT_EQ(answer.rfind("got ", 0), 0U);
+    ASSERT_PRED_FORMAT2(BeginsWithText, answer, "got ");
     got += answer.size() - 4;
   }
   EXPECT_EQ(peer->Read(1), "\021");
@@ -421,7 +424,7 @@ TEST_F(FarEnd, RtsFallsWhenTheProgramDoesNotReadAndRisesWhenItHas) {
   EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x4162"; }));
   for (std::size_t got = 0; got < piece.size();) {
     const std::string answer = board->Ask("read 3");
-    ASSERT_EQ(answer.rfind("got ", 0), 0U);
+    ASSERT_PRED_FORMAT2(BeginsWithText, answer, "got ");
     got += answer.size() - 4;
   }
   EXPECT_TRUE(Eventually([this] { return board->Ask("lines 3") == "0x4166"; }));
@@ -449,11 +452,10 @@ TEST_F(FarEnd, OneThatCannotBeReachedIsToldInASentence) {
             "boardsim: the far end of /dev/ttyS1, /no/such/socket, can't be reached: No such file or directory\n");
   const Outcome longest = Run({"--tty", "/dev/ttyS1=unix:/" + std::string(200, 'x')}, {"true"});
   EXPECT_EQ(longest.status, 125) << longest.errors;
-  EXPECT_NE(longest.errors.find("can't be reached: File name too long\n"), std::string::npos) << longest.errors;
+  EXPECT_CONTAINS(longest.errors, "can't be reached: File name too long\n");
   const Outcome unknown = Run({"--tty", "/dev/ttyS1=tcp:host.invalid:7000"}, {"true"});
   EXPECT_EQ(unknown.status, 125) << unknown.errors;
-  EXPECT_EQ(unknown.errors.find("boardsim: the far end of /dev/ttyS1, host.invalid:7000, can't be reached: "), 0U)
-      << unknown.errors;
+  EXPECT_BEGINS(unknown.errors, "boardsim: the far end of /dev/ttyS1, host.invalid:7000, can't be reached: ");
 }
 
 }  // namespace

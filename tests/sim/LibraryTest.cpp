@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Sockets.h"
 
 namespace {
@@ -158,7 +159,7 @@ class LibraryOnSim : public BoardTest, public testing::WithParamInterface<User> 
     }
     EXPECT_EQ(log.back(), "board end status=86");
     log.pop_back();
-    EXPECT_EQ(log.back().find("/dev/watchdog reset " + account), 0U) << log.back();
+    EXPECT_BEGINS(log.back(), "/dev/watchdog reset " + account);
     log.pop_back();
     return log;
   }
@@ -302,9 +303,9 @@ TEST_P(LibraryOnSim, TheReportTellsWhatTheDriverHasProgrammedAndThePortIsOpenedA
 TEST_P(LibraryOnSim, TheReportTellsTheDivisorOfThePortsOwnBase) {
   RunStep({"--tty", "/dev/ttyS1=none", "--serial-info", "3000000,64,0x10000040,42,0"}, {"report", "115200"});
 
-  EXPECT_NE(Output().find("Baud Base:     3000000\n"), std::string::npos) << Output();
+  EXPECT_CONTAINS(Output(), "Baud Base:     3000000\n");
   // What the library calls the real speed is that of the clock that it expects.
-  EXPECT_NE(Output().find("\nDivisor Latch: 1a\nReal baud rate: 150240\n"), std::string::npos) << Output();
+  EXPECT_CONTAINS(Output(), "\nDivisor Latch: 1a\nReal baud rate: 150240\n");
 }
 
 TEST_P(LibraryOnSim, TheReportReadsTheRegistersThatTheBoardWasGivenAndWritesTheAccessBitAlone) {
@@ -356,7 +357,7 @@ TEST_P(LibraryOnSim, AStarvedWatchdogResetsTheBoard) {
   EXPECT_EQ(RunWithLog({}, {kStarve, "starve", "/dev/watchdog", "3"}), 86);
 
   EXPECT_EQ(Output(), "armed: 3 seconds\n");
-  EXPECT_EQ(Errors().find("boardsim: /dev/watchdog has reset the board: time-out 3 s, last fed 3."), 0U) << Errors();
+  EXPECT_BEGINS(Errors(), "boardsim: /dev/watchdog has reset the board: time-out 3 s, last fed 3.");
   ExpectSame(LogBeforeReset("time-out 3 s, last fed 3."), kStart + OfWatchdog({"open", "timeout 3"}));
 }
 

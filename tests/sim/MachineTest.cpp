@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 #include "Sockets.h"
 
@@ -50,12 +51,12 @@ TEST_F(Machine, TheNodesThatTheBoardSharesWithItKeepTheirOwnersRightsAndTimes) {
       "touch $node; chown 1 $node; done' 2>\"$3/errors\"; stat -c '%n %a %u %g %Y %s' * >\"$3/after\"";
   const Outcome outcome = InPrivate(script, {kSimulator, kNodes, Folder()});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
-  EXPECT_NE(Contents(Path("before")).find("null 640 0 0 1000000 1\n"), std::string::npos) << Contents(Path("before"));
+  EXPECT_CONTAINS(Contents(Path("before")), "null 640 0 0 1000000 1\n");
   EXPECT_EQ(Contents(Path("after")), Contents(Path("before")));
   std::istringstream errors(Contents(Path("errors")));
   int refused = 0;
   for (std::string line; std::getline(errors, line); ++refused) {
-    EXPECT_NE(line.find("Read-only file system"), std::string::npos) << line;
+    EXPECT_CONTAINS(line, "Read-only file system");
   }
   EXPECT_EQ(refused, 6 * 3);
 }
@@ -63,8 +64,8 @@ TEST_F(Machine, TheNodesThatTheBoardSharesWithItKeepTheirOwnersRightsAndTimes) {
 TEST_F(Machine, ItsOwnNodesCanBeWrittenAllTheSame) {
   const Outcome outcome =
       Run({}, {"sh", "-c", "echo x >/dev/null; echo x >>/dev/zero; : <>/dev/null; head -c 1 /dev/zero >/dev/full"});
-  EXPECT_NE(outcome.errors.find("No space left on device"), std::string::npos) << outcome.errors;
-  EXPECT_EQ(outcome.errors.find("Read-only"), std::string::npos) << outcome.errors;
+  EXPECT_CONTAINS(outcome.errors, "No space left on device");
+  EXPECT_LACKS(outcome.errors, "Read-only");
 }
 
 /// Prints those of the files that can be opened for writing, without writing.
@@ -262,7 +263,7 @@ TEST_F(Machine, WhoIsNotRootOnTheBoardGetsNeitherMemoryNorTheWatchdogNorThePort)
       {"setpriv", "--reuid=1234", "--regid=1235", "--clear-groups", "sh", "-c",
        "for device in mem watchdog watchdog0 ttyS1; do ! true <>/dev/$device && ! true >/dev/$device || exit 1; done"});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
-  EXPECT_EQ(Contents(Path("log")).find(" open"), std::string::npos);
+  EXPECT_LACKS(Contents(Path("log")), " open");
 }
 
 TEST_F(Machine, ThePortIsOpenToTheGroupOfSerialPortsAlsoWhenItIsPluggedInAgain) {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 
 namespace {
@@ -38,7 +39,7 @@ TEST_F(Network, ItsSettingsInSysCanBeReadAndNotWritten) {
         Run({"--net", kind}, {"sh", "-c", "cat /sys/class/net/lo/mtu; echo 1280 >/sys/class/net/lo/mtu"});
     EXPECT_NE(outcome.status, 0);
     EXPECT_EQ(outcome.output, "65536\n");
-    EXPECT_NE(outcome.errors.find("Read-only file system"), std::string::npos) << outcome.errors;
+    EXPECT_CONTAINS(outcome.errors, "Read-only file system");
   }
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 
 namespace {
@@ -117,9 +118,10 @@ TEST_F(Options, HelpAndVersionAreAnsweredWithStatus0) {
     const Outcome outcome = Run(start);
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
     EXPECT_EQ(outcome.errors, "");
-    EXPECT_NE(outcome.output.find("boardsim"), std::string::npos);
+    EXPECT_CONTAINS(outcome.output, "boardsim");
   }
-  EXPECT_TRUE(std::regex_match(Run(start).output, std::regex("boardsim \\d+\\.\\d+\\.\\d+\n")));
+  const std::string version = Run(start).output;
+  EXPECT_TRUE(std::regex_match(version, std::regex("boardsim \\d+\\.\\d+\\.\\d+\n"))) << version;
 }
 
 TEST_F(Options, TheManualPageHasEveryOptionOfTheHelp) {
@@ -134,7 +136,7 @@ TEST_F(Options, TheManualPageHasEveryOptionOfTheHelp) {
   const std::regex pattern("--[a-z-]+");
   int options = 0;
   for (std::sregex_iterator match(help.begin(), help.end(), pattern), end; match != end; ++match, ++options) {
-    EXPECT_NE(page.find(match->str()), std::string::npos) << match->str();
+    EXPECT_CONTAINS(page, match->str());
   }
   EXPECT_GE(options, 12);
 }
@@ -224,7 +226,7 @@ TEST_F(OptionsOfABoard, TheLogCanBeStandardError) {
 TEST_F(OptionsOfABoard, ALogOfBeforeIsReplaced) {
   Shell("echo old >" + Path("log"));
   EXPECT_EQ(Run({"--log", Path("log")}, {"true"}).status, 0);
-  EXPECT_EQ(Contents(Path("log")).find("old"), std::string::npos);
+  EXPECT_LACKS(Contents(Path("log")), "old");
 }
 
 }  // namespace

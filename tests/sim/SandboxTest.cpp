@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 
 namespace {
@@ -60,7 +61,7 @@ TEST_P(EitherWay, StandardDescriptorsThatAreClosedAreNobodysElse) {
     };
     EXPECT_EQ(Run(start).status, 86);
     // Messages to standard error are lost then, and must not end up in files that were opened later.
-    EXPECT_EQ(Contents(Path("log")).find("boardsim: "), std::string::npos);
+    EXPECT_LACKS(Contents(Path("log")), "boardsim: ");
   }
 }
 
@@ -98,8 +99,8 @@ TEST_P(EitherWay, FolderMasksEnvironmentAndDescriptorsAreThoseOfOutside) {
   start.bare = true;
   const Outcome outside = Run(start);
   EXPECT_EQ(outside.status, 0) << outside.errors;
-  EXPECT_NE(outside.output.find("descriptor 17\n"), std::string::npos);
-  EXPECT_NE(outside.output.find("umask 027\nBOARD a board\n"), std::string::npos);
+  EXPECT_CONTAINS(outside.output, "descriptor 17\n");
+  EXPECT_CONTAINS(outside.output, "umask 027\nBOARD a board\n");
   EXPECT_EQ(inside.status, 0) << inside.errors;
   EXPECT_EQ(inside.output, outside.output);
   EXPECT_EQ(inside.errors, "");
@@ -127,7 +128,7 @@ TEST_F(Sandbox, AWorkingFolderInDevIsTheBoards) {
     if (std::string(folder) == "/dev/pts") {
       EXPECT_EQ(listed, "0\nptmx\n");
     } else {
-      EXPECT_NE(listed.find("\nttyS1\n"), std::string::npos) << listed;
+      EXPECT_CONTAINS(listed, "\nttyS1\n");
     }
   }
 }
@@ -266,12 +267,12 @@ TEST_P(EitherWay, ADebuggerStopsTheProgramInsideAndItsRequestsAreAnswered) {
                                       "modem",
                                       "echo"});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
-  EXPECT_NE(outcome.output.find("Breakpoint 1, "), std::string::npos) << outcome.output << outcome.errors;
+  EXPECT_CONTAINS(outcome.output, "Breakpoint 1, ") << outcome.errors;
   // The request returns to where it was called, which optimisation may have moved.
   EXPECT_TRUE(
       std::regex_search(outcome.output, std::regex("\nBreakpoint 2, [^]*\n0x[0-9a-f]+ in (modem|lines|make_raw) \\(")))
       << outcome.output << outcome.errors;
-  EXPECT_NE(outcome.output.find("exited normally]"), std::string::npos) << outcome.output << outcome.errors;
+  EXPECT_CONTAINS(outcome.output, "exited normally]") << outcome.errors;
 }
 
 TEST_F(Sandbox, AHundredSideBySideAllEndWithTheirOwnStatusAndLeaveNothing) {
@@ -301,10 +302,9 @@ TEST_F(Sandbox, DevHasWhatEveryProgramNeedsAndNothingOfTheMachines) {
   const Outcome outcome = Run({}, {"sh", "-c", "ls /dev | tr '\\n' ' '"});
   for (const char* name : {"fd", "full", "mem", "null", "ptmx", "pts", "random", "stderr", "stdin", "stdout", "tty",
                            "ttyS1", "urandom", "watchdog", "zero"}) {
-    EXPECT_NE((' ' + outcome.output).find(std::string(" ") + name + ' '), std::string::npos)
-        << name << " in " << outcome.output;
+    EXPECT_CONTAINS(' ' + outcome.output, std::string(" ") + name + ' ');
   }
-  EXPECT_EQ((' ' + outcome.output).find(" ttyS0 "), std::string::npos) << outcome.output;
+  EXPECT_LACKS(' ' + outcome.output, " ttyS0 ");
   const Outcome use = Run({}, {"sh", "-c",
                                "head -c 3 /dev/zero | wc -c; echo x >/dev/null; head -c 2 /dev/urandom | wc -c; "
                                "echo x >/dev/full"});

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Board.h"
+#include "ExpectText.h"
 #include "Probes.h"
 #include "Sockets.h"
 
@@ -96,8 +97,7 @@ TEST_F(Watchdog, OpenedAsAFileIsMadeAndClosedItCounts) {
     SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options, {"sh", "-c", ": >/dev/watchdog"});
     EXPECT_EQ(outcome.status, 86) << outcome.errors;
-    EXPECT_EQ(outcome.errors.find("boardsim: /dev/watchdog, not stopped by the application, has reset the board: "), 0U)
-        << outcome.errors;
+    EXPECT_BEGINS(outcome.errors, "boardsim: /dev/watchdog, not stopped by the application, has reset the board: ");
   }
 }
 
@@ -119,12 +119,12 @@ TEST_F(Watchdog, AProgramThatEndsWithItCountingResetsTheBoardAtOnce) {
 TEST_F(Watchdog, AProgramThatIsKilledWithItCountingResetsTheBoard) {
   const Outcome outcome = Run({}, {"sh", "-c", "exec 5>/dev/watchdog; echo >&5; kill -KILL $$"});
   EXPECT_EQ(outcome.status, 86) << outcome.errors;
-  EXPECT_NE(outcome.errors.find("/dev/watchdog, not stopped by the application,"), std::string::npos) << outcome.errors;
+  EXPECT_CONTAINS(outcome.errors, "/dev/watchdog, not stopped by the application,");
 }
 
 TEST_F(Watchdog, AnOpenThatTheRightsOfTheNodeRefuseStartsNothing) {
   ExpectSteps({"--log", Path("log")}, {kProbe, "refused"});
-  EXPECT_EQ(Contents(Path("log")).find(" open"), std::string::npos);
+  EXPECT_LACKS(Contents(Path("log")), " open");
 }
 
 TEST_F(Watchdog, TheRightsOfTheNodeSayWhoMayOpenIt) {
@@ -135,7 +135,7 @@ TEST_F(Watchdog, AnOpenForWhichNoDescriptorIsLeftStartsNothing) {
   for (const Words& options : {Words{}, kWithoutNamespaces}) {
     SCOPED_TRACE(testing::PrintToString(options));
     ExpectSteps(options + Words{"--log", Path("log")}, {kProbe, "unnumbered"});
-    EXPECT_NE(Contents(Path("log")).find(" /dev/watchdog open failed\n"), std::string::npos);
+    EXPECT_CONTAINS(Contents(Path("log")), " /dev/watchdog open failed\n");
   }
 }
 
@@ -163,7 +163,7 @@ TEST_F(Watchdog, OpenedByWhoWouldCreateItItCountsAsOpenedWithTheFirstByte) {
   Connection client(Path("control"));
   EXPECT_EQ(client.Ask("watchdog"), "ok stopped closed timeout=60");
   EXPECT_EQ(board->Ask("write 3 x"), "ok");
-  EXPECT_EQ(client.Ask("watchdog").find("ok armed open timeout=60 left="), 0U);
+  EXPECT_BEGINS(client.Ask("watchdog"), "ok armed open timeout=60 left=");
   EXPECT_EQ(board->Ask("write 3 V"), "ok");
   EXPECT_EQ(board->Finish().status, 0);
 }
@@ -173,7 +173,7 @@ TEST_F(Watchdog, AfterAResetTheProgramIsStartedAnewAndToldOfIt) {
     SCOPED_TRACE(testing::PrintToString(options));
     const Outcome outcome = Run(options + Words{"--restart", "1", "--log", Path("log")}, {kProbe, "restarted"});
     EXPECT_EQ(outcome.status, 0) << outcome.errors;
-    EXPECT_NE(Contents(Path("log")).find(" board restart\n"), std::string::npos);
+    EXPECT_CONTAINS(Contents(Path("log")), " board restart\n");
   }
 }
 
@@ -187,7 +187,8 @@ TEST_F(Watchdog, APretimeoutIsLoggedBeforeTheReset) {
   const auto board =
       Boot({"--log", Path("log")}, {"sh", "-c", "exec 3>/dev/watchdog; \"$0\" pretimeout; sleep 300", kProbe});
   EXPECT_EQ(board->Finish().status, 86);
-  EXPECT_TRUE(std::regex_search(Contents(Path("log")), std::regex("/dev/watchdog pretimeout\n.*/dev/watchdog reset")));
+  const std::string log = Contents(Path("log"));
+  EXPECT_TRUE(std::regex_search(log, std::regex("/dev/watchdog pretimeout\n.*/dev/watchdog reset"))) << log;
 }
 
 TEST_F(Watchdog, ThePortAndMemoryAreNoneOfIt) {
@@ -210,7 +211,7 @@ TEST_F(Watchdog, ItLiesUnderTheNameOfTheOption) {
     EXPECT_EQ(board->Ask("timeout 3"), "60");
     const Outcome outcome = board->Finish();
     EXPECT_EQ(outcome.status, 86) << outcome.errors;
-    EXPECT_EQ(outcome.errors.find("boardsim: /dev/misc/dog, "), 0U) << outcome.errors;
+    EXPECT_BEGINS(outcome.errors, "boardsim: /dev/misc/dog, ");
   }
 }
 

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "AnotherProcess.h"
+#include "ExpectText.h"
 #include "ExpectThrow.h"
 #include "Hexadecimal.h"
 #include "JoiningThread.h"
@@ -371,7 +372,7 @@ TEST_F(DlsymE, NullArgumentsAreRefusedTheHandleFirst) {
 TEST_F(DlsymE, AMissingSymbolThrowsWithTheLoadersText) {
   ASSERT_EQ(::dlsym(m_handle, "no_such_symbol"), nullptr);
   const std::string loader = ::dlerror();
-  ASSERT_NE(loader.find("undefined symbol: no_such_symbol"), std::string::npos) << loader;
+  ASSERT_PRED_FORMAT2(ContainsText, loader, "undefined symbol: no_such_symbol");
 
   EXPECT_EXACT_THROW(dlsym_e(m_handle, "no_such_symbol"), std::logic_error,
                      systext::LookupError("no_such_symbol", loader));
