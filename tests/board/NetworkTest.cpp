@@ -2,10 +2,11 @@
 #include <IpNet.h>
 #include <OpSystem.h>
 
-#include <stdexcept>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "ExpectThrow.h"
 
 namespace {
 
@@ -108,13 +109,8 @@ TEST_P(Network, AnIpV6GatewayIsSetAndARepeatedCallChangesNothing) {
 TEST(NetworkErrors, AnUnknownInterfaceIsReportedInTheToolsWords) {
   OpSystem system;
   IpNet net(system);
-  try {
-    net.SetAddr("nosuch0", "192.0.2.10", 24, kIpV4, kNoFlush);
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (const std::logic_error& e) {
-    const std::string text = e.what();
-    EXPECT_TRUE(text == "Device \"nosuch0\" does not exist.\n" || text == "ip: can't find device 'nosuch0'\n") << text;
-  }
+  const std::string words = LogicErrorOf([&] { net.SetAddr("nosuch0", "192.0.2.10", 24, kIpV4, kNoFlush); });
+  EXPECT_TRUE(words == "Device \"nosuch0\" does not exist.\n" || words == "ip: can't find device 'nosuch0'\n") << words;
 }
 
 }  // namespace

@@ -3,11 +3,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
-#include <typeinfo>
 
 #include "ExpectThrow.h"
 #include "NetworkNamespace.h"
@@ -168,18 +167,4 @@ Lines RealIpTest::Commands() {
   Lines commands = SplitLines(net.GetDebugOutput());
   net.ClearDebug();
   return commands;
-}
-
-std::string RealIpTest::LogicErrorOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::exception& e) {
-    const Thrown thrown = Thrown::Current();
-    if (*thrown.type != typeid(std::logic_error)) {
-      ADD_FAILURE() << "threw " << thrown << ", not a std::logic_error";
-    }
-    return e.what();
-  }
-  ADD_FAILURE() << "threw nothing";
-  return "";
 }

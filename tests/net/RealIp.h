@@ -1,7 +1,6 @@
 #ifndef BOARDKIT_TESTS_NET_REALIP_H
 #define BOARDKIT_TESTS_NET_REALIP_H
 
-#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -75,8 +74,6 @@ class RealIpTest : public testing::Test {
 
   /// The commands that the library ran since the last call.
   Lines Commands();
-  /// The whole what() of the exception, which must be exactly a std::logic_error, that @p action throws.
-  static std::string LogicErrorOf(const std::function<void()>& action);
 
   OpSystem system;
   IpNet net{system};

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 
 namespace {
 
@@ -21,6 +22,14 @@ std::string NameOf(const std::error_code& code) {
 }
 
 }  // namespace
+
+std::string LogicErrorOf(const std::function<void()>& action) {
+  const Thrown thrown = BOARDKIT_THROWN_BY(action());
+  if (thrown.type == nullptr || *thrown.type != typeid(std::logic_error)) {
+    ADD_FAILURE() << "threw " << thrown << ", not a std::logic_error";
+  }
+  return thrown.text.value_or("");
+}
 
 std::string ErrorName(int number) {
   const char* const name = number == 0 ? nullptr : ::strerrorname_np(number);

@@ -1,6 +1,7 @@
 #ifndef BOARDKIT_TESTS_EXPECTTHROW_H
 #define BOARDKIT_TESTS_EXPECTTHROW_H
 
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -30,6 +31,10 @@
     }                                 \
     return Thrown::Nothing();         \
   }()
+
+/// The whole what() of what @p action throws, where that is in somebody else's words; it must be exactly a
+/// std::logic_error.
+std::string LogicErrorOf(const std::function<void()>& action);
 
 /// The name of the error number @p number: "EIO".
 std::string ErrorName(int number);

@@ -99,6 +99,16 @@ TEST(SystemErrorThrow, AnotherTypeAndNothingAreShownWithTheTextThatWasExpected) 
             "Return() threw nothing, not std::system_error \"two: Input/output error\"");
 }
 
+TEST(LogicErrorOf, IsItsText) {
+  EXPECT_EQ(LogicErrorOf([] { throw std::logic_error("text"); }), "text");
+}
+
+TEST(LogicErrorOf, AnotherTypeAndNothingAreShown) {
+  EXPECT_EQ(FailuresOf([] { LogicErrorOf([] { throw std::out_of_range("text"); }); }),
+            "Failed\nthrew std::out_of_range \"text\", not a std::logic_error");
+  EXPECT_EQ(FailuresOf([] { EXPECT_EQ(LogicErrorOf(Return), ""); }), "Failed\nthrew nothing, not a std::logic_error");
+}
+
 TEST(ErrorNames, AreTheirMacrosAndOtherwiseNumbers) {
   EXPECT_EQ(ErrorName(EIO), "EIO");
   EXPECT_EQ(ErrorName(0), "errno 0");
