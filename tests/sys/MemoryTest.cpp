@@ -405,14 +405,17 @@ TEST_F(DlsymE, AnOlderErrorIsForgotten) {
 }
 
 TEST_F(DlsymE, AsksForTheErrorOnceBeforeAndOnceBehind) {
+  static_cast<void>(::dlsym(m_handle, "no_such_symbol"));
+  const std::string loader = ::dlerror();
   ScriptedKernel kernel;
   kernel.Watch("dlerror");
 
   dlsym_e(m_handle, "boardkit_test_function");
   EXPECT_EQ(kernel.SeenNow(), (Calls{"dlerror()", "dlerror()"}));
-  EXPECT_THROW(dlsym_e(m_handle, "no_such_symbol"), std::logic_error);
+  EXPECT_EXACT_THROW(dlsym_e(m_handle, "no_such_symbol"), std::logic_error,
+                     systext::LookupError("no_such_symbol", loader));
   EXPECT_EQ(kernel.SeenNow(), (Calls{"dlerror()", "dlerror()"}));
-  EXPECT_THROW(dlsym_e(nullptr, "x"), std::invalid_argument);
+  EXPECT_EXACT_THROW(dlsym_e(nullptr, "x"), std::invalid_argument, systext::kNoHandle);
   EXPECT_EQ(kernel.SeenNow(), Calls{});
 }
 
