@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <chrono>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +22,7 @@
 #include "../sys/SysTexts.h"
 #include "ExpectText.h"
 #include "ExpectThrow.h"
+#include "JoiningThread.h"
 
 // Names are found for functions that the program exports, so these are not in an unnamed namespace.
 namespace sensors {
@@ -56,13 +56,16 @@ TEST(System, ASymbolOfTheProgramAndOneThatIsNowhere) {
   void* const program = ::dlopen(nullptr, RTLD_NOW);
   ASSERT_NE(program, nullptr);
   EXPECT_EQ(dlsym_e(program, "_ZN7sensors5OuterB5cxx11Ev"), reinterpret_cast<void*>(&sensors::Outer));
-  EXPECT_THROW(dlsym_e(program, "there_is_no_such_function"), std::logic_error);
+  static_cast<void>(::dlsym(program, "there_is_no_such_function"));
+  const std::string loader = ::dlerror();
+  EXPECT_EXACT_THROW(dlsym_e(program, "there_is_no_such_function"), std::logic_error,
+                     systext::LookupError("there_is_no_such_function", loader));
 }
 
 TEST(System, TheThreadIdIsTheKernels) {
   EXPECT_EQ(LinuxGetThreadId(), ::getpid());
   int other = 0;
-  std::thread([&] { other = LinuxGetThreadId(); }).join();
+  JoiningThread([&] { other = LinuxGetThreadId(); }).Join();
   EXPECT_NE(other, ::getpid());
   EXPECT_GT(other, 0);
 }

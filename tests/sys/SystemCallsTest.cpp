@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -83,16 +84,17 @@ class Interrupter {
     struct sigaction action {};
     action.sa_handler = [](int) { ++s_count; };
     EXPECT_EQ(::sigaction(SIGUSR1, &action, &m_old), 0);
-    m_thread = std::thread([this] {
-      while (!m_stop) {
-        ::pthread_kill(m_target, SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-    });
+    m_thread.emplace(
+        [this] {
+          while (!m_stop) {
+            ::pthread_kill(m_target, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          }
+        },
+        [this] { m_stop = true; });
   }
   ~Interrupter() {
-    m_stop = true;
-    m_thread.join();
+    m_thread.reset();
     ::sigaction(SIGUSR1, &m_old, nullptr);
   }
   int Count() const {
@@ -104,7 +106,7 @@ class Interrupter {
   pthread_t m_target;
   struct sigaction m_old {};
   std::atomic<bool> m_stop{false};
-  std::thread m_thread;
+  std::optional<JoiningThread> m_thread;
 };
 
 std::atomic<int> Interrupter::s_count{0};
