@@ -185,6 +185,8 @@ class Report(TestCase):
             self.assertEqual(self.elsewhere(guarded, "--json").objects[0]["physical_memory"]["strict_devmem"], True)
 
     def test_OfAllCapabilitiesOneDecidesWhetherMemoryMayBeUsed(self):
+        if not works("unshare", "--map-root-user", "true"):
+            self.skipTest("user namespaces are forbidden here")
         for capability in "sys_module", "sys_rawio":
             with self.subTest(capability=capability):
                 without = [f"--bounding-set=-{capability}", f"--inh-caps=-{capability}"]

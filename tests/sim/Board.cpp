@@ -299,6 +299,9 @@ void SimulatorTest::ExpectSteps(const Words& options, const Words& command) {
 void SimulatorTest::ExpectStepsOfEachUser(const Words& command) {
   for (const User user : {User::kOneself, User::kOrdinary}) {
     SCOPED_TRACE(user == User::kOrdinary ? "an ordinary user" : "the user of the tests");
+    if (user == User::kOrdinary && !AreUserNamespacesAllowed()) {
+      GTEST_SKIP() << kNoUserNamespaces;
+    }
     Start start;
     start.command = command;
     start.user = user;
