@@ -102,6 +102,7 @@ TEST_F(Control, BytesThatAreFedBeyondWhatIsKeptAreCounted) {
   Start({});
   const std::string bytes(30000, '0');
   for (int i = 0; i < 7; ++i) {
+    SCOPED_TRACE(i);
     EXPECT_EQ(client->Ask("feed /dev/ttyS1 " + bytes), "ok");
   }
   const std::string log = WaitForText(Path("log"), " /dev/ttyS1 overrun dropped=");

@@ -144,6 +144,7 @@ TEST_F(FarEnd, ItsTerminalIsPrintedAndUsersOfItComeAndGo) {
   ASSERT_TRUE(std::regex_match(errors, match, std::regex("boardsim: the far end of /dev/ttyS1 is (/dev/pts/\\d+)\n")))
       << errors;
   for (int i = 0; i < 2; ++i) {
+    SCOPED_TRACE(i);
     const Connection user(::open(match[1].str().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     ExpectConversation(*board, user);
   }

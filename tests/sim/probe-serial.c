@@ -132,9 +132,9 @@ static void mirror(void) {
 }
 
 /* With nobody at the far end, what was written before the loop is lost, and what is written in it comes back. */
-static void loop_times(int times) {
+static void loop_times(size_t times) {
   int fd = open_tty();
-  for (int i = 0; i < times; ++i) {
+  FOR_EACH_ROUND(i, i < times) {
     char sent = (char)i;
     char got[2] = {0};
     char lost = 'x';
@@ -262,10 +262,10 @@ static void late(void) {
   static char text[8 * 40000];
   usleep(300000);
   read_all(fd, text, sizeof text);
-  for (int i = 0; i < 40000; ++i) {
-    char number[9];
-    snprintf(number, sizeof number, "%07d\n", i + 1);
-    CHECK(memcmp(text + (size_t)i * 8, number, 8) == 0);
+  FOR_EACH_ROUND(i, i < 40000) {
+    char number[24];
+    snprintf(number, sizeof number, "%07zu\n", i + 1);
+    CHECK(memcmp(text + i * 8, number, 8) == 0);
   }
   close(fd);
 }
@@ -370,9 +370,11 @@ static void drained(void) {
   pthread_t writer;
   CHECK(sem_init(&writing, 0, 0) == 0 && pthread_create(&writer, NULL, write_on, &fd) == 0);
   CHECK(sem_wait(&writing) == 0);
-  for (int i = 0; i < 100; ++i) {
-    struct termios2 settings = get2(fd);
-    CHECK(ioctl(fd, kRequests[i & 3], &settings) == 0);
+  for (int round = 0; round < 25; ++round) {
+    FOR_EACH_CASE(i, kRequests) {
+      struct termios2 settings = get2(fd);
+      CHECK(ioctl(fd, kRequests[i], &settings) == 0);
+    }
   }
 }
 
@@ -616,7 +618,7 @@ static void nodes(void) {
 
 /* Nobody keeps back an open for reading alone, but the first request after it finds the port open. */
 static void read_only(void) {
-  for (int i = 0; i < 1000; ++i) {
+  FOR_EACH_ROUND(i, i < 1000) {
     int fd = open(TTY, O_RDONLY | O_NOCTTY);
     CHECK(fd != -1 && lines(fd) == (OPENED | READY) && close(fd) == 0);
   }
@@ -712,11 +714,11 @@ static int is_interrupted(int result, int signals_before) {
 }
 
 /* A thousand signals a second, and calls that the simulator answers. */
-static int interrupted_of(int calls, int flags) {
+static int interrupted_of(size_t calls, int flags) {
   int fd = open_tty();
   alarm_every(1000, flags);
   int interrupted = 0;
-  for (int i = 0; i < calls || signals <= 20; ++i) {
+  FOR_EACH_ROUND(i, i < calls || signals <= 20) {
     /* A loop would go unnoticed here, a wrong answer does not. */
     int wanted = (i & 1) != 0 ? LOOP | TIOCM_RTS : LOOP | TIOCM_DTR;
     int before = signals;
@@ -779,7 +781,7 @@ static void held_up(void) {
   memset(&action, 0, sizeof action);
   action.sa_handler = count;
   CHECK(sigaction(SIGUSR1, &action, NULL) == 0);
-  for (int i = 0; i < 5000; ++i) {
+  FOR_EACH_ROUND(i, i < 5000) {
     int bits = OPENED;
     CHECK(ioctl(fd, TIOCMSET, &bits) == 0);
   }

@@ -73,7 +73,7 @@ static void one_owner(void) {
   int copy = dup(fd);
   CHECK(copy != -1 && close(fd) == 0 && open_watchdog() == -1 && errno == EBUSY);
   stop(copy);
-  for (int i = 0; i < 100; ++i) {
+  FOR_EACH_ROUND(i, i < 100) {
     fd = open(WATCHDOG, (i & 1) != 0 ? O_WRONLY : O_RDWR);
     CHECK(fd != -1);
     stop(fd);
@@ -187,12 +187,13 @@ static void short_open(int* fd) {
 
 /* Fed by the request and by writing it has its whole time again. One that was not stopped would bite at the end. */
 static void fed(void) {
+  static const int kByWriting[] = {0, 1};
   int fd = open_watchdog();
   CHECK(fd != -1);
-  for (int i = 0; i < 2; ++i) {
+  FOR_EACH_CASE(i, kByWriting) {
     starve_a_second(fd);
     double moment = now();
-    CHECK(i == 0 ? ioctl(fd, WDIOC_KEEPALIVE, 0) == 0 : write(fd, "\0", 1) == 1);
+    CHECK(kByWriting[i] ? write(fd, "\0", 1) == 1 : ioctl(fd, WDIOC_KEEPALIVE, 0) == 0);
     expect_fed_since(moment, fd);
   }
   stop(fd);

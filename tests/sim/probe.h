@@ -23,9 +23,13 @@
   } while (0)
 
 /* Takes the index of each element of an array in turn, and lets CHECK tell it. */
-#define FOR_EACH_CASE(index, array) \
-  for (size_t index = 0;            \
-       (current_cases = (current_case = index) < sizeof(array) / sizeof(array)[0] ? #array : NULL) != NULL; ++index)
+#define FOR_EACH_CASE(index, array) FOR_TOLD(index, index < sizeof(array) / sizeof(array)[0], #array)
+
+/* Counts from 0 on for as long as the condition holds, and lets CHECK tell it. */
+#define FOR_EACH_ROUND(index, condition) FOR_TOLD(index, condition, "round")
+
+#define FOR_TOLD(index, condition, name) \
+  for (size_t index = 0; (current_case = index, current_cases = (condition) ? name : NULL) != NULL; ++index)
 
 /* The array's name, or NULL outside of such a loop, and the index. */
 extern const char* current_cases;
