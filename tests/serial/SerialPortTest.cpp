@@ -405,16 +405,14 @@ TEST_F(Closing, EveryOpeningSavesTheAttributesAnew) {
 }
 
 TEST_F(Closing, TheErrorNumberIsTheFailedCallsEvenIfAllocatingTheMessageChangesErrno) {
-  {
-    SerialPort port(SerialTty::kDevice, true);
-    m_tty.kernel.Script("tcsetattr", {Fails(EIO), Fails(EIO), Real()});
-    const ErrnoChangingAllocations changing;
-    EXPECT_SYSTEM_ERROR(port.SetPortSettings(termios{}, ""), EIO, serialtext::SetFailed(SerialTty::kDevice, ""));
-    EXPECT_SYSTEM_ERROR(port.Close(), EIO, serialtext::CloseFailed(SerialTty::kDevice));
-    port.Close();
-    m_tty.kernel.Script("open", {Fails(ENXIO)});
-    EXPECT_SYSTEM_ERROR(port.OpenSerialPortDevice(), ENXIO, serialtext::OpenFailed(SerialTty::kDevice));
-  }
+  SerialPort port(SerialTty::kDevice, true);
+  m_tty.kernel.Script("tcsetattr", {Fails(EIO), Fails(EIO), Real()});
+  const ErrnoChangingAllocations changing;
+  EXPECT_SYSTEM_ERROR(port.SetPortSettings(termios{}, ""), EIO, serialtext::SetFailed(SerialTty::kDevice, ""));
+  EXPECT_SYSTEM_ERROR(port.Close(), EIO, serialtext::CloseFailed(SerialTty::kDevice));
+  port.Close();
+  m_tty.kernel.Script("open", {Fails(ENXIO)});
+  EXPECT_SYSTEM_ERROR(port.OpenSerialPortDevice(), ENXIO, serialtext::OpenFailed(SerialTty::kDevice));
 }
 
 TEST_F(Closing, AClosedPortThrowsAndMakesNoCall) {
