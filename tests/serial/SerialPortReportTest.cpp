@@ -24,6 +24,19 @@ const Calls kAccessLatchHigh = MemoryStandIn::CallsFor(0x80011000, 0x24);
 const Calls kAskingTheDriver = {"tcgetattr(70)", "tcgetattr(70)", "TIOCGSERIAL(70)"};
 const Calls kSetting = {"tcgetattr(70)", "tcsetattr(70, TCSANOW)"};
 
+const std::string kDeviceLine = "Device:    /dev/ttyS1\n";
+const std::string kNoFlowControl = "Flowcontrol: None\n";
+
+std::string SpeedLines(const std::string& output, const std::string& input) {
+  return "Output Baudrate: " + output + "\nInput  Baudrate: " + input + "\n";
+}
+std::string SpeedLines(const std::string& both) {
+  return SpeedLines(both, both);
+}
+std::string CustomSpeedLines(const std::string& speed) {
+  return "Custom Output Baudrate: " + speed + "\nCustom  Baudrate:       " + speed + "\n";
+}
+
 Calls SettingSpeed(speed_t speed) {
   const std::string argument = "(" + std::to_string(speed) + ")";
   return {"tcgetattr(70)", "cfsetispeed" + argument, "cfsetospeed" + argument, "tcsetattr(70, TCSANOW)"};
@@ -71,12 +84,7 @@ TEST_F(Report, OfAPortWithTheDefaultsIsCompleteByteForByte) {
   SerialPort port(SerialTty::kDevice, true);
   port.SetBaudRate(SerialPort::BAUD_9600);
 
-  EXPECT_EQ(port.ToString(),
-            "Device:    /dev/ttyS1\n"
-            "Output Baudrate: 9600\n"
-            "Input  Baudrate: 9600\n"
-            "Flowcontrol: None\n" +
-                m_driverLines + m_registerLines);
+  EXPECT_EQ(port.ToString(), kDeviceLine + SpeedLines("9600") + kNoFlowControl + m_driverLines + m_registerLines);
 }
 
 TEST_F(Report, OfAClosedPortIsOneLineAndNoCallIsMade) {
@@ -85,7 +93,7 @@ TEST_F(Report, OfAClosedPortIsOneLineAndNoCallIsMade) {
   port.Close();
   m_tty.kernel.SeenNow();
 
-  EXPECT_EQ(port.ToString(), "Device:    /dev/ttyS1\nnot opened yet!\n");
+  EXPECT_EQ(port.ToString(), kDeviceLine + "not opened yet!\n");
 
   EXPECT_EQ(m_tty.kernel.SeenNow(), Calls{});
   EXPECT_FALSE(port.IsOpen());
@@ -95,14 +103,14 @@ TEST_F(Report, OfAClosedPortIsOneLineAndNoCallIsMade) {
 TEST_F(Report, ShowsTheSpeedsThatTheDeviceHasAsPrintableNumbers) {
   SerialPort port(SerialTty::kDevice, true);
   // Just constructed, no speed is set yet.
-  EXPECT_EQ(port.ToString().substr(22, 38), "Output Baudrate: 0\nInput  Baudrate: 0\n");
+  EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("0"));
 
   ::cfsetspeed(&m_tty.attributes, B3000000);
-  EXPECT_EQ(port.ToString().substr(22, 50), "Output Baudrate: 2000000\nInput  Baudrate: 2000000\n");
+  EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("2000000"));
   // A speed without a code, which some C libraries tell by its number.
   m_tty.attributes.c_cflag = CS8 | ExtendedAttributes::kOtherSpeed;
   m_tty.attributes.c_ispeed = m_tty.attributes.c_ospeed = 250000;
-  EXPECT_EQ(port.ToString().substr(22, 38), "Output Baudrate: 0\nInput  Baudrate: 0\n");
+  EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("0"));
 }
 
 TEST_F(Report, TheOutputSpeedComesFirst) {
@@ -114,7 +122,7 @@ TEST_F(Report, TheOutputSpeedComesFirst) {
 
   // To some C libraries this means no input speed, to others that of the output.
   const std::string input = ::cfgetispeed(&settings) == B0 ? "0" : "115200";
-  EXPECT_CONTAINS(port.ToString(), "\nOutput Baudrate: 115200\nInput  Baudrate: " + input + "\n");
+  EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("115200", input));
 }
 
 TEST_F(Report, ReadsTheAttributesFirstAlsoWhereACustomSpeedIsShown) {
@@ -146,19 +154,14 @@ TEST_F(Report, ShowsACustomSpeedInThePlaceOfTheDevices) {
   port.SetCustomBaudRate(250000);
 
   EXPECT_EQ(port.ToString(),
-            "Device:    /dev/ttyS1\n"
-            "Custom Output Baudrate: 250000\n"
-            "Custom  Baudrate:       250000\n"
-            "Flowcontrol: None\n" +
-                m_driverLines + m_registerLines);
+            kDeviceLine + CustomSpeedLines("250000") + kNoFlowControl + m_driverLines + m_registerLines);
 }
 
 TEST_F(Report, ShowsTheGreatestCustomSpeedWithoutASign) {
   SerialPort port(SerialTty::kDevice, true);
   port.SetCustomBaudRate(4294967295U);
 
-  EXPECT_EQ(port.ToString().substr(22, 71),
-            "Custom Output Baudrate: 4294967295\nCustom  Baudrate:       4294967295\nF");
+  EXPECT_BEGINS(port.ToString(), kDeviceLine + CustomSpeedLines("4294967295") + kNoFlowControl);
 }
 
 TEST_F(Report, ShowsHardwareFlowControlAndNeverTheSoftwareOne) {
@@ -168,7 +171,7 @@ TEST_F(Report, ShowsHardwareFlowControlAndNeverTheSoftwareOne) {
 
   port.SetFlowControl(SerialPort::FLOW_CONTROL_NONE);
   port.SetFlowControl(SerialPort::FLOW_CONTROL_SOFTWARE);
-  EXPECT_CONTAINS(port.ToString(), "\nFlowcontrol: None\nBaud Base:");
+  EXPECT_CONTAINS(port.ToString(), "\n" + kNoFlowControl + "Baud Base:");
 }
 
 TEST_F(Report, TheInterruptAndTheDivisorAreHexadecimalLikeTheFlagsBeforeThem) {
@@ -255,12 +258,8 @@ TEST_F(Report, WithoutAttributesTheSpeedsAreZeroAndALineSaysSo) {
   SerialPort port(SerialTty::kDevice, false);
   m_tty.attributes.c_cflag = SerialPort::BAUD_115200 | CRTSCTS;
 
-  EXPECT_EQ(port.ToString(),
-            "Device:    /dev/ttyS1\n"
-            "Output Baudrate: 0\n"
-            "Input  Baudrate: 0\n"
-            "Flowcontrol: None\n" +
-                m_driverLines + "Terminal Attributes are NOT supported!\n" + m_registerLines);
+  EXPECT_EQ(port.ToString(), kDeviceLine + SpeedLines("0") + kNoFlowControl + m_driverLines +
+                                 "Terminal Attributes are NOT supported!\n" + m_registerLines);
 }
 
 // --- The calls -------------------------------------------------------------------------------------------------------
@@ -346,7 +345,7 @@ TEST_F(Report, TheRememberedSettingsSurviveSeveralReports) {
   EXPECT_EQ(port.GetCustomBaudRate(), 250000U);
 
   port.SetCustomBaudRate(0);
-  EXPECT_EQ(port.ToString().substr(22, 46), "Output Baudrate: 19200\nInput  Baudrate: 19200\n");
+  EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("19200"));
 }
 
 TEST_F(Report, TheReceiveBufferIsLost) {
