@@ -76,7 +76,7 @@ bool PrintCheck(const Signals::State& signals) {
   std::puts("What this machine allows boardsim:\n");
   std::unique_ptr<Sandbox> sandbox;
   Result supervision = Try(false, Net::kHost, signals, sandbox);
-  supervision.remedy = "Linux 5.5 with CONFIG_SECCOMP_FILTER or newer, and no other one";
+  supervision.remedy = "Linux 5.5 or newer with CONFIG_SECCOMP_FILTER, and no other supervisor";
   Print("to answer system calls that a terminal or a pipe would refuse", supervision);
   if (!supervision.why.empty()) {
     std::puts("\nThe board can't be simulated here.");

@@ -31,7 +31,7 @@ void CheckNodesDiffer(const Options& options) {
   for (std::size_t i = 0; i < paths.size(); ++i) {
     for (std::size_t j = 0; j < paths.size(); ++j) {
       if (i != j && (paths[j] + '/').rfind(paths[i] + '/', 0) == 0) {
-        throw SetupError("The devices " + paths[i] + " and " + paths[j] + " are in each other's way.");
+        throw SetupError("The devices " + paths[i] + " and " + paths[j] + " conflict: their paths overlap.");
       }
     }
   }
@@ -53,7 +53,7 @@ constexpr const char* kFooter =
     "Exit status: that of COMMAND, 128 and the signal's number if a signal ended it,\n"
     "86 if the watchdog reset the board, 125 if the board could not be set up, 126\n"
     "and 127 if COMMAND can't be executed or does not exist. The manual page\n"
-    "boardsim(1) has all of it.";
+    "boardsim(1) describes everything.";
 
 constexpr std::size_t kOptionWidth = 27;  // characters, which leaves 53 for its explanation
 

@@ -26,7 +26,7 @@ std::uint32_t NumberOf(const std::string& option, const std::string& text) {
   if (const auto number = ParseNumber(text)) {
     return *number;
   }
-  throw SetupError(option + " needs a number of 32 bits, not \"" + text + "\".");
+  throw SetupError(option + " needs a 32-bit number, not \"" + text + "\".");
 }
 
 std::string Hex(std::uint32_t number) {

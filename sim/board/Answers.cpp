@@ -155,7 +155,7 @@ void Answers::TellOfForeignProgram(const TrappedCall& call) {
   std::string program;
   std::getline(std::ifstream(ProcessFolder(call) + "comm"), program);
   std::fprintf(stderr,
-               "boardsim: %s is a program of 32 bits, which can't be supervised: its requests to the devices fail.\n",
+               "boardsim: %s is a 32-bit program, which can't be supervised: its requests to the devices fail.\n",
                program.c_str());
 }
 

@@ -155,8 +155,8 @@ void Board::MakeSandbox() {
 void Board::RefuseRootOnThisNetwork() const {
   if (::geteuid() == 0 && m_options.net != Net::kHost) {
     throw SetupError(
-        "As root, and without namespaces, the application could change this machine's network: say --net host if that "
-        "is meant.");
+        "As root, and without namespaces, the application could change this machine's network: use --net host if that "
+        "is intended.");
   }
 }
 

@@ -13,7 +13,7 @@ Message::Message(Kind what, const std::string& words) : kind(what) {
 
 std::pair<Channel, Channel> Channel::MakePair() {
   int ends[2];
-  Require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "no socket can be had");
+  Require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "no socket can be made");
   std::pair<Channel, Channel> pair{Channel(ends[0]), Channel(ends[1])};
   // Tells processes inside in the numbering of the simulator.
   const int on = 1;

@@ -122,7 +122,7 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
     return;
   }
   if (WIFEXITED(status) && WEXITSTATUS(status) >= kStatusNotExecutable) {
-    throw SetupError("There is no `ip` to make the network with: install iproute2, or give --net none.");
+    throw SetupError("There is no `ip` to make the network with: install iproute2, or use --net none.");
   }
   if (WIFSIGNALED(status)) {
     throw SetupError("`ip` was ended by signal " + std::to_string(WTERMSIG(status)) + '.');

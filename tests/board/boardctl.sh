@@ -123,7 +123,7 @@ not raw
   expect 0 '' carried_whole /tmp/text --flow software
   echo '0d 0a ff 11' > /tmp/sent
   expect 0 '^0D 0A FF 11$' carried 4 /tmp/sent --hex
-  # The settings are put back: by the last to leave, of two, to what it found, which may be what the other had set.
+  # The settings are restored: by the last to leave, of two, to what it found, which may be what the other had set.
   stty -F "$port" sane
   "$boardctl" serial send "$port" /tmp/sent
   expect 0 'not raw' "$boardctl" serial show "$port"

@@ -38,21 +38,21 @@ WRONG = [
     (["mem"], "mem: it takes a verb: read, write, watch, dump (see boardctl mem --help)"),
     (["mem", "reed", "0"], 'mem: there is no verb "reed" (did you mean read?)'),
     (["mem", "read"], "mem read: ADDRESS is required (see boardctl mem read --help)"),
-    (["mem", "read", ""], 'mem read: ADDRESS: "" is not a number of 32 bits'),
-    (["mem", "read", "3"], 'mem read: ADDRESS: "3" is not the address of a word of 32 bits: a multiple of 4'),
-    (["mem", "read", "0x100000000"], 'mem read: ADDRESS: "0x100000000" is not a number of 32 bits'),
-    (["mem", "read", "-4"], 'mem read: ADDRESS: "-4" is not a number of 32 bits'),
-    (["mem", "read", "0x"], 'mem read: ADDRESS: "0x" is not a number of 32 bits'),
-    (["mem", "read", "08"], 'mem read: ADDRESS: "08" is not a number of 32 bits'),
-    (["mem", "read", " 8"], 'mem read: ADDRESS: " 8" is not a number of 32 bits'),
+    (["mem", "read", ""], 'mem read: ADDRESS: "" is not a 32-bit number'),
+    (["mem", "read", "3"], 'mem read: ADDRESS: "3" is not the address of a 32-bit word: a multiple of 4'),
+    (["mem", "read", "0x100000000"], 'mem read: ADDRESS: "0x100000000" is not a 32-bit number'),
+    (["mem", "read", "-4"], 'mem read: ADDRESS: "-4" is not a 32-bit number'),
+    (["mem", "read", "0x"], 'mem read: ADDRESS: "0x" is not a 32-bit number'),
+    (["mem", "read", "08"], 'mem read: ADDRESS: "08" is not a 32-bit number'),
+    (["mem", "read", " 8"], 'mem read: ADDRESS: " 8" is not a 32-bit number'),
     (["mem", "read", "0", "0"], 'mem read: COUNT: "0" is not a number from 1 to 1073741824'),
     (["mem", "read", "0", "0x2"], 'mem read: COUNT: "0x2" is not a number from 1 to 1073741824'),
-    (["mem", "read", "0xfffffffc", "2"], "mem read: COUNT: 2 words from 0xFFFFFFFC on reach beyond the addresses of 32"),
-    (["mem", "dump", "0xfffffff0", "5"], "mem dump: COUNT: 5 words from 0xFFFFFFF0 on reach beyond the addresses of 32"),
+    (["mem", "read", "0xfffffffc", "2"], "mem read: COUNT: 2 words from 0xFFFFFFFC on reach beyond 32-bit addresses"),
+    (["mem", "dump", "0xfffffff0", "5"], "mem dump: COUNT: 5 words from 0xFFFFFFF0 on reach beyond 32-bit addresses"),
     (["mem", "read", "0", "1", "2"], 'mem read: there is no argument "2"'),
     (["mem", "read", "0", "--jsn"], 'mem read: there is no option "--jsn" (did you mean --json?)'),
     (["mem", "write", "0"], "mem write: VALUE is required"),
-    (["mem", "write", "0", "1", "--mask", "x"], 'mem write: --mask: "x" is not a number of 32 bits'),
+    (["mem", "write", "0", "1", "--mask", "x"], 'mem write: --mask: "x" is not a 32-bit number'),
     (["mem", "watch", "0", "--every", "0"], 'mem watch: --every: "0" is not a number from 1 to 3600000'),
     (["mem", "watch", "0", "--changes", "99999999999999999999"], 'mem watch: --changes: "99999999999999999999" is not a num'),
     (["--dry-run", "mem", "read", "0"], "mem read: it has no dry run"),
@@ -110,9 +110,9 @@ WRONG = [
     (["watchdog", "feed", "/dev/watchdog", "--interval", "-5"], 'watchdog feed: --interval: "-5" is not a number from 1'),
     (["watchdog", "feed", "/dev/watchdog", "--every", "30"], "watchdog feed: --every: 30 s is not shorter than --interval"),
     (["--json", "watchdog", "feed", "/dev/watchdog"], "watchdog feed: it has no JSON"),
-    (["watchdog", "run", "/dev/watchdog"], 'watchdog run: it takes "--" and a command behind all options'),
-    (["watchdog", "run", "/dev/watchdog", "--"], 'watchdog run: it takes "--" and a command behind all options'),
-    (["watchdog", "run", "/dev/watchdog", "--", ""], 'watchdog run: it takes "--" and a command behind all options'),
+    (["watchdog", "run", "/dev/watchdog"], 'watchdog run: it takes "--" and a command after all options'),
+    (["watchdog", "run", "/dev/watchdog", "--"], 'watchdog run: it takes "--" and a command after all options'),
+    (["watchdog", "run", "/dev/watchdog", "--", ""], 'watchdog run: it takes "--" and a command after all options'),
     (["watchdog", "run", "/dev/watchdog", "true"], 'watchdog run: there is no argument "true"'),
     (["watchdog", "run", "/dev/watchdog", "--check", "", "--", "true"], 'watchdog run: --check: "" is not a command'),
     (["watchdog", "run", "/dev/watchdog", "--alive", "", "--", "true"], 'watchdog run: --alive: "" is not a path'),
@@ -178,7 +178,7 @@ class Arguments(TestCase):
         there = set()
         for group in groups:
             text = ctl(group, "--help").out
-            verbs = re.findall(r"(?m)^  (\w[\w-]*)  ", text) if " VERB --help tells" in text else []
+            verbs = re.findall(r"(?m)^  (\w[\w-]*)  ", text) if " VERB --help shows" in text else []
             there.update({(group, verb) for verb in verbs} or {(group,)})
         self.assertEqual(there, set(VERBS))
 

@@ -185,7 +185,7 @@ class Net(OnANetwork):
                              ETH1_UP, "ip -6 addr flush dev eth1", shell("net", "link-local", "eth1"),
                              shell("net", "link-local", "--changed", "eth1") + "; echo $?",
                              shell("net", "link-local", "lo") + "; echo $?")
-        self.assertIn("boardctl: net link-local: lo has no hardware address to make one of\n", result.err)
+        self.assertIn("boardctl: net link-local: lo has no usable hardware address\n", result.err)
         self.assertEqual(result.out.splitlines(), [
             "eth0  is fe80::ff:fe00:1/64: nothing had to be changed", "3",
             "eth1  was none, now fe80::ff:fe00:2/64: changed",
@@ -207,7 +207,7 @@ class Net(OnANetwork):
             "1", "was 192.0.2.2 on eth0, now none: changed", "there is no IPv4 default route: nothing had to be changed", "3",
             '{"schema":1,"kind":"net_change","what":"gateway","interface":null,"family":"ipv4","before":null,"wanted":null,'
             '"after":null,"changed":false,"dry_run":false,"commands":[]}'])
-        self.assertIn("the default route goes by 192.0.2.2 on eth0, not by eth1: nothing is changed", result.err)
+        self.assertIn("the default route goes via 192.0.2.2 on eth0, not via eth1: nothing is changed", result.err)
         self.assertIn("gateway ipv4  none", result.out)
 
     def test_WhatAFailedChangeLeavesIsTold(self):
@@ -428,7 +428,7 @@ class HostileNames(TestCase):
                         result = self.in_namespace(*steps, shell("net", *words) + "; echo $?", "ip -4 route show default")
                         self.assertEqual(result.out.splitlines()[0], "1", result.err)
                         self.assertIn("default via 192.0.2.1", result.out)
-                        self.assertIn(f'ip reports a default route by "192.0.2.1" on "{name}", which a shell could misunderstand',
+                        self.assertIn(f'ip reports a default route via "192.0.2.1" on "{name}", which a shell could misunderstand',
                                       result.err)
                         self.check_nothing_ran()
 
@@ -449,7 +449,7 @@ class HostileNames(TestCase):
             with self.subTest(words=words):
                 result = self.in_namespace(shell("net", *words))
                 self.assertEqual((result.status, result.out), (1, ""))
-                self.assertIn('ip reports a default route by "1.2.3.4;x" on "v0", which a shell could misunderstand', result.err)
+                self.assertIn('ip reports a default route via "1.2.3.4;x" on "v0", which a shell could misunderstand', result.err)
                 self.check_nothing_ran()
 
 

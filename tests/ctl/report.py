@@ -78,8 +78,8 @@ class Report(TestCase):
                 ([], [], "There is no default gateway."),
                 ([], ["--watchdog", "none"], "There is no watchdog."),
                 ([], ["--mem", "none"], "Registers can't be read: the kernel has no such device (CONFIG_DEVMEM)."),
-                (["rm /dev/watchdog0"], [], f"/dev/watchdog0 can't be looked at:{WATCHDOG_NOT_OPENED}: No such file"),
-                (["export PATH=/nowhere"], [], "There is no ip that works: "),
+                (["rm /dev/watchdog0"], [], f"/dev/watchdog0 can't be examined:{WATCHDOG_NOT_OPENED}: No such file"),
+                (["export PATH=/nowhere"], [], "There is no working ip: "),
                 (["export PATH=/nowhere"], [], "The gateway of ipv4 is not known: ")]:
             with self.subTest(what=what):
                 self.assertIn(what, self.unusual(self.report(*steps, options=options)))
@@ -99,7 +99,7 @@ class Report(TestCase):
     def test_ABoardWithoutASerialPortIsUnusual(self):
         report = self.elsewhere("echo no device > file; mount --bind file /dev/ttyS1", "--json").objects[0]
         self.assertEqual(report["serial_ports"], [])
-        self.assertIn({"what": "There is no serial port.", "remedy": "Load its driver, or look into the device tree."},
+        self.assertIn({"what": "There is no serial port.", "remedy": "Load its driver, or check the device tree."},
                       report["unusual"])
 
     def test_ABusyBoardAndAWrongClockAreUnusual(self):
@@ -137,12 +137,12 @@ class Report(TestCase):
         report = result.objects[0]
         remedies = {remark["what"]: remark["remedy"] for remark in report["unusual"]}
         self.assertEqual(remedies["/dev/ttyS1 may not be opened: Permission denied."],
-                         "Be root, or in the group of the device (dialout).")
+                         "Run as root, or join the device's group (dialout).")
         self.assertEqual(remedies["Registers can't be read: the user may not open it."], "Run as root.")
         self.assertFalse(report["physical_memory"]["usable"])
 
     def test_ARootWhoMayNotLookIntoAllProcessesIsToldSo(self):
-        remark = {"what": HIDDEN, "remedy": "Run the report outside of containers, with all rights of root."}
+        remark = {"what": HIDDEN, "remedy": "Run the report as root with all capabilities, not in a container."}
         self.assertIn(remark, self.report()["unusual"])  # the simulator's are not visible on its board
         cases = [["unshare", "--map-root-user", "--net"],  # those of the users outside
                  ["unshare", "--map-root-user", "--net", "--pid", "--fork", "--mount-proc"],

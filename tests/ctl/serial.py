@@ -106,7 +106,7 @@ class Serial(OnALine):
                          page.format(PORT, "1200 bit/s", "7 data bits, parity even, 2 stop bits, raw", "hardware", 301))
         self.assertEqual(strict(last)["counters"],
                          {"rx": 301, "tx": 301, "frame": 0, "parity": 0, "overrun": 0, "break": 0, "lost": 0})
-        # Of a line without all that.
+        # On a line without all that.
         far, near = pty.openpty()
         self.addCleanup(os.close, near)
         self.addCleanup(os.close, far)
@@ -127,7 +127,7 @@ class Serial(OnALine):
                 result = self.on_board("serial", verb, dog, log="log")
                 self.assertEqual((result.status, result.err), (1, f"boardctl: serial {verb}: {dog} is not a serial port\n"))
                 self.assertNotIn(f" {dog} open", pathlib.Path("log").read_text())
-        # These have the major number of a real one, or the kernel tells that they are something else; opening them
+        # These have the major number of a real one, or the kernel says that they are something else; opening them
         # harms nothing.
         for other in "/dev/fuse", "/dev/zero":
             if os.path.exists(other):
@@ -150,7 +150,7 @@ class Serial(OnALine):
         self.expect_put_back()
 
     def send(self, *words, got, redirected="", **keywords):
-        """Runs serial send on a board that waits for its far end before and behind it, and checks what has come there."""
+        """Runs serial send on a board that waits for its far end before and after it, and checks what has come there."""
         pathlib.Path("got").unlink(missing_ok=True)
         script = (f"until test -e got; do sleep 0.3; done; {shell(*words)} {redirected}; status=$?; "
                   f"until test $(wc -c < got) -ge {len(got)}; do sleep 0.3; done; exit $status")
@@ -194,7 +194,7 @@ class Serial(OnALine):
     def test_TheHelpNamesTerminalProgramsAndWhichVerbHasTimes(self):
         for verb in "send", "receive", "report":
             with self.subTest(verb=verb):
-                self.assertIn("are put back", ctl("serial", verb, "--help").out)
+                self.assertIn("are restored", ctl("serial", verb, "--help").out)
         for verb in "send", "receive", "test":
             with self.subTest(verb=verb):
                 self.assertIn("also by SIGINT, SIGTERM, SIGHUP or SIGQUIT.", " ".join(ctl("serial", verb, "--help").out.split()))
@@ -235,7 +235,7 @@ class Serial(OnALine):
         self.assertEqual(result.status, 1)
         self.assertEqual(result.err, "boardctl: serial send: The port cannot run at 3000000 bits per second\n")
         self.expect_put_back()
-        # A receiver puts up with a few hundredths.
+        # A receiver tolerates a few hundredths.
         for runs_at, status, err in ((112500, 0, ""),
                                      (110000, 1, "boardctl: serial send: The port cannot run at 115200 bits per second, but at 110000\n")):
             with self.subTest(runs_at=runs_at):
@@ -384,7 +384,7 @@ class Serial(OnALine):
                 process.send_signal(number)
                 result = finish(process)
                 self.assertEqual(result.status, 128 + number)
-                self.assertIn("a signal came; the line's settings are put back", result.err)
+                self.assertIn("a signal came; the line's settings are restored", result.err)
                 self.expect_put_back()
                 os.remove("log")
 
@@ -408,7 +408,7 @@ class Serial(OnALine):
         process.send_signal(signal.SIGTERM)
         result = finish(process)
         self.assertEqual((result.status, result.err),
-                         (143, "boardctl: what was not sent yet was discarded; the line's settings are put back\n"))
+                         (143, "boardctl: what was not sent yet was discarded; the line's settings are restored\n"))
         self.expect_put_back()
 
     def test_ASignalWhileSendingWaitsForInputPutsTheLineBack(self):
@@ -455,7 +455,7 @@ class Serial(OnALine):
         self.wait_until(lambda: os.path.exists("socket"), "the control socket")
         self.command(f"clear {PORT} CTS")
         pathlib.Path("go").touch()
-        self.wait_for_text("said", "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal gives up\n")
+        self.wait_for_text("said", "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal ends it\n")
         process.send_signal(signal.SIGINT)
         result = finish(process)
         self.assertEqual(result.status, 130)
@@ -466,7 +466,7 @@ class Serial(OnALine):
         said = pathlib.Path("said").read_text()
         self.assertEqual(said.count("nothing has gone out"), 1)
         self.assertTrue(said.endswith(
-            "boardctl: what was not sent yet was discarded; the line's settings are put back\n"))
+            "boardctl: what was not sent yet was discarded; the line's settings are restored\n"))
         self.expect_put_back()
 
     def test_ASignalFreesAWriterThatTheFarEndHolds(self):
@@ -478,7 +478,7 @@ class Serial(OnALine):
         self.wait_until(lambda: os.path.exists("socket"), "the control socket")
         self.command(f"clear {PORT} CTS")
         pathlib.Path("go").touch()
-        self.wait_for_text("said", "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal gives up\n")
+        self.wait_for_text("said", "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal ends it\n")
         process.send_signal(signal.SIGTERM)
         result = finish(process)
         self.assertEqual(result.status, 143)
@@ -562,7 +562,7 @@ class Serial(OnALine):
         # Nor does such a line know of other formats.
         result = ctl("serial", "send", os.ttyname(near), "--parity", "even", given=b"bytes")
         self.assertEqual((result.status, result.err), (
-            0, "boardctl: the driver does not take these data bits or this parity, and goes on with its own\n"))
+            0, "boardctl: the driver does not support these data bits or this parity, and keeps its own\n"))
         self.assertEqual(termios.tcgetattr(near), before)
         os.close(near)
         os.close(far)
@@ -590,7 +590,7 @@ class LineTest(OnALine):
                 self.assertEqual(self.loop_events(), words != [])
 
     def test_AThroughputThatNoRealLineCanHaveIsRemarked(self):
-        remark = "boardctl: bytes came faster than the line can be: no real line\n"
+        remark = "boardctl: bytes came faster than a real line could carry them\n"
         for options, holds in ([], self.assertIn), (["--pace"], self.assertNotIn):
             with self.subTest(options=options):
                 result = self.on_board("serial", "test", PORT, "--loop", "--speeds", "9600", "--size", "500", "--turns", "1",
@@ -611,7 +611,7 @@ class LineTest(OnALine):
         self.assertEqual((missed.status, missed.objects[-1]["speeds_good"], missed.objects[-1]["speeds_tried"]), (1, 1, 2))
         verdicts = {measured["speed_bps"]: measured["verdict"] for measured in result.objects[:-1]}
         self.assertEqual((verdicts[9600], verdicts[115200], verdicts[3000000]), ("good", "good", "not possible"))
-        # What it runs at instead is told, too.
+        # What it runs at instead is reported, too.
         self.assertEqual((missed.objects[1]["speed_bps"], missed.objects[1]["runs_at_bps"]), (3000000, 9600))
 
     def test_BitErrorsLostAndDoubledBytesAreToldApart(self):
@@ -628,7 +628,7 @@ class LineTest(OnALine):
                    "    os.write(1, data)\n")
         cases = [(dict(lost=[300], changed=100, doubled=200), (2, 1, 1)), (dict(lost=[100], changed=0, doubled=0), (0, 1, 0)),
                  (dict(lost=[], changed=100, doubled=0), (2, 0, 0)), (dict(lost=[], changed=0, doubled=100), (0, 0, 1)),
-                 # A single byte, behind the block, that comes back as another one.
+                 # A single byte, after the block, that comes back as another one.
                  (dict(lost=[], changed=3001, doubled=0), (0, 0, 0)),
                  # More than may be under way: without an answer, it goes on.
                  (dict(lost=[*range(100, 500), *range(600, 1000), *range(1100, 1500)], changed=0, doubled=0), (0, 1200, 0))]
@@ -657,7 +657,7 @@ class LineTest(OnALine):
         self.assertEqual(result.status, 1)
         self.assertIn("silent", result.out)
         self.assertIn("\nVerdict: failed, good at 0 of 1 speeds\n", result.out)
-        self.assertIn("connect TX with RX, or a far end that echoes at that speed", result.err)
+        self.assertIn("connect TX to RX, or a far end that echoes at that speed", result.err)
         # It gives up before all is sent, and counts no more than that.
         measured = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "3000000",
                                  options=["--tty", PORT + "=none"]).objects[0]

@@ -382,7 +382,7 @@ class Watchdog(TestCase):
     def test_OfADriverThatRoundsTheTimeOutThatIsToldAndFeedingTooRarelyIsRefused(self):
         driver = self.driver_that("if (request == WDIOC_GETTIMEOUT) { *(int*)argument = 3; }")
         result = self.board("sh", "-c", f"{driver} {shell('watchdog', 'feed', DEVICE, '--interval', '10', '--every', '5')}", log="log")
-        self.assertEqual((result.status, result.err), (1, "boardctl: the driver made 3 s of 10 s.\n"
+        self.assertEqual((result.status, result.err), (1, "boardctl: the driver changed 10 s to 3 s.\n"
                                                           f"{DISARMED}\n"
                                                           "boardctl: watchdog feed: Feeding every 5 s is too rare for a time-out of 3 s\n"))
         self.assertEqual(self.events(), ["open", "timeout 10", "write magic", "close: stopped"])

@@ -60,11 +60,12 @@ TEST_F(Check, NamesTheSettingThatForbidsNamespaces) {
 TEST_F(Check, SaysThatTwoOfThemAreOneTooMany) {
   const Outcome outcome = Run({}, {kSimulator, "--check"});
   EXPECT_EQ(outcome.status, 125) << outcome.errors;
-  EXPECT_EQ(outcome.output, std::string(kHeading) +
-                                "  no   to answer system calls that a terminal or a pipe would refuse\n"
-                                "       System calls are supervised here already, by another simulator perhaps.\n"
-                                "       Remedy: Linux 5.5 with CONFIG_SECCOMP_FILTER or newer, and no other one\n"
-                                "\nThe board can't be simulated here.\n");
+  EXPECT_EQ(outcome.output,
+            std::string(kHeading) +
+                "  no   to answer system calls that a terminal or a pipe would refuse\n"
+                "       System calls are supervised here already, by another simulator perhaps.\n"
+                "       Remedy: Linux 5.5 or newer with CONFIG_SECCOMP_FILTER, and no other supervisor\n"
+                "\nThe board can't be simulated here.\n");
 }
 
 TEST_F(Check, SaysWhatToInstallWhereThereIsNoIp) {
@@ -82,7 +83,7 @@ TEST_F(Check, SaysWhatToInstallWhereThereIsNoIp) {
             std::string(kHeading) + kCallsAndOpens +
                 "  yes  devices under their names, in a /dev of its own\n"
                 "  no   a network of its own\n"
-                "       There is no `ip` to make the network with: install iproute2, or give --net none.\n"
+                "       There is no `ip` to make the network with: install iproute2, or use --net none.\n"
                 "       Remedy: as root, apt-get install iproute2\n"
                 "\nThe board can be simulated without a network: see --net.\n");
 }

@@ -324,7 +324,7 @@ TEST_F(Machine, AProgramOf32BitsIsToldOnceThatItIsNotSupervised) {
   const Outcome outcome = Run({}, {kProbe, "foreign-request", "foreign-request"});
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors,
-            "boardsim: sim-probe is a program of 32 bits, which can't be supervised: its requests to the devices "
+            "boardsim: sim-probe is a 32-bit program, which can't be supervised: its requests to the devices "
             "fail.\n");
 }
 

@@ -102,8 +102,8 @@ TEST_F(Network, WithoutNamespacesRootHasToAskForTheMachinesInWords) {
       const Outcome refused = Run(options, {"touch", Path("ran")});
       EXPECT_EQ(refused.status, 125) << refused.errors;
       EXPECT_EQ(refused.errors,
-                "boardsim: As root, and without namespaces, the application could change this machine's network: say "
-                "--net host if that is meant.\n");
+                "boardsim: As root, and without namespaces, the application could change this machine's network: use "
+                "--net host if that is intended.\n");
     }
   }
   Start start;
@@ -143,7 +143,7 @@ TEST_F(Network, WithoutIpThereIsASentence) {
   const Outcome outcome = Run(WithoutIp({}));
   EXPECT_EQ(outcome.status, 125) << outcome.errors;
   EXPECT_EQ(outcome.errors,
-            "boardsim: There is no `ip` to make the network with: install iproute2, or give --net none.\n");
+            "boardsim: There is no `ip` to make the network with: install iproute2, or use --net none.\n");
 }
 
 TEST_F(Network, TheAdviceToGiveNoneWorksWithoutIp) {

@@ -56,7 +56,7 @@ std::uint32_t Word(const std::string& text) {
   const bool isHexadecimal = isPrefixed && (text[1] == 'x' || text[1] == 'X');
   const bool isRead = isHexadecimal ? Read(text.substr(2), 16, number) : Read(text, isPrefixed ? 8 : 10, number);
   if (!isRead || number > std::numeric_limits<std::uint32_t>::max()) {
-    Refuse(text, "a number of 32 bits (such as 0x80011000, decimal, or octal with a leading 0)");
+    Refuse(text, "a 32-bit number (such as 0x80011000, decimal, or octal with a leading 0)");
   }
   return static_cast<std::uint32_t>(number);
 }
@@ -64,7 +64,7 @@ std::uint32_t Word(const std::string& text) {
 std::uint32_t WordAddress(const std::string& text) {
   const std::uint32_t address = Word(text);
   if (address % sizeof address != 0) {
-    Refuse(text, "the address of a word of 32 bits: a multiple of 4");
+    Refuse(text, "the address of a 32-bit word: a multiple of 4");
   }
   return address;
 }

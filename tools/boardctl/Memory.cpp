@@ -23,7 +23,7 @@ constexpr const char* kAddress =
     "the first byte's physical address, a multiple of 4, as devmem takes it: 0x80011000, decimal, or octal with a "
     "leading 0";
 constexpr const char* kDetails =
-    "All accesses are to words of 32 bits. It needs root and /dev/mem, and kernels "
+    "All accesses are to 32-bit words. It needs root and /dev/mem, and kernels "
     "may guard it. Reading some registers changes the device: a receive buffer loses "
     "what is read.";
 
@@ -45,7 +45,7 @@ void CheckEnd(const MemoryArguments& arguments) {
   const std::uint64_t end = arguments.address + arguments.count * kWordSize;
   if (end > std::uint64_t{std::numeric_limits<std::uint32_t>::max()} + 1) {
     throw UsageError("COUNT: " + std::to_string(arguments.count) + " words from " + Hexadecimal(arguments.address) +
-                     " on reach beyond the addresses of 32 bits");
+                     " on reach beyond 32-bit addresses");
   }
 }
 
@@ -188,16 +188,16 @@ void AddMemory(Program& program) {
   MemoryArguments* arguments = nullptr;
 
   CLI::App& read = AddAddressVerb(program, group,
-                                  {"read", "Reads words of 32 bits, one a line", "ADDRESS [COUNT] [OPTION]...", "",
+                                  {"read", "Reads 32-bit words, one per line", "ADDRESS [COUNT] [OPTION]...", "",
                                    kDetails, "mem read 0x80011000 4", kNothing},
                                   Read, arguments);
   AddCount(read, *arguments, 1);
 
   CLI::App& write =
       AddAddressVerb(program, group,
-                     {"write", "Writes a word of 32 bits", "ADDRESS VALUE [OPTION]...",
+                     {"write", "Writes a 32-bit word", "ADDRESS VALUE [OPTION]...",
                       "A WRONG ADDRESS CAN STOP OR DAMAGE THE BOARD: nothing checks what is there.",
-                      "All accesses are to words of 32 bits. It needs root and /dev/mem, and kernels may "
+                      "All accesses are to 32-bit words. It needs root and /dev/mem, and kernels may "
                       "guard it. With --mask the word is read first, also with --dry-run: that changes some "
                       "registers. Without it the word is not read, before or afterwards.",
                       "mem write 0x80011010 0x10 --mask 0x10",
@@ -210,8 +210,8 @@ void AddMemory(Program& program) {
       "read the word first and change only the bits that are set in M");
 
   CLI::App& watch = AddAddressVerb(program, group,
-                                   {"watch", "Reads a word of 32 bits, and reports its changes", "ADDRESS [OPTION]...",
-                                    "", kDetails, "mem watch 0x80011018 --every 10", kNothing},
+                                   {"watch", "Reads a 32-bit word, and reports its changes", "ADDRESS [OPTION]...", "",
+                                    kDetails, "mem watch 0x80011018 --every 10", kNothing},
                                    Watch, arguments);
   constexpr std::uint64_t kLongestMs = std::uint64_t{3600} * 1000;
   AddArgument(
@@ -224,7 +224,7 @@ void AddMemory(Program& program) {
       "end after N changes (default: at SIGINT or SIGTERM)");
 
   CLI::App& dump = AddAddressVerb(program, group,
-                                  {"dump", "Shows words of 32 bits, four a line, with characters",
+                                  {"dump", "Shows 32-bit words, four per line, with characters",
                                    "ADDRESS [COUNT] [OPTION]...", "", kDetails, "mem dump 0x80011000 16", kNothing},
                                   Dump, arguments);
   constexpr std::uint64_t kStandardDump = 64;

@@ -114,7 +114,7 @@ std::optional<Route> RouteIn(const IpNet::Record& record, bool ipv6) {
     check::IpAddress(gateway->second);
     check::Interface(interface->second);
   } catch (const std::invalid_argument&) {
-    throw std::runtime_error("ip reports a default route by \"" + gateway->second + "\" on \"" + interface->second +
+    throw std::runtime_error("ip reports a default route via \"" + gateway->second + "\" on \"" + interface->second +
                              "\", which a shell could misunderstand: nothing was changed");
   }
   return Route{gateway->second, interface->second};
@@ -439,7 +439,7 @@ int SetLinkLocal(const NetArguments& arguments, Call& call) {
   const IpNet::Record record = Look(change, net, arguments);
   const auto hardware = record.find("link");
   if (hardware == record.end() || !IsHardwareAddress(hardware->second)) {
-    throw std::runtime_error(arguments.interface + " has no hardware address to make one of");
+    throw std::runtime_error(arguments.interface + " has no usable hardware address");
   }
   const std::string address = IpNet::GetLinkLocalAddr(hardware->second);
   change.wanted = address + "/64";
@@ -461,7 +461,7 @@ int SetRoute(const std::optional<Route>& wanted, bool ipv6, const NetArguments& 
   const std::optional<Route> before = RouteIn(net->GetGwInfo(ipv6), ipv6);
   Change change{"gateway", arguments.interface, ipv6, InWords(before), InWords(wanted), {}};
   if (!wanted && before && !arguments.interface.empty() && before->interface != arguments.interface) {
-    throw std::runtime_error("the default route goes by " + before->InWords() + ", not by " + arguments.interface +
+    throw std::runtime_error("the default route goes via " + before->InWords() + ", not via " + arguments.interface +
                              ": nothing is changed");
   }
   if (change.before != change.wanted) {
@@ -539,12 +539,12 @@ void AddNet(Program& program) {
                  {"show", "Shows interfaces, their addresses, and the default gateways", "[IFACE] [OPTION]...", "",
                   "It runs the board's ip, which only queries.", "net show eth0", "nothing."},
                  Show, arguments);
-  AddInterface(show, *arguments, "this one alone; 1 to 15 characters of A-Z a-z 0-9 _ - . : @");
+  AddInterface(show, *arguments, "only this one; 1 to 15 characters of A-Z a-z 0-9 _ - . : @");
 
   CLI::App& address =
       AddNetVerb(program, group,
                  {"address", "Gives IFACE an address", "IFACE ADDRESS/LENGTH [OPTION]...",
-                  "IFACE's first address of ADDRESS's family is REPLACED: the old one goes before the new one comes.",
+                  "IFACE's first address of ADDRESS's family is REPLACED: the old one is removed first.",
                   "Over ssh, beware: removing an interface's last IPv4 address also removes its default route. If "
                   "adding fails, the old address is gone already. --dry-run prints the ip commands; runs only those "
                   "that query.",
@@ -567,8 +567,8 @@ void AddNet(Program& program) {
   CLI::App& gateway = AddNetVerb(
       program, group,
       {"gateway", "Sets the default gateway", "IFACE ADDRESS [OPTION]...",
-       "The default route of ADDRESS's family is REPLACED: the old one goes before the new one comes, and is gone if "
-       "that fails.",
+       "The default route of ADDRESS's family is REPLACED: the old one is removed first, and stays removed if "
+       "adding fails.",
        "--dry-run prints the ip commands; runs only those that query.", "net gateway eth0 192.0.2.1", kRemains, true,
        true, false, true},
       SetGateway, arguments);
@@ -582,7 +582,7 @@ void AddNet(Program& program) {
        "       boardctl net clear gateway [IFACE] [OPTION]...",
        "Over ssh, this may cut the connection: removing an interface's last IPv4 address also removes its default "
        "route.",
-       "With IFACE, a default route by another interface stays. Of several default routes, only the first one is "
+       "With IFACE, a default route via another interface stays. Of several default routes, only the first one is "
        "removed, and it is reported that another remains. --dry-run prints the ip commands; runs only "
        "those that query.",
        "net clear address eth0 --ipv6", kRemains, true, true, false, true},

@@ -114,8 +114,7 @@ void Standstill::Look(std::uint32_t waiting) {
     m_last = waiting;
     m_since = Clock::now();
   } else if (!m_isTold && Clock::now() - m_since > kPatience) {
-    m_out.Say(
-        "boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal gives up");
+    m_out.Say("boardctl: nothing has gone out for 2 s: the far end may hold the line (flow control); a signal ends it");
     m_isTold = true;
   }
 }
@@ -137,7 +136,7 @@ Port::Port(const LineOptions& line, Output& out)
     m_port->SetParity(line.parity);
     m_port->SetNumOfStopBits(line.stop);
     if (m_port->GetCharSize() != line.bits || m_port->GetParity() != line.parity) {
-      m_out.Warn("boardctl: the driver does not take these data bits or this parity, and goes on with its own");
+      m_out.Warn("boardctl: the driver does not support these data bits or this parity, and keeps its own");
     }
   } catch (...) {
     Close();
@@ -225,7 +224,7 @@ void Port::Close() {
     // Without a destructor, which would end the process; the kernel closes the descriptor at its end.
     m_port.release();  // NOLINT(bugprone-unused-return-value): left open on purpose
     if (!m_side.PutBack()) {
-      m_out.Warn(std::string("boardctl: the line's settings could not be put back: ") + error.what());
+      m_out.Warn(std::string("boardctl: the line's settings could not be restored: ") + error.what());
     }
   }
   m_port.reset();

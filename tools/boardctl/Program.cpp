@@ -191,7 +191,7 @@ class HelpFormatter : public CLI::Formatter {
     help +=
         "\nStatus: 0 done, 1 failed, 2 wrong usage, 3 nothing had to be changed (only with\n"
         "--changed), 130 and 143 after SIGINT and SIGTERM.\n"
-        "boardctl GROUP VERB --help tells what remains on the board; see boardctl(1).\n";
+        "boardctl GROUP VERB --help shows what remains on the board; see boardctl(1).\n";
     return help;
   }
 
@@ -201,7 +201,7 @@ class HelpFormatter : public CLI::Formatter {
     for (const CLI::App* const below : Below(app)) {
       help += Row(below->get_name(), below->get_description());
     }
-    return help + "\n" + NameOf(app) + " VERB --help tells more, and what remains on the board.\n";
+    return help + "\n" + NameOf(app) + " VERB --help shows more, and what remains on the board.\n";
   }
 
   std::string HelpOfVerb(const CLI::App* app, const Verb& verb) const {
@@ -247,8 +247,8 @@ Program::Program() : m_app(std::make_unique<CLI::App>("", "boardctl")) {
   m_app->formatter(std::make_shared<HelpFormatter>(*this));
   m_app->set_help_flag("-h,--help", "print this help");
   m_app->set_version_flag("--version", "boardctl " BOARDCTL_VERSION, "print the version");
-  AddFlag(*m_app, "--json", m_options.json, "the results as JSON, one object a line");
-  AddFlag(*m_app, "--quiet", m_options.quiet, "no words besides results and failures, no progress");
+  AddFlag(*m_app, "--json", m_options.json, "the results as JSON, one object per line");
+  AddFlag(*m_app, "--quiet", m_options.quiet, "print only results and failures, and no progress");
   AddFlag(*m_app, "--dry-run", m_dryRun, "show what would be changed, and change nothing");
   // The options of all verbs may stand behind the verb, too, and what nobody knows is called by its name below.
   m_app->fallthrough();

@@ -114,7 +114,7 @@ std::string IpVersion(Page& page) {
       return Printable(line.substr(0, line.find(' ', sizeof "BusyBox v" - 1)));
     }
   }
-  page.unusual.push_back({"There is no ip that works: " + Printable(said.substr(0, said.find('\n'))),
+  page.unusual.push_back({"There is no working ip: " + Printable(said.substr(0, said.find('\n'))),
                           "Install iproute2 or BusyBox; add /sbin to PATH."});
   return {};
 }
@@ -131,7 +131,7 @@ void TellVersions(Page& page) {
   const std::string path = IpInPath();
   const std::string version = IpVersion(page);
   if (version.rfind("BusyBox", 0) == 0 && path.find("busybox") == std::string::npos && !path.empty()) {
-    page.unusual.push_back({"The shell runs its own ip, not " + path + '.', "Make another shell /bin/sh."});
+    page.unusual.push_back({"The shell runs its own ip, not " + path + '.', "Use another shell as /bin/sh."});
   }
 
   page.Head("versions");
@@ -202,12 +202,12 @@ void TellSerialPorts(Page& page) {
     ports.push_back(port);
     if (::access(device.path.c_str(), R_OK | W_OK) != 0) {
       page.unusual.push_back({device.path + " may not be opened: " + std::strerror(errno) + '.',
-                              "Be root, or in the group of the device (dialout)."});
+                              "Run as root, or join the device's group (dialout)."});
     }
   }
   if (ports.empty()) {
     page.Row("none", "");
-    page.unusual.push_back({"There is no serial port.", "Load its driver, or look into the device tree."});
+    page.unusual.push_back({"There is no serial port.", "Load its driver, or check the device tree."});
   }
   page.json["serial_ports"] = ports;
 }
@@ -226,8 +226,8 @@ void TellWatchdogs(Page& page) {
       page.unusual.insert(page.unusual.end(), remarks.begin(), remarks.end());
     } catch (const std::exception& error) {
       const std::string text = error.what();  // that of the library begins with a blank
-      page.unusual.push_back({path + " can't be looked at: " + text.substr(text.find_first_not_of(' ')),
-                              "Look whether its node is there."});
+      page.unusual.push_back(
+          {path + " can't be examined: " + text.substr(text.find_first_not_of(' ')), "Check that its node exists."});
     }
   }
   if (watchdogs.empty()) {
@@ -287,10 +287,10 @@ void TellMemoryDevice(Page& page) {
     remedy = "Run as root.";
   } else if (error != 0 && !hasCapability) {
     why = "the capability CAP_SYS_RAWIO is missing";
-    remedy = "Run as root, or give the capability.";
+    remedy = "Run as root, or grant the capability.";
   } else if (error != 0) {
     why = std::strerror(error);
-    remedy = "Look at the rights of the node.";
+    remedy = "Check the node's permissions.";
   }
   page.Head("physical memory");
   page.Row(kDevice, why.empty()
@@ -336,7 +336,7 @@ void TellNetwork(Page& page) {
   page.json["interfaces"] = interfaces;
   if (!isReachable) {
     page.unusual.push_back(
-        {"No interface but lo has more than a link-local address.", "Give one: boardctl net address."});
+        {"No interface but lo has more than a link-local address.", "Add one: boardctl net address."});
   }
 
   Json gateways = Json::array();
@@ -364,7 +364,7 @@ void TellNetwork(Page& page) {
       const auto explained = catalogue::Explain(text);
       page.unusual.push_back({std::string("The gateway of ") + family + " is not known: " + Printable(text),
                               explained.empty() || explained.front().causes.empty()
-                                  ? "Look what ip says."
+                                  ? "See what ip says."
                                   : (*explained.front().causes.front())["remedy"].get<std::string>()});
     }
   }
@@ -386,7 +386,7 @@ int Report(Call& call) {
   if (!processes::SeesAll()) {
     page.unusual.push_back({"Not all processes are visible: one that is not may have a device open.",
                             ::geteuid() != 0 ? "Run the report as root."
-                                             : "Run the report outside of containers, with all rights of root."});
+                                             : "Run the report as root with all capabilities, not in a container."});
   }
 
   Json unusual = Json::array();

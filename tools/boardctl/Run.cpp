@@ -88,7 +88,7 @@ void AddRun(Program& program) {
                       {"run", "Runs a command, and prints its whole output and its status",
                        "COMMAND\n       boardctl run [OPTION]... -- COMMAND [ARGUMENT]...", "",
                        "The library's runner runs it. COMMAND goes to the shell as it stands; the words "
-                       "behind \"--\" are the command's own, and no shell reads them. The output, standard "
+                       "after \"--\" are the command's own, and no shell reads them. The output, standard "
                        "error included, is printed when the command has ended; a NUL in it cuts off the "
                        "rest of its line. SIGINT and SIGTERM are handed on. A process that COMMAND leaves in the "
                        "background is waited for as long as it keeps the output open; SIGTERM ends it, but a shell "

@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kPutBack =
-    "nothing: the line's settings are put back when the program ends, also by SIGINT, SIGTERM, SIGHUP or SIGQUIT. A "
+    "nothing: the line's settings are restored when the program ends, also by SIGINT, SIGTERM, SIGHUP or SIGQUIT. A "
     "driver may drop DTR and RTS then.";
 
 std::string Rate(double perSecond) {
@@ -53,7 +53,7 @@ int List(Call& call) {
                   processes::InWords(holders));
   }
   if (!bare.empty()) {
-    call.out.Say("Nodes without a UART behind them:" + bare);
+    call.out.Say("Nodes without a UART:" + bare);
   }
   if (devices.empty()) {
     call.out.Say("There is no serial port in /dev.");
@@ -146,7 +146,7 @@ class HexReader {
       const bool isBlank = character == ' ' || character == '\t' || character == '\n' || character == '\r';
       if (digit < 0 && (!isBlank || m_half != kNone)) {
         throw std::runtime_error(
-            "The input is not hexadecimal: two digits a byte, with or without blanks between bytes");
+            "The input is not hexadecimal: two digits per byte, with or without blanks between bytes");
       }
       if (isBlank) {
         continue;
@@ -287,7 +287,7 @@ int Send(const SendArguments& arguments, Call& call) {
     std::rethrow_exception(failure);
   }
   if (!isWhole) {
-    call.out.Warn("boardctl: what was not sent yet was discarded; the line's settings are put back");
+    call.out.Warn("boardctl: what was not sent yet was discarded; the line's settings are restored");
   }
   return kStatusDone;
 }
@@ -384,7 +384,7 @@ std::string WhyEnded(const std::string& ended, const std::string& silent) {
   if (ended == "failure") {
     return "receiving failed";
   }
-  return ended == "until" ? "the text has arrived" : "a signal came; the line's settings are put back";
+  return ended == "until" ? "the text has arrived" : "a signal came; the line's settings are restored";
 }
 
 /// Takes in what comes; what has been @p received so far counts also when that fails. Returns what ended it.
@@ -472,7 +472,7 @@ void AddSend(Program& program, CLI::App& group) {
   AddArgument(verb, "FILE", "", arguments->file, check::Path, "the bytes; - or nothing for standard input");
   AddSpeed(verb, arguments->line);
   AddFormat(verb, arguments->line);
-  AddFlag(verb, "--hex", arguments->isHex, "FILE has hexadecimal digits, two a byte: 48 65 6C");
+  AddFlag(verb, "--hex", arguments->isHex, "FILE has hexadecimal digits, two per byte: 48 65 6C");
 }
 
 void AddReceive(Program& program, CLI::App& group) {
@@ -500,7 +500,7 @@ void AddReceive(Program& program, CLI::App& group) {
       verb, "--idle", "MS", arguments->idleMs,
       [](const std::string& text) { return check::Decimal(text, 1, kLongestMs); },
       "end when nothing has arrived for MS milliseconds");
-  AddFlag(verb, "--hex", arguments->isHex, "as hexadecimal digits, 16 bytes a line");
+  AddFlag(verb, "--hex", arguments->isHex, "as hexadecimal digits, 16 bytes per line");
   static const std::map<std::string, Stamps> kStamps = {{"relative", Stamps::kRelative},
                                                         {"absolute", Stamps::kAbsolute}};
   AddArgument(
@@ -536,7 +536,7 @@ void AddSerial(Program& program) {
        "lost.",
        "It needs root and /dev/mem. From the flags on, numbers are hexadecimal, but for the last line.",
        "serial report /dev/ttyS1",
-       "nothing: the line's settings are put back. But if DEVICE is not on the board's own UART, that UART's access "
+       "nothing: the line's settings are restored. But if DEVICE is not on the board's own UART, that UART's access "
        "bit stays set, and its data registers are hidden until its driver sets the line up anew."},
       [line](Call& call) { return Report(*line, call); });
   AddLine(report, *line);

@@ -301,7 +301,7 @@ int Test(const TestArguments& arguments, Call& call) {
         constexpr double kTolerance = 1.1;
         return measured.Throughput() > kTolerance * measured.limit;
       })) {
-    call.out.Say("boardctl: bytes came faster than the line can be: no real line");
+    call.out.Say("boardctl: bytes came faster than a real line could carry them");
   }
   const bool isPassed = good == tried && good != 0 && signals::Caught() == 0;
   call.out.Object("serial_verdict", {{"device", arguments.line.device},
@@ -322,7 +322,7 @@ int Test(const TestArguments& arguments, Call& call) {
   if (fastest == 0 && signals::Caught() == 0) {
     call.out.Warn(arguments.isInternal
                       ? "boardctl: nothing came back: does this UART have a loop?"
-                      : "boardctl: nothing good came back: connect TX with RX, or a far end that echoes at that speed");
+                      : "boardctl: nothing came back intact: connect TX to RX, or a far end that echoes at that speed");
   }
   return isPassed ? kStatusDone : kStatusFailed;
 }
@@ -350,9 +350,9 @@ void AddSerialTest(Program& program, CLI::App& group) {
        "It sends to a far end that sends everything back: a plug that connects TX and RX, or a program at the same "
        "speed. At each speed it sends a block of pseudo-random bytes and takes in what comes back (bit errors, lost "
        "and doubled bytes, throughput against the line's own limit), and then single bytes (turn-around). Standard "
-       "speeds that the UART cannot make are passed over. The status is 1 unless all is good.",
+       "speeds that the UART cannot make are skipped. The status is 1 unless all is good.",
        "serial test /dev/ttyS1 --speeds 9600,115200 --svg line.svg",
-       "nothing: the line's settings are put back and the loop is switched off when the program ends, also by "
+       "nothing: the line's settings are restored and the loop is switched off when the program ends, also by "
        "SIGINT, SIGTERM, SIGHUP or SIGQUIT. A driver may drop DTR and RTS then."},
       [arguments](Call& call) { return Test(*arguments, call); });
   AddDevice(verb, arguments->line.device);
@@ -368,6 +368,6 @@ void AddSerialTest(Program& program, CLI::App& group) {
       [](const std::string& text) { return check::Decimal(text, 1, kMostTurns); },
       "how many single bytes (default 50)");
   AddArgument(verb, "--svg", "FILE", arguments->svg, check::Path,
-              "draw throughput and turn-around over the speed into FILE");
+              "plot throughput and turn-around against speed into FILE");
   AddFormat(verb, arguments->line);
 }

@@ -256,7 +256,8 @@ class Armed {
       // A driver that does not tell keeps to what it was asked for.
     }
     if (m_timeoutS != intervalS) {
-      m_out.Say("boardctl: the driver made " + SecondsInWords(m_timeoutS) + " of " + SecondsInWords(intervalS) + '.');
+      m_out.Say("boardctl: the driver changed " + SecondsInWords(intervalS) + " to " + SecondsInWords(m_timeoutS) +
+                '.');
     }
   }
 
@@ -477,7 +478,7 @@ std::string FeedWhile(const Child& command, Armed& dog, const WatchdogArguments&
 
 int Run(const WatchdogArguments& arguments, Call& call) {
   if (call.command.empty() || call.command.front().empty()) {
-    throw UsageError("it takes \"--\" and a command behind all options");
+    throw UsageError("it takes \"--\" and a command after all options");
   }
   CheckBeforeArming(arguments, call.out);
   if (signals::Caught() != 0) {
@@ -562,12 +563,11 @@ void AddWatchdog(Program& program) {
       {"feed", "Arms DEVICE, feeds it until a signal comes, and disarms it", "DEVICE [OPTION]...",
        "If feeding stops, THE BOARD RESETS.",
        "SIGINT (Ctrl-C), SIGTERM, SIGHUP and SIGQUIT disarm it; Ctrl-Z does not stop the feeding. If boardctl is "
-       "killed in "
-       "another way, nobody feeds, and the board resets (unless the driver has no magic close).",
+       "killed in another way, nobody feeds, and the board resets (unless the driver has no magic close).",
        "watchdog feed /dev/watchdog --interval 30",
-       "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
-       "stops at any close: where the board is to reset, boardctl keeps it open until then (at most two time-outs and "
-       "a second); if boardctl is killed, the board does not reset.",
+       "nothing after \"disarmed\". A driver with nowayout keeps counting and resets the board; one without the magic "
+       "close stops at any close: where the board is to reset, boardctl keeps it open until then (at most two "
+       "time-outs and a second); if boardctl is killed, the board does not reset.",
        false},
       [](const WatchdogArguments& given, Call& call) { return Feed(given, call.out); }, arguments);
   AddInterval(feed, *arguments);
@@ -583,15 +583,14 @@ void AddWatchdog(Program& program) {
        "COMMAND ends otherwise: no more feeding, the board resets; status 1, if boardctl ends before.\n"
        "--check or --alive fails: likewise; COMMAND is left running.\n"
        "COMMAND can't be started: disarms; status 1.\n"
-       "SIGINT, SIGTERM, SIGHUP, SIGQUIT: handed on; fed until COMMAND has ended, then disarms; the status tells the "
-       "signal "
-       "also if --check or --alive failed or nowayout is set, and the board resets.\n"
+       "SIGINT, SIGTERM, SIGHUP, SIGQUIT: handed on; fed until COMMAND has ended, then disarms; the status names the "
+       "signal also if --check or --alive failed or nowayout is set, and the board resets.\n"
        "boardctl is killed: nobody feeds, the board resets (unless the driver has no magic close).\n"
        "Without a board: boardsim -- boardctl watchdog run /dev/watchdog -- ./app",
        "watchdog run /dev/watchdog --interval 5 -- ./app",
-       "nothing after \"disarmed\". A driver with nowayout counts on and resets the board; one without the magic close "
-       "stops at any close: where the board is to reset, boardctl keeps it open until then (at most two time-outs and "
-       "a second); if boardctl is killed, the board does not reset.",
+       "nothing after \"disarmed\". A driver with nowayout keeps counting and resets the board; one without the magic "
+       "close stops at any close: where the board is to reset, boardctl keeps it open until then (at most two "
+       "time-outs and a second); if boardctl is killed, the board does not reset.",
        false, false, true},
       Run, arguments);
   AddInterval(run, *arguments);

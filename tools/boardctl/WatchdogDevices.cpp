@@ -164,7 +164,7 @@ std::vector<Remark> RemarksOn(const WatchdogLook& look) {
   }
   if (look.nowayout == true) {
     remarks.push_back({look.device + " has nowayout set: once armed, nothing disarms it.",
-                       "If that is not meant so, load its driver with nowayout=0."});
+                       "If that is not intended, load its driver with nowayout=0."});
   }
   if (look.hasReset == true) {
     remarks.push_back({"The board was last started by a reset of " + look.device + '.',

@@ -29,7 +29,7 @@ class SerialLineKind : public DeviceKind {
   std::vector<Option> Options() override {
     return {{"--tty", "PATH[=FAR]", "A serial port, and its far end (/dev/ttyS1=echo)", true,
              [this](const std::string& text) { TakeTty(text); }},
-            {"--pace", "", "Let bytes take the time that the speed says", false,
+            {"--pace", "", "Let bytes take the time that the speed requires", false,
              [this](const std::string& /*none*/) { m_isPaced = true; }},
             {"--serial-info", "FIVE,NUMBERS",
              "Answer to TIOCGSERIAL: base, FIFO size, flags, irq,\ndivisor (3906250,64,0x10000040,42,0)", false,
