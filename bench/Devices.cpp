@@ -22,9 +22,7 @@ namespace {
 
 constexpr std::chrono::seconds kPatience{10};  // after which a terminal counts as broken
 
-constexpr char kPhysicalMemoryDevice[] = "/dev/mem";
-
-/// What is opened in its place; null if nothing is.
+/// What is opened in the place of /dev/mem; null if nothing is.
 const char* physicalMemoryFile = nullptr;
 
 template <typename Function>
@@ -37,7 +35,7 @@ using OpenFunction = int(const char* path, int flags, mode_t mode);
 using IoctlFunction = int(int fd, unsigned long request, void* argument);
 
 int OpenAs(OpenFunction* real, const char* path, int flags, mode_t mode) {
-  const bool isReplaced = physicalMemoryFile != nullptr && std::strcmp(path, kPhysicalMemoryDevice) == 0;
+  const bool isReplaced = physicalMemoryFile != nullptr && std::strcmp(path, "/dev/mem") == 0;
   return real(isReplaced ? physicalMemoryFile : path, flags, mode);
 }
 

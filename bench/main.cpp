@@ -16,9 +16,6 @@ namespace {
 constexpr int kExitExceeded = 1;
 constexpr int kExitFailed = 2;
 
-constexpr std::string_view kSmokeOption = "--smoke";
-constexpr std::string_view kSimOption = "--sim";
-
 /// Takes @p option out of the arguments.
 /// @returns whether it was there.
 bool Take(std::string_view option, int& argc, char** argv) {
@@ -40,8 +37,8 @@ int Run(int argc, char** argv) {
   }
 #endif
 
-  const Effort effort = Take(kSmokeOption, argc, argv) ? Effort::kSmoke : Effort::kVerdict;
-  const bool ofSim = Take(kSimOption, argc, argv);
+  const Effort effort = Take("--smoke", argc, argv) ? Effort::kSmoke : Effort::kVerdict;
+  const bool ofSim = Take("--sim", argc, argv);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return kExitFailed;

@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr std::string_view kRepeated = "...";
 constexpr const char* kHelp = "help";
 
 Commands::Words Split(const std::string& line) {
@@ -33,7 +32,7 @@ bool Fits(const std::string& word, const std::string& expected, bool isVerb) {
 
 bool Fits(const Commands::Words& words, const std::string& usage) {
   const Commands::Words expected = Split(usage);
-  const bool isLong = EndsWith(expected.back(), kRepeated) && words.size() > expected.size();
+  const bool isLong = EndsWith(expected.back(), "...") && words.size() > expected.size();
   if (words.size() != expected.size() && !isLong) {
     return false;
   }

@@ -19,7 +19,6 @@
 namespace {
 
 constexpr const char* kPath = "/dev/watchdog";
-constexpr const char* kNumberedPath = "/dev/watchdog0";
 constexpr watchdog_info kSupport{WDIOF_SETTIMEOUT | WDIOF_KEEPALIVEPING | WDIOF_MAGICCLOSE | WDIOF_PRETIMEOUT, 0,
                                  "boardsim"};
 constexpr char kMagic = 'V';
@@ -36,7 +35,7 @@ std::string Seconds(Watchdog::Clock::duration time) {
 
 /// The first watchdog has two names.
 std::string OtherName(const std::string& path) {
-  return path == kPath ? kNumberedPath : "";
+  return path == kPath ? "/dev/watchdog0" : "";
 }
 
 /// Opens the node for the board itself, whatever rights the application has left it. Who is not root may not ignore

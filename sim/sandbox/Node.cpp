@@ -18,7 +18,6 @@ namespace {
 
 constexpr mode_t kRootsOwn = 0600;  // as on a board
 constexpr mode_t kRootsAndGroups = 0660;
-constexpr const char* kGroupOfPorts = "dialout";
 
 /// A master whose slave can be opened.
 Descriptor OpenMaster(const char* ptmx) {
@@ -32,7 +31,7 @@ Descriptor OpenMaster(const char* ptmx) {
 
 /// As on a board, the members of a group may open it, which is root's where there is none for serial ports.
 void GiveToGroup(const std::string& port) {
-  const group* const members = ::getgrnam(kGroupOfPorts);
+  const group* const members = ::getgrnam("dialout");
   [[maybe_unused]] const bool isTheirs =
       members != nullptr && ::chown(port.c_str(), static_cast<uid_t>(-1), members->gr_gid) == 0;
   ::chmod(port.c_str(), kRootsAndGroups);

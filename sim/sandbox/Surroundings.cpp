@@ -22,7 +22,6 @@ namespace {
 // Through these, programs outside are reached, and names of the network found.
 constexpr const char* kKeptInRun[] = {"/run/dbus", "/run/user", "/run/systemd", "/run/resolvconf",
                                       "/run/NetworkManager"};
-constexpr const char* kLocks = "/run/lock";
 
 // What the kernel tells root of itself and of everybody's secrets.
 constexpr const char* kHiddenInProc[] = {
@@ -77,7 +76,7 @@ void MountPrivateRun() {
     ::mkdir(path.c_str(), kFolderMode);
     Require<NamespacesForbidden>(source && Bind(PathOf(source.Get()), path), path + " can't be mounted");
   }
-  ::mkdir(kLocks, kSharedFolderMode);
+  ::mkdir("/run/lock", kSharedFolderMode);
   // Where these are not links into it, they are folders of the same meaning.
   for (const std::string path : {"/var/lock", "/var/run"}) {
     if (IsFolder(path)) {

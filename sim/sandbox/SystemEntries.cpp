@@ -19,7 +19,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kClasses = "/sys/class";
 constexpr const char* kDevices = "/sys/devices/platform";
-constexpr const char* kDrivers = "../../../bus/platform/drivers";
 constexpr const char* kFolderOptions = "mode=755";
 
 /// The path from the board's devices to what /sys tells of one.
@@ -88,7 +87,7 @@ void MakeEntry(const SystemEntry& entry) {
   const fs::path device = fs::path(kDevices) / entry.parent;
   const fs::path folder = kDevices / PlaceOf(entry);
   MakeFoldersFor(folder / "");
-  fs::create_symlink(fs::path(kDrivers) / entry.driver, device / "driver");
+  fs::create_symlink(fs::path("../../../bus/platform/drivers") / entry.driver, device / "driver");
   fs::create_symlink("../../../bus/platform", device / "subsystem");
   std::ofstream(device / "uevent") << "DRIVER=" << entry.driver << '\n';
   fs::permissions(device / "uevent", fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);

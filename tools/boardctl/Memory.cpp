@@ -19,9 +19,6 @@ namespace {
 constexpr std::uint32_t kWordSize = sizeof(std::uint32_t);
 constexpr std::uint32_t kBits = 32;
 
-constexpr const char* kAddress =
-    "the first byte's physical address, a multiple of 4, as devmem takes it: 0x80011000, decimal, or octal with a "
-    "leading 0";
 constexpr const char* kDetails =
     "All accesses are to 32-bit words. It needs root and /dev/mem, and kernels "
     "may guard it. Reading some registers changes the device: a receive buffer loses "
@@ -167,7 +164,10 @@ CLI::App& AddAddressVerb(Program& program, CLI::App& group, const Verb& verb, in
                          MemoryArguments*& arguments) {
   const auto kept = std::make_shared<MemoryArguments>();
   CLI::App& app = program.AddVerb(&group, verb, [kept, run](Call& call) { return run(*kept, call); });
-  AddArgument(app, "ADDRESS", "", kept->address, check::WordAddress, kAddress, kRequired);
+  AddArgument(app, "ADDRESS", "", kept->address, check::WordAddress,
+              "the first byte's physical address, a multiple of 4, as devmem takes it: 0x80011000, decimal, or octal "
+              "with a leading 0",
+              kRequired);
   arguments = kept.get();
   return app;
 }

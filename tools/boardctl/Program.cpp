@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr const char* kAbout = "boardctl looks at a board's devices, tries them and sets them up.\n";
 constexpr std::size_t kColumn = 22;  // where explanations begin
 
 /// @p text in lines that fit 80 columns, each but the first one indented; its own line breaks stay.
@@ -181,7 +180,7 @@ class HelpFormatter : public CLI::Formatter {
   }
 
   static std::string HelpOfProgram(const CLI::App* app) {
-    std::string help = kAbout;
+    std::string help = "boardctl looks at a board's devices, tries them and sets them up.\n";
     help += "Usage: boardctl [OPTION]... GROUP [VERB] [ARGUMENT]...\n\n";
     for (const CLI::App* const below : Below(app)) {
       help += Row(below->get_name(), below->get_description());
