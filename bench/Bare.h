@@ -15,11 +15,11 @@ bool BareWrite(int fd, const void* data, std::size_t length);
 /// One `read`, and whether it filled the buffer.
 bool BareRead(int fd, void* buffer, std::size_t length);
 
-/// Replaces the content of @p bytes by what @p fd holds now, read byte by byte, and tells whether that went well.
+/// Replaces the content of @p bytes by what @p fd holds now, read byte by byte, and returns whether that went well.
 bool BareReadAvailable(int fd, std::vector<unsigned char>& bytes);
 
 /// Whether there is something to read from @p fd within @p timeoutMs milliseconds.
-/// @throws std::runtime_error if the system does not tell.
+/// @throws std::runtime_error if the system does not report it.
 bool BarePoll(int fd, int timeoutMs);
 
 /// One feeding of the watchdog device @p fd, and whether it was accepted.

@@ -23,7 +23,7 @@
 
 #include "Descriptor.h"
 
-// Younger than some kernel headers.
+// Newer than some kernel headers.
 #ifndef SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP
 #define SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP (1UL << 0)
 #define SECCOMP_IOCTL_NOTIF_SET_FLAGS SECCOMP_IOW(4, __u64)

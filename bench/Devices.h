@@ -39,7 +39,7 @@ class Terminal {
 
 /// A watchdog device, to be opened under Name().
 ///
-/// Each feeding is answered by a question to the kernel about the pipe behind it: a real system call, and a cheap one.
+/// Each feeding is answered by a question to the kernel about its pipe: a real system call, and a cheap one.
 class WatchDogDevice {
  public:
   WatchDogDevice();

@@ -153,7 +153,7 @@ double PeakMemory() {
       return kibibytes * 1024;
     }
   }
-  throw std::runtime_error("the system does not tell the peak memory of a process");
+  throw std::runtime_error("the system does not report the peak memory of a process");
 }
 
 }  // namespace

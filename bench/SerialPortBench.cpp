@@ -22,7 +22,7 @@ constexpr double kBufferLimit = 1.05;
 constexpr long kTurns = 2000;
 constexpr long kLongTurns = 100;
 
-/// A batch is made of pieces. What a piece needs is laid ready before it, and what it leaves behind is taken away after
+/// A batch is made of pieces. What a piece needs is prepared before it, and what it leaves is removed after
 /// it, both outside of the measured time: a terminal holds little and would block.
 struct Size {
   const char* name;

@@ -212,7 +212,7 @@ const std::vector<Case>& Cases() {
   return cases;
 }
 
-/// Behind those of the contests: one that is measured by the clock alone, and a short one of its kind.
+/// After those of the contests: one that is measured by the clock alone, and a short one of its kind.
 const std::vector<Case>& PacedCases() {
   static const std::vector<std::string> options{"--pace", "--tty", std::string(kTty) + "=none"};
   static const std::vector<Case> cases{{"paced", 1, Measure::kDeviation, kPaceLimit, Pace<10>, options},

@@ -5,7 +5,7 @@
 # The scripts may be called from anywhere, also through a symlink; they work in the tree's top folder.
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.." || exit
 
-# Not in an ordinary user's PATH, but some systems have `ip` there.
+# Not in an ordinary user's PATH, but where some systems have `ip`.
 export PATH="$PATH:/usr/sbin:/sbin"
 
 # What every build needs, for install_missing. A compiler of the user's own choice replaces ours.
@@ -52,7 +52,7 @@ is_there() {
   fi
 }
 
-# become_root SENTENCE: sets as_root to the words that make the command behind them root's, or gives up with SENTENCE.
+# become_root SENTENCE: sets as_root to the words that make the command after them root's, or gives up with SENTENCE.
 become_root() {
   as_root=()
   ((EUID != 0)) || return 0

@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2034,SC2154 # variables of the scripts that source it, and theirs
-# Fresh systems of Debian, in folders, and programs that run in them. Sourced behind scripts/setup.sh, and behind
-# become_root: to make and to enter a system takes root.
+# Fresh systems of Debian, in folders, and programs that run in them. Sourced after scripts/setup.sh, and after
+# become_root: making and entering a system takes root.
 
 systems_need=(mount=mount perl=perl mmdebstrap=mmdebstrap
   debian-archive-keyring=/usr/share/keyrings/debian-archive-keyring.gpg)

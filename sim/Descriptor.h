@@ -71,7 +71,7 @@ class FileId {
   ino_t m_inode = 0;
 };
 
-/// The name under which a process reaches the file behind one of its own descriptors.
+/// The name under which a process reaches the file of one of its own descriptors.
 inline std::string PathOf(int fd) {
   return "/proc/self/fd/" + std::to_string(fd);
 }

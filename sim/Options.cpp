@@ -57,7 +57,7 @@ constexpr const char* kFooter =
 
 constexpr std::size_t kOptionWidth = 27;  // characters, which leaves 53 for its explanation
 
-/// The whole help: that of other versions of the parser is laid out in other ways, and shells complete what it says.
+/// The whole help: versions of the parser differ in their layout, and the shells' completion reads it.
 class HelpFormatter : public CLI::Formatter {
  public:
   std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode /*mode*/) const override {

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-/// A number of 32 bits in C's notation, without a sign.
+/// A 32-bit number in C's notation, without a sign.
 std::optional<std::uint32_t> ParseNumber(const std::string& text);
 
 /// The number that an option needs.

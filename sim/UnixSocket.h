@@ -9,7 +9,7 @@
 /// @throws SetupError with those words if the name is too long.
 sockaddr_un MakeUnixAddress(const std::string& path, const std::string& what);
 
-/// Removes the socket that a killed simulator has left behind, at which nobody answers any more. (Not a file, which is
+/// Removes the socket of a killed simulator, at which nobody answers any more. (Not a file, which is
 /// not ours.)
 void RemoveStaleSocket(const std::string& path);
 

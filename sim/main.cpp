@@ -12,7 +12,7 @@
 #include "board/Signals.h"
 
 int main(int argc, char** argv) {
-  // Descriptors of its own must not take the places of standard ones that are closed.
+  // Its own descriptors must not take the places of standard ones that are closed.
   int fd = STDIN_FILENO;
   while (fd >= 0 && fd <= STDERR_FILENO) {
     fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     }
     return Board(*options).Run();
   } catch (const std::exception& error) {
-    // A key that ends all that was being started, or that ended part of it, is not an error.
+    // An interrupt key that ends what was being started, or part of it, is not an error.
     if (Signals::IsInterruptPending()) {
       return kStatusSignal + SIGINT;
     }

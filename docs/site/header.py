@@ -1,4 +1,4 @@
-"""Prints a public header as Doxygen reads it: behind the comment of each operation, the fixed texts of its failures; behind
+"""Prints a public header as Doxygen reads it: after the comment of each operation, the fixed texts of its failures; after
 each enumerator, what it means.
 
 Usage: header.py HEADER, from the top folder; the Doxyfile names it as a filter. The texts are the error catalogue's.

@@ -17,8 +17,8 @@ is_ours() {
   [[ " ${pages[*]} " == *"/$1.$2 "* ]]
 }
 
-# has_system NAME SECTION: whether the system has that page. dpkg may be told to leave manual pages out, as in images for
-# containers; its lists of the packages' files have them all the same.
+# has_system NAME SECTION: whether the system has that page. dpkg may be configured to leave out manual pages, as in images
+# for containers; its lists of the packages' files still have them.
 has_system() {
   man -w "$2" "$1" >/dev/null 2>&1 ||
     grep -qsE "^/usr/share/man/man$2/${1//./\\.}\.$2[a-z]*(\.gz)?$" /var/lib/dpkg/info/*.list
@@ -51,7 +51,7 @@ for page in "${pages[@]}"; do
     printf '%s: %s\n' "$page" "$complaints"
     failed=1
   fi
-  # "boardsim (1)", perhaps behind a bracket.
+  # "boardsim (1)", perhaps after a bracket.
   check_references "$page" < <(sed 's/\\-/-/g' "$page" |
     sed -nE 's/^\.(B|BR|RB|IR) (\( )?([A-Za-z][A-Za-z0-9_.-]*) \(([1-8][a-z]*)\).*/\3 \4/p')
 done

@@ -55,7 +55,7 @@ def synopsis_of(header):
 
 
 def wrapped(line, width=76):
-    """Breaks behind commas; continuation lines are indented."""
+    """Breaks after commas; continuation lines are indented."""
     indent = re.match(" *", line).group(0)
     pieces, current = re.findall(r"[^,]*,?\s?", line.strip()), indent
     result = []

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
-# A boot of the virtual board, and its verdict. Sourced behind image.sh.
+# A boot of the virtual board, and its verdict. Sourced after image.sh.
 
 # More memory than the address of the UART takes, at 1 GiB.
 memory_start=0x40000000
@@ -28,13 +28,13 @@ make_run() {
   chmod +x "$1/root/payload/run"
 }
 
-# emulate FOLDER LIMIT QEMU_OPTION...: the emulator, with FOLDER/root behind the rest of the image, for at most LIMIT
+# emulate FOLDER LIMIT QEMU_OPTION...: the emulator, with FOLDER/root after the rest of the image, for at most LIMIT
 # seconds (0: for ever). Leaves the emulator's events and status in FOLDER. Reads standard input.
 emulate() {
   local run=$1 limit=$2 began=$SECONDS commands status=0
   shift 2
   { cat -- "$mine/${kernel:=bookworm}.image"; archive "$run/root"; } >"$run/initramfs"
-  # Events are told only after a word on the line of commands, which has to stay open.
+  # It reports events only after a command on the other pipe, which has to stay open.
   mkfifo "$run/monitor.in" "$run/monitor.out"
   exec {commands}<>"$run/monitor.in"
   printf '{"execute":"qmp_capabilities"}\n' >&"$commands"
@@ -48,7 +48,7 @@ emulate() {
     status=124
   fi
   exec {commands}>&-
-  # Its writer is gone, but it may never have come.
+  # Its writer has gone, or has never come.
   : <>"$run/monitor.out"
   wait $! || true
   rm -- "$run/initramfs"
@@ -103,8 +103,8 @@ boots() (
   boot "$folder/boot" true 300 virt
 )
 
-# how_it_ended FOLDER: tells of a board without a verdict what ended it. A panic and a reset end the emulator alike, so the
-# console is looked at first.
+# how_it_ended FOLDER: says what ended a board without a verdict. A panic and a reset end the emulator alike, so it looks at
+# the console first.
 how_it_ended() {
   local run=$1 status
   status=$(cat "$run/emulator-status")

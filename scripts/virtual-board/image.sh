@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # What a virtual board boots from: kernels and packages of Debian, what this tree is built to, and archives of both.
-# Sourced behind scripts/setup.sh; $cache holds what is fetched, $folder what is built.
+# Sourced after scripts/setup.sh; $cache holds what is fetched, $folder what is built.
 
 target=arm-linux-gnueabihf
 here=$PWD/scripts/virtual-board
@@ -61,7 +61,7 @@ fetch() {
   printf '%s\n' "$*" >"$complete"
 }
 
-# "set -e" means nothing to what quietly calls, nor to what find_newest calls: each step says itself that it failed.
+# "set -e" has no effect on what quietly or find_newest calls: each step itself says that it failed.
 fetch_packages() (
   with_apt
   apt-get update || exit
@@ -89,7 +89,7 @@ fetch_kernel_packages() (
   with_apt "$1"
   apt-get update || exit
   cd "$apt/packages" || exit
-  # One package of old; newer kernels come in several.
+  # Older kernels are one package, newer ones several.
   mapfile -t packages < <(apt-cache depends --recurse --important linux-image-armmp |
     grep -xE 'linux-(image|binary|modules|base)-[0-9].*-armmp')
   ((${#packages[@]})) || exit
@@ -190,7 +190,7 @@ make_device_tree() {
 }
 
 # cross_build PRESET LIBRARY_OPTIONS [CMAKE_OPTION]...: the library and what LIBRARY_OPTIONS add to it, installed in
-# build/board/PRESET/stage, and the tests as anybody's program on it, with the options that tell the preset's kind of file
+# build/board/PRESET/stage, and the tests as anybody's program on it, with the options that set the preset's kind of file
 # offsets and times.
 cross_build() {
   local preset=$1 built=$folder/$1 extent=$2 debug=(-DCMAKE_CXX_FLAGS_RELEASE='-O3 -DNDEBUG -g')

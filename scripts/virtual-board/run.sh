@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
-# A program or a shell on the virtual board, for those who work on one without having it. Sourced behind boot.sh.
+# A program or a shell on the virtual board, for those who work on one without having one. Sourced after boot.sh.
 
 limit='' with=() share='' append='' memory=$memory_size network='' debugged='' kernel=bookworm
 words=()
@@ -104,7 +104,7 @@ add_libraries() {
   done
 }
 
-# find_port: a port of this machine that nobody listens at.
+# find_port: a port of this machine on which nobody listens.
 find_port() {
   port=$((20000 + $$ % 20000))
   while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do
@@ -123,7 +123,7 @@ machine() {
   if ((size >= ${memory_size%M})); then
     options+=(-dtb "$device_tree")
   else
-    printf 'With less than %s of memory, there is no UART behind /dev/ttyS2.\n' "$memory_size" >&2
+    printf 'With less than %s of memory, /dev/ttyS2 has no UART.\n' "$memory_size" >&2
   fi
   if [[ -n $network ]]; then
     arguments+=' BOARD_NET=user'
@@ -214,7 +214,7 @@ run_program() {
     <&"$input" >"$run/stdin-echo"
   exec {input}<&-
   kill "$feeding" 2>/dev/null || true
-  # Had the emulator not come so far, nobody else would have opened these.
+  # If the emulator has not got that far, nobody else has opened these.
   : <>"$run/stdout" <>"$run/stderr"
   wait "${reading[@]}" || true
   grep '^BOARD-COMPLAINT' "$run/console" >&2 || true

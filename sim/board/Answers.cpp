@@ -25,7 +25,7 @@ std::string ProcessFolder(const TrappedCall& call) {
   return "/proc/" + std::to_string(call.Thread()) + '/';
 }
 
-/// The path that the application means, from its root on: it may begin at its folder, or at one that it has open.
+/// The path that the application means, from its root on: it may be relative to its folder or to an open one.
 std::filesystem::path AbsolutePath(const TrappedCall& call, int folder, const std::string& path) {
   if (path.front() == '/') {
     return path;
@@ -98,7 +98,7 @@ Device* Find(const Devices& devices, const Condition& condition) {
   return found == devices.end() ? nullptr : found->get();
 }
 
-/// Programs that take a file's name for that of a file would give up at an error.
+/// No error for a device of fixed size: a program that resizes its output file would give up.
 void ResizeUnlessFixed(const TrappedCall& call, const Device* device) {
   device != nullptr && device->HasFixedSize() ? call.Return(0) : call.Continue();
 }
@@ -121,7 +121,7 @@ void Answers::Give(const TrappedCall& call) {
 
 /// The device that the descriptor of a call means; null: none.
 Device* Answers::DeviceBehind(const TrappedCall& call) {
-  // Whichever way the descriptor came to the application, it is known by the file behind it.
+  // However the application got the descriptor, its file identifies the device.
   struct stat status {};
   if (!m_caller.StatDescriptor(call, call.CalledDescriptor(), status)) {
     return nullptr;
@@ -146,7 +146,7 @@ void Answers::GiveFtruncate(const TrappedCall& call) {
   ResizeUnlessFixed(call, device);
 }
 
-/// Once: it may be a terminal program, which asks often.
+/// Says so once: it may be a terminal program, which makes many requests.
 void Answers::TellOfForeignProgram(const TrappedCall& call) {
   if (m_hasTold) {
     return;
@@ -159,7 +159,7 @@ void Answers::TellOfForeignProgram(const TrappedCall& call) {
                program.c_str());
 }
 
-/// What openat2() asks for, the filter could not see.
+/// Checks all flags: the filter could not see those of openat2().
 bool Answers::MayBeOfDevice(const TrappedCall::Opening& opening) const {
   if ((opening.flags & (O_PATH | O_DIRECTORY)) != 0 || opening.resolve != 0) {
     return false;
@@ -172,14 +172,14 @@ bool Answers::MayBeOfDevice(const TrappedCall::Opening& opening) const {
 /// @param status is left as it is where no device lies under its name.
 Device* Answers::DeviceMeant(const TrappedCall& call, const std::filesystem::path& path, struct stat& status) {
   if (!m_namespaces) {
-    // A name that nobody has made: there is only the text to go by.
+    // No such file exists: only the text of the name can be compared.
     const std::vector<std::string> names = NamesOf(path);
     return Find(m_devices, [&names](const Device& device) {
       return std::any_of(names.begin(), names.end(), [&](const std::string& name) { return device.IsCalled(name); });
     });
   }
   const auto isIt = [&status](const Device& device) { return device.Is(FileId::Of(status)); };
-  // Mostly, its own name is said, and that leads to it. Others may be links, also such that begin at the root.
+  // Usually it is the device's own name, and leads to it. Others may be links, absolute ones too.
   Device* device = Find(m_devices, [&path](const Device& named) { return named.IsCalled(path); });
   if (device != nullptr && m_caller.StatName(call, "root" + path.string(), status) && isIt(*device)) {
     return device;
@@ -194,7 +194,7 @@ void Answers::GiveOpen(const TrappedCall& call) {
     opening = call.Open();
     path = call.PathOf(opening);
   } catch (const RequestError&) {
-    // Left empty: it can't be one of the devices, as far as anybody here can tell.
+    // Left empty: as far as can be seen here, it is not one of the devices.
   }
   if (path.empty() || !MayBeOfDevice(opening)) {
     call.Continue();
@@ -229,7 +229,7 @@ bool Answers::MayOpen(const TrappedCall& call, const struct stat& file, int flag
   const int access = flags & O_ACCMODE;
   const mode_t wanted = (access != O_WRONLY ? S_IROTH : 0U) | (access != O_RDONLY ? S_IWOTH : 0U);
   const auto gives = [&](mode_t who) { return (file.st_mode & wanted * who) == wanted * who; };
-  // As a rule, everybody may, or it is its owner who calls.
+  // Usually everybody may open it, or its owner calls.
   struct stat caller {};
   return gives(kEach) || (gives(S_IXUSR) && m_caller.StatName(call, ".", caller) && caller.st_uid == file.st_uid) ||
          HasRight(call, file, wanted);

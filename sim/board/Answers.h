@@ -9,7 +9,7 @@
 #include "sandbox/CallingThread.h"
 #include "sandbox/TrappedCall.h"
 
-/// Finds the device that a supervised system call means, and lets it answer. All others the kernel answers.
+/// Finds the device that a supervised system call means, and lets it answer. The kernel answers all others.
 class Answers {
  public:
   /// @param devices outlive it.

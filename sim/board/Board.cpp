@@ -88,7 +88,7 @@ int Board::RunOnce() {
         if ((events & POLLIN) != 0) {
           AnswerCall();
         } else {
-          // All who could call have gone, which it would tell of until the first process has, too.
+          // No supervised process is left; poll() would report that again and again until the first process ends.
           calls = {};
         }
       });
@@ -142,7 +142,7 @@ void Board::MakeSandbox() {
   }
   plan.namespaces = false;
   plan.net = Net::kHost;
-  // First of all: where calls can't be supervised, that is why namespaces were forbidden.
+  // Checked first: where calls can't be supervised, that is why namespaces were forbidden.
   m_sandbox = std::make_unique<Sandbox>(plan, m_signals.Before());
   RefuseRootOnThisNetwork();
   if (!forbidden.empty()) {

@@ -78,7 +78,7 @@ std::string Commands::Obey(const std::string& line) const {
 std::string Commands::Usages() const {
   std::vector<std::string> usages;
   for (const Command& command : m_commands) {
-    // What several devices have stands there once.
+    // A command that several devices have is listed once.
     if (std::find(usages.begin(), usages.end(), command.usage) == usages.end()) {
       usages.push_back(command.usage);
     }

@@ -72,7 +72,7 @@ bool ControlSocket::Serve(Client& client) const {
       answer = std::string("error ") + error.what();
     }
     answer += '\n';
-    // Whoever does not read the answers does without.
+    // A client that does not read its answers loses them.
     ::send(client.socket.Get(), answer.data(), answer.size(), MSG_NOSIGNAL);
   }
   return client.pending.size() <= kLongestCommand;

@@ -8,7 +8,7 @@
 #include "board/Commands.h"
 #include "board/EventLoop.h"
 
-/// A socket on which a technician, or a test, gives commands: one a line, each answered by a line.
+/// A socket on which a technician, or a test, gives commands: one per line, each answered by a line.
 class ControlSocket {
  public:
   /// @throws SetupError if the socket can't be made.

@@ -17,7 +17,7 @@ EventLog::EventLog(const std::string& path)
   if (!m_file) {
     throw SetupError("the log " + path + " can't be written", errno);
   }
-  // A full disk is better found out now than when the application has begun.
+  // A full disk is better noticed now than after the application has begun.
   if (const int error = TryWrite("board", "start"); error != 0) {
     throw SetupError("the log " + path + " can't be written", error);
   }
@@ -37,14 +37,14 @@ int EventLog::TryWrite(const std::string& device, const std::string& event) cons
   const std::chrono::duration<double> since = std::chrono::steady_clock::now() - m_start;
   char time[32];
   std::snprintf(time, sizeof time, "%.6f ", since.count());
-  // Whole lines in one call each: somebody may be reading along.
+  // Each line in a single call: somebody may be reading along.
   const std::string line = time + device + ' ' + event + '\n';
   for (std::string_view rest = line; !rest.empty();) {
     const ssize_t written = ::write(m_file.Get(), rest.data(), rest.size());
     if (written == -1) {
       return errno;
     }
-    // Where no more goes, the next call tells why.
+    // If not all was written, the next call fails and gives the reason.
     rest.remove_prefix(static_cast<std::size_t>(written));
   }
   return 0;

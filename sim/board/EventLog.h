@@ -6,7 +6,7 @@
 
 #include "Descriptor.h"
 
-/// One line an event: the seconds since the start, the device, what happened.
+/// One line per event: the seconds since the start, the device, what happened.
 class EventLog {
  public:
   /// Keeps nothing.

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <utility>
 
-/// A descriptor with its handler, or a moment with its.
+/// A descriptor or a moment, with its handler.
 struct EventLoop::Entry {
   Interest interest;
   Moment moment;
@@ -54,7 +54,7 @@ void EventLoop::Turn() {
 
   m_waiting.clear();
   std::optional<Clock::time_point> next;
-  // The last one first: what happened before something has then been seen with it, and is handled before it.
+  // In reverse order: an event that came before another one is then seen no later, and handled before it.
   for (auto entry = m_entries.rbegin(); entry != m_entries.rend(); ++entry) {
     m_waiting.push_back((*entry)->interest ? (*entry)->interest() : pollfd{-1, 0, 0});
     if (const auto moment = (*entry)->Next(); moment && (!next || *moment < *next)) {
@@ -66,7 +66,7 @@ void EventLoop::Turn() {
     return;
   }
 
-  // Handlers may register others and drop their own: these wait for the next turn.
+  // Handlers may add and remove registrations: the new ones wait for the next turn.
   const auto now = Clock::now();
   for (std::size_t i = 0; i < m_waiting.size(); ++i) {
     const std::shared_ptr<Entry> entry = m_entries[i];

@@ -23,7 +23,7 @@ class EventLoop {
   /// The next moment, asked before each wait; nothing: none at present.
   using Moment = std::function<std::optional<Clock::time_point>()>;
 
-  /// The handler is called no more once its registration has gone. It must not outlive what the handler uses.
+  /// The handler is no longer called once its registration is destroyed. It must not outlive what the handler uses.
   class Registration {
    public:
     Registration() = default;
@@ -53,7 +53,7 @@ class EventLoop {
   Registration Add(Entry entry);
 
   std::vector<std::shared_ptr<Entry>> m_entries;
-  std::vector<pollfd> m_waiting;  // one an entry, in the opposite order, kept for its memory
+  std::vector<pollfd> m_waiting;  // one per entry, in reverse order; a member so that its memory is reused
 };
 
 #endif

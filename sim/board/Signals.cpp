@@ -9,11 +9,11 @@ Signals::Signals() {
     ::sigaddset(&signals, signal);
   }
   m_descriptor = Descriptor(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-  // Writing fails with an error then, and that is enough.
+  // Writing then fails with an error, which is enough.
   ::sigaddset(&signals, SIGPIPE);
   ::sigaddset(&signals, SIGXFSZ);
   ::sigprocmask(SIG_BLOCK, &signals, &m_before.mask);
-  // Where children's ends are ignored, nobody learns of them.
+  // If SIGCHLD is ignored, the ends of children are not reported.
   struct sigaction standard {};
   standard.sa_handler = SIG_DFL;
   ::sigaction(SIGCHLD, &standard, &m_before.child);

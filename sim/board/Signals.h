@@ -5,7 +5,8 @@
 
 #include "Descriptor.h"
 
-/// The signals that are handed on to the application or tell of ends, kept back so that they can be waited for.
+/// The signals that are handed on to the application or report that a process has ended, blocked so that they can be
+/// waited for.
 class Signals {
  public:
   /// What the application gets as it was before.

@@ -1,4 +1,4 @@
-# Completes boardsim's words in bash. What there is, boardsim's own help tells.
+# Completes boardsim's words in bash. They come from boardsim's own help.
 
 _boardsim_after_options() {
   # The first word that is neither an option nor the value of one begins the command; "--" may stand before it.

@@ -1,4 +1,4 @@
-# Completes boardsim's words in fish. What there is, boardsim's own help tells.
+# Completes boardsim's words in fish. They come from boardsim's own help.
 
 function __boardsim_help
     command boardsim --help 2>/dev/null

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-/// Bytes on their way, not more than a certain number. What is too much is dropped, and counted.
+/// Bytes on their way, up to a limit. Those beyond it are dropped, and counted.
 class ByteQueue {
  public:
   explicit ByteQueue(std::size_t capacity) : m_capacity(capacity) {}

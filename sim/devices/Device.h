@@ -32,10 +32,10 @@ class Device {
     return m_path;
   }
 
-  /// Takes what the application has under the name, from the other side.
+  /// Takes the other side of what the application has under the name.
   /// @throws SetupError
   virtual void Attach(Descriptor descriptor) = 0;
-  /// Tells in /sys of itself, as long as it is attached.
+  /// Keeps its files in /sys up to date while it is attached.
   virtual void Tell(SystemFolder /*folder*/) {}
   /// Connects it with other devices of the board, once all are attached.
   virtual void Connect(const Devices& /*board*/) {}
@@ -47,11 +47,11 @@ class Device {
   virtual void Opened() {}
   /// It was not opened after all.
   virtual void NotOpened() {}
-  /// Whether the name is its, where there is only the text to go by.
+  /// Whether this is the device's name, where only the text can be compared.
   virtual bool IsCalled(const std::string& name) const {
     return name == Path();
   }
-  /// Whether an open gets a descriptor from here, although a name leads to the device.
+  /// Whether opens get a descriptor from here even where the device exists under its name.
   virtual bool HandsOut(int /*flags*/) const {
     return false;
   }
@@ -70,7 +70,7 @@ class Device {
 
   /// The application has ended, and with it all that had the device open.
   virtual void Finish() {}
-  /// Whether what the application has left is still on its way. Asked after its end, until it is not.
+  /// Whether what the application has left is still on its way. Asked after its end until it no longer is.
   virtual bool IsBusy() {
     return false;
   }
@@ -79,7 +79,7 @@ class Device {
   const std::string m_path;
 };
 
-/// A kind of devices: its options, and the devices that these ask for.
+/// A kind of device: its options, and the devices that they ask for.
 ///
 /// The application's needs come first: the files to lie under the names, and the requests on these that the simulator
 /// has to answer.
@@ -96,11 +96,11 @@ class DeviceKind {
   virtual TrappedRequests Requests() const {
     return {};
   }
-  /// Under which name /sys lists devices of the kind, as the kernel knows it; empty: it does not.
+  /// The class in /sys that lists devices of this kind; empty: none.
   virtual std::string Class() const {
     return "";
   }
-  /// Makes the devices, one a node.
+  /// Makes the devices, one per node.
   /// @param backplane outlives them.
   /// @throws SetupError
   virtual Devices Make(const Backplane& backplane) const = 0;

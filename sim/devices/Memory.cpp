@@ -12,7 +12,7 @@
 namespace {
 
 constexpr const char* kPath = "/dev/mem";
-// Beyond 4 GiB: a word at the last address is mapped with the page behind it.
+// Beyond 4 GiB: a word at the last address is mapped with the page after it.
 constexpr std::int64_t kSize = 0x100002000;
 
 class MemoryKind : public DeviceKind {
@@ -100,7 +100,7 @@ std::uint32_t Memory::Read(std::uint32_t address) const {
 }
 
 void Memory::Write(std::uint32_t address, std::uint32_t value) const {
-  // Fails only where memory itself runs out: then the register keeps what it had.
+  // Fails only if memory itself runs out: then the register keeps its value.
   [[maybe_unused]] const ssize_t written = ::pwrite(m_file.Get(), &value, sizeof value, address);
 }
 

@@ -13,7 +13,7 @@ struct RegisterPreset {
   std::uint32_t value = 0;
 };
 
-/// Physical memory: a sparse file behind the whole 32-bit range, which the application maps.
+/// Physical memory: a sparse file as large as the 32-bit range, which the application maps.
 ///
 /// Plain memory without side effects.
 class Memory : public Device {

@@ -17,15 +17,16 @@ namespace {
 
 constexpr std::size_t kLongestEvent = sizeof(inotify_event) + NAME_MAX + 1;
 
-/// Lets the kernel close a descriptor in its own time, for one that watches takes ten milliseconds.
+/// Lets the kernel close a descriptor later, as closing an inotify instance takes ten milliseconds.
 ///
-/// It travels to an end of a connection that nobody has, for that end travels there itself. Such ones the kernel finds.
+/// The descriptor is sent over a connection together with that connection's own receiving end. No process can receive
+/// it then, so the kernel's garbage collection closes both.
 void LeaveToKernel(Descriptor descriptor) {
   const auto [here, there] = Channel::MakePair();
   for (const int traveller : {descriptor.Get(), there.Get()}) {
     here.Send(Message(Message::Kind::kNothing), traveller);
   }
-  // Before the connection: the last one who has it closes it.
+  // Closed first: the connection must be the last to hold it.
   descriptor.Close();
 }
 
@@ -41,14 +42,14 @@ OpenWatch::~OpenWatch() {
   try {
     LeaveToKernel(std::move(m_events));
   } catch (const SetupError&) {
-    // It is closed all the same.
+    // It is closed anyway.
   }
 }
 
 bool OpenWatch::Take() const {
   bool isOpened = false;
   char events[4096];
-  // A piece with room for another event was the last one.
+  // A piece with room for another event is the last one.
   for (ssize_t got = sizeof events; got > static_cast<ssize_t>(sizeof events - kLongestEvent);) {
     got = ::read(m_events.Get(), events, sizeof events);
     for (ssize_t at = 0; at < got;) {

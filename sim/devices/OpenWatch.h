@@ -3,7 +3,7 @@
 
 #include "Descriptor.h"
 
-/// Tells of opens of a terminal, of which its master learns nothing.
+/// Reports opens of a terminal, of which its master is not notified.
 class OpenWatch {
  public:
   /// @param terminal need not stay open.
@@ -25,7 +25,7 @@ class OpenWatch {
   Descriptor m_events;
 };
 
-/// Whether a terminal has been open, and is no more.
+/// Whether a terminal has been open and no longer is.
 bool IsHungUp(const Descriptor& master);
 
 #endif

@@ -18,7 +18,7 @@ void SystemFolder::Write(const std::string& name, const std::string& text) {
     return;
   }
   file.text = text;
-  // In this order, whoever reads it meanwhile finds the old number or the new one, if only without its end of line.
+  // In this order, a reader meanwhile finds the old number or the new one, perhaps without its end of line.
   const std::string line = text + '\n';
   [[maybe_unused]] const bool isWritten =
       ::pwrite(file.descriptor.Get(), line.data(), line.size(), 0) == static_cast<ssize_t>(line.size()) &&

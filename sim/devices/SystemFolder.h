@@ -6,7 +6,7 @@
 
 #include "Descriptor.h"
 
-/// What /sys tells of a device: files of a line each, which only the simulator writes.
+/// What /sys shows of a device: files of a line each, which only the simulator writes.
 class SystemFolder {
  public:
   /// Keeps nothing.

@@ -38,8 +38,8 @@ std::string OtherName(const std::string& path) {
   return path == kPath ? "/dev/watchdog0" : "";
 }
 
-/// Opens the node for the board itself, whatever rights the application has left it. Who is not root may not ignore
-/// these, but as the owner he may change them for a moment.
+/// Opens the node for the board itself, whatever permissions the application has given it. A user other than root is
+/// bound by them, but as the owner may change them for a moment.
 Descriptor OpenNode(const Descriptor& node, int flags) {
   const std::string path = PathOf(node.Get());
   Descriptor opened(::open(path.c_str(), flags | O_CLOEXEC));
@@ -141,7 +141,7 @@ bool Watchdog::Is(const FileId& file) const {
 }
 
 void Watchdog::Opened() {
-  // A close just before is still on its way.
+  // A close just before it may not have been noticed yet.
   Look();
   if (m_isOpen) {
     m_log.Write(Path(), "open refused: busy");
@@ -153,7 +153,7 @@ void Watchdog::Opened() {
 }
 
 void Watchdog::NotOpened() {
-  // Whoever would have been the writer has gone.
+  // The would-be writer has gone.
   Reopen();
   m_isOpen = false;
   m_isArmed = m_wasArmed;
@@ -166,7 +166,7 @@ bool Watchdog::IsCalled(const std::string& name) const {
 }
 
 Descriptor Watchdog::Open(int flags) const {
-  // Also for both: reading would take away what was written.
+  // Write-only even for O_RDWR: reading would take away what was written.
   const int kept = O_WRONLY | (flags & O_NONBLOCK);
   Descriptor own = OpenNode(m_fifo, kept);
   if (!own || ::fcntl(own.Get(), F_SETFL, kept | O_DIRECT) == -1) {
@@ -234,7 +234,7 @@ void Watchdog::Look() {
       if (!m_isOpen) {
         Begin();
       }
-      // What is written at once comes in pieces of a page.
+      // A single large write arrives in pieces of a page.
       const bool hasMagic = std::find(bytes, bytes + got, kMagic) != bytes + got;
       m_maySleep = hasMagic || (m_maySleep && m_goesOn);
       m_goesOn = got % ::sysconf(_SC_PAGESIZE) == 0;
@@ -250,7 +250,7 @@ void Watchdog::Look() {
     if (m_maySleep && !m_traits.noWayOut) {
       m_isArmed = false;
     } else if (m_isArmed) {
-      // As a driver does whose watchdog did not stop.
+      // A driver also feeds its watchdog at a close that does not stop it.
       m_fed = Clock::now();
     }
     m_log.Write(Path(), m_isArmed ? "close: not stopped" : "close: stopped");
@@ -298,7 +298,7 @@ std::string Watchdog::State() const {
   return m_isArmed ? state + " left=" + Seconds(m_fed + std::chrono::seconds(m_timeout) - Clock::now()) : state;
 }
 
-/// Somebody has opened it: at once, or, in a way that is not kept back, as what he does with it tells.
+/// Begins when it is opened or, if that open was not supervised, when its first use shows it.
 void Watchdog::Begin() {
   m_isOpen = true;
   m_maySleep = false;
@@ -310,7 +310,7 @@ void Watchdog::Reopen() {
   m_reader = OpenNode(m_fifo, O_RDONLY | O_NONBLOCK);
 }
 
-/// One that counts already is not fed by that.
+/// A watchdog that already counts is not fed by it.
 void Watchdog::Arm() {
   if (!m_isArmed) {
     m_isArmed = m_isFed = true;
@@ -334,7 +334,7 @@ void Watchdog::Stop() {
   m_log.Write(Path(), "stopped by request");
 }
 
-/// What the kernel's watchdogs tell. Whether it was fed, they tell once.
+/// What the kernel's watchdogs report. That it was fed is reported once.
 unsigned int Watchdog::Status() {
   const bool isFed = std::exchange(m_isFed, false);
   return m_bootStatus | (m_maySleep ? WDIOF_MAGICCLOSE : 0U) | (isFed ? WDIOF_KEEPALIVEPING : 0U);
@@ -380,7 +380,7 @@ void Watchdog::SetOptions(const TrappedCall& call) {
   }
 }
 
-/// When less time is left than /sys tells.
+/// When the time left in /sys becomes out of date.
 std::optional<Watchdog::Clock::time_point> Watchdog::NextSecond() const {
   return m_isArmed ? std::make_optional(m_fed + std::chrono::seconds(m_timeout - m_toldLeft + 1)) : std::nullopt;
 }

@@ -23,7 +23,7 @@ class Watchdog : public Device {
   void Attach(Descriptor descriptor) override;
   void Tell(SystemFolder folder) override;
   bool Is(const FileId& file) const override;
-  /// Arms it, if an earlier close has not left it counting.
+  /// Arms it, unless an earlier close has left it counting.
   /// @throws RequestError EBUSY: somebody else has it.
   void Opened() override;
   void NotOpened() override;
@@ -31,7 +31,7 @@ class Watchdog : public Device {
   bool HandsOut(int /*flags*/) const override {
     return true;
   }
-  /// One that keeps writes apart, and from which nothing can be read.
+  /// One that keeps writes separate, and from which nothing can be read.
   Descriptor Open(int flags) const override;
   void Request(const TrappedCall& call) override;
   /// Resets the board if nobody has stopped it.
@@ -40,7 +40,7 @@ class Watchdog : public Device {
  private:
   /// Takes what was written, and the close after it.
   void Look();
-  /// When it resets the board, if nothing happens before.
+  /// When it resets the board, unless something happens before.
   std::optional<Clock::time_point> Deadline() const;
   void Expire();
   void Reset(const std::string& circumstance);
@@ -56,7 +56,7 @@ class Watchdog : public Device {
   void SetOptions(const TrappedCall& call);
   int SecondsLeft() const;
   std::optional<Clock::time_point> NextSecond() const;
-  /// Tells in /sys how it is.
+  /// Shows its state in /sys.
   void TellState();
 
   const Traits m_traits;
@@ -69,7 +69,7 @@ class Watchdog : public Device {
   bool m_isArmed = false;
   bool m_wasArmed = false;  // before it was opened
   bool m_maySleep = false;  // the magic byte was in the last write
-  bool m_goesOn = false;    // what comes may belong to the last write, too
+  bool m_goesOn = false;    // what comes next may belong to the last write, too
   bool m_isFed = false;     // since the status was asked for
   bool m_isWarned = false;  // of the reset, since it was fed
   int m_timeout = 0;        // seconds

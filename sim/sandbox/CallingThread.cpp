@@ -13,11 +13,11 @@ constexpr unsigned int kThread = O_EXCL;  // the kernel's PIDFD_THREAD, which mo
 
 Descriptor OpenThread(pid_t number) {
   Descriptor thread(static_cast<int>(::syscall(SYS_pidfd_open, number, kThread)));
-  // Before Linux 6.9 there is that of a process only, by its first thread.
+  // Before Linux 6.9 there are only those of processes, by their first threads.
   return thread ? std::move(thread) : Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, number, 0)));
 }
 
-/// By a duplicate: its three calls together take less time than one by name.
+/// Uses a duplicate: its three calls together take less time than one by name.
 /// @returns 0 or the error number.
 int StatDuplicate(const Descriptor& thread, int descriptor, struct stat& status) {
   const Descriptor duplicate(static_cast<int>(::syscall(SYS_pidfd_getfd, thread.Get(), descriptor, 0)));

@@ -9,10 +9,10 @@
 #include "Descriptor.h"
 #include "sandbox/TrappedCall.h"
 
-/// What the thread that makes a call has open and sees. The next call is mostly the same one's.
+/// What the thread that makes a call has open and sees. Usually the same thread makes the next call.
 class CallingThread {
  public:
-  /// The file behind one of its descriptors.
+  /// The file of one of its descriptors.
   /// @returns whether there is one.
   bool StatDescriptor(const TrappedCall& call, int descriptor, struct stat& status);
   /// What a name in its folder in /proc leads to.

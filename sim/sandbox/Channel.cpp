@@ -15,7 +15,7 @@ std::pair<Channel, Channel> Channel::MakePair() {
   int ends[2];
   Require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "no socket can be made");
   std::pair<Channel, Channel> pair{Channel(ends[0]), Channel(ends[1])};
-  // Tells processes inside in the numbering of the simulator.
+  // Gives the processes inside by their numbers outside.
   const int on = 1;
   ::setsockopt(pair.first.Get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
   return pair;

@@ -9,7 +9,7 @@
 
 #include "Descriptor.h"
 
-/// What the processes inside tell the simulator.
+/// What the processes inside send to the simulator.
 struct Message {
   enum class Kind : char { kNothing, kNode, kEntry, kNetwork, kListener, kForbidden, kFailed, kEnded };
 

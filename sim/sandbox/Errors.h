@@ -6,7 +6,7 @@
 
 #include "SetupError.h"
 
-/// This machine does not allow what the private /dev takes; the opens of devices can be answered instead.
+/// This machine does not allow what a private /dev needs; opens of devices can be answered instead.
 class NamespacesForbidden : public SetupError {
  public:
   using SetupError::SetupError;

@@ -27,7 +27,7 @@ namespace {
 
 constexpr unsigned int kForeignIoctl = 54;  // on i386 and on ARM with 32 bits
 
-/// Writes a filter: tests one after the other, each with its verdict directly behind it.
+/// Writes a filter: tests one after the other, each followed by its verdict.
 class Program {
  public:
   void LoadArchitecture() {
@@ -54,7 +54,7 @@ class Program {
     m_code.push_back(BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, bits, 1, 0));
     Return(verdict);
   }
-  /// Ends it. Other values pay for the comparisons, too, so these halve what is left.
+  /// Ends it. The comparisons halve what is left, as all other values go through them, too.
   void ReturnIfAnyOf(const std::vector<unsigned int>& sorted, unsigned int verdict, unsigned int otherwise) {
     if (sorted.size() <= 1) {
       if (!sorted.empty()) {
@@ -104,8 +104,8 @@ Program IoctlPart(TrappedRequests requests) {
   return part;
 }
 
-/// Opens for writing without O_CREAT: devices are opened so, and little else. And those that would empty a file, which
-/// memory is not. What is kept back can be interrupted by signals, which programs expect of opening a device at most.
+/// Supervises opens for writing without O_CREAT, as devices are opened and little else, and those that would empty a
+/// file, as memory must not be. Signals can interrupt supervised calls, which programs expect at most of devices.
 Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
   Program part;
   part.LoadArgument(flagsIndex);
@@ -117,7 +117,7 @@ Program OpenPart(std::size_t flagsIndex, bool devicesExist) {
   return part;
 }
 
-/// Requests are kept back only for somebody to be told of them.
+/// Requests are supervised only so that the user can be warned.
 Program ForeignPart() {
   Program part;
   part.LoadNumber();
@@ -129,7 +129,7 @@ Program ForeignPart() {
 Program Filter(const TrappedRequests& requests, bool devicesExist) {
   Program filter;
   filter.LoadArchitecture();
-  // Programs for the other architecture are left alone, but their users told.
+  // Programs for the other architecture are left alone, but their users are warned.
   filter.AppendUnlessEqual(kArchitecture, ForeignPart());
   filter.LoadNumber();
   filter.Append(SYS_ioctl, IoctlPart(requests));
@@ -145,7 +145,7 @@ Program Filter(const TrappedRequests& requests, bool devicesExist) {
   // The flags of this one can't be seen from here.
   filter.ReturnIfEqual(SYS_openat2, SECCOMP_RET_USER_NOTIF);
   if (!devicesExist) {
-    // What is opened in this way is opened by the kernel itself. Programs do without where there is no such thing.
+    // With io_uring the kernel itself opens files. Programs manage without it where it does not exist.
     filter.ReturnIfEqual(SYS_io_uring_setup, SECCOMP_RET_ERRNO | ENOSYS);
   }
   filter.Return(SECCOMP_RET_ALLOW);
@@ -158,7 +158,7 @@ int Seccomp(unsigned int operation, unsigned long flags, void* argument) {
 
 /// @returns the listener, or -1 with errno.
 int Install(sock_fprog& program) {
-  // A call that has been received can't be interrupted any more, where the kernel is new enough for that.
+  // With a new enough kernel, a call that has been received can't be interrupted any more.
   const int listener = Seccomp(SECCOMP_SET_MODE_FILTER,
                                SECCOMP_FILTER_FLAG_NEW_LISTENER | SECCOMP_FILTER_FLAG_WAIT_KILLABLE_RECV, &program);
   return listener == -1 && errno == EINVAL
@@ -172,7 +172,7 @@ Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist) {
   Program filter = Filter(requests, devicesExist);
   sock_fprog program = filter.Finished();
   int listener = Install(program);
-  // Without rights of its own, a process has to forgo those that programs with the set-user-ID bit would give it.
+  // Without rights of its own, a process has to give up those that set-user-ID programs would give it.
   if (listener == -1 && errno == EACCES && ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0) {
     listener = Install(program);
   }

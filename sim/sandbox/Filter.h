@@ -10,7 +10,7 @@ using TrappedRequests = std::vector<unsigned int>;
 
 /// Keeps back system calls of the calling process, and of all that it starts: those requests, and opens that may be
 /// of a device.
-/// @param devicesExist whether the devices lie under their names: then nobody has to keep programs from making files
+/// @param devicesExist whether the devices lie under their names: then programs need not be kept from making files
 /// there, or from opening the machine's own.
 /// @returns where the calls arrive, or none with errno.
 Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist);
@@ -18,7 +18,7 @@ Descriptor InstallFilter(const TrappedRequests& requests, bool devicesExist);
 /// The architecture whose programs are supervised, as the kernel's audit numbers it.
 unsigned int SupervisedArchitecture();
 
-// What kernels have come to know later:
+// What only newer kernels have:
 bool CanKeepSignalsBack();
 bool CanHandOverDescriptors(const Descriptor& listener);
 

@@ -23,7 +23,7 @@
 
 namespace {
 
-/// What the first process has inherited from the simulator is not to live on in it: the ends of connections, mostly.
+/// The first process must not keep open what it inherited from the simulator, such as the ends of connections.
 void CloseAllBut(int one, int other) {
   const int highest = std::max(one, other);
   for (int fd = STDERR_FILENO + 1; fd < highest; ++fd) {
@@ -34,7 +34,7 @@ void CloseAllBut(int one, int other) {
   ::syscall(SYS_close_range, highest + 1, ~0U, 0);
 }
 
-/// Tells why there will be no board.
+/// Reports why there will be no board.
 [[noreturn]] void GiveUp(const Channel& channel, const std::exception& error) {
   const bool isForbidden = dynamic_cast<const NamespacesForbidden*>(&error) != nullptr;
   channel.Send(Message(isForbidden ? Message::Kind::kForbidden : Message::Kind::kFailed, error.what()));
@@ -93,7 +93,7 @@ Descriptor Prepare(const Plan& plan, bool hasUsers, const Channel& firstProcess)
   ::_exit(error == ENOENT ? kStatusNotFound : kStatusNotExecutable);
 }
 
-/// The life of the first process: it waits for the application and ends with it, and all others with that.
+/// What the first process does: it waits for the application and ends with it, and all others end with that.
 [[noreturn]] void Wait(pid_t application, const Channel& channel, bool namespaces, pid_t simulator) {
   sigset_t signals;
   ::sigemptyset(&signals);
@@ -129,7 +129,7 @@ void RunFirstProcess(const Plan& plan, bool hasUsers, const Channel& channel, co
   const pid_t simulator = ::getppid();
   pid_t application = -1;
   try {
-    // The end of the simulator is the end of all.
+    // When the simulator ends, everything ends.
     ::prctl(PR_SET_PDEATHSIG, plan.namespaces ? SIGKILL : SIGTERM);
     Await(channel);
     const mode_t creation = ::umask(0);
@@ -148,7 +148,7 @@ void RunFirstProcess(const Plan& plan, bool hasUsers, const Channel& channel, co
     ends.second.Close();
     Descriptor peers;
     if (plan.namespaces) {
-      // Where the application's process gives up, it says why.
+      // If the application's process gives up, it says why.
       if (ends.first.AwaitGo()) {
         peers = MakeInnerNamespaces(plan, hasUsers, application, channel);
       }

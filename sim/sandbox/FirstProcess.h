@@ -7,7 +7,7 @@
 #include "sandbox/Channel.h"
 #include "sandbox/Plan.h"
 
-/// The life of the first process inside, after the simulator has made it: it makes the application's surroundings,
+/// What the first process inside does once the simulator has made it: it makes the application's surroundings,
 /// starts it, waits for its end, and ends all others with it.
 /// @param hasUsers whether it is in a user namespace.
 [[noreturn]] void RunFirstProcess(const Plan& plan, bool hasUsers, const Channel& channel,

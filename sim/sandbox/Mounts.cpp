@@ -54,7 +54,7 @@ bool MakeReadOnly(const std::string& path) {
   if (::syscall(SYS_mount_setattr, AT_FDCWD, path.c_str(), AT_RECURSIVE, &attributes, sizeof attributes) == 0) {
     return true;
   }
-  // Before Linux 5.12: without what is mounted below it, and with the attributes that may not be taken away.
+  // Before Linux 5.12: without what is mounted below it, and with the attributes that must be kept.
   constexpr unsigned long kKept = MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RELATIME | MS_NOATIME | MS_NODIRATIME;
   struct statvfs status {};
   return ::statvfs(path.c_str(), &status) == 0 &&

@@ -23,7 +23,7 @@ bool Bind(const std::string& source, const std::string& target);
 /// times. Devices can be written all the same.
 /// @returns false with errno.
 bool MakeReadOnly(const std::string& path);
-/// The same of a place that is not a mount by itself.
+/// The same for a place that is not itself a mount.
 bool BindReadOnly(const std::string& path);
 /// An empty folder that vanishes with the board.
 /// @param options as "mode=755".

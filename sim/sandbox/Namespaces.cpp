@@ -31,7 +31,7 @@ Descriptor OpenNamespace(pid_t process, const char* kind) {
   return Descriptor(::open(("/proc/" + std::to_string(process) + "/ns/" + kind).c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-/// Goes to the working folder by its name: what it was may be covered now.
+/// Enters the working folder again by its name: the old one may now be covered by a mount.
 void EnterFolder(const std::filesystem::path& folder) {
   if (!folder.empty() && ::chdir(folder.c_str()) == -1 && folder.string().rfind("/dev/", 0) == 0) {
     // Nothing but the board's devices is available.
@@ -118,7 +118,7 @@ void JoinUsers(pid_t process) {
 }
 
 void JoinMounts(pid_t process) {
-  // Entering leads to the root of all the mounts, which in a chroot is not that of the process.
+  // Entering changes the root to that of all mounts, which in a chroot is not the process's.
   const Descriptor root(
       ::open(("/proc/" + std::to_string(process) + "/root").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   const Descriptor mounts = OpenNamespace(process, "mnt");

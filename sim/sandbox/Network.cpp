@@ -24,12 +24,12 @@
 
 namespace {
 
-constexpr unsigned int kLinkScope = 0x20;  // as the list of addresses tells it
+constexpr unsigned int kLinkScope = 0x20;  // as the list of addresses gives it
 
 constexpr const char* kSettings = "/proc/sys/net/ipv6/conf";
 
-/// The numbers of the two ends differ: the kernel makes those with the same one wait a second for their carrier if
-/// others have just got theirs, on the whole machine.
+/// The two ends have different numbers: with the same one, the kernel makes them wait a second for their carrier if
+/// any others on the machine have just got theirs.
 struct Interface {
   const char* name;
   const char* address;  // of the hardware
@@ -47,14 +47,14 @@ bool HasIpV6() {
   return ::access(kSettings, F_OK) == 0;
 }
 
-/// Whether an interface gets an address by itself: machines may have that switched off for all new ones.
+/// Whether an interface gets an address by itself: the machine may switch that off for all new ones.
 bool UsesIpV6(const std::string& name) {
   std::ifstream setting(std::string(kSettings) + '/' + name + "/disable_ipv6");
   int isDisabled = 1;
   return setting >> isDisabled && isDisabled == 0;
 }
 
-/// An address counts at once, not only after a second in which nobody else claimed it.
+/// Makes addresses valid at once, not only after a second in which nobody else claims them.
 void ForgoTentativeAddresses() {
   for (const char* which : {"all", "default"}) {
     const Descriptor setting(
@@ -65,7 +65,7 @@ void ForgoTentativeAddresses() {
   }
 }
 
-/// Whether an interface has the address of its own that counts already.
+/// Whether an interface has a valid link-local address.
 bool HasLinkAddress(const std::string& name) {
   std::ifstream list("/proc/self/net/if_inet6");
   unsigned int scope = 0;
@@ -79,7 +79,7 @@ bool HasLinkAddress(const std::string& name) {
   return false;
 }
 
-/// The kernel gives these a moment later, even where nobody has to be asked.
+/// The kernel assigns them a moment later, even if it need not check whether others have them.
 void AwaitLinkAddress(const std::string& name) {
   constexpr int kMost = 500;
   for (int milliseconds = 0; milliseconds < kMost && !HasLinkAddress(name); ++milliseconds) {
@@ -107,7 +107,7 @@ void RunIp(const std::string& commands, const std::function<bool()>& prepare) {
       ::dup2(input.Get(), STDIN_FILENO);
       ::dup2(output.Get(), STDOUT_FILENO);
       ::dup2(output.Get(), STDERR_FILENO);
-      // Ordinary users do not look where some systems keep it.
+      // Some systems keep it where the PATH of ordinary users does not lead.
       const char* path = std::getenv("PATH");
       ::setenv("PATH", (std::string(path == nullptr ? "/usr/bin:/bin" : path) + ":/usr/sbin:/sbin").c_str(), 1);
       ::execlp("ip", "ip", "-batch", "-", static_cast<char*>(nullptr));

@@ -21,8 +21,8 @@ void MakeEmptyNetwork(const Descriptor& board);
 /// The other end's name of an interface of the board; empty if there is none of that name.
 std::string PeerOf(const std::string& interface);
 
-/// Runs `ip` with commands, one a line.
-/// @throws SetupError with the first line that it complains of.
+/// Runs `ip` with commands, one per line.
+/// @throws SetupError with the first line of its complaint.
 void RunIp(const std::string& commands);
 
 #endif

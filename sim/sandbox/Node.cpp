@@ -29,7 +29,7 @@ Descriptor OpenMaster(const char* ptmx) {
   return master;
 }
 
-/// As on a board, the members of a group may open it, which is root's where there is none for serial ports.
+/// As on a board, the members of a group may open it: the one for serial ports or, without such, root's.
 void GiveToGroup(const std::string& port) {
   const group* const members = ::getgrnam("dialout");
   [[maybe_unused]] const bool isTheirs =
@@ -53,7 +53,7 @@ Descriptor OpenReader(const std::string& path) {
   return Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
-/// A FIFO without a name. (Not a pipe: only a FIFO tells a reader of each time that the last writer has gone.)
+/// A FIFO without a name. (Not a pipe: only with a FIFO does a reader learn each time that the last writer has gone.)
 Descriptor MakeNamelessFifo() {
   const char* folder = std::getenv("TMPDIR");
   std::string place = std::string(folder == nullptr ? "/tmp" : folder) + "/boardsim-XXXXXX";

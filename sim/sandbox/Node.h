@@ -7,7 +7,7 @@
 
 #include "Descriptor.h"
 
-/// What /sys tells of a device: /sys/class/SUBSYSTEM/NAME.
+/// What /sys shows of a device: /sys/class/SUBSYSTEM/NAME.
 struct SystemEntry {
   std::string subsystem;
   std::string name;
@@ -34,7 +34,7 @@ struct Node {
 /// @returns the other side.
 /// @throws SetupError
 Descriptor MakeNode(const Node& node);
-/// Makes the terminal of a node that has been hung up anew, and lets it take its place.
+/// Makes the terminal of a node that has been hung up anew, and puts it in its place.
 Descriptor RenewNode(const std::string& path);
 /// Makes it without a name.
 /// @returns the other side.

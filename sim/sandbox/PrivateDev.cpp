@@ -61,7 +61,7 @@ bool IsIn(const std::string& path, const std::string& place) {
 }  // namespace
 
 void MountPrivateDev() {
-  // What is taken over is held, for the new /dev covers it.
+  // What is taken over is held open, as the new /dev covers it.
   std::vector<std::pair<Descriptor, std::string>> taken;
   for (const Entry& entry : kEntries) {
     if (entry.link == nullptr) {

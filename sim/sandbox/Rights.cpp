@@ -10,7 +10,7 @@
 
 namespace {
 
-// Younger than some kernel headers.
+// Newer than some kernel headers.
 constexpr unsigned int kPerfmon = 38;
 constexpr unsigned int kBpf = 39;
 constexpr unsigned int kCheckpointRestore = 40;
@@ -22,7 +22,7 @@ constexpr unsigned int kOverMachine[] = {
     kBpf,           kCheckpointRestore};
 
 void Drop(unsigned int right) {
-  // Fails for one that the kernel does not know, which nobody has.
+  // Fails for a right that the kernel does not know, which nobody has.
   if (::prctl(PR_CAPBSET_READ, right, 0, 0, 0) == 1) {
     Require(::prctl(PR_CAPBSET_DROP, right, 0, 0, 0) == 0, "root's rights over the machine can't be dropped");
   }
@@ -51,7 +51,7 @@ void DropRightsOverMachine(bool network) {
   if (network) {
     Drop(CAP_NET_ADMIN);
   }
-  // What is inherited besides the bounding set counts for root as well.
+  // Inheritable rights count for root as well, besides the bounding set.
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
   Require(::syscall(SYS_capget, &header, rights) == 0, "root's rights can't be read");

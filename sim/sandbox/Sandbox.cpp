@@ -98,7 +98,7 @@ void Sandbox::Go() {
 }
 
 void Sandbox::Signal(int signal) const {
-  // Likewise never without a process. When it has ended, its number may be another one's.
+  // Likewise never without a process. Once it has ended, its number may be another one's.
   if (m_application > 0 && !m_status) {
     ::kill(m_application, signal);
   }
@@ -202,7 +202,7 @@ void Sandbox::Reap(int options) {
     return;
   }
   if (!m_namespaces && WIFSIGNALED(status)) {
-    // Killed, it could not end the others: they are this process's children now.
+    // If it was killed, it could not end the others: they are now children of this process.
     EndDescendants();
   }
   m_init = -1;

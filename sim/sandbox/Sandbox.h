@@ -29,7 +29,7 @@ class Sandbox {
 
   /// Gives away the other side of a node.
   Descriptor TakeNode(const std::string& path);
-  /// Gives away the folder for what /sys tells of a node; none where there is no such thing.
+  /// Gives away the folder for what /sys shows of a node; none where there is no such thing.
   Descriptor TakeEntry(const std::string& path);
   /// Gives away where the supervised system calls arrive.
   Descriptor TakeListener();
@@ -52,7 +52,7 @@ class Sandbox {
   /// A new terminal under the name of one that has been hung up.
   /// @throws SetupError
   Descriptor Renew(const std::string& path) const;
-  /// The cable of an interface in, or out.
+  /// Plugs the cable of an interface in, or out.
   /// @throws SetupError
   void SetLink(const std::string& interface, bool up) const;
 

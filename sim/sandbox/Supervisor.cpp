@@ -5,14 +5,14 @@
 
 #include <utility>
 
-// Younger than some kernel headers.
+// Newer than some kernel headers.
 #ifndef SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP
 #define SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP (1UL << 0)
 #define SECCOMP_IOCTL_NOTIF_SET_FLAGS SECCOMP_IOW(4, __u64)
 #endif
 
 Supervisor::Supervisor(Descriptor listener) : m_listener(std::move(listener)) {
-  // Newer kernels then hand the processor over at once, which halves the time of an answer.
+  // Newer kernels then hand over the processor at once, which halves the time to answer.
   ::ioctl(m_listener.Get(), SECCOMP_IOCTL_NOTIF_SET_FLAGS, SECCOMP_USER_NOTIF_FD_SYNC_WAKE_UP);
 }
 

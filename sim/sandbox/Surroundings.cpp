@@ -19,11 +19,11 @@
 
 namespace {
 
-// Through these, programs outside are reached, and names of the network found.
+// Through these, programs reach others outside, and resolve names of the network.
 constexpr const char* kKeptInRun[] = {"/run/dbus", "/run/user", "/run/systemd", "/run/resolvconf",
                                       "/run/NetworkManager"};
 
-// What the kernel tells root of itself and of everybody's secrets.
+// What the kernel shows to root of itself and of everybody's secrets.
 constexpr const char* kHiddenInProc[] = {
     "/proc/acpi",        "/proc/asound",      "/proc/kallsyms",   "/proc/kcore",      "/proc/keys",
     "/proc/kmsg",        "/proc/kpagecgroup", "/proc/kpagecount", "/proc/kpageflags", "/proc/latency_stats",
@@ -64,7 +64,7 @@ void MountPrivateRun() {
   if (!IsFolder("/run")) {
     return;
   }
-  // What is kept is held, for the new /run covers it.
+  // What is kept is held open, as the new /run covers it.
   std::vector<std::pair<Descriptor, std::string>> kept;
   for (const std::string path : kKeptInRun) {
     if (IsFolder(path)) {
@@ -77,7 +77,7 @@ void MountPrivateRun() {
     Require<NamespacesForbidden>(source && Bind(PathOf(source.Get()), path), path + " can't be mounted");
   }
   ::mkdir("/run/lock", kSharedFolderMode);
-  // Where these are not links into it, they are folders of the same meaning.
+  // Where these are not links into it, they are folders with the same purpose.
   for (const std::string path : {"/var/lock", "/var/run"}) {
     if (IsFolder(path)) {
       MountEmptyFolder(path, path == "/var/lock" ? "mode=1777" : "mode=755");

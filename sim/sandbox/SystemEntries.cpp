@@ -21,7 +21,7 @@ constexpr const char* kClasses = "/sys/class";
 constexpr const char* kDevices = "/sys/devices/platform";
 constexpr const char* kFolderOptions = "mode=755";
 
-/// The path from the board's devices to what /sys tells of one.
+/// The path from the board's devices to what /sys shows of one.
 fs::path PlaceOf(const SystemEntry& entry) {
   return fs::path(entry.parent) / entry.subsystem / entry.name;
 }
@@ -112,7 +112,7 @@ std::vector<std::pair<std::string, Descriptor>> MakeSystemEntries(const std::vec
                                                                   const std::vector<std::string>& classes) {
   std::map<std::string, std::vector<const SystemEntry*>> members;
   for (const std::string& name : classes) {
-    // Kernels have what they have drivers for.
+    // A kernel has only the classes of its drivers.
     if (fs::is_directory(fs::path(kClasses) / name)) {
       members[name];
     }

@@ -8,7 +8,7 @@
 #include "Descriptor.h"
 #include "sandbox/Node.h"
 
-/// Makes /sys tell of the board's ports and watchdogs instead of the machine's: a folder for each, without files yet.
+/// Makes /sys show the board's ports and watchdogs instead of the machine's: a folder for each, without files yet.
 ///
 /// For the first process, in which /sys can't be written any more.
 /// @param classes that have nothing but the nodes in them, which may be nothing at all.

@@ -35,7 +35,7 @@ int TrappedCall::CalledDescriptor() const {
 }
 
 unsigned int TrappedCall::IoctlRequest() const {
-  // Some callers extend the sign of a request: the kernel looks at the low word only, too.
+  // Some callers sign-extend a request; the kernel, too, looks only at the low word.
   return static_cast<unsigned int>(m_call.data.args[1]);
 }
 
@@ -46,7 +46,7 @@ TrappedCall::Opening TrappedCall::Open() const {
     case SYS_openat:
       return {number(0), number(2), arguments[1], 0};
     case SYS_openat2: {
-      // Later versions are longer, of which the kernel knows the meaning.
+      // Later versions are longer; the kernel knows their meaning.
       open_how how{};
       ReadMemory(arguments[2], &how, std::min<std::uint64_t>(arguments[3], sizeof how));
       return {number(0), static_cast<int>(how.flags), arguments[1], how.resolve};
@@ -64,7 +64,7 @@ std::string TrappedCall::PathOf(const Opening& opening) const {
   const std::uint64_t address = opening.path;
   std::string path;
   constexpr std::uint64_t kPiece = 256;
-  // Piece by piece up to the next boundary: behind the text, there need not be any memory.
+  // Piece by piece up to the next boundary: there may be no memory after the text.
   while (path.size() < PATH_MAX) {
     char piece[kPiece];
     const std::size_t size = kPiece - (address + path.size()) % kPiece;
@@ -147,6 +147,6 @@ void TrappedCall::Answer(std::int64_t value, int error, std::uint32_t flags) con
   answer.val = value;
   answer.error = error;
   answer.flags = flags;
-  // Fails only if the caller has gone: nobody is left to be told.
+  // Fails only if the caller has gone: then nobody needs the answer.
   ::ioctl(m_listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);
 }

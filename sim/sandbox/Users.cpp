@@ -69,7 +69,7 @@ Range SubordinateRange(const char* path) {
   return {};
 }
 
-/// Runs a program in silence.
+/// Runs a program without its output.
 /// @returns whether it succeeded.
 bool Run(const std::vector<std::string>& words) {
   const pid_t child = ::fork();
@@ -96,7 +96,7 @@ bool Run(const std::vector<std::string>& words) {
   return status == 0;
 }
 
-/// An ordinary user becomes root, and has others where these have been given to him.
+/// An ordinary user becomes root, and has the other users that the machine has given him.
 /// @returns whether there are others.
 bool MapSubordinates(pid_t process, const char* tool, const char* ranges, id_t own) {
   const Range range = SubordinateRange(ranges);

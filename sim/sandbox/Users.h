@@ -3,8 +3,8 @@
 
 #include <sys/types.h>
 
-/// Gives a process in a new user namespace the users and groups that there are to be: to root's all that there are, to
-/// those of an ordinary user root, and the ones of /etc/subuid and /etc/subgid where these are set up.
+/// Gives a process in a new user namespace its users and groups: all that there are if root calls, otherwise root and,
+/// where they are set up, those of /etc/subuid and /etc/subgid.
 /// @throws NamespacesForbidden
 void MapUsersOf(pid_t process);
 

@@ -1,4 +1,4 @@
-// Every allocation of every operation fails in turn. The caller must be told: a result with missing parts would look
+// Every allocation of every operation fails in turn. The caller must know: a result with missing parts would look
 // like a complete one.
 #include <File.h>
 #include <IpNet.h>
@@ -36,7 +36,7 @@ const std::string kMissing = "/tmp/there-is-no-file-of-this-name-here";
 
 /// How an operation ended: its result, or its failure.
 std::string OutcomeOf(const std::function<std::string()>& operation) {
-  errno = 0;  // some failures tell of whatever failed before
+  errno = 0;  // some failures report whatever failed before
   try {
     return operation();
   } catch (const std::bad_alloc&) {

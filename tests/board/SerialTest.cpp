@@ -26,7 +26,7 @@
 namespace {
 
 constexpr const char* kDevice = "/dev/ttyS0";
-constexpr const char* kUnused = "/dev/ttyS3";  // a port of the driver without a UART behind it
+constexpr const char* kUnused = "/dev/ttyS3";  // a port of the driver without a UART
 
 constexpr int kModemLoopback = 0x8000;
 constexpr int kBase = 115200;        // bit/s, that of a UART's usual clock

@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
-# The boots that the board's tests take, a few at a time. Sourced behind scripts/virtual-board/boot.sh.
+# The boots that the board's tests take, a few at a time. Sourced after scripts/virtual-board/boot.sh.
 
 # add_tests: to the payload, the tests and the library with 64-bit file offsets and times, in a folder of their own; and
 # what tests the examples and boardctl.

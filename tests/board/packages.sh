@@ -1,6 +1,6 @@
 # shellcheck shell=bash disable=SC2154,SC2034 # one program in several files, which share these variables
 # The packages for armhf on the virtual board: dpkg itself installs them there, a client uses them, dpkg removes them.
-# Sourced behind scripts/virtual-board/boot.sh.
+# Sourced after scripts/virtual-board/boot.sh.
 
 # What dpkg needs on the board beyond its user land.
 dpkg_land=(dpkg tar coreutils diffutils findutils libc-bin libacl1 libattr1 libbz2-1.0 libgmp10 liblzma5 libpcre2-8-0 libselinux1

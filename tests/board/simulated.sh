@@ -11,7 +11,7 @@ if [[ ${1:-} == --gtest_list_tests ]]; then
   exec "$program" "$@"
 fi
 
-# Not in an ordinary user's PATH, but some systems have `ip` there.
+# Not in an ordinary user's PATH, but where some systems have `ip`.
 export PATH="$PATH:/usr/sbin:/sbin"
 as_user=()
 if [[ ${BOARD_USER:-} == ordinary ]] && ((EUID == 0)); then

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The virtual board as a workbench: each use of "scripts/board run" as its help tells it.
+# The virtual board as a workbench: each use of "scripts/board run" as its help describes it.
 # Usage: workbench.sh
 set -euo pipefail
 tree=$(readlink -f "$(dirname "$(readlink -f "$0")")/../..")
@@ -40,13 +40,13 @@ program() {
 
 echo '== A program for another machine is refused before anything is booted'
 run 1 /bin/true </dev/null
-grep -q 'for another machine' err || fail 'It is not told.'
+grep -q 'for another machine' err || fail 'It is not reported.'
 ! grep -q 'Building' out err || fail 'Something was built for it.'
 program taking <<'END'
 echo taken
 END
 run 1 --with /bin/true -- ./taking </dev/null
-grep -q '/bin/true is a program for another machine' err || fail 'It is not told of what comes along.'
+grep -q '/bin/true is a program for another machine' err || fail 'It is not reported for what comes along.'
 
 echo '== A program of the own folder goes before an example, with files, input, a shared folder and settings of the board'
 mkdir shared
@@ -84,7 +84,7 @@ echo 'int One(); int Forty(); int main() { return One() + Forty(); }' |
   compile -Lgiven -lone -Lbeside -lforty -Wl,-rpath,'$ORIGIN/beside' -o adding
 LD_LIBRARY_PATH=$work/elsewhere run 41 --with given/libone.so -- ./adding </dev/null
 run 1 --with given/libone.so -- ./adding </dev/null
-grep -q 'given/libone.so needs libtwo.so, which is neither on the board nor here' err || fail 'It is not told what is missing.'
+grep -q 'given/libone.so needs libtwo.so, which is neither on the board nor here' err || fail 'What is missing is not reported.'
 
 echo '== Output comes as it is written, and input is read as it comes'
 program answer <<'END'
@@ -125,14 +125,14 @@ wait "$two" || status=$?
 expect out first "$(cat "$tree/.cache/board/kernel-bookworm/complete")"
 expect out2 second "$(cat "$tree/.cache/board/kernel-newest/complete")"
 
-echo '== A board that hangs is ended, and that is told'
+echo '== A board that hangs is ended, and that is reported'
 program hanging <<'END'
 sleep 1000
 END
 run 125 --timeout 15 ./hanging </dev/null
-grep -q 'without a verdict, by a hang' err || fail 'It is not told.'
+grep -q 'without a verdict, by a hang' err || fail 'It is not reported.'
 
-echo '== An emulator that somebody kills is told from a board that hangs'
+echo '== An emulator that somebody kills is distinguished from a board that hangs'
 "$board" run ./hanging </dev/null >out 2>err &
 running=$! emulator=''
 until [[ $emulator ]]; do
@@ -146,26 +146,26 @@ kill -KILL "$emulator"
 status=0
 wait "$running" || status=$?
 ((status == 125)) || fail "The status is $status, not 125."
-grep -q 'without a verdict, by a failure of the emulator (status 137)' err || fail 'It is not told.'
+grep -q 'without a verdict, by a failure of the emulator (status 137)' err || fail 'It is not reported.'
 
-echo '== A board that resets is told from one that hangs'
+echo '== A board that resets is distinguished from one that hangs'
 program resetting <<'END'
 reboot -f
 sleep 100
 END
 run 125 ./resetting </dev/null
-grep -q 'without a verdict, by a reset' err || fail 'It is not told.'
+grep -q 'without a verdict, by a reset' err || fail 'It is not reported.'
 
 echo '== ... and so are one that panics, and an emulator that does not even start'
 program panicking <<'END'
 echo c > /proc/sysrq-trigger
 END
 run 125 ./panicking </dev/null
-grep -q 'without a verdict, by a panic' err || fail 'It is not told.'
+grep -q 'without a verdict, by a panic' err || fail 'It is not reported.'
 run 125 --memory 1000000G ./panicking </dev/null
-grep -q 'without a verdict, by a failure of the emulator (status 1)' err || fail 'It is not told.'
+grep -q 'without a verdict, by a failure of the emulator (status 1)' err || fail 'It is not reported.'
 
-echo '== A shell tells how to leave it, and is left so'
+echo '== A shell says how to leave it, and is left so'
 mkfifo keys
 "$board" shell --with note <keys >out 2>err &
 running=$!
@@ -241,7 +241,7 @@ echo '== Of the tests, one that merely fails ends the run with its status and it
   test_kernels bookworm
 ) >out 2>err && status=0 || status=$?
 ((status == 3)) || fail "The status is $status, not 3."
-grep -q 'failing .*FAILED with status 3' err || fail 'Its status is not told.'
+grep -q 'failing .*FAILED with status 3' err || fail 'Its status is not reported.'
 expect err '[  FAILED  ] Some.Test'
 expect out passing
-echo 'The workbench does what its help tells.'
+echo 'The workbench does what its help says.'

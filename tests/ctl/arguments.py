@@ -30,7 +30,7 @@ VERBS = {
     ("explain",): ["text"],
 }
 
-# Arguments, and what is said of them behind "boardctl: ".
+# Arguments, and what is said of them after "boardctl: ".
 WRONG = [
     ([], "it takes a group: "),
     (["nope"], 'there is no group "nope"'),

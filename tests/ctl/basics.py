@@ -348,7 +348,7 @@ class Memory(TestCase):
         self.assertIn("0x00000000", result.out)
 
     def test_ASignalThatIsIgnoredFromTheStartStaysSo(self):
-        # As under nohup, or behind a shell's &.
+        # As under nohup, or after a shell's &.
         script = (f"(trap '' INT; exec {shell('mem', 'watch', '0x40000000', '--every', '1')}) > seen & "
                   "until test -s seen; do sleep 0.3; done; kill -INT $!; "
                   f"{shell('--quiet', 'mem', 'write', '0x40000000', '1')} > wrote; "

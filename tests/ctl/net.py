@@ -8,7 +8,7 @@ import signal
 from ctl import BOARDCTL, NO_IP, finish, main, shell, start, TestCase
 
 ADDRESS = "192.0.2.10/24"
-# The kernel gives it its link-local address a moment later, and must not do so behind what the test does.
+# The kernel gives it its link-local address a moment later, and must not do so after what the test does.
 ETH1_UP = "ip link set eth1 up; until ip -6 addr show dev eth1 | grep -q fe80; do sleep 0.3; done"
 
 
@@ -117,7 +117,7 @@ class Net(OnANetwork):
                 else:
                     self.assertEqual(told[-1], "nothing has to be changed")
                     asked = [line[11:] for line in told[:-1]]
-                # What is told was run, and what was run is told.
+                # What is shown was run, and what was run is shown.
                 self.assertEqual(pathlib.Path("dry").read_text().splitlines(), asked)
                 self.assertEqual([line for line in pathlib.Path("real").read_text().splitlines() if " show" not in line], would)
                 self.assertTrue(all(" show" in line for line in asked), asked)
@@ -330,7 +330,7 @@ class Net(OnANetwork):
         result = self.script(*setup, shell("net", "clear", "address", "eth0", "--flush"),
                              shell("net", "clear", "address", "eth0", "--flush"), "ip -4 addr show dev eth0")
         self.assertEqual(result.out, "eth0  was 10.9.9.9/32, now none: changed\neth0 has no IPv4 address: nothing had to be changed\n")
-        # One behind an ordinary address is what is left then, and is told.
+        # One after an ordinary address is what is left then, and is reported.
         result = self.script(f"ip addr add {ADDRESS} dev eth0", setup[0], shell("net", "clear", "address", "eth0"))
         self.assertEqual(result.out, f"eth0  was {ADDRESS}, now 10.9.9.9/32: changed\n")
 
@@ -344,7 +344,7 @@ class Net(OnANetwork):
         result = self.script(*setup, "ip route add default dev eth0 metric 200", shell("--json", "net", "clear", "gateway"))
         self.assertEqual((result.status, result.err), (0, remains))
         self.assertIn('"before":"192.0.2.1 on eth0","wanted":null,"after":"none, but a default route","changed":true,', result.out)
-        # It is not told of one that is to be there.
+        # It is not said of one that is to be there.
         result = self.script(*setup, "ip route add default via 192.0.2.2 dev eth0 metric 200", shell("net", "gateway", "eth0", "192.0.2.3"))
         self.assertEqual((result.out, result.err), ("eth0  was 192.0.2.1 on eth0, now 192.0.2.3 on eth0: changed\n", ""))
 

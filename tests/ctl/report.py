@@ -156,7 +156,7 @@ class Report(TestCase):
                     self.assertIn(remark, finish(start([*words, BOARDCTL, "--json", "report"])).objects[0]["unusual"])
 
     def elsewhere(self, script, *words):
-        """A report on a board whose kernel tells other things, which the script puts in the place of what there is."""
+        """A report on a board whose kernel reports other things, which the script puts in the place of what there is."""
         self.need_mounts_of_its_own()
         result = self.board("unshare", "--map-root-user", "--mount", "sh", "-ec", f"{script}\n{without_rights(*words, 'report')}")
         self.assertEqual((result.status, result.err), (0, ""))

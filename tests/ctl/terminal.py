@@ -63,7 +63,7 @@ class Terminal(TestCase):
         self.assertNotIn("\x1b[1m", self.screen("-e"))
 
     def test_WhatTheTerminalSendsItselfIsNotHandedOnOnceMore(self):
-        # The tool stands still until the command has taken the terminal's own, so that no second one is lost behind it.
+        # The tool stands still until the command has taken the terminal's own, so that a second one is not lost after it.
         pathlib.Path("command.py").write_text(
             "import os, pathlib, re, signal\n"
             "signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGINT])\n"

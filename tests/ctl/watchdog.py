@@ -76,7 +76,7 @@ class Watchdog(TestCase):
         self.assertEqual((simulated["identity"], other["identity"]), ("boardsim", None))
 
     def without_sys(self, script):
-        """The words of a shell for a script to which /sys tells of no watchdog."""
+        """The words of a shell for a script for which /sys has no watchdog."""
         self.need_mounts_of_its_own()
         return shlex.join(["unshare", "--map-root-user", "--mount", "bash", "-c", f"mount -t tmpfs none /sys/class/watchdog && {script}"])
 
@@ -234,7 +234,7 @@ class Watchdog(TestCase):
                 result = self.board("sh", "-c", script, log="log")
                 end, *said = result.out.splitlines()
                 stages, status = map(int, end.split())
-                # Behind the last stage, it ends as without a signal.
+                # After the last stage, it ends as without a signal.
                 self.assertEqual((status, said[-1]), (0, DISARMED), result.err)
                 self.assertGreater(stages, 20)
                 whole = ["open", "timeout 30", "write magic", "close: stopped"]

@@ -53,7 +53,7 @@ inline bool NestedName(const std::string& symbol, std::string& result) {
   }
 }
 
-/// The second way: what stands between the first '_' behind the first '(' and a ')' or '+', for the language's own
+/// The second way: what stands between the first '_' after the first '(' and a ')' or '+', for the language's own
 /// demangler.
 inline bool Signature(const std::string& symbol, std::string& result) {
   std::size_t i = 0;

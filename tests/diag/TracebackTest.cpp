@@ -22,7 +22,7 @@
 // --- Functions with a name to show -----------------------------------------------------------------------------------
 //
 // In a namespace and without a result, so that their names are read in one way whatever the addresses are. Each does
-// something behind its call: a jump would leave no frame.
+// something after its call: a jump would leave no frame.
 
 namespace tracing {
 

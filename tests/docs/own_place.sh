@@ -23,7 +23,7 @@ for program in app/build/app app/app; do
   fi
 done
 
-# Where the tree has been moved, they find the library only if they are told where it is.
+# Where the tree has been moved, they find the library only if they are given its place.
 mv "$HOME/boardkit" "$HOME/elsewhere"
 for program in app/build/app app/app; do
   if "$program" lo > printed 2>&1; then

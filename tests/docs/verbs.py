@@ -41,7 +41,7 @@ def check(holds, complaint):
 
 
 def check_command(tool, words, where):
-    """One command, from behind the tool's name on."""
+    """One command, from after the tool's name on."""
     shown = f"{where}: {tool} {' '.join(words)}"
     words = words[:words.index("--")] if "--" in words else words
     options = [re.match(r"--[a-z-]*", word)[0] for word in words if word.startswith("--")]

@@ -23,7 +23,7 @@ expect() {
   done
 }
 
-# run STATUS FILE COMMAND...: COMMAND ends with STATUS; what it prints comes into FILE.
+# run STATUS FILE COMMAND...: COMMAND ends with STATUS; its output goes to FILE.
 run() {
   wanted=$1 output=$2
   shift 2

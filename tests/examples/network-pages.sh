@@ -74,7 +74,7 @@ else
   printf 'Left out, for want of root or setcap: the capabilities of a file.\n'
 fi
 
-# What the page on security says of names that ip reports: the shell runs what stands behind the semicolon.
+# What the page on security says of names that ip reports: the shell runs what follows the semicolon.
 # shellcheck disable=SC2016  # the inner shell's own
 run 0 printed "$boardsim" -- sh -c '
   ip link set eth1 down

@@ -7,7 +7,7 @@ examples=$1 boardsim=$2
 . "$(dirname "$(readlink -f "$0")")/expect.sh"
 need_board "$boardsim"
 
-# stop STATUS FILE: tells the program in the background to end, and expects it to end with STATUS.
+# stop STATUS FILE: has the program in the background end, and expects it to end with STATUS.
 stop() {
   kill -TERM "$!"
   status=0

@@ -24,7 +24,7 @@ Lines SplitLines(const std::string& text) {
   return lines;
 }
 
-/// The text before @p end, if that occurs in it, without blanks behind it.
+/// The text before @p end, if that occurs in it, without blanks at its end.
 std::string Before(const std::string& text, const std::string& end) {
   const std::string before = text.substr(0, text.find(end));
   return before.substr(0, before.find_last_not_of(' ') + 1);

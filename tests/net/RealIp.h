@@ -37,8 +37,8 @@ struct Family {
   const char* farGateway;   ///< in the second network
   const char* target;       ///< a network that is neither of them
   const char* unreachable;  ///< an address that is in none of them
-  const char* shownSuffix;  ///< behind the prefix length where the kernel lists `first` as the library sets it
-  const char* metric;       ///< behind a default route that was added without a metric
+  const char* shownSuffix;  ///< after the prefix length where the kernel lists `first` as the library sets it
+  const char* metric;       ///< after a default route that was added without a metric
 };
 extern const Family kFamily4;
 extern const Family kFamily6;

@@ -63,13 +63,13 @@ const std::vector<Recording> kRecordings = {
     {"addr-both.busybox", kBoth},
     {"addr-secondary.iproute2", kBoth},
     {"addr-secondary.busybox", kBoth},
-    // With a peer, the prefix length stands behind the peer's address: not in the word that is looked at.
+    // With a peer, the prefix length follows the peer's address: it is not in the word that is looked at.
     {"addr-peer.iproute2", kLinkOnly},
     {"addr-peer.busybox", {{"link", kMac}, {"ipv6", "2001:db8::10"}, {"ipv6pflen", "128"}}},
     // The first "inet" is the one in the name.
     {"addr-inet0.iproute2", kIpV6Only},
     {"addr-inet0.busybox", kIpV6Only},
-    // Only blanks separate words, so that the newline is the word behind the link's type.
+    // Only blanks separate words, so that the newline is the word after the link's type.
     {"addr-link-none.iproute2", {{"link", "\n"}}},
     {"addr-link-none.busybox", {{"link", "\n"}}},
 
@@ -95,7 +95,7 @@ const std::vector<Recording> kRecordings = {
     {"route4-unreachable.busybox", {{"default", "\n192.0.2.0/24"}, {"dev", "eth0"}}},
     {"route4-via-inet6.iproute2", Gateway("via", "inet6", "eth0")},
     {"route4-via-inet6.busybox", {{"default", "dev"}, {"dev", "eth0"}}},
-    // Here "via" is found in the interface's name, and its value is the word behind the name.
+    // Here "via" is found in the interface's name, and its value is the word after the name.
     {"route4-via1-no-default.iproute2", {{"via", "proto"}}},
     {"route4-via1-no-default.busybox", {{"via", "scope"}}},
     {"route4-via1-no-gateway.iproute2", Gateway("dev", "scope", "via1")},

@@ -56,7 +56,7 @@ only() {
 hardened() {
   # shellcheck disable=SC2086  # a pattern
   for file in "$work/$1"$2; do
-    [ -e "$file" ] || continue  # which was told
+    [ -e "$file" ] || continue  # which was reported
     readelf --wide --dynamic "$file" | grep -q 'BIND_NOW' || complain "$2 is not bound when it starts."
     readelf --wide --segments "$file" | grep -q 'GNU_RELRO' || complain "$2 has tables that stay writable."
     readelf --wide --file-header "$file" | grep -q 'DYN' || complain "$2 lies at a fixed address."
@@ -105,7 +105,7 @@ if [ -n "$nodoc" ]; then
   [ -z "$(find . -maxdepth 1 -name 'boardkit-doc_*')" ] || complain 'There is a boardkit-doc, in spite of nodoc.'
 elif [ "$architecture" = "$(dpkg --print-architecture)" ]; then
   expect boardkit-doc all foreign /usr/share/doc/boardkit-doc/html/index.html /usr/share/doc-base/boardkit-doc.boardkit
-  python3 "$links" "$work/boardkit-doc/usr/share/doc/boardkit-doc/html" || complain 'boardkit-doc has what docs/site/links.py told.'
+  python3 "$links" "$work/boardkit-doc/usr/share/doc/boardkit-doc/html" || complain 'boardkit-doc has what docs/site/links.py reported.'
 fi
 [ "$failed" -ne 0 ] || echo "The packages for $architecture have what they should."
 exit "$failed"

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Installs into the default prefix as the README tells it, on this machine's own files but without changing them: a program
+# Installs into the default prefix as the README says, on this machine's own files but without changing them: a program
 # finds the library only when ldconfig has run, and no more when it is uninstalled.
 # Usage: default-prefix.sh SOURCE_DIR BUILD_DIR CXX
 set -eu

@@ -19,7 +19,7 @@
 
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"  // all of them lie in one piece
 
-// Known are 64-bit PCs and 32-bit ARM boards, with the current string of libstdc++.
+// For 64-bit PCs and 32-bit ARM boards only, with the current string of libstdc++.
 #if (defined(__x86_64__) || defined(__arm__)) && defined(_GLIBCXX_USE_CXX11_ABI) && _GLIBCXX_USE_CXX11_ABI
 
 /// The value that holds for this architecture.
@@ -56,7 +56,7 @@ static_assert(offsetof(SerialPort, m_termiosSupported) == On(208, 156));
 
 static_assert(sizeof(OpSystem) == On(8, 4));
 
-// Behind the table of virtual functions and the reference to the command runner, which has no offset to ask for.
+// After the table of virtual functions and the reference to the command runner, which has no offset to ask for.
 static_assert(sizeof(IpNet) == On(56, 36));
 static_assert(offsetof(IpNet, m_debugActive) == On(16, 8));
 static_assert(offsetof(IpNet, m_debugOutput) == On(24, 12));

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Releases what is committed, in a clone, and then a next version: once with additions, once with virtual functions in
-# another order, of which neither the list of symbols nor the layouts tell.
+# another order, which neither the list of symbols nor the layouts show.
 # Usage: next-release.sh SOURCE_DIR VERSION
 set -eu
 version=$2

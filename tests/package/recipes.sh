@@ -19,7 +19,7 @@ export LC_ALL
 grep -v '^#' src/exported-symbols.txt | c++filt | sort -u > "$work/exported"
 sed -n 's/^ (c++)"\(.*\)@Base" [0-9.]*$/\1/p' debian/libboardkit*.symbols | sort -u |
   diff "$work/exported" - || complain 'debian/*.symbols (>) differs from src/exported-symbols.txt (<).'
-# The manual page tells the profile that the package installs.
+# The manual page shows the profile that the package installs.
 grep -v '^#' sim/boardsim.apparmor > "$work/profile"
 sed -n '/^abi </,/^\.EE$/{ /^\.EE$/!p; }' sim/boardsim.1 | diff "$work/profile" - ||
   complain 'sim/boardsim.1 (>) has another profile than sim/boardsim.apparmor (<).'

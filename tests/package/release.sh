@@ -28,7 +28,7 @@ expect() {
   done
 }
 
-echo '== the sum in the recipes is that of the archive of the commit that told it'
+echo '== the sum in the recipes is that of the archive of the commit that recorded it'
 # A clone without the history does not know which that is.
 if [ "$(git rev-parse --is-shallow-repository)" = false ]; then
   git checkout -q "$(git log -1 --format=%H -G'^(SRC_URI\[sha256sum\] =|sha256 .* boardkit-)' -- packaging)"
@@ -108,5 +108,5 @@ git diff --quiet include && exit 1
 git commit -q -a -m 'Break the promise'
 refused "$next"
 expect "lacks what $version exports: WriteLoop(int, void const*, unsigned int)" \
-  'The layouts are not what tests/package/layout.cpp tells, says' \
+  'The layouts are not what tests/package/layout.cpp asserts, says' \
   "The layouts are not those of $version, says arm-linux-gnueabihf-g++"

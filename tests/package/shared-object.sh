@@ -24,7 +24,7 @@ if ! diff "$work/expected" "$work/exported" > "$work/diff"; then
 fi
 
 # What is virtual belongs to the interface: the destructor (two entries) and ExecCmd of OpSystem, the destructor of IpNet,
-# each behind the two words that every table begins with.
+# each after the two words that every table begins with.
 word=8
 case $(readelf --file-header "$library") in *ELF32*) word=4 ;; esac
 for table in _ZTV8OpSystem:5 _ZTV5IpNet:4; do

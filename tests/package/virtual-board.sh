@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The parts of the virtual board that nothing has to be booted for: its help is shown, a fetch that fails at any step is
-# told and begun anew the next time, and a boot's folder is empty when it begins. What would fetch is a stand-in.
+# reported and begun anew the next time, and a boot's folder is empty when it begins. What would fetch is a stand-in.
 # Usage: virtual-board.sh SOURCE_DIR
 set -euo pipefail
 if [[ ! -e /etc/apt/sources.list.d/debian.sources && ! -e /etc/apt/sources.list ]]; then
@@ -13,7 +13,7 @@ mkdir -p "$work/tree/tests/board" "$work/bin"
 cp -R -- "$1/scripts" "$work/tree/"
 cp -- "$1/tests/board/boots.sh" "$work/tree/tests/board/"
 
-# stand_in NAME: a stand-in that does what standard input tells; the calls that begin with $FAILING fail.
+# stand_in NAME: a stand-in that does what standard input says; the calls that begin with $FAILING fail.
 stand_in() {
   # shellcheck disable=SC2016
   { printf '#!/bin/sh\n[ -z "$FAILING" ] || case "%s $*" in "$FAILING"*) exit 1 ;; esac\n' "$1" && cat; } >"$work/bin/$1"
@@ -53,7 +53,7 @@ for use in run shell; do
   scripts/board "$use" --help >"$work/said" 2>&1 || fail "scripts/board $use --help is refused."
   scripts/board --help | diff - "$work/said" || fail "scripts/board $use --help shows something else than the help."
 done
-# What is wrong is told before anything is fetched.
+# What is wrong is reported before anything is fetched.
 # refused STATUS COMPLAINT WORD...
 refused() {
   local wanted=$1 complaint=$2 status=0

@@ -17,7 +17,7 @@
 
 namespace {
 
-/// From the page's start on, up to 32 bytes behind the register.
+/// From the page's start on, up to 32 bytes after the register.
 const Calls kAccessLineControl = MemoryStandIn::CallsFor(0x80011000, 0x2C);
 const Calls kAccessLatchLow = MemoryStandIn::CallsFor(0x80011000, 0x20);
 const Calls kAccessLatchHigh = MemoryStandIn::CallsFor(0x80011000, 0x24);
@@ -107,7 +107,7 @@ TEST_F(Report, ShowsTheSpeedsThatTheDeviceHasAsPrintableNumbers) {
 
   ::cfsetspeed(&m_tty.attributes, B3000000);
   EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("2000000"));
-  // A speed without a code, which some C libraries tell by its number.
+  // A speed without a code, which some C libraries give as its number.
   m_tty.attributes.c_cflag = CS8 | ExtendedAttributes::kOtherSpeed;
   m_tty.attributes.c_ispeed = m_tty.attributes.c_ospeed = 250000;
   EXPECT_BEGINS(port.ToString(), kDeviceLine + SpeedLines("0"));

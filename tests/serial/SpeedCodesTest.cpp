@@ -15,7 +15,7 @@ namespace {
 
 using Calls = ScriptedKernel::Calls;
 
-/// Sets the speeds as the C library does that takes @p rates or codes, as far as the calls tell.
+/// Sets the speeds as the C library does that takes @p rates or codes, as far as the calls show.
 template <bool rates>
 Calls CallsOfSetting(int code) {
   ScriptedKernel kernel;

@@ -1,5 +1,5 @@
 // Feeds the parser of the control socket's lines with a fuzzer's texts. A line either has the arguments that its usage
-// tells, or is refused with a sentence.
+// says, or is refused with a sentence.
 
 #include <algorithm>
 #include <cstddef>

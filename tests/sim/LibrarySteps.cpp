@@ -1,4 +1,4 @@
-// What LibraryTest has the library do on the simulated board: library-steps STEP. It prints what it was told there.
+// What LibraryTest has the library do on the simulated board: library-steps STEP. It prints what it was given there.
 #include <IpNet.h>
 #include <OpSystem.h>
 #include <SerialPort.h>

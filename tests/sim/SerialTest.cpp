@@ -69,7 +69,7 @@ TEST_F(Serial, AMebibyteThatIsPacedComesBackWhole) {
   ExpectSteps({}, {kProbe, "paced"});
 }
 
-/// Of a mebibyte, what did not come back is what the log tells of.
+/// Of a mebibyte, what did not come back is what the log counts.
 void ExpectAllCounted(const Outcome& outcome, const std::string& log) {
   EXPECT_EQ(outcome.status, 0) << outcome.errors;
   EXPECT_EQ(outcome.errors, "");

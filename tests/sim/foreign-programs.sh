@@ -31,10 +31,10 @@ check "busybox stty and cat" "${board[@]}" --tty /dev/ttyS1=exec:'cat >heard' --
   sh -c 'busybox stty -F /dev/ttyS1 raw -echo && busybox cat sent >/dev/ttyS1'
 cmp sent heard
 
-# It feeds it for longer than it takes to bite, and then is told to end, which stops it.
+# It feeds it for longer than its time-out, and then is asked to end, which stops it.
 check "busybox watchdog" "${board[@]}" --log events -- \
   sh -c 'timeout 3 busybox watchdog -F -T 2 -t 500ms /dev/watchdog; test $? -eq 124'
-check "busybox watchdog, as the log tells" grep 'close: stopped$' events
+check "busybox watchdog, as the log shows" grep 'close: stopped$' events
 
 check "busybox devmem" "${board[@]}" --reg 0x40000000=0x600dcafe -- \
   sh -c 'test "$(busybox devmem 0x40000000 32)" = 0x600DCAFE'
@@ -71,7 +71,7 @@ with serial.Serial("/dev/ttyS1", 9600, write_timeout=0.2) as port:
         port.reset_output_buffer()
 '
 
-# It wants to see a file system of the kernel, unless it is told otherwise.
+# It wants to see a file system of the kernel, unless configured otherwise.
 check "udevadm" env SYSTEMD_DEVICE_VERIFY_SYSFS=0 "${board[@]}" -- sh -c '
   udevadm info --attribute-walk --path=/sys/class/tty/ttyS1 >walk &&
   grep -q "KERNEL==\"ttyS1\"" walk && grep -q "KERNELS==\"80011000.serial\"" walk &&

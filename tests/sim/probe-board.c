@@ -23,7 +23,7 @@ static volatile uint32_t* map(int mem, int protection, off_t page) {
   return words;
 }
 
-/* The whole range of 32 bits, and the page behind it. */
+/* The whole 32-bit range, and the page after it. */
 static void memory(void) {
   int mem = open("/dev/mem", O_RDWR | O_SYNC);
   CHECK(mem != -1);

@@ -431,7 +431,7 @@ static void kept(void) {
   close(fd);
 }
 
-/* A port that was never set is as a kernel makes one, and its UART tells of it. */
+/* A port that was never set is as a kernel makes one, and its UART shows it. */
 static void fresh(void) {
   int fd = open(TTY, O_RDWR | O_NOCTTY);
   CHECK(fd != -1 && lines(fd) == (OPENED | READY));
@@ -488,7 +488,7 @@ static void info(void) {
   close(fd);
 }
 
-/* A divisor of its own, which /sys is to tell as well. */
+/* A divisor of its own, which /sys is to show as well. */
 static void changed_info(void) {
   int fd = open_tty();
   struct serial_struct changed;

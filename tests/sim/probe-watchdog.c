@@ -113,7 +113,7 @@ static void requests(void) {
   CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == WDIOF_KEEPALIVEPING);
   number = -1;
   CHECK(ioctl(fd, WDIOC_GETBOOTSTATUS, &number) == 0 && number == 0);
-  /* Whether it was fed is told once. */
+  /* Whether it was fed is reported once. */
   CHECK(ioctl(fd, WDIOC_KEEPALIVE, 0) == 0);
   CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == WDIOF_KEEPALIVEPING);
   CHECK(ioctl(fd, WDIOC_GETSTATUS, &number) == 0 && number == 0);
@@ -292,7 +292,7 @@ static void numbered(void) {
   stop(fd);
 }
 
-/* The first time it starves, the second time it tells what happened. */
+/* The first time it starves, the second time it reports what happened. */
 static void restarted(void) {
   int fd = open_watchdog();
   int status = 0;

@@ -22,10 +22,10 @@
     }                                               \
   } while (0)
 
-/* Takes the index of each element of an array in turn, and lets CHECK tell it. */
+/* Takes the index of each element of an array in turn, and lets CHECK show it. */
 #define FOR_EACH_CASE(index, array) FOR_TOLD(index, index < sizeof(array) / sizeof(array)[0], #array)
 
-/* Counts from 0 on for as long as the condition holds, and lets CHECK tell it. */
+/* Counts from 0 on for as long as the condition holds, and lets CHECK show it. */
 #define FOR_EACH_ROUND(index, condition) FOR_TOLD(index, condition, "round")
 
 #define FOR_TOLD(index, condition, name) \

@@ -19,7 +19,7 @@ std::atomic<bool> allocationsChangeErrno{false};
 
 }  // namespace
 
-// Not inlined: the compiler would see malloc() behind a new, free() behind a delete, and warn of the mixture.
+// Not inlined: the compiler would see malloc() in a new, free() in a delete, and warn of the mixture.
 [[gnu::noinline]] void* operator new(std::size_t size) {
   ++allocations;
   bool fails = size > largestAllocation;

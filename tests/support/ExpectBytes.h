@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-/// Expects that @p bytes are @p expected, and tells where they begin to differ: for more bytes than one wants to read.
+/// Expects that @p bytes are @p expected, and shows where they begin to differ: for more bytes than one wants to read.
 #define EXPECT_SAME_BYTES(bytes, expected) EXPECT_PRED_FORMAT2(SameBytes, bytes, expected)
 
 /// Bytes in an order that shows what is lost or doubled.

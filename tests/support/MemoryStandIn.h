@@ -5,7 +5,7 @@
 
 #include "ScriptedKernel.h"
 
-/// All physical memory that 32 bits reach, and some pages behind it: a sparse file to be opened in the place of
+/// All physical memory that 32 bits reach, and some pages after it: a sparse file to be opened in the place of
 /// /dev/mem.
 class MemoryStandIn {
  public:

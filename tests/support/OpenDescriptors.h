@@ -6,7 +6,7 @@
 
 #include <set>
 
-/// The descriptors that the process has open now: compared before and after, they tell of leaks.
+/// The descriptors that the process has open now: compared before and after, they show leaks.
 inline std::set<int> OpenDescriptors() {
   constexpr int kEnough = 256;
   std::set<int> descriptors;

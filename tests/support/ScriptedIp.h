@@ -6,7 +6,7 @@
 
 #include "TemporaryFolder.h"
 
-/// Puts an `ip` of its own first in PATH while it lives: one that notes how it is called and prints what it was told.
+/// Puts an `ip` of its own first in PATH while it lives: one that notes how it is called and prints what it was given.
 class ScriptedIp {
  public:
   ScriptedIp();

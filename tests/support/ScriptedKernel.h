@@ -20,7 +20,7 @@ struct Answer {
 /// "returns -2 with EIO", or what it gives.
 std::ostream& operator<<(std::ostream& stream, const Answer& answer);
 
-/// What a call tells the kernel.
+/// What a call passes to the kernel.
 struct Question {
   int fd = -1;
   std::string bytes;      ///< a path, data to write, or what the structure holds that is handed over

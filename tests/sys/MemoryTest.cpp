@@ -176,7 +176,7 @@ TEST_F(PhysicalMemory, AFailedCloseBehindARefusedMappingDoesNotHideIt) {
 
 TEST_F(PhysicalMemory, FailuresToUnmapAndToCloseAreIgnored) {
   m_memory.Set(0x1004, 0xCAFE);
-  // A mapping that the test can remove, since the tested code is told that it could not.
+  // A mapping that the test can remove, since the tested code believes that it could not.
   void* const words = ::mmap(nullptr, pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(words, MAP_FAILED);
   const Answer mapped = Returns(static_cast<long>(reinterpret_cast<std::intptr_t>(words)));

@@ -1,8 +1,8 @@
 // Proves that a word of physical memory is accessed by one instruction, and by one of 32 bits.
 //
-// The word lies on pages that nobody may touch. Each touch is a SIGSEGV, which tells its address; the page is then
-// opened for a single step of the processor and closed again by the SIGTRAP behind it. So completed steps are accesses,
-// and the touched pages tell where an access begins and ends. A program of its own, since checkers that emulate
+// The word lies on pages that nobody may touch. Each touch is a SIGSEGV, which gives its address; the page is then
+// opened for a single step of the processor and closed again by the SIGTRAP after it. So completed steps are accesses,
+// and the touched pages show where an access begins and ends. A program of its own, since checkers that emulate
 // instructions cannot single-step.
 
 #include <signal.h>

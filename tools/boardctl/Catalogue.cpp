@@ -11,7 +11,7 @@ extern const char* const kCatalogueText;
 
 namespace {
 
-// The error numbers that the catalogue tells of.
+// The error numbers that the catalogue covers.
 struct Number {
   int value;
   const char* name;
@@ -76,7 +76,7 @@ std::optional<Match> Find(const Json& error, const std::string& text, std::strin
   return match;
 }
 
-/// The name of the error number whose text follows a colon behind @p from; the longest, for some begin alike.
+/// The name of the error number whose text follows a colon after @p from; the longest, as some begin alike.
 std::string NumberBehind(std::string_view message, std::size_t from) {
   std::string name;
   std::size_t longest = 0;
@@ -107,8 +107,8 @@ std::optional<Match> MatchOf(const Json& error, std::string_view message) {
   return match;
 }
 
-/// Whether all of @p inner lies within pieces of @p outer, which then tells more. Of two that only blanks and colons
-/// tell apart, a text that has lost these may be either.
+/// Whether all of @p inner lies within pieces of @p outer, which then says more. If two differ only in blanks and
+/// colons, a text that has lost these may be either.
 bool IsWithin(const Match& inner, const Match& outer) {
   if (!inner.isExact && !outer.isExact && inner.size == outer.size) {
     return false;

@@ -14,7 +14,7 @@ namespace {
   throw std::invalid_argument('"' + text + "\" is not " + what);
 }
 
-/// The digits of @p text read to @p base; false for none, for others, and beyond 64 bits.
+/// Reads the digits of @p text in base @p base; false if there are none, other characters, or more than 64 bits.
 bool Read(const std::string& digits, unsigned int base, std::uint64_t& number) {
   number = 0;
   for (const char character : digits) {
@@ -98,7 +98,7 @@ std::string Interface(const std::string& text) {
 
 Address IpAddress(const std::string& text) {
   unsigned char bytes[sizeof(in6_addr)];
-  // A NUL in it would end the text for the C library, and not for us.
+  // The C library's text would end at a NUL, and ours would not.
   const bool isWhole = text.find('\0') == std::string::npos;
   for (const int family : {AF_INET, AF_INET6}) {
     if (isWhole && ::inet_pton(family, text.c_str(), bytes) == 1) {

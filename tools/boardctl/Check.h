@@ -13,10 +13,10 @@ namespace check {
 /// A number in decimal digits, and nothing else: no sign, no blanks, no 0x.
 std::uint64_t Decimal(const std::string& text, std::uint64_t least, std::uint64_t most);
 
-/// A number of 32 bits as devmem takes it: 0x80011000, decimal, or octal with a leading 0.
+/// A 32-bit number as devmem takes it: 0x80011000, decimal, or octal with a leading 0.
 std::uint32_t Word(const std::string& text);
 
-/// The address of a word of 32 bits: a multiple of 4.
+/// The address of a 32-bit word: a multiple of 4.
 std::uint32_t WordAddress(const std::string& text);
 
 /// One of a few words, which stand for values.
@@ -32,14 +32,14 @@ Value OneOf(const std::string& text, const std::map<std::string, Value>& values)
   throw std::invalid_argument('"' + text + "\" is not one of " + names);
 }
 
-/// Any text but none; @p what it is: "a command".
+/// Any text that is not empty; @p what it is: "a command".
 std::string NotEmpty(const std::string& text, const char* what);
 
 /// The path of a device or file: not empty, and without a NUL or newline.
 std::string Path(const std::string& text);
 
 /// The name of a network interface: 1 to 15 letters, digits, or characters of _-.:@ and not "." or "..". Nothing in it
-/// means anything to a shell, and no option begins like it.
+/// has a meaning for a shell, and it does not look like an option.
 std::string Interface(const std::string& text);
 
 struct Address {

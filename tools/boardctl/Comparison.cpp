@@ -9,7 +9,7 @@ using Bytes = std::vector<unsigned char>;
 
 /// Whether the next bytes of both are the same; at the end of one, as many as are left.
 bool GoesOn(const Bytes& sent, std::size_t i, const Bytes& received, std::size_t j) {
-  constexpr std::size_t kAlike = 6;  // bytes that are not alike by chance
+  constexpr std::size_t kAlike = 6;  // more equal bytes than chance gives
   const std::size_t count = std::min({kAlike, sent.size() - i, received.size() - j});
   return std::equal(sent.begin() + static_cast<std::ptrdiff_t>(i),
                     sent.begin() + static_cast<std::ptrdiff_t>(i + count),
@@ -28,7 +28,7 @@ unsigned int BitsSet(unsigned int byte) {
 
 Comparison Compare(const Bytes& sent, const Bytes& received) {
   constexpr std::size_t kFarthest = 512;     // bytes that are lost, or too many, at a time
-  constexpr std::size_t kMostInVain = 1024;  // searches in a row: what comes is not what was sent
+  constexpr std::size_t kMostInVain = 1024;  // failed searches in a row: what comes is not what was sent
   Comparison result;
   result.sent = sent.size();
   result.received = received.size();

@@ -53,7 +53,7 @@ Words NamesIn(const std::string& folder, const std::string& begin) {
   return names;
 }
 
-/// Of those that the kernel allows, the ones that are taken.
+/// Those of the allowed interface names that boardctl takes.
 Words InterfaceNames() {
   Words names;
   for (const Interface& interface : Interfaces()) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Tells what the catalogue has for @p line, the @p number th of a log; 0 stands for a text that is no log.
+/// Shows what the catalogue has for @p line, the @p number th of a log; 0 stands for a text that is no log.
 std::size_t ExplainLine(const std::string& line, std::size_t number, Output& out) {
   const auto explanations = catalogue::Explain(line);
   if (!explanations.empty()) {

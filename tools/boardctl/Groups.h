@@ -3,7 +3,7 @@
 
 class Program;
 
-// Each adds its verbs to the command line; Program.h tells how a group is added.
+// Each adds its verbs to the command line; Program.h says how to add a group.
 void AddSerial(Program& program);
 void AddMemory(Program& program);
 void AddNet(Program& program);

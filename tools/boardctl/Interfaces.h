@@ -6,7 +6,7 @@
 
 class IpNet;
 
-/// A network interface as the kernel tells of it; no command is run.
+/// A network interface as the kernel lists it; no command is run.
 struct Interface {
   struct Address {
     std::string text;
@@ -24,10 +24,10 @@ struct Interface {
   std::vector<Address> addresses;
 };
 
-/// The default gateway of a family, as the library tells of it.
+/// The default gateway of a family, as the library reports it.
 struct Gateway {
   std::string address;    // empty: there is none
-  std::string interface;  // as ip reports it: for the eye, and for no command
+  std::string interface;  // as ip reports it: to be shown, never for a command
   bool isOther = false;   // there is none, but a default route that leads through no gateway, or through several
 };
 Gateway DefaultGateway(IpNet& net, bool ipv6);

@@ -33,7 +33,7 @@ struct MemoryArguments {
   std::uint64_t changes = 0;
 };
 
-/// The address of the word @p index behind the first one.
+/// The address of the word @p index words after the first one.
 std::uint32_t AddressOf(const MemoryArguments& arguments, std::uint64_t index) {
   return arguments.address + static_cast<std::uint32_t>(index) * kWordSize;
 }
@@ -173,7 +173,7 @@ CLI::App& AddAddressVerb(Program& program, CLI::App& group, const Verb& verb, in
 }
 
 void AddCount(CLI::App& app, MemoryArguments& arguments, std::uint64_t standard) {
-  constexpr std::uint64_t kMost = 0x40000000;  // words there are
+  constexpr std::uint64_t kMost = 0x40000000;  // the words of all memory
   arguments.count = standard;
   AddArgument(
       app, "COUNT", "", arguments.count, [](const std::string& text) { return check::Decimal(text, 1, kMost); },

@@ -120,7 +120,7 @@ std::optional<Route> RouteIn(const IpNet::Record& record, bool ipv6) {
   return Route{gateway->second, interface->second};
 }
 
-/// The addresses of a family that the kernel tells of, without the library.
+/// The addresses of a family as the kernel lists them, without the library.
 std::vector<Interface::Address> AddressesOf(const std::string& name, bool ipv6) {
   std::vector<Interface::Address> addresses;
   for (const Interface& interface : Interfaces()) {
@@ -143,11 +143,11 @@ void CheckIsOwnName(const std::string& name, IpNet& net) {
   if (::if_indextoname(::if_nametoindex(name.c_str()), own) != nullptr) {
     throw std::runtime_error(name + " is another name of " + Printable(own) + ": use that one");
   }
-  net.GetIfaceInfo(name);  // ip tells that there is none; iproute2 takes "if2" for the second one
+  net.GetIfaceInfo(name);  // ip says that there is none; iproute2 takes "if2" for the second one
   throw std::runtime_error(name + " is not the name of an interface: see boardctl net show");
 }
 
-/// Whether no IPv4 address is left when the first one goes: the kernel takes further ones of its network with it.
+/// Whether removing the first IPv4 address removes them all: the kernel also removes the others of its network.
 bool TakesAllAlong(const std::string& interface) {
   const auto addresses = AddressesOf(interface, false);
   return std::all_of(addresses.begin(), addresses.end(), [&](const Interface::Address& address) {
@@ -297,14 +297,14 @@ void Tell(const Change& change, const std::vector<std::string>& asked, const Val
                             {"commands", change.commands}});
 }
 
-/// Makes the change by @p apply, or only tells of it. @p look asks what there is.
+/// Makes the change by @p apply, or only shows it. @p look asks what there is.
 int Make(Change& change, Network& net, const std::function<void()>& apply, const std::function<Value()>& look,
          const NetArguments& arguments, Call& call) {
   const std::vector<std::string> asked = net.TakeCommands();
   const bool isChanged = !change.commands.empty();
   Value after = change.before;
   if (isChanged && !call.dryRun) {
-    // Between the old one and the new one there is none: a signal ends neither this program nor its ip there.
+    // Between removing and adding, there is none: a signal must not end this program or its ip there.
     const signals::Held held(signals::kForItsCommandsToo);
     try {
       apply();
@@ -324,7 +324,7 @@ int Make(Change& change, Network& net, const std::function<void()>& apply, const
   return !isChanged && arguments.asksForChange ? kStatusUnchanged : kStatusDone;
 }
 
-/// The first address of a family that the kernel tells of.
+/// The first address of a family that the kernel lists.
 Value FirstAddress(const std::string& interface, bool ipv6) {
   const auto addresses = AddressesOf(interface, ipv6);
   return addresses.empty() ? Value() : addresses.front().InWords();
@@ -387,7 +387,7 @@ std::vector<std::string> CommandsFor(const Change& change, const NetArguments& a
   return commands;
 }
 
-/// An address that is there as a further one would be refused when it is added, after the first one has gone.
+/// An address that the interface already has, but not first, could not be added once the first one is removed.
 void RefuseFurther(const Change& change, const std::string& address, const NetArguments& arguments) {
   if (arguments.isFlushed) {
     return;
@@ -408,7 +408,7 @@ int SetAddress(const NetArguments& arguments, Call& call) {
   const Value read = AddressIn(Look(change, net, arguments), change.ipv6);
   change.wanted = address.text + '/' + std::to_string(arguments.network.prefixLength);
   if (read != change.wanted) {
-    // Of IPv6, the same address with another length is replaced well.
+    // With IPv6, replacing an address by itself with another length works.
     if (read.value_or("").rfind(address.text + '/', 0) != 0) {
       RefuseFurther(change, address.text, arguments);
     }
@@ -417,7 +417,7 @@ int SetAddress(const NetArguments& arguments, Call& call) {
   return MakeAddress(change, net, address.text, arguments.network.prefixLength, arguments, call);
 }
 
-/// Whether it is six bytes with colons between them, and not those of an interface that has none, like lo.
+/// Whether it is six bytes with colons between them, and not the zeros of an interface without one, like lo.
 bool IsHardwareAddress(const std::string& text) {
   constexpr std::size_t kLength = sizeof "00:11:22:33:44:55" - 1;
   constexpr std::size_t kStep = 3;

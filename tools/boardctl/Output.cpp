@@ -123,7 +123,7 @@ void Output::Say(const std::string& words) {
 
 void Output::Warn(const std::string& words) {
   HideProgress();
-  // Nothing is left to be told if this fails.
+  // If this fails, there is nobody left to report it to.
   WriteAll(STDERR_FILENO, Harmless(words) + '\n', m_waits);
 }
 

@@ -13,10 +13,10 @@
 /// Keys stay in the order in which they are put in.
 using Json = nlohmann::ordered_json;
 
-/// Nobody reads the results any more: the verb tidies up and ends without a word.
+/// Nobody reads the results any more: the verb cleans up and ends without a word.
 class OutputClosed : public std::exception {};
 
-/// What a verb tells: results on standard output, as text or as JSON, words about them on standard error. Of all but
+/// What a verb prints: results on standard output, as text or as JSON, words about them on standard error. Of all but
 /// Bytes(), a terminal gets no control characters: much of it comes from outside.
 class Output {
  public:
@@ -28,7 +28,7 @@ class Output {
   };
   explicit Output(Options options);
 
-  /// While it lives, words for which there is no room are dropped, not waited for: whoever must be in time has it.
+  /// While it lives, words for which there is no room are dropped, not waited for: for those who must be in time.
   class InTime {
    public:
     explicit InTime(Output& out) : m_out(out) {
@@ -58,7 +58,7 @@ class Output {
 
   /// Ends a verb that waits long, if nobody reads the results any more. @throws OutputClosed.
   static void CheckReader();
-  /// Waits for @p milliseconds, and not longer than until a signal comes: false then. @throws OutputClosed as soon as
+  /// Waits for @p milliseconds, or until a signal comes: false then. @throws OutputClosed as soon as
   /// nobody reads the results any more.
   static bool WaitWhileRead(int milliseconds);
 
@@ -89,8 +89,8 @@ class Output {
   std::chrono::steady_clock::time_point m_shown;
 };
 
-/// Writes all of @p text. Where nobody reads, it waits, but not longer than until a signal comes; or not at all.
-/// False if something is left, and errno tells why: EINTR after a signal, EAGAIN without waiting.
+/// Writes all of @p text. Where nobody reads, it waits until a signal comes, or not at all.
+/// False if something is left, and errno says why: EINTR after a signal, EAGAIN without waiting.
 bool WriteAll(int fd, std::string_view text, bool waits = true);
 /// "0x80011000".
 std::string Hexadecimal(std::uint32_t word);
@@ -98,13 +98,13 @@ std::string Hexadecimal(std::uint32_t word);
 std::string HexadecimalBytes(const unsigned char* data, std::size_t size);
 /// @p text from outside as one line without control characters: they are shown as question marks.
 std::string Printable(const std::string& text);
-/// A number with @p decimals digits behind the point.
+/// A number with @p decimals digits after the point.
 std::string Fixed(double number, int decimals);
 /// What is not known is null.
 Json OrNull(const std::string& text);
 Json OrNull(const std::optional<std::string>& text);
 double SecondsSince(std::chrono::steady_clock::time_point start);
-/// The time as RFC 3339 tells it, in UTC: "2026-01-31T12:00:00.000Z".
+/// The time in the format of RFC 3339, in UTC: "2026-01-31T12:00:00.000Z".
 std::string Timestamp(std::chrono::system_clock::time_point time);
 
 #endif

@@ -38,7 +38,7 @@ std::string Escaped(const std::string& text) {
         escaped += "&quot;";
         break;
       default:
-        // Other control characters are none of XML.
+        // XML has no other control characters.
         escaped += static_cast<unsigned char>(character) < ' ' ? ' ' : character;
     }
   }

@@ -37,7 +37,7 @@ int NextDescriptor() {
   return fd;
 }
 
-/// While it lives, reading does not wait. The library reads as many bytes as there were a moment ago.
+/// While it lives, reading does not block: the library reads as many bytes as there were a moment ago.
 class DoesNotWait {
  public:
   explicit DoesNotWait(int fd) : m_fd(fd) {
@@ -151,7 +151,7 @@ Port::~Port() {
 }
 
 bool Port::SetSpeed(std::uint32_t bitsPerSecond) {
-  constexpr double kTolerance = 0.03;  // what a receiver puts up with
+  constexpr double kTolerance = 0.03;  // what a receiver tolerates
   const SerialPort::BaudRate code = StandardCode(bitsPerSecond);
   if (code != SerialPort::BAUD_0) {
     // While a custom speed is set, standard ones do nothing.
@@ -198,7 +198,7 @@ std::vector<unsigned char> Port::Read() {
   return bytes;
 }
 
-/// The library's opening would, and tell nobody. A signal discards it.
+/// The library would while it opens the port, without a word. A signal discards it.
 void Port::WaitUntilOthersHaveSent() const {
   Standstill standstill(m_out);
   while (const std::uint32_t waiting = m_side.Waiting()) {

@@ -40,7 +40,7 @@ std::uint32_t ParseSpeed(const std::string& text);
 /// Adds the verb test to the group serial.
 void AddSerialTest(Program& program, CLI::App& group);
 
-/// Tells once that nothing goes out, when that has lasted.
+/// Reports once that nothing goes out, when that has lasted.
 class Standstill {
  public:
   static constexpr int kLookMs = 20;  // how often to look
@@ -60,12 +60,13 @@ class Standstill {
 };
 
 /// The library's port, and a way out of it whatever happens: what it cannot close (an unplugged adapter, a line without
-/// modem lines) is put back by the side door and left to the kernel, for its destructor would end the process.
+/// modem lines) is restored through a second descriptor and left to the kernel, as its destructor would end the
+/// process.
 class Port {
  public:
   /// Opens the device and sets the line up. @throws what the library does.
   Port(const LineOptions& line, Output& out);
-  /// Discards what is not sent yet, and closes; what fails is told.
+  /// Discards what is not sent yet, and closes; failures are reported.
   ~Port();
   Port(const Port&) = delete;
   Port& operator=(const Port&) = delete;
@@ -80,7 +81,7 @@ class Port {
   /// Sets the speed; false if the line does not run at it then.
   bool SetSpeed(std::uint32_t bitsPerSecond);
 
-  /// Waits until something can be read, for @p milliseconds at most, and not longer than until a signal comes.
+  /// Waits until something can be read, for @p milliseconds at most, or until a signal comes.
   bool WaitForData(int milliseconds) const;
   /// What the driver has received: nothing if another program that has the port open was faster.
   /// @throws what the library does for a line that was hung up.

@@ -64,7 +64,7 @@ bool LooksIntoAll() {
   bool isRefused = false;
   for (const int number : NumbersIn("/proc")) {
     const std::string files = "/proc/" + std::to_string(number) + "/fd";
-    // In a user namespace, the list may be read, and what it leads to not.
+    // In a user namespace, the list can be read, but not what it leads to.
     for (const int fd : NumbersIn(files, &isRefused)) {
       struct stat file {};
       isRefused = isRefused || (::stat((files + '/' + std::to_string(fd)).c_str(), &file) == -1 && IsRefusal(errno));

@@ -6,7 +6,7 @@
 
 #include "Output.h"
 
-/// Who has a device open, as /proc tells: other users' processes show to root alone.
+/// Who has a device open, from /proc: only root sees other users' processes.
 namespace processes {
 
 struct Holder {
@@ -21,7 +21,7 @@ std::vector<Holder> HoldersOf(const std::string& device);
 /// namespace.
 bool SeesAll();
 
-/// The members "held_by":[{"pid":1,"name":"init"}] and "held_by_complete":true, behind those of @p object.
+/// The members "held_by":[{"pid":1,"name":"init"}] and "held_by_complete":true, after those of @p object.
 void AddTo(Json& object, const std::vector<Holder>& holders);
 /// "init (1), getty (812)"; for none, "nobody", and if this user may not see all, that too.
 std::string InWords(const std::vector<Holder>& holders);

@@ -87,7 +87,7 @@ const CLI::Option* OptionOf(const CLI::App* app, const std::string& name) {
   return nullptr;
 }
 
-/// What does not fit together, in our own words. The parser's begin with the option's name.
+/// What is wrong with an option, in our own words. The parser's begin with the option's name.
 std::string MismatchInWords(const std::string& problem, const CLI::App* app) {
   std::string name = problem.substr(0, problem.find_first_of(": "));
   const CLI::Option* option = OptionOf(app, name);
@@ -105,7 +105,7 @@ std::string MismatchInWords(const std::string& problem, const CLI::App* app) {
                                       : name + " takes a value: " + option->get_type_name();
 }
 
-/// The options that may stand behind @p app; @p verb is null for a group.
+/// The options that may follow @p app; @p verb is null for a group.
 std::vector<std::string> OptionsOf(const CLI::App* app, const Verb* verb) {
   std::vector<std::string> names;
   for (; app != nullptr; app = app->get_parent()) {
@@ -249,7 +249,7 @@ Program::Program() : m_app(std::make_unique<CLI::App>("", "boardctl")) {
   AddFlag(*m_app, "--json", m_options.json, "the results as JSON, one object per line");
   AddFlag(*m_app, "--quiet", m_options.quiet, "print only results and failures, and no progress");
   AddFlag(*m_app, "--dry-run", m_dryRun, "show what would be changed, and change nothing");
-  // The options of all verbs may stand behind the verb, too, and what nobody knows is called by its name below.
+  // The options of all verbs may also follow the verb; unknown ones are named in the message below.
   m_app->fallthrough();
   m_app->allow_extras();
   m_app->require_subcommand(0, 1);
@@ -432,7 +432,7 @@ int Program::RunVerb(const CLI::App& chosen) {
   } catch (const UsageError&) {
     throw;
   } catch (const OutputClosed&) {
-    // Who has closed it knows.
+    // Whoever closed it knows.
   } catch (const std::exception& error) {
     failure = error.what();
     // Many texts of the library end with what a tool said, newline and all.

@@ -17,22 +17,22 @@ class App;
 struct Call {
   Output& out;
   bool dryRun;
-  const std::vector<std::string>& command;  // what stands behind "--"
+  const std::vector<std::string>& command;  // what follows "--"
 };
 
-/// How a verb is told of. All of it goes into its help, in this order.
+/// How a verb is described. All of it goes into its help, in this order.
 struct Verb {
   const char* name = "";
   const char* summary = "";  // a line; the list of the group's verbs has it, too
   const char* usage = "";    // the arguments: "DEVICE [FILE] [OPTION]..."
   const char* danger = "";   // stands first: what may be harmed, in a line or two
-  const char* details = "";  // text behind the options, wrapped by the help
+  const char* details = "";  // text after the options, wrapped by the help
   const char* example = "";  // a command line, without "boardctl"
   const char* remains = "";  // what remains on the board when the program has gone, as a sentence or more
   bool hasJson = true;       // verbs that read have it
   bool hasDryRun = false;
-  bool takesCommand = false;  // behind "--"
-  bool hasChanged = false;    // tells of status 3; the option itself is the verb's own
+  bool takesCommand = false;  // after "--"
+  bool hasChanged = false;    // mentions status 3; the option itself is the verb's own
 };
 
 /// What may come next on a command line.
@@ -44,18 +44,17 @@ struct Expected {
 
 /// The command line: groups, their verbs and options, help, exit statuses and what failures look like.
 ///
-/// A group is added so:
+/// To add a group:
 /// 1. Write GROUP.cpp with one function AddGROUP(Program&); declare it in Groups.h, call it in main.cpp, list the
-/// source
-///    in CMakeLists.txt.
+///    source in CMakeLists.txt.
 /// 2. In it, `CLI::App& group = program.AddGroup("name", "summary");` and for each verb
 ///    `CLI::App& verb = program.AddVerb(&group, {name, summary, usage, ...}, run);`. A verb without a group gets
 ///    nullptr.
 /// 3. Its arguments are members of a struct that a shared pointer keeps, captured by @p run. AddArgument() binds them,
 ///    each with its check of Check.h; nothing else reads the command line. @p run begins when all are right, and throws
 ///    UsageError for those that do not go together, before it opens anything.
-/// 4. @p run tells results by Output, returns a status of Status.h, and looks at signals::Caught() where it waits. What
-///    it lets through is told with the catalogue's cause and remedy, with status 1.
+/// 4. @p run prints results by Output, returns a status of Status.h, and looks at signals::Caught() where it waits.
+///    What it throws is reported with the catalogue's cause and remedy, with status 1.
 class Program {
  public:
   using Run = std::function<int(Call&)>;
@@ -71,7 +70,7 @@ class Program {
   /// Parses, runs the verb and returns the exit status.
   int Main(int argc, const char* const* argv);
 
-  /// What may come behind @p words, or an option there.
+  /// What may come after @p words, or an option there.
   Expected ExpectedBehind(const std::vector<std::string>& words, bool isOption) const;
   /// The verb that @p app stands for; null for the program itself and for groups.
   const Verb* VerbOf(const CLI::App* app) const;

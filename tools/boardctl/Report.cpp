@@ -34,7 +34,7 @@ namespace {
 
 constexpr const char* kUnknown = "unknown";
 
-/// The page: what is told as text, as JSON, and what of it is unusual.
+/// The page: its text, its JSON, and what of it is unusual.
 struct Page {
   std::vector<std::string> lines;
   Json json;
@@ -237,7 +237,7 @@ void TellWatchdogs(Page& page) {
   page.json["watchdogs"] = watchdogs;
 }
 
-/// The kernel's options about /dev/mem, each on a line behind a newline; empty where it does not tell them.
+/// The kernel's options about /dev/mem, each on a line after a newline; empty where it does not publish them.
 std::string KernelOptions() {
   utsname kernel{};
   ::uname(&kernel);
@@ -247,7 +247,7 @@ std::string KernelOptions() {
     options += line.find("DEVMEM") != std::string::npos ? line + '\n' : "";
   }
   if (options.empty()) {
-    // Many boards have no such file, but a kernel that tells them itself.
+    // Many boards have no such file, but their kernel publishes its own options.
     try {
       options = OpSystem().ExecCmd("zcat /proc/config.gz 2>/dev/null | sed -n /DEVMEM/p", false);
     } catch (const std::exception&) {
@@ -380,7 +380,7 @@ int Report(Call& call) {
   for (const auto tell : {TellVersions, TellLoad, TellSerialPorts, TellWatchdogs, TellMemoryDevice, TellNetwork}) {
     tell(page);
     if (signals::Caught() != 0) {
-      return kStatusDone;  // it may have ended what the page should tell of
+      return kStatusDone;  // it may have ended what the page should show
     }
   }
   if (!processes::SeesAll()) {

@@ -24,14 +24,14 @@ struct Result {
   int status = 0;
 };
 
-/// Runs @p text by the library's runner, which tells no status and redirects the last command only: so a shell of its
-/// own runs the text, and the status follows on a line of its own. The outer one lives through signals to tell it.
+/// Runs @p text by the library's runner, which reports no status and redirects the last command only: so a shell of its
+/// own runs the text, and the status follows on a line of its own. The outer one survives signals to print it.
 Result RunText(const std::string& text) {
   Result result;
   const std::string all =
       OpSystem().ExecCmd("trap : INT TERM HUP; sh -c " + Quoted(text) + " 2>&1; printf '\n\n%d' \"$?\"", false);
   const std::size_t digits = all.find_last_not_of("0123456789") + 1;
-  // Of the two newlines, one may be lost behind a NUL of the output.
+  // One of the two newlines may be lost after a NUL in the output.
   std::size_t end = digits;
   for (int newlines = 2; newlines != 0 && end != 0 && all[end - 1] == '\n'; --newlines) {
     --end;

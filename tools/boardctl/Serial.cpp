@@ -180,7 +180,7 @@ class HexReader {
   int m_half = kNone;  // the first digit of a byte
 };
 
-/// Waits until the driver takes more, for a writer that it holds up would tell nobody. False if a signal comes before.
+/// Waits until the driver takes more: a blocked writer could not say so. False if a signal comes first.
 bool WaitForRoom(const Port& port, Standstill& standstill) {
   while (signals::Caught() == 0 && !port.Side().HasRoom(Standstill::kLookMs)) {
     standstill.Look(port.Side().Waiting());
@@ -214,9 +214,9 @@ void WaitUntilSent(const Port& port, const Sending& sending, Standstill& standst
   }
 }
 
-/// How many of the written bytes have certainly not been sent. Of a line that was hung up, nobody can tell.
+/// How many of the written bytes have certainly not been sent. Unknown for a line that was hung up.
 std::uint64_t Unsent(const Port& port) {
-  // What a writer that was under way puts behind what the signal discarded waits, and is discarded at the end.
+  // A writer may add bytes after the signal discarded those before: they wait in the driver until the end.
   try {
     return std::uint64_t{signals::DiscardsOutput::Bytes()} + port.Side().Waiting();
   } catch (const std::system_error&) {
@@ -390,7 +390,7 @@ std::string WhyEnded(const std::string& ended, const std::string& silent) {
 /// Takes in what comes; what has been @p received so far counts also when that fails. Returns what ended it.
 std::string ReceiveAll(Port& port, const ReceiveArguments& arguments, Printer& printer, std::uint64_t& received,
                        Output& out) {
-  const bool showsProgress = ::isatty(STDOUT_FILENO) == 0;  // else it would stand in the midst of what is received
+  const bool showsProgress = ::isatty(STDOUT_FILENO) == 0;  // else it would appear amid what is received
   std::string last;                                         // as much as the text that is waited for can begin in
   std::string ended;
   while (ended.empty()) {

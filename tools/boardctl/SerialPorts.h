@@ -7,7 +7,7 @@
 
 struct SerialDevice {
   std::string path;
-  std::string driver;           // empty where /sys does not tell, or tells of another device
+  std::string driver;           // empty if /sys does not have it, or has another device
   std::optional<bool> hasUart;  // false for a node that the kernel keeps for a UART that is not there
 };
 

@@ -71,7 +71,7 @@ Bytes PseudoRandom(std::uint64_t size, std::uint32_t seed, SerialPort::Character
   return bytes;
 }
 
-/// The line for the time that some bytes take on it, there and back, and a far end that thinks it over.
+/// The line for the time that some bytes take on it, there and back, and for the far end's delay.
 int PatienceMs(double limit, double bytes) {
   constexpr double kThinking = 500;
   constexpr double kMs = 1000;
@@ -91,7 +91,7 @@ void MeasureBlock(Port& port, const TestArguments& arguments, Measurement& measu
   const auto lead = std::max(kLeastLead, static_cast<std::size_t>(measured.limit * kLead));
   Bytes received;
   std::size_t position = 0;
-  std::size_t given = 0;  // up for lost: of what was sent, what did not come in time
+  std::size_t given = 0;  // bytes given up for lost: they did not come back in time
   const auto start = Clock::now();
   auto last = start;
   while (signals::Caught() == 0 && received.size() < sent.size() + kPiece) {
@@ -256,7 +256,7 @@ int Test(const TestArguments& arguments, Call& call) {
   const std::vector<std::uint32_t> speeds =
       isAsked ? arguments.speeds : std::vector<std::uint32_t>(std::begin(kStandardSpeeds), std::end(kStandardSpeeds));
   std::vector<Measurement> all;
-  std::exception_ptr failure;  // told when all that was measured has been
+  std::exception_ptr failure;  // reported after all that was measured
   {
     // Opened at a speed that every UART makes.
     LineOptions line = arguments.line;

@@ -72,7 +72,7 @@ int NextChild(int list) {
   return child;
 }
 
-/// Sends @p number to all descendants of @p process: to each behind its own ones, which it could leave to others.
+/// Sends @p number to all descendants of @p process, children first: they would lose their parent otherwise.
 void SignalDescendants(int process, int number) {
   constexpr int kDeepest = 16;
   int line[kDeepest] = {process};  // of descent

@@ -6,19 +6,19 @@
 #include <cstdint>
 #include <iterator>
 
-/// These end a verb, after it has tidied up: they are noted, and the verb looks.
+/// These end a verb, after it has cleaned up: they are recorded, and the verb checks for them.
 namespace signals {
 
 inline constexpr int kNumbers[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
-/// From here on they are noted. SIGPIPE and SIGXFSZ are caught, too, so that writing fails instead; children get them
-/// as usual.
+/// From here on they are recorded. SIGPIPE and SIGXFSZ are caught, too, so that writing fails instead; children get
+/// them as usual.
 void Install();
 
 enum Holding { kForThisProcess, kForItsCommandsToo };
 
-/// While it lives, signals wait. The commands that are started meanwhile can be spared them, too: what has begun comes
-/// to its end.
+/// While it lives, signals wait. Commands that are started meanwhile can be protected from them, too, and complete
+/// what they have begun.
 class Held {
  public:
   explicit Held(Holding holding = kForThisProcess);
@@ -35,13 +35,13 @@ class Held {
 /// The number of the first one that came; 0 for none.
 int Caught();
 
-/// Waits for @p milliseconds, and not longer than until a signal comes. False if one has come, now or before.
+/// Waits for @p milliseconds, or until a signal comes. False if one has come, now or before.
 bool Wait(int milliseconds);
 
 /// A descriptor that is readable once a signal has come, for those who wait for something else, too.
 int Descriptor();
 
-/// While it lives, a signal also discards what the tty behind @p fd has not sent yet, and lets @p other, a descriptor
+/// While it lives, a signal also discards what the tty of @p fd has not sent yet, and lets @p other, a descriptor
 /// of the same tty, wait no more: so a writer that the line's flow control holds up comes back, and so does a reader
 /// whose bytes another program has taken. @p other need not be open yet.
 class DiscardsOutput {

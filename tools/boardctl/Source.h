@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-/// A file, or standard input ("-"), that a signal does not leave waiting.
+/// A file, or standard input ("-"); a signal ends waiting for it.
 class Source {
  public:
   /// @throws std::system_error if it can't be read.

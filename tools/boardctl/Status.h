@@ -3,7 +3,7 @@
 
 #include <stdexcept>
 
-// The exit statuses; every help tells them.
+// The exit statuses; every help shows them.
 constexpr int kStatusDone = 0;
 constexpr int kStatusFailed = 1;
 constexpr int kStatusUsage = 2;

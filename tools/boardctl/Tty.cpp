@@ -1,6 +1,6 @@
 #include "Tty.h"
 
-// Not <termios.h>: its speeds are codes, and both cannot be had in one source.
+// Not <termios.h>: its speeds are codes, and a source cannot include both.
 #include <asm/termbits.h>
 #include <fcntl.h>
 #include <linux/serial.h>
@@ -19,7 +19,7 @@
 
 namespace {
 
-/// For a request about what is to be sent, which failed: a driver need not know it. The text is the library's.
+/// A request about unsent bytes has failed, which is no error where the driver lacks it. The text is the library's.
 void ThrowUnlessUnknown() {
   if (errno != ENOTTY && errno != EINVAL) {
     throw std::system_error(errno, std::system_category(), "Error writing to file descriptor: ");
@@ -49,7 +49,7 @@ int DataBitsOf(tcflag_t flags) {
   }
 }
 
-/// Whether the kernel knows the character device as something else. Pseudo-terminals it does not tell of.
+/// Whether the kernel knows the character device as something else. It has no entries for pseudo-terminals.
 bool IsOfOtherKind(dev_t number) {
   const std::string path =
       "/sys/dev/char/" + std::to_string(major(number)) + ':' + std::to_string(minor(number)) + "/subsystem";
@@ -58,7 +58,7 @@ bool IsOfOtherKind(dev_t number) {
   return !none && kind != "tty";
 }
 
-/// Looks before it opens, for opening a watchdog arms it. What can't be looked at, opening tells about.
+/// Looks before it opens, as opening a watchdog arms it. If looking fails, opening reports why.
 int OpenPort(const std::string& device) {
   constexpr unsigned int kMiscMajor = 10;  // has /dev/watchdog, and no port
   struct stat node {};
@@ -153,7 +153,7 @@ bool Tty::Drain() const {
     }
     ThrowUnlessUnknown();
   }
-  // A line that is hung up meanwhile has nothing to wait for, either, and would seem to have sent all.
+  // A line that is hung up meanwhile has nothing to wait for either, and would seem to have sent everything.
   return Waiting() == 0;
 }
 

@@ -37,10 +37,10 @@ class Tty {
   Json ModemLines() const;
   /// What the driver has counted since it was loaded, or null where it does not count.
   Json Counters() const;
-  /// What the serial driver tells of the UART, or null.
+  /// What the serial driver reports about the UART, or null.
   Json Uart() const;
 
-  /// The number of bytes that wait to be sent; 0 also where the driver does not tell.
+  /// The number of bytes that wait to be sent; 0 also if the driver does not report it.
   /// @throws std::system_error as the library's writing does: the line was hung up, and what waited is lost.
   std::uint32_t Waiting() const;
   /// Waits until the driver takes more, for @p milliseconds at most; true also where writing fails at once.
@@ -50,10 +50,10 @@ class Tty {
   /// Discards what is not sent yet.
   void Discard() const;
 
-  /// Lets the kernel echo nothing and opening wait for no carrier, until PutBack(). Opening waits until all is sent,
-  /// which for a line that is flooded with what it echoes never ends.
+  /// Until PutBack(), the kernel echoes nothing and opening waits for no carrier. Opening waits until everything is
+  /// sent, which never ends on a line that is flooded with its own echo.
   void Quieten() const;
-  /// Puts back what the settings were when this object was made; false if that is refused.
+  /// Restores the settings that this object found when it was made; false if that is refused.
   bool PutBack() const;
 
  private:

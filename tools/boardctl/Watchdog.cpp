@@ -168,7 +168,7 @@ class Armed {
     Do(&WatchDog::Feed, "Feeding");
   }
 
-  /// Returns the exit status: it may count on in spite of it.
+  /// Returns the exit status: it may keep counting nevertheless.
   int Disarm() {
     Do(&WatchDog::Deactivate, "Disarming");
     m_inTime.reset();
@@ -197,7 +197,7 @@ class Armed {
   }
 
  private:
-  /// Whatever signals come: a driver may take longer than it was told.
+  /// Waits whatever signals come: a driver may take longer than its time-out.
   void WaitForReset() const {
     std::this_thread::sleep_for(std::chrono::seconds(std::int64_t{2} * m_timeoutS + 1));
   }
@@ -216,7 +216,7 @@ class Armed {
     }
   }
 
-  /// A simulated watchdog hears of a close a moment later.
+  /// A simulated watchdog notices a close a moment later.
   WatchdogLook LookAfterClosing() const {
     constexpr milliseconds kPatience(1000);
     constexpr milliseconds kPiece(10);
@@ -233,7 +233,7 @@ class Armed {
     try {
       m_dog->Activate();
     } catch (const std::system_error& error) {
-      // It fails so only where it could not open the device.
+      // It throws this only if it could not open the device.
       std::string why = " could not be opened";
       if (error.code().value() == EBUSY) {
         const auto holders = LookAtWatchdog(m_device).holders;
@@ -253,7 +253,7 @@ class Armed {
     try {
       m_timeoutS = std::max(m_dog->GetInterval(), 1);
     } catch (const std::logic_error&) {
-      // A driver that does not tell keeps to what it was asked for.
+      // A driver that does not report it uses what it was asked for.
     }
     if (m_timeoutS != intervalS) {
       m_out.Say("boardctl: the driver changed " + SecondsInWords(intervalS) + " to " + SecondsInWords(m_timeoutS) +
@@ -269,7 +269,7 @@ class Armed {
   bool m_hasMagicClose = true;
 };
 
-/// What can be known without opening the device: after an interval that the driver refuses, nobody could disarm it.
+/// Checks what it can without opening the device: after an interval that the driver refuses, nothing could disarm it.
 void CheckBeforeArming(const WatchdogArguments& arguments, Output& out) {
   if (arguments.everyS >= arguments.intervalS) {
     throw UsageError("--every: " + SecondsInWords(arguments.everyS) + " is not shorter than --interval, " +
@@ -279,7 +279,7 @@ void CheckBeforeArming(const WatchdogArguments& arguments, Output& out) {
   try {
     look = LookAtWatchdog(arguments.device);
   } catch (const std::system_error&) {
-    return;  // opening tells why
+    return;  // opening reports why
   }
   const auto interval = static_cast<std::uint64_t>(arguments.intervalS);
   const std::uint64_t least = look.shortestS.value_or(1);
@@ -519,7 +519,7 @@ int Run(const WatchdogArguments& arguments, Call& call) {
     return dog.Leave(wrong + "; the command (process " + std::to_string(command->Process()) + ") is left running");
   }
   const std::string how = command->Reap();
-  // Ended by a signal that was for both, it has not failed.
+  // If a signal that was meant for both ended it, it has not failed.
   if (!how.empty() && signals::Caught() == 0) {
     return dog.Leave("the command " + how);
   }

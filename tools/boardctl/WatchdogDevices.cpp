@@ -63,7 +63,7 @@ bool IsOld(const struct stat& node) {
   return S_ISCHR(node.st_mode) && major(node.st_rdev) == kMiscMajor && minor(node.st_rdev) == kOldMinor;
 }
 
-/// The name in /sys of the device behind a node; empty if /sys has none.
+/// The name in /sys of the device of a node; empty if /sys has none.
 std::string NameOf(const struct stat& node) {
   // A simulated one is a pipe: its number is the 0:0 that all pipes have, and the node that /sys names has to be this.
   const dev_t number = S_ISCHR(node.st_mode) ? node.st_rdev : 0;
@@ -146,7 +146,7 @@ std::vector<std::string> WatchdogPaths() {
   for (const std::string& name : Names()) {
     paths.push_back(NodeOf(name));
   }
-  // One that /sys does not tell of has the old name alone.
+  // One that is not in /sys has only the old name.
   struct stat node {};
   if (::stat(kOldDevice, &node) == 0 && NameOf(node).empty()) {
     paths.emplace_back(kOldDevice);

@@ -12,7 +12,7 @@
 /// A watchdog looked at from outside: opening it would arm it.
 struct WatchdogLook {
   std::string device;
-  std::string name;  // in /sys/class/watchdog; empty where the kernel tells nothing without opening
+  std::string name;  // in /sys/class/watchdog; empty if the kernel shows nothing without opening
   std::optional<std::string> identity;
   std::optional<std::string> state;  // "active" or "inactive"
   std::optional<std::uint64_t> timeoutS;
@@ -20,7 +20,7 @@ struct WatchdogLook {
   std::optional<std::uint64_t> shortestS;  // 0: no limit
   std::optional<std::uint64_t> longestS;
   std::optional<bool> nowayout;
-  std::optional<bool> hasReset;  // the board was started anew by it
+  std::optional<bool> hasReset;  // it has reset the board
   std::vector<processes::Holder> holders;
 
   bool IsActive() const {
@@ -28,7 +28,7 @@ struct WatchdogLook {
   }
 };
 
-/// What the kernel tells of @p device in /sys, and who has it open.
+/// What the kernel shows of @p device in /sys, and who has it open.
 /// @throws std::system_error with the library's text for a device that can't be opened, if there is none of that name;
 /// std::runtime_error if it is something else.
 WatchdogLook LookAtWatchdog(const std::string& device);

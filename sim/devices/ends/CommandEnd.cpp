@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kCommandsTime = 500;  // milliseconds
 
-/// The life of the process between the simulator and a command: it lives as long as the command and all that this has
+/// What the process between the simulator and a command does: it lives as long as the command and all that this has
 /// started, and ends them if the simulator is killed.
 [[noreturn]] void Keep(pid_t simulator, const Descriptor& stream, const std::string& command) {
   sigset_t signals;
@@ -45,7 +45,7 @@ constexpr int kCommandsTime = 500;  // milliseconds
     while ((ended = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
     }
     if (ended == -1) {
-      ::_exit(0);  // there is no more of them
+      ::_exit(0);  // no children are left
     }
   }
   ::kill(0, SIGKILL);  // the group: this process as well
@@ -73,7 +73,7 @@ CommandEnd::CommandEnd(const std::string& device, const std::string& command, Ev
 }
 
 CommandEnd::~CommandEnd() {
-  // It may have ended, and its number be somebody else's.
+  // It may have ended, and its number may be another process's.
   if (m_command > 0 && ::waitpid(m_command, nullptr, WNOHANG) == 0) {
     // The end of its input ends most commands. The others do not take long, with all that they have started.
     Close();

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// A far end by its word, and what follows that behind a colon.
+/// A far end by its word, and what follows that after a colon.
 struct Kind {
   enum class Target { kNone, kOptional, kNeeded };
 

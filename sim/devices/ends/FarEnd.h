@@ -51,7 +51,7 @@ class FarEnd {
   }
   /// Looks whether somebody has come.
   virtual void Look() {}
-  /// @returns how many bytes it takes now. Where nobody is, they are gone: a line does not know.
+  /// @returns how many bytes it takes now. If nobody is there, they are lost, as on a line.
   virtual std::size_t Send(std::string_view bytes) {
     return bytes.size();
   }
@@ -67,7 +67,7 @@ class FarEnd {
 using FarEndMaker = std::function<std::unique_ptr<FarEnd>(const std::string& device, EventLog& log)>;
 
 /// The far end that a text asks for, as "tcp:localhost:7000".
-/// @throws SetupError if it is none; whether it can be connected, the maker finds out.
+/// @throws SetupError if it is none. Whether it can be connected shows when it is made.
 FarEndMaker ParseFarEnd(const std::string& text);
 
 /// All far ends as the user writes them: "echo, none ... or exec:COMMAND".

@@ -53,7 +53,7 @@ PtyEnd::PtyEnd(const std::string& device, const std::string& link, EventLog& log
     std::fprintf(stderr, "boardsim: the far end of %s is %s\n", device.c_str(), name);
     return;
   }
-  // What a killed simulator has left behind points nowhere.
+  // A link that a killed simulator has left points nowhere.
   if (struct stat status{};
       ::lstat(link.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && ::access(link.c_str(), F_OK) == -1) {
     ::unlink(link.c_str());
@@ -83,7 +83,7 @@ void PtyEnd::Look() {
 
 std::size_t PtyEnd::Send(std::string_view bytes) {
   const std::size_t sent = StreamEnd::Send(bytes);
-  // What fits waits for the next user. Nobody else does, while there is none.
+  // What fits waits for the next user; nothing waits for there to be one.
   return sent == 0 && IsHungUp(Stream()) ? bytes.size() : sent;
 }
 

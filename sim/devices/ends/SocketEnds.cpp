@@ -19,10 +19,10 @@
 namespace {
 
 constexpr time_t kConnectTime = 5;                // seconds, at the start
-constexpr std::chrono::milliseconds kRetry{200};  // until one that has gone is sought again
+constexpr std::chrono::milliseconds kRetry{200};  // before a lost one is tried again
 constexpr int kGreatestPort = 0xFFFF;
 
-/// @returns the host and, behind the last colon, the port.
+/// @returns the host and, after the last colon, the port.
 std::pair<std::string, std::string> HostAndPort(const std::string& target) {
   return {target.substr(0, target.rfind(':')), target.substr(target.rfind(':') + 1)};
 }
@@ -103,7 +103,7 @@ void ConnectingEnd::Gone() {
   Postpone();
 }
 
-/// Begins a connection. Whether it comes about, a later look tells.
+/// Begins a connection. A later look shows whether it succeeded.
 void ConnectingEnd::Seek() {
   const SocketAddress& address = m_addresses[m_tried++ % m_addresses.size()];
   Descriptor stream(::socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -121,7 +121,7 @@ void ConnectingEnd::Postpone() {
 
 TcpEnd::TcpEnd(const std::string& device, const std::string& target, EventLog& log) : ConnectingEnd(device, log) {
   const auto [host, port] = HostAndPort(target);
-  // An address of version 6 stands in brackets.
+  // An IPv6 address is in brackets.
   const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
   const std::string name = bracketed ? host.substr(1, host.size() - 2) : host;
   const std::string what = "the far end of " + device + ", " + host + ':' + port + ", can't be reached";

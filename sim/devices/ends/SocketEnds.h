@@ -18,7 +18,7 @@ struct SocketAddress {
   }
 };
 
-/// A connection to a listening socket. If it ends, it is sought again.
+/// A connection to a listening socket. If it ends, a new one is tried.
 class ConnectingEnd : public StreamEnd {
  public:
   using StreamEnd::StreamEnd;
@@ -28,7 +28,7 @@ class ConnectingEnd : public StreamEnd {
   void Look() override;
 
  protected:
-  /// Connects with the first address that answers.
+  /// Connects to the first address that answers.
   /// @throws SetupError with those words if none does.
   void Connect(std::vector<SocketAddress> addresses, const std::string& what);
   void Gone() override;
@@ -38,7 +38,7 @@ class ConnectingEnd : public StreamEnd {
   void Postpone();
 
   std::vector<SocketAddress> m_addresses;
-  std::size_t m_tried = 0;  // how many, lately
+  std::size_t m_tried = 0;  // how many of the addresses, lately
   Descriptor m_pending;     // a connection that is being made
   Clock::time_point m_next;
 };
@@ -58,7 +58,7 @@ class UnixEnd : public ConnectingEnd {
   UnixEnd(const std::string& device, const std::string& path, EventLog& log);
 };
 
-/// A socket that listens. One after the other is connected.
+/// A socket that listens. Connections are accepted one after the other.
 class ListeningEnd : public StreamEnd {
  public:
   using StreamEnd::StreamEnd;

@@ -10,7 +10,7 @@ StreamEnd::StreamEnd(std::string device, EventLog& log) : m_device(std::move(dev
 
 pollfd StreamEnd::Interest(bool listening, bool sending) const {
   const int events = (listening ? POLLIN : 0) | (sending ? POLLOUT : 0);
-  // Who has gone is told of whatever is asked for, and heard of only when somebody listens.
+  // poll() reports a hang-up even if no events are asked for, and only reading ends that: then wait for nothing.
   return {events != 0 ? m_stream.Get() : -1, static_cast<short>(events), 0};
 }
 
@@ -19,7 +19,7 @@ std::size_t StreamEnd::Send(std::string_view bytes) {
   if (written >= 0) {
     return static_cast<std::size_t>(written);
   }
-  // Where nobody hears it, it is gone. Reading tells whether somebody is there still, after his last words.
+  // If nobody is there, the bytes are lost. Reading, after the last of what was sent, shows whether somebody is.
   return m_stream && (errno == EAGAIN || errno == EINTR) ? 0 : bytes.size();
 }
 

@@ -28,7 +28,7 @@ class StreamEnd : public FarEnd {
   void Log(const std::string& event) const {
     m_log.Write(m_device, event);
   }
-  /// Nobody has to wait for it from now on.
+  /// Nothing has to wait for it from now on.
   void Use(Descriptor stream);
   void Close() {
     m_stream.Close();

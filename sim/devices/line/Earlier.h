@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <optional>
 
-/// The earlier one of two moments, of which either may never come.
+/// The earlier of two moments, either of which may never come.
 template <typename Moment>
 std::optional<Moment> Earlier(const std::optional<Moment>& one, const std::optional<Moment>& other) {
   return one && other ? std::min(one, other) : one ? one : other;

@@ -34,7 +34,7 @@ void LateCalls::LookForSignals() {
   }
   m_looked = Clock::now();
   m_entries.remove_if([](const Entry& entry) {
-    // Whoever was killed, or interrupted by a kernel that does not keep signals back, waits no more.
+    // A caller that was killed, or interrupted by a kernel that lets signals do that, no longer waits.
     const bool isWaiting = entry.call.IsWaiting();
     if (isWaiting && !entry.call.HasSignal()) {
       return false;

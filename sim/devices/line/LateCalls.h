@@ -22,9 +22,9 @@ class LateCalls {
   void Add(const TrappedCall& call, Attempt attempt, std::function<void()> undo = nullptr);
   /// Answers those that can be answered by now.
   void Try();
-  /// Lets those go for which a signal has come, if it is time to look.
+  /// Releases those for which a signal has come, if it is time to look.
   void LookForSignals();
-  /// All who waited have gone.
+  /// All callers that waited have gone.
   void Clear() {
     m_entries.clear();
   }

@@ -76,10 +76,11 @@ void LineSettings::Program() {
   }
 }
 
-/// Whether the UART's clock can be divided to that speed. Drivers take others without an error, and keep the old one.
+/// Whether the UART's clock can be divided to that speed. Drivers accept other speeds without an error, and keep the
+/// old one.
 bool LineSettings::CanRun(const termios2& settings) const {
   constexpr std::uint32_t kGreatestDivisor = 0xFFFF;
-  constexpr std::uint32_t kTolerance = 100;  // a hundredth above the fastest is taken for it
+  constexpr std::uint32_t kTolerance = 100;  // a speed up to a hundredth above the fastest counts as that
   const auto base = static_cast<std::uint64_t>(m_port.info.baud_base);
   return IsHungUp(settings) ||
          (settings.c_ospeed >= base / kGreatestDivisor && settings.c_ospeed <= base + base / kTolerance);

@@ -48,7 +48,7 @@ void ModemControl::LookAtFarEnd() {
   }
 }
 
-/// As a UART does: of the ring indicator, its end.
+/// Counts changes as a UART does: for the ring indicator, only its end.
 void ModemControl::Count() {
   const unsigned int inputs = Lines() & kInputs;
   const unsigned int changed = inputs ^ m_counted;

@@ -19,7 +19,7 @@ class ModemControl {
 
   void SetOutputs(unsigned int outputs);
   void SetInputs(unsigned int bits, bool on);
-  /// Somebody may have come, or gone, or see other outputs.
+  /// Somebody may have come or gone, or changed the outputs there.
   void LookAtFarEnd();
 
  private:

@@ -10,11 +10,11 @@ class Pace {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// @param rate bytes a second; 0: they take no time.
+  /// @param rate bytes per second; 0: they take no time.
   void SetRate(double rate);
   /// How many of the bytes that wait have had their time.
   std::size_t Due(std::size_t waiting);
-  /// So many have gone.
+  /// That many have gone.
   void Spend(std::size_t bytes);
   /// Nothing waits, or nothing can go: the time of the next byte begins when one can.
   void Rest() {

@@ -56,7 +56,7 @@ void Receiver::Hear(std::string_view bytes) {
   }
 }
 
-/// Does what a terminal would do too late: it only sees what the application has room for.
+/// Does what the terminal would do too late, as it only sees what there is room for.
 std::string Receiver::Filtered(std::string_view bytes) {
   const termios2& settings = m_port.Settings();
   const auto isControl = [&settings](char byte, std::size_t which) {
@@ -107,7 +107,7 @@ void Receiver::HearBreak() {
   }
 }
 
-/// For whoever can't be made to wait: more than a driver would hold is lost.
+/// For senders that can't be made to wait: bytes beyond what a driver would hold are lost.
 void Receiver::Queue(std::string_view bytes) {
   const std::uint64_t before = m_queue.Dropped();
   if (!m_queue.Append(bytes)) {
@@ -124,7 +124,7 @@ bool Receiver::Deliver() {
   const std::string_view due = m_queue.View().substr(0, m_pace.Due(m_queue.Size()));
   const ssize_t written = due.empty() ? 0 : ::write(m_port.terminal->Get(), due.data(), due.size());
   if (written == -1 && errno != EAGAIN && errno != EINTR) {
-    // A terminal that takes nothing any more has been hung up, which discards all.
+    // A terminal that takes nothing any more has been hung up, which discards everything.
     m_queue.Clear();
     return false;
   }
@@ -151,7 +151,7 @@ void Receiver::LookAtReader() {
     Throttle(true);
   }
   if (!m_lookAt && (m_isThrottled || m_handedOver >= kThrottle)) {
-    // What was handed over takes a moment to be there.
+    // What was handed over takes a moment to arrive.
     m_lookAt = Clock::now() + kLook;
   } else if (m_lookAt && Clock::now() >= *m_lookAt) {
     m_lookAt.reset();
@@ -182,7 +182,7 @@ void Receiver::Reset() {
   m_isThrottled = false;
 }
 
-/// Whether the far end is told when the application does not read.
+/// Whether flow control makes the far end wait while the application does not read.
 bool Receiver::IsThrottling() const {
   const termios2& settings = m_port.Settings();
   return (settings.c_iflag & IXOFF) != 0 || (settings.c_cflag & CRTSCTS) != 0;

@@ -13,7 +13,7 @@
 
 /// Carries what comes from the far end, or back from the port itself, to the application.
 ///
-/// Whoever is at the far end waits while the application does not read. What can't wait is dropped then, and counted.
+/// The far end waits while the application does not read. What can't wait is then dropped, and counted.
 class Receiver {
  public:
   using Clock = std::chrono::steady_clock;
@@ -25,7 +25,7 @@ class Receiver {
     m_pace.SetRate(bytesPerSecond);
   }
 
-  /// Whether the far end is heard. Before the first open it waits with what it has to say.
+  /// Whether the far end is read. What it sends before the first open waits.
   bool IsListening() const;
   /// Takes what the far end has.
   /// @returns whether something has come.
@@ -40,11 +40,11 @@ class Receiver {
   bool IsTerminalFull() const {
     return m_isTerminalFull;
   }
-  /// Before another look at what can move.
+  /// Called before another look at what can move.
   void Begin() {
     m_isTerminalFull = false;
   }
-  /// Tells the far end, where it is to be told, that the application does not read, or does again.
+  /// Stops or restarts the far end by flow control, if set, as the application stops or resumes reading.
   void LookAtReader();
   /// When there is something to do, whatever happens.
   std::optional<Clock::time_point> Next() const;

@@ -54,7 +54,7 @@ bool Sender::Transmit() {
 }
 
 void Sender::TransmitAll() {
-  // Who writes meanwhile does not keep it here for ever.
+  // Somebody who keeps writing must not keep it here for ever.
   constexpr int kMost = 16;
   for (int turn = 0; turn < kMost && Transmit(); ++turn) {
   }
@@ -88,7 +88,7 @@ void Sender::Reset() {
 }
 
 void Sender::Hold(bool on) {
-  // Its end forgets an XOFF of the meantime, too.
+  // Its end also forgets an XOFF received meanwhile.
   m_isStopped = m_isStopped && (on || !m_isHeld);
   m_isHeld = on;
 }
@@ -105,7 +105,7 @@ void Sender::EndStops() {
   m_urgent.reset();
 }
 
-/// Takes what the application has written, until there are so many bytes.
+/// Takes what the application has written, up to that many bytes.
 void Sender::TakeWritten(std::size_t most) {
   char piece[kPieceSize];
   while (m_port.terminal && m_queue.Size() < most) {

@@ -13,7 +13,7 @@
 
 /// Carries what the application writes to the far end.
 ///
-/// Nothing of it is lost: who writes waits while it can't go.
+/// Nothing of it is lost: writers wait while it can't go.
 class Sender {
  public:
   using Clock = std::chrono::steady_clock;
@@ -25,7 +25,7 @@ class Sender {
     m_pace.SetRate(bytesPerSecond);
   }
 
-  /// Whether the line lets anything go.
+  /// Whether anything can go out on the line.
   bool CanSend() const;
   /// Sends what can go.
   /// @returns whether something has gone.
@@ -36,7 +36,7 @@ class Sender {
   bool IsFarFull() const {
     return m_isFarFull;
   }
-  /// Before another look at what can move.
+  /// Called before another look at what can move.
   void Begin() {
     m_isFarFull = false;
   }
@@ -60,7 +60,7 @@ class Sender {
   void TakeRest();
   /// Discards what has not gone, also in the terminal.
   void Drop();
-  /// Begins anew: with it, what was in the terminal has gone.
+  /// Begins anew: what was in the terminal went with it.
   void Reset();
 
   /// The application's own stop, by TCXONC.
@@ -79,10 +79,10 @@ class Sender {
   bool IsBreaking() const {
     return m_isBreaking;
   }
-  /// A control character of the settings (VSTOP, VSTART), if there is one. It goes before all other bytes, and whatever
+  /// A control character of the settings (VSTOP, VSTART), if there is one. It goes before all other bytes, whatever
   /// stops these.
   void SendControl(std::size_t which);
-  /// Nothing stops it any more.
+  /// Ends everything that stops it.
   void EndStops();
 
  private:

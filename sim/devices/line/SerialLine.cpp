@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int kMostTurns = 16;                // before others have theirs
+constexpr int kMostTurns = 16;                // before others have their turn
 constexpr std::chrono::seconds kPatience{5};  // after the application's end, with a far end that takes nothing
 constexpr std::chrono::milliseconds kClosingUnit{10};
 constexpr std::chrono::seconds kOpening{1};  // for the kernel, which may refuse it
@@ -106,7 +106,7 @@ Descriptor SerialLine::Open(int flags) const {
 }
 
 void SerialLine::Request(const TrappedCall& call) {
-  // What the application did before has been noticed: the loop sees to that.
+  // What the application did before has been noticed: the loop guarantees that.
   m_modem.LookAtFarEnd();
   m_requests.Answer(call);
   if (SerialRequests::OnlyAsks(call.IoctlRequest())) {
@@ -122,7 +122,7 @@ bool SerialLine::IsBusy() {
     m_lastMove = Clock::now();
     m_lastGone = gone;
   }
-  // Who sends all back, or nobody, would not miss it.
+  // An echo, or nobody, would not miss it.
   const bool isHeard = m_port.far->IsConnected() && !m_port.far->ReturnsBytes();
   const bool isBusy =
       m_port.terminal && isHeard && !m_sender.IsEmpty() && m_sender.CanSend() && Clock::now() < *m_lastMove + kPatience;
@@ -166,7 +166,7 @@ void SerialLine::Feed(const std::string& hex) {
   m_receiver.Hear(bytes);
 }
 
-/// The application reads the end of the file and can do nothing else any more.
+/// From now on the application reads the end of the file, and can do nothing else.
 void SerialLine::HangUp() {
   m_port.Log("hang-up");
   m_sender.Drop();
@@ -182,7 +182,7 @@ void SerialLine::PlugIn() {
   Attach(m_backplane.renew(Path()));
 }
 
-/// What the kernel tells of a port with a UART.
+/// What the kernel shows of a port with a UART.
 void SerialLine::TellInfo() {
   const serial_struct& info = m_port.info;
   const std::string number = std::to_string(m_port.terminal->Number());
@@ -201,7 +201,7 @@ void SerialLine::TellInfo() {
 
 // --- The loop --------------------------------------------------------------------------------------------------------
 
-/// Once: a port that is plugged in anew keeps its turn before those who answer the application.
+/// Called once: a port that is plugged in again keeps its place before those that answer the application.
 void SerialLine::Register() {
   const auto work = [this](short /*events*/) { Work(); };
   m_masterRegistration = m_backplane.loop.Watch([this] { return MasterInterest(); }, work);
@@ -221,7 +221,7 @@ void SerialLine::Register() {
 }
 
 pollfd SerialLine::MasterInterest() const {
-  // Without an opener, it would tell of that for ever.
+  // While nobody has it open, poll() would report a hang-up for ever.
   if (!m_port.terminal || !m_port.IsOpen()) {
     return {-1, 0, 0};
   }
@@ -271,7 +271,7 @@ void SerialLine::LookForOpens() {
       LastClose();
     }
   } else if (!m_port.IsOpen() && (isOpened || !isClosed)) {
-    // In a way that is not kept back.
+    // By an open that is not supervised.
     Begin(Port::Use::kOpen);
   }
   if (m_port.IsOpen() && isClosed) {
@@ -283,7 +283,7 @@ void SerialLine::Begin(Port::Use use) {
   m_port.Log("open");
   const bool isFirst = m_port.use == Port::Use::kNever || m_port.use == Port::Use::kClosed;
   if (isFirst && m_isClosing) {
-    // What can't go does not belong to whoever opens it now.
+    // Output that can't go must not become part of the new opener's.
     m_closeEnds = Clock::now();
     EndClose();
     m_isClosing = false;
@@ -308,7 +308,7 @@ void SerialLine::LastClose() {
   m_closeEnds = wait == ASYNC_CLOSING_WAIT_INF    ? Clock::time_point::max()
                 : wait == ASYNC_CLOSING_WAIT_NONE ? Clock::now()
                                                   : Clock::now() + wait * kClosingUnit;
-  // Of what has been told until now, most was the port's own doing; but somebody may have opened it again.
+  // Most of the events until now come from the port's own opens; but somebody may have opened it again.
   if (!m_port.terminal->TakeOpens().isClosed) {
     Begin(Port::Use::kOpen);
   }
@@ -321,7 +321,7 @@ void SerialLine::EndClose() {
   }
   m_sender.TakeRest();
   if (!m_sender.IsEmpty()) {
-    // A far end that is slow gets all.
+    // A slow far end gets everything.
     if (m_sender.CanSend() || Clock::now() < m_closeEnds) {
       return;
     }

@@ -39,7 +39,7 @@ class SerialLine : public Device {
   /// @throws SetupError if the far end can't be connected.
   SerialLine(const std::string& path, const Traits& traits, const Backplane& backplane);
 
-  /// From now on it carries. Also after a hang-up.
+  /// Begins to carry bytes; also called after a hang-up.
   void Attach(Descriptor descriptor) override;
   void Tell(SystemFolder folder) override;
   void Connect(const Devices& board) override;

@@ -41,7 +41,7 @@ class SerialLineKind : public DeviceKind {
   std::vector<Node> Nodes() const override {
     std::vector<Node> nodes;
     for (const auto& [path, farEnd] : Ttys()) {
-      // The first port is known by its registers, the others by their number.
+      // /sys names the first port by its registers, the others by their numbers.
       const std::string place = nodes.empty() ? Hex(m_uart.base).substr(2) : std::to_string(nodes.size());
       std::string name = path.substr(std::string("/dev/").size());
       std::replace(name.begin(), name.end(), '/', '!');

@@ -139,7 +139,7 @@ void SerialRequests::Reset() {
   m_breakEnds.reset();
 }
 
-/// Does something once all is sent that has been written until now.
+/// Does something once everything written until now has been sent.
 void SerialRequests::AfterOutput(const TrappedCall& call, Action then) {
   m_late.Add(call, [this, until = m_sender.WrittenUntilNow(), then = std::move(then)](const TrappedCall& waiting) {
     if (m_sender.Gone() < until) {
@@ -255,7 +255,7 @@ void SerialRequests::SendBreak(const TrappedCall& call, std::chrono::millisecond
 
 void SerialRequests::SetOutputs(const char* request, unsigned int outputs) {
   if (((m_modem.Outputs() ^ outputs) & kLoop) != 0) {
-    // What has been written belongs to where the line led until now.
+    // What has been written is meant for where the line has led until now.
     m_sender.TransmitAll();
   }
   m_modem.SetOutputs(outputs);
@@ -277,7 +277,7 @@ void SerialRequests::AwaitModemLines(const TrappedCall& call) {
   });
 }
 
-/// What it takes, it keeps.
+/// It keeps what it accepts.
 void SerialRequests::SetInfo(const TrappedCall& call) {
   const auto info = call.Read<serial_struct>();
   if (info.baud_base < kLeastBase || info.irq < 0 || info.type < PORT_UNKNOWN || info.type > PORT_MAX) {

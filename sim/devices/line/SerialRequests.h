@@ -42,7 +42,7 @@ class SerialRequests {
   /// Answers those who wait, if it is time.
   void AnswerLate();
   std::optional<Clock::time_point> Next() const;
-  /// The port is another one now: nobody waits any more.
+  /// The port has been replaced: nobody waits any more.
   void Reset();
 
  private:

@@ -15,16 +15,16 @@ namespace {
 
 constexpr speed_t kFirstSpeed = 9600;
 
-// What a pseudo-terminal does not keep, or would do by itself where the line has done it already.
+// What a pseudo-terminal does not keep, or would do a second time after the line.
 constexpr tcflag_t kKeptFlags = CSIZE | PARENB | CREAD;
 constexpr tcflag_t kKeptInputFlags = PARMRK | ISTRIP;
 
 Descriptor OpenPeer(const Descriptor& master, int flags) {
-  // By the master, not by a name: the other side may lie in another /dev.
+  // Through the master, not by a name: the other side may be in another /dev.
   return Descriptor(::ioctl(master.Get(), TIOCGPTPEER, flags | O_NOCTTY | O_CLOEXEC));
 }
 
-/// While it is open for the first time, so that from then on it counts as closed.
+/// Sets it while it is open for the first time, so that from then on it counts as closed.
 Descriptor OpenFirst(const Descriptor& master) {
   Descriptor peer = OpenPeer(master, O_RDWR);
   if (!peer || ::fcntl(master.Get(), F_SETFL, O_RDWR | O_NONBLOCK) == -1) {
@@ -48,7 +48,7 @@ Terminal::Terminal(Descriptor master) : m_master(std::move(master)), m_opens(Ope
 }
 
 Terminal::Use Terminal::TakeOpens() const {
-  // In one call, as every request asks: mostly nothing has happened.
+  // In one call, as every request asks for it: usually nothing has happened.
   pollfd waits[] = {{m_opens.Get(), POLLIN, 0}, {m_master.Get(), 0, 0}};
   ::poll(waits, std::size(waits), 0);
   if (waits[0].revents == 0) {
@@ -82,7 +82,7 @@ int Terminal::Set(const termios2& settings) {
 }
 
 void Terminal::DropInput() const {
-  // Also what has not come to the application yet, which a request of the master would leave.
+  // Also what has not reached the application yet, which a request to the master would leave.
   const Descriptor peer = OpenPeer(m_master, O_RDWR | O_NONBLOCK);
   ::ioctl(peer.Get(), TCFLSH, TCIFLUSH);
 }

@@ -10,7 +10,7 @@
 
 /// The pseudo-terminal that the application has as its port, from the master's side.
 ///
-/// Nobody else has it open: what it tells of opens and closes is the application's doing.
+/// Nobody else has it open: all opens and closes that it reports are the application's.
 class Terminal {
  public:
   /// Gives it the attributes of a port that was never set.

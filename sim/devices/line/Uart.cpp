@@ -36,7 +36,7 @@ std::uint32_t LineControl(unsigned int flags) {
 
 void Uart::Program(std::uint32_t base, std::uint32_t baud, unsigned int flags) const {
   if (baud != 0) {
-    // The whole divisor in one word: as words are how it is read, the sum of both comes out right.
+    // The whole divisor in one word: readers add both words, and the sum is right.
     const std::uint64_t divisor = (std::uint64_t{base} + baud / 2) / baud;
     m_memory.Write(Register(kDivisorLow), static_cast<std::uint32_t>(std::max<std::uint64_t>(divisor, 1)));
     m_memory.Write(Register(kDivisorHigh), 0);

@@ -8,7 +8,7 @@
 /// The registers of a 16550 in physical memory, as far as its driver programs them.
 class Uart {
  public:
-  /// @param stride the distance of the registers, in bytes.
+  /// @param stride the distance between registers, in bytes.
   Uart(const Memory& memory, std::uint32_t base, std::uint32_t stride)
       : m_memory(memory), m_base(base), m_stride(stride) {}
 
