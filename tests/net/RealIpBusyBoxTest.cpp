@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ExpectThrow.h"
 #include "RealIp.h"
 #include "SystemCalls.h"
 
