@@ -72,7 +72,7 @@ std::size_t FailEachAllocation(const std::string& name, const std::function<std:
     // A file's transfers reword every failure, this one included.
     const bool isTransfer = name == "FileFailedWrite" || name == "FileFailedRead";
     if (!isTold && !(isTransfer && got.rfind("std::bad_alloc", 0) == 0)) {
-      ADD_FAILURE() << "nobody was told; the operation came to \"" << got << '"';
+      ADD_FAILURE() << "no failure was reported; the operation came to \"" << got << '"';
     }
   }
 }

@@ -657,7 +657,7 @@ class LineTest(OnALine):
         self.assertEqual(result.status, 1)
         self.assertIn("silent", result.out)
         self.assertIn("\nVerdict: failed, good at 0 of 1 speeds\n", result.out)
-        self.assertIn("connect TX to RX, or a far end that echoes at that speed", result.err)
+        self.assertIn("boardctl: nothing came back intact: connect TX to RX, or a far end that echoes at that speed\n", result.err)
         # It gives up before all is sent, and counts no more than that.
         measured = self.on_board("--json", "--quiet", "serial", "test", PORT, "--speeds", "3000000",
                                  options=["--tty", PORT + "=none"]).objects[0]
@@ -753,7 +753,7 @@ class LineTest(OnALine):
 
 
 class LineTestAsAnOrdinaryUser(OnALine):
-    """Rights count when the line is opened and put back, not for what comes through it."""
+    """Rights count when the line is opened and restored, not for what comes through it."""
     user = "ordinary"
     test_AGoodLineIsFoundGoodOverTheLoopAndAnEcho = LineTest.test_AGoodLineIsFoundGoodOverTheLoopAndAnEcho
     test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack = LineTest.test_ASignalEndsTheTestWithTheLoopOffAndTheLinePutBack

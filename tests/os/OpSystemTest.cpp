@@ -263,7 +263,7 @@ TEST_F(ExecCmd, WithoutFreeDescriptorsPopenReallyFails) {
   none.rlim_cur = 0;
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
 
-  // The limit is put back before the exception is looked at, for which some sanitizers need a descriptor.
+  // The limit is restored before the exception is examined, for which some sanitizers need a descriptor.
   const auto call = [&] {
     try {
       m_os.ExecCmd("echo abc", false);

@@ -329,7 +329,7 @@ TEST_F(Report, ThePortIsOpenAfterwardsWithTheRememberedSettings) {
   EXPECT_TRUE(port.IsOpen());
   // Making the line raw leaves the bit for odd parity, which means nothing without parity.
   EXPECT_EQ(ControlFlags(m_tty.attributes), CLOCAL | CREAD | CS8 | PARODD | CSTOPB | CRTSCTS | SerialPort::BAUD_115200);
-  // What was found first is what closing puts back, now as before.
+  // What was found first is what closing restores, now as before.
   port.Close();
   EXPECT_EQ(m_tty.attributes.c_cflag, static_cast<tcflag_t>(CS7 | SerialPort::BAUD_300));
 }

@@ -60,7 +60,7 @@ const Lines kEnd = {"board end status=0"};
 const Lines kFlushes = {"flush input", "flush both", "flush input"};
 const Lines kOpening = Lines{"open", Settings(0, kRaw)} + kFlushes;
 
-/// The loop is cleared, whether it was on or not, and the attributes are put back.
+/// The loop is cleared, whether it was on or not, and the attributes are restored.
 Lines Closing(const std::string& lines, const std::string& linesSet = "0x4006") {
   return {"TIOCMGET " + lines, "TIOCMSET " + linesSet, Settings(9600, kFound)};
 }
