@@ -14,6 +14,7 @@ constexpr std::size_t kMostAtOnce = 4096;
 constexpr std::size_t kThrottle = 3968;  // unread bytes, of the 4096 that a terminal keeps
 constexpr std::size_t kUnthrottle = 128;
 constexpr std::chrono::milliseconds kLook{10};
+constexpr std::chrono::milliseconds kLongestLook{1000};
 constexpr char kMark = '\377';
 
 }  // namespace
@@ -150,18 +151,22 @@ void Receiver::LookAtReader() {
   if (!m_isThrottled && m_isTerminalFull) {
     Throttle(true);
   }
-  if (!m_lookAt && (m_isThrottled || m_handedOver >= kThrottle)) {
+  const Clock::time_point now = Clock::now();
+  if ((m_isThrottled || m_handedOver >= kThrottle) && (!m_lookAt || *m_lookAt > now + kLook)) {
     // What was handed over takes a moment to arrive.
-    m_lookAt = Clock::now() + kLook;
-  } else if (m_lookAt && Clock::now() >= *m_lookAt) {
+    m_untilLook = kLook;
+    m_lookAt = now + kLook;
+  } else if (m_lookAt && now >= *m_lookAt) {
     m_lookAt.reset();
     m_handedOver = m_port.terminal->Unread();
     const bool isRead = m_queue.IsEmpty() && m_handedOver <= kUnthrottle;
     if (m_isThrottled ? isRead : m_handedOver >= kThrottle) {
       Throttle(!m_isThrottled);
     }
-    if (m_isThrottled) {
-      m_lookAt = Clock::now() + kLook;
+    // On a busy machine that moment is longer, so few unread bytes may only be the first ones.
+    m_untilLook = m_isThrottled ? kLook : 2 * m_untilLook;
+    if (m_untilLook <= kLongestLook) {
+      m_lookAt = now + m_untilLook;
     }
   }
 }

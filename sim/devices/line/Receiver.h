@@ -69,6 +69,7 @@ class Receiver {
   bool m_isThrottled = false;
   std::size_t m_handedOver = 0;  // since the last look
   std::optional<Clock::time_point> m_lookAt;
+  Clock::duration m_untilLook{};
 };
 
 #endif
