@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "47df3f941d57c608a00756b9d2b960163aa7a1eb4a9ff67432c8fe62a0ab9349"
+SRC_URI[sha256sum] = "b62e1b86820b83a28b5261fe17dc4ff28ece98f0d5a9bb3e7f3aa1723931fe29"
 
 inherit cmake pkgconfig
 
