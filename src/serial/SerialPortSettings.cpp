@@ -117,7 +117,7 @@ SerialPort::CharacterSize SerialPort::GetCharSize() const {
 void SerialPort::SetParity(Parity parity) {
   RequireOpen();
   termios settings{};
-  // By contract: read even if the argument is refused, here and in the setters below.
+  // By contract: read even if the argument is refused, also for stop bits and flow control.
   GetTheCurrentPortSettings(settings);
   switch (parity) {
     case PARITY_EVEN:

@@ -45,7 +45,8 @@ void WatchDog::Feed() {
   }
 
   if (::ioctl(m_fd, WDIOC_KEEPALIVE, 0) == -1) {
-    // By contract: a failed feed reports the text of a failed close, and -1 alone is a failure, unlike below.
+    // By contract: a failed feed reports the text of a failed close, and -1 alone is a failure, unlike for the
+    // intervals.
     ThrowSystemError(" Could not close watchdog device!");
   }
 }

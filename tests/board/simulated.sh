@@ -45,7 +45,7 @@ case "$*" in
 esac
 
 net=private
-if [[ $* == *Network* && ! -e /proc/sys/net/ipv6 ]]; then
+if [[ $* == *Network.* && ! -e /proc/sys/net/ipv6 ]]; then
   printf '[  SKIPPED ] This machine has no IPv6.\n'
   exit
 elif [[ $* == *--gtest_filter=[!*-]* && $* != *Network* ]]; then

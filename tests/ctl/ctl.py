@@ -89,7 +89,7 @@ class Result:
 
     @property
     def objects(self):
-        """What was printed as JSON, an object a line, each of a kind that the schema has."""
+        """What was printed as JSON, one object per line, each of a kind that the schema has."""
         objects = [strict(line) for line in self.out.splitlines()]
         for found in objects:
             faults = list(differences(found, SCHEMA["$defs"][found["kind"]], found["kind"]))

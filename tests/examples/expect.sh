@@ -17,7 +17,8 @@ expect() {
   file=$1
   shift
   # A grep for each would take longer than most programs that are tested here.
-  content=$(cat "$file" 2>&1) || true
+  [ -e "$file" ] || fail "Expected \"$1\" in $file, which is not there." /dev/null
+  content=$(cat "$file")
   for text; do
     case $content in *"$text"*) ;; *) fail "Expected \"$text\"." "$file" ;; esac
   done

@@ -125,7 +125,7 @@ expect_not silent "0x8efebb10"
 printf '== an interface that is in use\n'
 cat > in-use <<'END'
 state() {
-  # Newer tools show which address the kernel has made itself. The tour restores only what it removed.
+  # Newer tools show which address the kernel has made itself: no more the one that the tour has removed and restored.
   # A new address is tentative for a moment.
   while ip -o addr show dev eth0 tentative | grep -q .; do sleep 0.02; done
   ip -o addr show dev eth0 | sed 's/ proto kernel_ll//'

@@ -89,7 +89,7 @@ class Output {
   std::chrono::steady_clock::time_point m_shown;
 };
 
-/// Writes all of @p text. Where nobody reads, it waits until a signal comes, or not at all.
+/// Writes all of @p text. Where nobody reads, it waits until somebody does or a signal comes, or not at all.
 /// False if something is left, and errno says why: EINTR after a signal, EAGAIN without waiting.
 bool WriteAll(int fd, std::string_view text, bool waits = true);
 /// "0x80011000".

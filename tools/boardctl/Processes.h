@@ -6,7 +6,7 @@
 
 #include "Output.h"
 
-/// Who has a device open, from /proc: only root sees other users' processes.
+/// Who has a device open, from /proc: only root sees what other users' processes have open.
 namespace processes {
 
 struct Holder {

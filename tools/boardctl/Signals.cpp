@@ -72,7 +72,7 @@ int NextChild(int list) {
   return child;
 }
 
-/// Sends @p number to all descendants of @p process, children first: they would lose their parent otherwise.
+/// Sends @p number to all descendants of @p process, to each after its own: these would have another parent otherwise.
 void SignalDescendants(int process, int number) {
   constexpr int kDeepest = 16;
   int line[kDeepest] = {process};  // of descent
