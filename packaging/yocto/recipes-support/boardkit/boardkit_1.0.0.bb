@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "b62e1b86820b83a28b5261fe17dc4ff28ece98f0d5a9bb3e7f3aa1723931fe29"
+SRC_URI[sha256sum] = "e3c512b865ab0a4e6c5ca4e2079ac1ecfd0e95ff9a68ff62824fd8e8183a3119"
 
 inherit cmake pkgconfig
 
