@@ -1,5 +1,5 @@
-// Feeds the parser of the command line with words that a fuzzer makes up, one per line. They are taken, with a command to
-// run or a check to make, or refused with a sentence.
+// Feeds the parser of the command line with words that a fuzzer makes up, one per line. They are taken, with a command
+// to run or a check to make, or refused with a sentence.
 
 #include <cstddef>
 #include <cstdint>
