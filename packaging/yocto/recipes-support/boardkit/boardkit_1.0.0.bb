@@ -8,7 +8,7 @@ LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=2830672cc1672643bf8e67bd4cbb6f20"
 
 SRC_URI = "https://boardkit.example/releases/boardkit-${PV}.tar.gz"
-SRC_URI[sha256sum] = "e3c512b865ab0a4e6c5ca4e2079ac1ecfd0e95ff9a68ff62824fd8e8183a3119"
+SRC_URI[sha256sum] = "3c81da989bcd06b567ebe7cf9cc80ad6a7c1ca3d400e9fc552c7b2315f7d12cf"
 
 inherit cmake pkgconfig
 
